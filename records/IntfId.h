@@ -1,0 +1,49 @@
+// L3::IntfId: an interface, as a 64-bit number that stands for its name in a table of the process. The empty
+// name is number 0 and means "none". Numbers are given in order of first naming, so they are dense and never
+// change.
+#pragma once
+
+#include "state/Hash.h"
+
+#include <compare>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace L3 {
+
+class IntfId {
+  public:
+    static constexpr std::string_view typeName = "L3::IntfId";
+    static constexpr std::size_t maxNameLength = 63; // bytes
+    static constexpr std::size_t maxNames = 65536;
+
+    constexpr IntfId() = default;
+    // The interface of that name, which enters the table if it is new. RangeError for a name that is too
+    // long, holds blanks or control bytes, or is one more than the table holds.
+    explicit IntfId(std::string_view name);
+
+    static IntfId fromString(std::string_view name) { return IntfId(name); }
+    // The interface with that number, which must have been given out; RangeError otherwise.
+    static IntfId fromNumber(std::uint64_t number);
+    // How many names there are; numbers run from 1 to this.
+    static std::uint64_t names();
+
+    const std::string& stringValue() const;
+    constexpr std::uint64_t number() const { return number_; }
+    constexpr bool isEmpty() const { return number_ == 0; }
+
+    constexpr std::uint64_t hashBits() const { return number_; }
+    std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(number_).result(); }
+    auto operator<=>(const IntfId&) const = default;
+
+  private:
+    struct Unchecked {};
+    constexpr IntfId(Unchecked, std::uint64_t number)
+        : number_(number) {}
+    friend class IntfSet;
+
+    std::uint64_t number_ = 0;
+};
+
+} // namespace L3

@@ -1,0 +1,178 @@
+#include "records/IntfSet.h"
+
+#include "state/Fatal.h"
+#include "state/ValueType.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+namespace L3 {
+
+std::uint32_t IntfSet::room(std::uint32_t count) {
+    return std::bit_ceil(std::max(count, 2U));
+}
+
+IntfSet::Array* IntfSet::allocate(std::uint32_t count) {
+    auto* array = static_cast<Array*>(::operator new(sizeof(Array) + room(count) * sizeof(std::uint32_t)));
+    array->holders = 1;
+    array->count = count;
+    return array;
+}
+
+void IntfSet::Holder::free(Array* array) noexcept {
+    ::operator delete(array);
+}
+
+IntfSet::IntfSet(std::initializer_list<IntfId> members) {
+    for (const IntfId member : members) {
+        insert(member);
+    }
+}
+
+IntfSet::IntfSet(std::string_view) {
+    State::fatal("No String constructor for IntfSet - has collection", __FILE__, __LINE__,
+                 __PRETTY_FUNCTION__);
+}
+
+bool IntfSet::has(IntfId member) const {
+    Array* array = array_.get();
+    return array != nullptr && std::binary_search(array->ids(), array->idsEnd(), member.number());
+}
+
+bool IntfSet::insert(IntfId member) {
+    const auto id = static_cast<std::uint32_t>(member.number());
+    Array* array = array_.get();
+    if (array == nullptr) {
+        array_ = Holder(allocate(1));
+        array_.get()->ids()[0] = id;
+        return true;
+    }
+    std::uint32_t* const place = std::lower_bound(array->ids(), array->idsEnd(), id);
+    if (place != array->idsEnd() && *place == id) {
+        return false;
+    }
+    const auto before = static_cast<std::size_t>(place - array->ids());
+    const std::size_t behind = array->count - before;
+    if (array->holders == 1 && array->count < room(array->count)) {
+        std::memmove(place + 1, place, behind * sizeof id);
+        *place = id;
+        ++array->count;
+        return true;
+    }
+    Array* grown = allocate(array->count + 1);
+    std::copy_n(array->ids(), before, grown->ids());
+    grown->ids()[before] = id;
+    std::copy_n(place, behind, grown->ids() + before + 1);
+    array_ = Holder(grown);
+    return true;
+}
+
+bool IntfSet::erase(IntfId member) {
+    if (!has(member)) {
+        return false;
+    }
+    Array* array = array_.get();
+    if (array->count == 1) {
+        array_ = Holder();
+        return true;
+    }
+    Array* shrunk = allocate(array->count - 1);
+    std::remove_copy(array->ids(), array->idsEnd(), shrunk->ids(),
+                     static_cast<std::uint32_t>(member.number()));
+    array_ = Holder(shrunk);
+    return true;
+}
+
+void IntfSet::insertAll(const IntfSet& other) {
+    Array* mine = array_.get();
+    Array* theirs = other.array_.get();
+    if (theirs == nullptr || theirs == mine) {
+        return;
+    }
+    if (mine == nullptr || std::includes(theirs->ids(), theirs->idsEnd(), mine->ids(), mine->idsEnd())) {
+        array_ = other.array_;
+        return;
+    }
+    if (std::includes(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd())) {
+        return;
+    }
+    Array* merged = allocate(mine->count + theirs->count);
+    const auto* end =
+        std::set_union(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd(), merged->ids());
+    merged->count = static_cast<std::uint32_t>(end - merged->ids()); // its room is at least that of the count
+    array_ = Holder(merged);
+}
+
+bool IntfSet::operator==(const IntfSet& other) const {
+    Array* mine = array_.get();
+    Array* theirs = other.array_.get();
+    return mine == theirs ||
+           (mine != nullptr && theirs != nullptr && mine->count == theirs->count &&
+            std::memcmp(mine->ids(), theirs->ids(), mine->count * sizeof(std::uint32_t)) == 0);
+}
+
+std::strong_ordering IntfSet::operator<=>(const IntfSet& other) const {
+    return std::lexicographical_compare_three_way(begin(), end(), other.begin(), other.end());
+}
+
+std::size_t IntfSet::memoryBytes() const {
+    return empty() ? 0 : sizeof(Array) + room(array_.get()->count) * sizeof(std::uint32_t);
+}
+
+void IntfUnion::add(IntfId member) {
+    if (isOnly_) {
+        isOnly_ = false;
+        for (const IntfId earlier : std::exchange(only_, {})) {
+            add(earlier);
+        }
+    }
+    const std::size_t word = member.number() / 64;
+    if (word >= bits_.size()) {
+        bits_.resize(word + 1);
+    }
+    bits_[word] |= std::uint64_t{1} << member.number() % 64;
+}
+
+void IntfUnion::add(const IntfSet& set) {
+    if (set.empty() || (isOnly_ && set == only_)) {
+        return;
+    }
+    if (!isOnly_ && bits_.empty()) {
+        only_ = set;
+        isOnly_ = true;
+        return;
+    }
+    for (const IntfId member : set) {
+        add(member);
+    }
+}
+
+IntfSet IntfUnion::take() {
+    if (isOnly_) {
+        isOnly_ = false;
+        return std::exchange(only_, {});
+    }
+    std::uint32_t count = 0;
+    for (const std::uint64_t word : bits_) {
+        count += static_cast<std::uint32_t>(std::popcount(word));
+    }
+    IntfSet set;
+    if (count == 0) {
+        return set;
+    }
+    set.array_ = IntfSet::Holder(IntfSet::allocate(count));
+    std::uint32_t* at = set.array_.get()->ids();
+    for (std::size_t word = 0; word < bits_.size(); ++word) {
+        for (std::uint64_t left = bits_[word]; left != 0; left &= left - 1) {
+            *at++ =
+                static_cast<std::uint32_t>(word * 64) + static_cast<std::uint32_t>(std::countr_zero(left));
+        }
+    }
+    bits_.clear();
+    return set;
+}
+
+STATE_VALUE_TYPE(IntfSet);
+
+} // namespace L3

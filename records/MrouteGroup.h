@@ -1,0 +1,95 @@
+// The hardware multicast group tables, in the shared-memory table store. MrouteColl ("l3/mroutegroup/config")
+// is written by the plug-in: the flows for which it wants a group. MgroupColl ("l3/mroutegroup/status") is
+// written by the hardware layer: the group that the chip allocated for a flow.
+#pragma once
+
+#include "records/IpMcastKey.h"
+#include "state/Collection.h"
+#include "state/ShmTable.h"
+
+#include <cstdint>
+#include <string_view>
+
+namespace KestrelCommon::MrouteGroup {
+
+// A flow that wants a group; it is its key and nothing else.
+class MrouteItem {
+  public:
+    MrouteItem() = default;
+    explicit MrouteItem(const KestrelL3::IpMcastKey& key)
+        : key_(key) {}
+    const KestrelL3::IpMcastKey& key() const { return key_; }
+
+  private:
+    KestrelL3::IpMcastKey key_;
+};
+
+class MrouteColl final : public State::ShmTable {
+  public:
+    explicit MrouteColl(std::string_view tableName)
+        : ShmTable(tableName, "mroutes") {}
+    static const State::EntityType& type();
+    const State::EntityType& entityType() const override { return type(); }
+
+    // The rows: a set that takes no more than the table has room for (state/ShmTable.h).
+    class Rows : public State::SetAttribute<KestrelL3::IpMcastKey> {
+      public:
+        explicit Rows(MrouteColl& table);
+        // Inserts if absent; true if something changed. A full table refuses.
+        bool is(const Key& key);
+
+      private:
+        MrouteColl& table_;
+    };
+
+    // Inserts; one that is there stays.
+    void mroutesIs(const MrouteItem& item) { mroutes_.is(item.key()); }
+    void mroutesDel(const KestrelL3::IpMcastKey& key) { mroutes_.del(key); }
+    // visit(item) -> go on; in order of insertion. Each step is a read: CorruptionError ends the walk.
+    template <class Visit>
+    void mroutes(Visit visit) const {
+        for (const KestrelL3::IpMcastKey& key : mroutes_.walk()) {
+            reading();
+            if (!visit(MrouteItem(key))) {
+                return;
+            }
+        }
+    }
+    const Rows& mroutesCollection() const { return mroutes_; }
+    Rows& mroutesCollection() { return mroutes_; }
+
+    static constexpr State::AttributeId mroutesAttribute = 0;
+
+  private:
+    Rows mroutes_{*this};
+};
+
+// The group of a flow. The default item, which stands in for a damaged one, has group id 0.
+struct MgroupItem {
+    std::uint32_t groupId = 0;
+
+    static constexpr auto describe() {
+        return State::describe("KestrelCommon::MrouteGroup::MgroupItem",
+                               State::field("groupId", &MgroupItem::groupId));
+    }
+    auto operator<=>(const MgroupItem&) const = default;
+};
+
+class MgroupColl final : public State::ShmTable {
+  public:
+    explicit MgroupColl(std::string_view tableName)
+        : ShmTable(tableName, "") {}
+    static const State::EntityType& type();
+    const State::EntityType& entityType() const override { return type(); }
+
+    // Reads an item: null when absent. CorruptionError.
+    const MgroupItem* mgroup(const KestrelL3::IpMcastKey& key) const {
+        reading();
+        return mgroupsCollection().find(key);
+    }
+
+    STATE_MAP(0, mgroups, KestrelL3::IpMcastKey, MgroupItem,
+              State::seedConstant("KestrelCommon::MrouteGroup::MgroupColl::mgroups"))
+};
+
+} // namespace KestrelCommon::MrouteGroup

@@ -1,0 +1,40 @@
+// The two ends of the mroute service: the requests, written by the NAT feature at "api/mroute/req", and the
+// answers, written by the mroute state machine at "api/mroute/resp".
+#pragma once
+
+#include "records/NatMrouteKey.h"
+#include "records/NatMrouteOifSet.h"
+#include "state/Collection.h"
+#include "state/Entity.h"
+
+#include <string>
+#include <string_view>
+
+namespace KestrelNat {
+
+class NatMrouteRequestSet final : public State::Entity {
+  public:
+    static const State::EntityType& type();
+    const State::EntityType& entityType() const override { return type(); }
+
+    STATE_SET(0, mrouteReq, NatMrouteKey, State::seedConstant("KestrelNat::NatMrouteRequestSet::mrouteReq"))
+};
+
+// The published answers; the mroute state machine also keeps maps of its own, named by route type.
+class NatMrouteResponseMap final : public State::Entity {
+  public:
+    explicit NatMrouteResponseMap(std::string_view name)
+        : name_(name) {}
+    static const State::EntityType& type();
+    const State::EntityType& entityType() const override { return type(); }
+
+    const std::string& name() const { return name_; }
+
+    STATE_MAP(0, mrouteResp, NatMrouteKey, NatMrouteOifSet,
+              State::seedConstant("KestrelNat::NatMrouteResponseMap::mrouteResp"))
+
+  private:
+    std::string name_;
+};
+
+} // namespace KestrelNat
