@@ -1,0 +1,84 @@
+// The request side of the mgroup service: a request becomes a row of the group configuration, and is answered
+// at once where its group is allocated already.
+#include "KestrelNat/KestrelNatMulticastSm/NatMgroupSm.h"
+#include "state/Trace.h"
+
+TRACE_FACILITY("KestrelNatMulticastSm");
+
+namespace KestrelNat {
+
+namespace {
+
+// The row of the group tables for a request. Only the low 16 bits of the VRF's identifier fit it: the tables
+// do not tell apart VRFs that have them in common, and this is meant to be so.
+KestrelL3::IpMcastKey groupKeyOf(const NatMrouteKey& key) {
+    return {.vrfId = static_cast<std::uint16_t>(key.vrfId.value() & 0xffffU),
+            .source = key.sourceIp,
+            .group = key.groupIp,
+            .vlanId = key.vlanId};
+}
+
+} // namespace
+
+void NatMgroupSm::handleMgroupReq(const NatMrouteKey& key) {
+    const bool isPresent = mgroupRequestSet_ && mgroupRequestSet_->mgroupReqHas(key);
+    TRACE(8, "handleMgroupReq", isPresent ? " adding " : " deleting ", "group ", key);
+    if (isPresent) {
+        addRequest(key);
+    } else {
+        deleteRequest(key);
+    }
+}
+
+void NatMgroupSm::handleMgroupReq() {
+    TRACE(8, "handleMgroupReq", " checking all mgroups being watched");
+    if (mgroupRequestSet_) {
+        for (const NatMrouteKey key :
+             mgroupRequestSet_->mgroupReq()) { // a copy: reactors may change the requests
+            handleMgroupReq(key);
+        }
+    }
+    if (multicastSmStatus_) {
+        multicastSmStatus_->mgroupSmReadyIs(true);
+    }
+}
+
+void NatMgroupSm::addRequest(const NatMrouteKey& key) {
+    vrfIdSourceAndGroupToIntf_.edit(VrfIdMrouteSourceAndGroup::of(key),
+                                    [&](MrouteIntfAndVlanSet& requesters) {
+                                        const MrouteIntfAndVlan requester = MrouteIntfAndVlan::of(key);
+                                        const bool isNew = !requesters.ivHas(requester);
+                                        requesters.ivIs(requester);
+                                        return isNew ? State::Edited::changed : State::Edited::unchanged;
+                                    });
+    const KestrelL3::IpMcastKey groupKey = groupKeyOf(key);
+    if (l3MgroupConfig_) {
+        l3MgroupConfig_->mroutesIs(KestrelCommon::MrouteGroup::MrouteItem(groupKey));
+    }
+    const auto item = statusItem(groupKey);
+    if (item && mgroupResponseMap_) {
+        mgroupResponseMap_->mgroupIdIs(key, item->groupId);
+    }
+}
+
+void NatMgroupSm::deleteRequest(const NatMrouteKey& key) {
+    vrfIdSourceAndGroupToIntf_.edit(VrfIdMrouteSourceAndGroup::of(key),
+                                    [&](MrouteIntfAndVlanSet& requesters) {
+                                        const MrouteIntfAndVlan requester = MrouteIntfAndVlan::of(key);
+                                        const bool isThere = requesters.ivHas(requester);
+                                        requesters.ivDel(requester);
+                                        return !requesters ? State::Edited::remove
+                                               : isThere   ? State::Edited::changed
+                                                           : State::Edited::unchanged;
+                                    });
+    if (mgroupResponseMap_) {
+        mgroupResponseMap_->mgroupIdDel(key);
+    }
+    // Meant: the row goes although a request that differs only in its interface may still want it. The next
+    // request for the row writes it again.
+    if (l3MgroupConfig_) {
+        l3MgroupConfig_->mroutesDel(groupKeyOf(key));
+    }
+}
+
+} // namespace KestrelNat

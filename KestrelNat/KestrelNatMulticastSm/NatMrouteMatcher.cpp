@@ -1,0 +1,67 @@
+#include "KestrelNat/KestrelNatMulticastSm/NatMrouteMatcher.h"
+
+#include "state/Fatal.h"
+#include "state/TypeRegistry.h"
+#include "state/ValueType.h"
+
+namespace KestrelNat {
+
+NatMrouteMatcher::MrouteKeySet::MrouteKeySet(std::string_view) {
+    State::fatal("No String constructor for MrouteKeySet - has collection", __FILE__, __LINE__,
+                 __PRETTY_FUNCTION__);
+}
+
+State::Handle<NatMrouteMatcher> NatMrouteMatcher::NatMrouteMatcherIs() {
+    return State::makeHandle<NatMrouteMatcher>();
+}
+
+State::Handle<NatMrouteMatcher> natMrouteMatcherFactory() {
+    return NatMrouteMatcher::NatMrouteMatcherIs();
+}
+
+void NatMrouteMatcher::add(const MrouteSourceAndGroup& sg, const NatMrouteKey& key) {
+    edit(sg, [&](MrouteKeySet& keys) {
+        const std::size_t before = keys.mrouteKey().size();
+        keys.mrouteKeyIs(key);
+        return keys.mrouteKey().size() == before ? State::Edited::unchanged : State::Edited::changed;
+    });
+}
+
+void NatMrouteMatcher::remove(const MrouteSourceAndGroup& sg, const NatMrouteKey& key) {
+    edit(sg, [&](MrouteKeySet& keys) {
+        const std::size_t before = keys.mrouteKey().size();
+        keys.mrouteKeyDel(key);
+        if (!keys) {
+            return State::Edited::remove;
+        }
+        return keys.mrouteKey().size() == before ? State::Edited::unchanged : State::Edited::changed;
+    });
+}
+
+// The source is looked at first: a request for any source and any group is filed under the group 0.0.0.0,
+// where only routes of that group find it. This is meant; request handling and route updates count on the
+// same precedence.
+template <class Change>
+void NatMrouteMatcher::edit(const MrouteSourceAndGroup& sg, Change change) {
+    if (sg.sourceIp.isZero()) {
+        groupsWithAnySource_.edit(sg.groupIp, change);
+    } else if (sg.groupIp.isZero()) {
+        sourcesWithAnyGroup_.edit(sg.sourceIp, change);
+    } else {
+        sourceGroups_.edit(sg, change);
+    }
+}
+
+bool NatMrouteMatcher::matches(const MrouteSourceAndGroup& sg) const {
+    return groupsWithAnySource_.has(sg.groupIp) || sourcesWithAnyGroup_.has(sg.sourceIp) ||
+           sourceGroups_.has(sg);
+}
+
+bool NatMrouteMatcher::empty() const {
+    return sourceGroups_.size() == 0 && groupsWithAnySource_.size() == 0 && sourcesWithAnyGroup_.size() == 0;
+}
+
+STATE_FACTORY("KestrelNat::NatMrouteMatcher", &natMrouteMatcherFactory);
+STATE_VALUE_TYPE(NatMrouteMatcher::MrouteKeySet);
+
+} // namespace KestrelNat

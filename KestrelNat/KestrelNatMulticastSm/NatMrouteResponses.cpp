@@ -1,0 +1,93 @@
+// Responses of the mroute service. Two route types contribute to an answer; what each yields is kept in a
+// response map of its own, and for every request the published set is the union of the two. It is built anew
+// at each write, so that an earlier contribution never lingers.
+#include "KestrelNat/KestrelNatMulticastSm/NatMrouteSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
+#include "state/Trace.h"
+
+TRACE_FACILITY("KestrelNatMulticastSm");
+
+namespace KestrelNat {
+
+void NatMrouteSm::updateMrouteResponseMap(const NatMrouteKey& key, const std::string& routeType,
+                                          bool addToResponseMap) {
+    const RouteTable table = routeTable({.vrfId = key.vrfId, .routeName = routeType});
+    if (!table.quillRoutes && !table.lumenMfib) {
+        TRACE(8, "updateMrouteResponseMap", " route not found for vrfId=", key.vrfId,
+              " route type=", routeType);
+        return;
+    }
+    if (!addToResponseMap) {
+        updateResponseMap({}, key, routeType, true);
+        return;
+    }
+    const NatMrouteOifSet egressIntfs = getEgressIntfsForMrouteKey(key, table.quillRoutes, table.lumenMfib);
+    TRACE(8, "updateMrouteResponseMap", " assigning ", egressIntfs, " to key ", key);
+    updateResponseMap(egressIntfs, key, routeType, false);
+}
+
+void NatMrouteSm::updateResponseMap(const NatMrouteOifSet& egressIntfs, const NatMrouteKey& responseMapKey,
+                                    const std::string& routeType, bool removeEmpty) {
+    TRACE(8, "updateResponseMap", " responseMapKey=", responseMapKey, " routeType=", routeType);
+
+    // A route update brings its table's own name, and a table need not be named by its route type: then there
+    // is no own map, its write is left out, and the other type is the static one.
+    const auto* own = mrouteResponseMapByRoute_.find(routeType);
+    if (own == nullptr) {
+        TRACE(0, "updateResponseMap", " no response map for routeType=", routeType);
+    } else if (egressIntfs) {
+        (*own)->mrouteRespIs(responseMapKey, egressIntfs);
+    } else {
+        (*own)->mrouteRespDel(responseMapKey);
+    }
+
+    const auto* other = mrouteResponseMapByRoute_.find(routeType == staticRouteType() ? sparseRouteType()
+                                                                                      : staticRouteType());
+    if (other == nullptr && !egressIntfs) {
+        return;
+    }
+    NatMrouteOifSet answer;
+    if (other != nullptr && (*other)->mrouteRespCollection().size() != 0) {
+        answer = (*other)->mrouteResp(responseMapKey);
+    }
+    answer.oifIs(egressIntfs);
+    publishResponse(responseMapKey, answer, removeEmpty);
+}
+
+void NatMrouteSm::publishResponse(const NatMrouteKey& key, const NatMrouteOifSet& answer, bool removeEmpty) {
+    if (!mrouteResponseMap_) {
+        return;
+    }
+    if (!answer && removeEmpty) {
+        mrouteResponseMap_->mrouteRespDel(key);
+    } else {
+        mrouteResponseMap_->mrouteRespIs(key, answer);
+    }
+}
+
+// All answers of the VRF go, from the published map and from both private ones, though one of its tables
+// went. This is meant: the requests stay and are answered again when a table of that VRF comes.
+void NatMrouteSm::handleDeletion(const NatMcastRouteKey& routeKey) {
+    TRACE(8, "handleDeletion", " key=", routeKey);
+    TRACE(8, "handleDeletion", " deleting mrouteResponseMap");
+    const L3::VrfId vrfId = routeKey.vrfId;
+    deleteMrouteResponsesWithVrfId(mrouteResponseMap_, vrfId);
+    for (const std::string& routeType : routeTypes()) {
+        TRACE(8, "handleDeletion", " deleting mrouteResponseMapByRoute[ ", routeType, " ]");
+        deleteMrouteResponsesWithVrfId(mrouteResponseMapByRoute(routeType), vrfId);
+    }
+}
+
+void deleteMrouteResponsesWithVrfId(const State::Handle<NatMrouteResponseMap>& map, L3::VrfId vrfId) {
+    if (!map) {
+        return;
+    }
+    for (const auto& member : map->mrouteResp()) {
+        if (member.key.vrfId == vrfId) {
+            TRACE(8, "deleteMrouteResponsesWithVrfId", " removing resp=", member.value);
+            map->mrouteRespDel(NatMrouteKey(member.key));
+        }
+    }
+}
+
+} // namespace KestrelNat

@@ -1,0 +1,148 @@
+// Route updates of the mroute service: from a changed route to the requests that it concerns, and to no
+// other.
+#include "KestrelNat/KestrelNatMulticastSm/NatMrouteSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
+#include "state/Errors.h"
+#include "state/Fatal.h"
+#include "state/Trace.h"
+
+#include <array>
+#include <cstddef>
+
+TRACE_FACILITY("KestrelNatMulticastSm");
+
+namespace KestrelNat {
+
+NatMrouteSm::RouteTable NatMrouteSm::routeTable(const NatMcastRouteKey& key) const {
+    RouteTable table;
+    if (mrouteRouteMap_) {
+        if (const auto* quillRoutes = mrouteRouteMap_->mrouteRouteCollection().find(key)) {
+            table.quillRoutes = *quillRoutes;
+        }
+        if (const auto* lumenMfib = mrouteRouteMap_->mfibCollection().find(key)) {
+            table.lumenMfib = *lumenMfib;
+        }
+    }
+    return table;
+}
+
+void NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey& routeKey, const NatMcastRouteKey& natMcastKey) {
+    const RouteTable table = routeTable(natMcastKey);
+    FATAL_ASSERT(!table.lumenMfib != !table.quillRoutes,
+                 "( !!lumenMfib ^ !!quillRoutes ) && \"Only one mfib must be True\"");
+    const std::string& routeName = table.name();
+    TRACE(8, "handleMcastRouteUpdate", " handling update for mroute (S=", routeKey.source,
+          " G=", routeKey.group, ") of type ", routeName);
+
+    if (toggleKestrelNatMfibLumenEnabled() && table.lumenMfib) {
+        // A route that is gone is no route that is not ready: what it left in the answers is to go.
+        const auto* route = table.lumenMfib->routeCollection().find(routeKey);
+        if (route != nullptr && (*route)->ready() != Lumen::Multicast::Fib::Route::isReady) {
+            TRACE(8, "handleMcastRouteUpdate", " skipping mroute (S=", routeKey.source, " G=", routeKey.group,
+                  ") - route not ready");
+            return;
+        }
+    }
+
+    const MrouteSourceAndGroup sg{.sourceIp = routeKey.source.ipv4(), .groupIp = routeKey.group.ipv4()};
+    if (!watchedMroutesWrap(natMcastKey.vrfId)->matches(sg)) {
+        TRACE(9, "handleMcastRouteUpdate", " skipping mroute= (S=", routeKey.source, " G=", routeKey.group,
+              ") of type ", routeName);
+        return;
+    }
+
+    const Flows sgs = concernedFlows(natMcastKey.vrfId, sg);
+    FATAL_ASSERT(!sgs.empty(), "!sgs.empty() && \"sourceAndGroupToIntf does not have the requested entry\"");
+    for (const MrouteSourceAndGroup& flow : sgs) {
+        TRACE(8, "found sg=(", flow.sourceIp, ", ", flow.groupIp, ")");
+        const VrfIdMrouteSourceAndGroup vsg{.vrfId = natMcastKey.vrfId, .sg = flow};
+        const MrouteIntfAndVlanSet* requesters = vrfIdSourceAndGroupToIntf_.find(vsg);
+        FATAL_ASSERT(requesters != nullptr, "vrfIdSourceAndGroupToIntfHas( vsg ) && "
+                                            "\"sourceAndGroupToIntf does not have the requested entry\"");
+        requesters->iv().forEach([&](const MrouteIntfAndVlan& requester) { // holds the set as it is now
+            answerRequester(vsg, requester, table);
+        });
+    }
+}
+
+// A (*,G) route concerns the (*,G) requests alone, though it also answers (S,G) requests that no route of
+// their own answers. This is meant; those are looked at again with the next pass over all requests. A route
+// of group zero yields (S, 0) twice, and its requests are answered twice: this is meant too, as it costs
+// nothing and no such route is real.
+NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSourceAndGroup& sg) const {
+    Flows flows;
+    if (sg.sourceIp.isZero()) {
+        flows.append(sg);
+        return flows;
+    }
+    for (const MrouteSourceAndGroup& flow : {sg, MrouteSourceAndGroup{.sourceIp = {}, .groupIp = sg.groupIp},
+                                             MrouteSourceAndGroup{.sourceIp = sg.sourceIp, .groupIp = {}}}) {
+        if (vrfIdSourceAndGroupToIntf_.has({.vrfId = vrfId, .sg = flow})) {
+            flows.append(flow);
+        }
+    }
+    return flows;
+}
+
+// The request's key is rebuilt from what the record keeps, with type 0 whatever type the request carried.
+// This is meant: the record knows no types, and the mroute service's own requests are of type 0.
+void NatMrouteSm::answerRequester(const VrfIdMrouteSourceAndGroup& vsg, const MrouteIntfAndVlan& requester,
+                                  const RouteTable& table) {
+    const NatMrouteKey key{.intf = requester.intf,
+                           .vrfId = vsg.vrfId,
+                           .vlanId = requester.vlanId,
+                           .sourceIp = vsg.sg.sourceIp,
+                           .groupIp = vsg.sg.groupIp,
+                           .type = NatRequestType{0}};
+    const NatMrouteOifSet oifs = getEgressIntfsForMrouteKey(key, table.quillRoutes, table.lumenMfib);
+    updateResponseMap(oifs, key, table.name(), true);
+    TRACE(8, "setting ", key, " to key ", oifs);
+}
+
+void NatMrouteSm::handleMcastRouteUpdateAll(const NatMcastRouteKey& natMcastKey) {
+    TRACE(8, "handleMcastRouteUpdateAll");
+    const RouteTable table = routeTable(natMcastKey);
+    FATAL_ASSERT(!table.lumenMfib != !table.quillRoutes,
+                 "( !!lumenMfib ^ !!quillRoutes ) && \"Only one mfib must be True\"");
+    handleMrouteReq();
+    TRACE(8, "handleMcastRouteUpdateAll", " handling all known mroutes of type ", table.name());
+
+    const auto handleRoute = [&](IpGenRouteKey routeKey) { // by value: the row may go while it is handled
+        handleMcastRouteUpdate(routeKey, natMcastKey);
+        return true;
+    };
+    if (table.lumenMfib) {
+        table.lumenMfib->routes([&](const auto& route) { return handleRoute(route->key()); });
+        return;
+    }
+    try {
+        table.quillRoutes->routes(handleRoute);
+    } catch (const State::CorruptionError& error) {
+        table.quillRoutes->doCorruptionDetected(error.what());
+    }
+}
+
+// Makes a matcher where there is none, also for a route update of a VRF without requests. This is meant: the
+// empty matcher stays until the VRF's last request goes.
+State::Handle<NatMrouteMatcher> NatMrouteSm::watchedMroutesWrap(L3::VrfId vrfId) {
+    State::Handle<NatMrouteMatcher> matcher = watchedMroutes(vrfId);
+    if (!matcher) {
+        matcher = natMrouteMatcherFactory();
+        watchedMroutesIs(vrfId, matcher);
+    }
+    return matcher;
+}
+
+void NatMrouteSm::removeWatchedMroute(L3::VrfId vrfId, const MrouteSourceAndGroup& sg,
+                                      const NatMrouteKey& key) {
+    const State::Handle<NatMrouteMatcher> matcher = watchedMroutes(vrfId);
+    if (!matcher) {
+        return;
+    }
+    matcher->remove(sg, key);
+    if (matcher->empty()) {
+        watchedMroutesDel(vrfId);
+    }
+}
+
+} // namespace KestrelNat

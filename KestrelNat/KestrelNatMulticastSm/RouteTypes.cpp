@@ -1,0 +1,32 @@
+#include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
+
+#include "state/Toggle.h"
+
+namespace KestrelNat {
+
+const char STATIC_MODE[] = "static";
+const char SPARSE_MODE[] = "sparsemode";
+
+bool toggleKestrelNatMfibLumenEnabled() {
+    static const bool enabled = State::getToggleState("KestrelNatMfibLumen", "KestrelNat.json", true);
+    return enabled;
+}
+
+namespace {
+
+// Asks for the toggle while the library loads.
+const RouteTypeList loadedRouteTypes{toggleKestrelNatMfibLumenEnabled() ? "user" : STATIC_MODE, SPARSE_MODE};
+
+} // namespace
+
+const std::string& staticRouteType() {
+    return loadedRouteTypes[0];
+}
+const std::string& sparseRouteType() {
+    return loadedRouteTypes[1];
+}
+const RouteTypeList& routeTypes() {
+    return loadedRouteTypes;
+}
+
+} // namespace KestrelNat
