@@ -1,0 +1,121 @@
+// The one set of operations behind everything: the control socket, scenario files, preloaded state, the
+// kernel source and tests all change and read the agent's stores through it and get the same typed results.
+//
+// Every change is held against types and guards before anything happens; what is refused changes nothing and
+// says where and why (OperationError). The guards are the same for everybody. Values are plain data
+// (state/Datum.h); JSON and text are two prints of them. The application owns it beside the Host; it is used
+// on the loop's thread only and never from inside a reactor.
+//
+// Read next: Paths.h, what can be addressed; Guards.h, what is refused; DryRun.cpp.
+#pragma once
+
+#include "agent/Guards.h"
+#include "agent/Host.h"
+#include "agent/Paths.h"
+#include "state/Datum.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+/// One change: write or remove a value or a member. Without attribute, key and value, `set` sees to it that
+/// the table or FIB at the path is there.
+struct Change {
+    enum class Op { set, del };
+    Op op = Op::set;
+    std::string path = {};
+    std::string attribute = {};
+    std::optional<State::Datum> key = {};
+    std::optional<State::Datum> value = {};
+    bool raw = false; // the guards let it through
+};
+
+/// An answer of the plug-in that changed, at "api/mroute/resp" or "api/mgroup/resp". No value: it went.
+struct AnswerChange {
+    std::string path;
+    std::string attribute;
+    State::Datum key;
+    std::optional<State::Datum> value;
+};
+
+struct ApplyResult {
+    std::size_t changed = 0;           // changes that changed something
+    std::vector<AnswerChange> answers; // as each is in the end, in order of its first change
+};
+
+/// What a dry run foretells: what apply would result in, or the end that the process would come to.
+struct DryRunResult : ApplyResult {
+    std::optional<std::string> fatal; // what it would say on standard error; the answers are not known then
+};
+
+/// A page of a collection.
+struct Page {
+    std::vector<std::pair<State::Datum, State::Datum>> members; // key, value (null for a set's)
+    std::size_t size = 0;                                       // members of the whole collection
+};
+
+class Operations {
+  public:
+    /// @param host outlives it. Listens to the host's request sets from now on.
+    explicit Operations(Host& host);
+
+    /// What kind of entity stands, or would stand, at the path. @throws OperationError for an unknown path.
+    const State::EntityType& typeAt(std::string_view path) const;
+    /// The attribute's description. @throws OperationError for an unknown path or attribute.
+    const State::Attribute& attributeAt(std::string_view path, std::string_view attribute) const;
+    /// The value of a value attribute (no key), or of one member; nothing when it, or the entity at the path,
+    /// is not there. A set's member has the value null.
+    /// @throws OperationError for an unknown path or attribute, or a key that is none.
+    std::optional<State::Datum> value(std::string_view path, std::string_view attribute,
+                                      const State::Datum* key = nullptr) const;
+    /// Members in iteration order, at most `limit`, from the first or from the one behind `after`. None when
+    /// there is no entity at the path.
+    /// @throws OperationError for an unknown path or attribute, or when `after` is no member.
+    Page members(std::string_view path, std::string_view attribute, const State::Datum* after = nullptr,
+                 std::size_t limit = SIZE_MAX) const;
+
+    /// Checks and carries out one change; true if something changed. @throws OperationError
+    bool change(const Change& change);
+    /// Checks all, each against the state as the earlier ones leave it, then carries out all in order in one
+    /// turn.
+    /// @throws OperationError with the index of the first that is refused; nothing was changed then.
+    ApplyResult apply(std::span<const Change> changes);
+    /// The same in a forked child with the real plug-in; this process is not touched, but waits for it.
+    /// @throws OperationError as apply does, and when the child does not end within dryRunLimit.
+    DryRunResult dryRun(std::span<const Change> changes);
+    static constexpr int dryRunLimitMs = 10'000;
+
+    /// The identifier of a VRF's entry, and the name of the VRF that has an identifier; nothing when there is
+    /// none. An identifier of 0 is none, except for the VRF "default".
+    std::optional<std::uint32_t> vrfIdOf(std::string_view vrfName) const;
+    std::optional<std::string> vrfNameOf(std::uint32_t vrfId) const;
+
+    Host& host() const { return host_; }
+
+    /// Since the start.
+    struct Counters {
+        std::uint64_t changes = 0; // carried out that changed something
+        std::uint64_t refused = 0; // by a guard
+    };
+    const Counters& counters() const { return counters_; }
+
+  private:
+    GuardFacts checkAll(std::span<const Change> changes);
+    void checkOne(const Change& change, GuardFacts& facts);
+    bool carryOut(const Change& change);
+    ApplyResult carryOutAll(std::span<const Change> changes);
+
+    Host& host_;
+    Paths paths_;
+    Guards guards_;
+    Counters counters_;
+};
+
+} // namespace Agent

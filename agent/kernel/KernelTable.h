@@ -1,0 +1,106 @@
+// What one table of the kernel holds, as far as events and dumps have told: its routes and its VIFs.
+//
+// It only learns: an entry that changes is queued in the MfcTable, and VrfMirror tells the sink from there.
+//
+// A dump is not one moment of the kernel: routes change, come and go while it runs, and a route deleted
+// during it makes it miss another. Therefore:
+// - an event of a route during the dump wins over what the dump says of it (touched);
+// - a route that a dump didn't have is removed only when the kernel, asked for that one, denies it;
+// - a dump during which something happened that could have made it miss or misstate a route (disturbed) is
+//   repeated, soon a few times, then at a distance in proportion to its length.
+// So the mirror follows the kernel also under churn that never lets a dump be clean.
+//
+// Owned by a VrfMirror; MfcMirror brings the messages. Read next: MfcTable.h for an entry's fields.
+#pragma once
+
+#include "agent/kernel/MfcTable.h"
+#include "agent/kernel/MirrorShared.h"
+
+#include <chrono>
+#include <optional>
+#include <set>
+#include <vector>
+
+namespace Agent::Kernel {
+
+class KernelTable {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit KernelTable(MirrorShared& shared)
+        : shared_(shared) {}
+
+    MfcTable& routes() { return routes_; }
+    const MfcTable& routes() const { return routes_; }
+    const std::vector<Vif>& vifs() const { return vifs_; }
+
+    /// From now on the messages of another table are given, or again those of this one after a gap.
+    void isAnother();
+
+    /// @param route neither unresolved nor with group zero.
+    void routeEvent(const MfcRoute& route);
+    void routeGoneEvent(const MfcKey& key);
+    /// Something happened that can make the dump under way, if any, miss or misstate a route.
+    void disturbDump() { disturbed_ = disturbed_ || dumpOpen_; }
+    /// Events were lost, or may have been: dump the table (again).
+    void dumpWanted() { dumpWanted_ = true; }
+    /// The interface has gone: it has left every route and every VIF without an event of theirs.
+    void linkGone(int ifindex);
+    /// The interface, which routes may have had for a while, is known by now.
+    void linkKnown(int ifindex);
+    /// The interface turned out to be internal.
+    void linkInternal(int ifindex);
+    /// The VIFs of the table, as read just now.
+    /// @param added interfaces that became a VIF, in this or another table, since they were read before.
+    void vifsAre(std::vector<Vif> vifs, const std::set<int>& added);
+    bool hasVif(int ifindex) const;
+
+    // A dump begins, brings entries, is done when the kernel has said so and all events from before that
+    // moment have been given; then absentees are asked for one by one.
+
+    bool dumpDue(Clock::time_point now) const { return dumpWanted_ && now >= notBefore_; }
+    std::optional<Clock::time_point> dumpWaitsUntil() const;
+    bool dumpOpen() const { return dumpOpen_; }
+    void dumpBegins(Clock::time_point now);
+    void dumpEntry(const MfcRoute& route);
+    void dumpDone(Clock::time_point now);
+    void dumpFailed(Clock::time_point now);
+    const MfcKey* absentee() const { return absentees_.empty() ? nullptr : &absentees_.back(); }
+    /// @param found what the kernel has of absentee(); null is nothing.
+    void absenteeIs(const MfcRoute* found, Clock::time_point now);
+    /// Asks for routes beyond those that a dump left open; only while no dump is under way.
+    void lookUp(std::vector<MfcKey> keys, Clock::time_point now);
+    /// Whether a dump of this table has been merged.
+    bool synced() const { return synced_; }
+    bool resyncPending() const { return dumpWanted_ || dumpActive(); }
+
+    /// Forgets an entry that neither the kernel nor the sink has.
+    void eraseIfGone(MfcEntry& entry);
+
+  private:
+    bool dumpActive() const { return dumpOpen_ || !absentees_.empty(); }
+    void dumpSettled(Clock::time_point now);
+    void eraseGone();
+    bool merge(MfcEntry& entry, const MfcRoute& route);
+    void addTo(MfcEntry& entry, const MfcRoute& route);
+    OifSet oifsOf(const MfcRoute& route, const OifSet& more);
+    template <class Gone>
+    void strip(Gone gone);
+    void dumpForSeveral();
+
+    MirrorShared& shared_;
+    MfcTable routes_;
+    std::vector<Vif> vifs_;
+    bool dumpWanted_ = true;
+    bool dumpOpen_ = false; // between its beginning and the kernel's "done"
+    bool disturbed_ = false;
+    bool synced_ = false;
+    std::uint32_t dump_ = 0; // the number of the latest
+    unsigned disturbedInARow_ = 0;
+    Clock::time_point dumpBegan_{};
+    Clock::time_point notBefore_{};
+    std::vector<MfcKey> absentees_;
+    std::vector<int> scratch_; // members of the set at hand
+};
+
+} // namespace Agent::Kernel

@@ -1,0 +1,74 @@
+// Compares the agent's tables with the kernel, as an operator asks for with `kestrelctl kernel verify`.
+//
+// A second mirror learns everything anew, from dumps of its own and from the events that also the first one
+// gets meanwhile; it never publishes. Then the tables themselves are held against it, so that a fault of the
+// first mirror shows as well as one of the tables. MfcSource makes one for each comparison and drives it in
+// slices.
+#pragma once
+
+#include "agent/kernel/NetlinkSocket.h"
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Agent::Kernel {
+
+struct Difference {
+    std::string vrf = {};
+    std::string what = {};    // "VRF missing", "multicast", "missing", "extra", "different"
+    std::string route = {};   // "static (10.0.0.1, 239.1.1.1)"; empty for the VRF itself
+    std::string kernel = {};  // what the kernel has: interface names, or a state
+    std::string tables = {};  // what the tables have
+    std::string pending = {}; // why the tables refused it, where they did
+};
+
+struct VerifyResult {
+    /// Whether the kernel stood still for long enough that nothing can have been missed.
+    bool complete = false;
+    std::size_t routes = 0; // in the kernel
+    std::size_t rows = 0;   // in the tables
+    std::size_t differenceCount = 0;
+    std::vector<Difference> differences; // the first ones
+    std::chrono::steady_clock::duration took{};
+};
+
+class MfcVerify {
+  public:
+    /// @throws std::system_error
+    MfcVerify(const KernelConfig& config, const MfcMirror& mirror, KernelSink& tables);
+
+    /// The mirror that learns; it must get every event from now on.
+    MfcMirror& fresh() { return fresh_; }
+
+    /// Learns the next part of what the kernel has. @return false when it has learnt all it can.
+    bool learn(const std::function<void()>& settleEvents) { return query_.step(fresh_, settleEvents) > 0; }
+
+    /// Compares. All events must have been given to both mirrors, and all differences that the first one
+    /// knows been published.
+    /// @return false when single routes must be asked for first: learn() and compare again.
+    bool compare();
+
+    const VerifyResult& result() const { return result_; }
+
+  private:
+    void compareVrf(VrfMirror& vrf, const VrfMirror* known);
+    void compareRow(VrfMirror& vrf, RouteType type, const MfcKey& key,
+                    std::span<const std::string_view> names);
+    std::string namesOf(const MfcEntry& entry) const;
+    void differ(Difference difference);
+    bool askForExtras();
+
+    const MfcMirror& mirror_;
+    KernelSink& tables_;
+    MfcMirror fresh_;
+    QuerySocket query_;
+    std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
+    std::vector<std::pair<VrfMirror*, MfcKey>> extras_;
+    bool asked_ = false;
+    VerifyResult result_;
+};
+
+} // namespace Agent::Kernel

@@ -1,0 +1,27 @@
+#include "agent/Application.h"
+#include "agent/KernelMirror.h"
+#include "agent/LastWords.h"
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+
+int main(int argc, char** argv) {
+    using namespace Agent;
+    const CommandLine line = readCommandLine(argc, argv, std::cout, std::cerr);
+    if (!line.options) {
+        return line.exitStatus;
+    }
+    lastWordsAre();
+    try {
+        Application application(*line.options, &makeKernelMirror);
+        return line.options->checkOnly ? application.check(std::cout) : application.run();
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
+        return exitUsage;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
+        printLastRecords();
+        return exitFailed;
+    }
+}
