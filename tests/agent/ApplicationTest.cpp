@@ -1,0 +1,259 @@
+// The agent as a program: its options, its start and its end.
+#include "agent/Application.h"
+
+#include "tests/agent/AgentProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace AgentTest {
+namespace {
+
+const char* const state = "vrf red id 3 multicast on\n"
+                          "vrf default id 0 multicast on\n"
+                          "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet1 Ethernet2\n"
+                          "route red sparse 0.0.0.0/0 239.1.1.1/32 oifs Ethernet3\n"
+                          "request mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1\n"
+                          "request mroute intf Ethernet5 vrf red vlan 10 source any group 239.1.1.1\n"
+                          "request mgroup intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1\n";
+
+Json answersOf(RpcClient& client) {
+    Json answers = client.result("watch").at("snapshot");
+    for (Json& answer : answers) {
+        if (answer.at("value").is_array()) {
+            std::sort(answer.at("value").begin(), answer.at("value").end());
+        }
+    }
+    std::sort(answers.begin(), answers.end());
+    return answers;
+}
+
+TEST(ApplicationTest, WrongOptionsAreNamed) {
+    struct Wrong {
+        std::vector<std::string> options;
+        std::string text;
+    };
+    const Wrong cases[] = {
+        {{"--nothing"}, "--nothing"},
+        {{"word"}, "word"},
+        {{"--socket"}, "--socket"},
+        {{"--socket", "/tmp/x", "--stdio"}, " excludes --s"},
+        {{"--exit"}, "--exit requires --play"},
+        {{"--toggle", "KestrelNatMfibLumen"}, "--toggle: \"KestrelNatMfibLumen\" is not of the form NAME=on"},
+        {{"--toggle", "KestrelNatMfibLumen=true"}, "--toggle: KestrelNatMfibLumen can be on or off"},
+        {{"--toggle", "Other=on", "--stdio"}, "--toggle: nobody asks for a toggle Other"},
+        {{"--trace", "Agent"}, "--trace: \"Agent\" is not of the form FACILITY=LEVEL"},
+        {{"--trace", "Agent=10"}, "--trace: the level of Agent runs from 0 to 9"},
+        {{"--trace", "Other=1", "--stdio"}, "--trace: there is no trace facility Other"},
+        {{"--software-chip=fast"}, "--software-chip: the chip works \"deferred\" or \"sync\""},
+    };
+    for (const Wrong& wrong : cases) {
+        const Finished finished = runAgent(wrong.options);
+        EXPECT_EQ(finished.status, 2) << wrong.text;
+        EXPECT_NE(finished.err.find(wrong.text), std::string::npos) << finished.err;
+        EXPECT_EQ(finished.out, "");
+    }
+    EXPECT_EQ(runAgent({"--version"}).status, 0);
+    const Finished help = runAgent({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* option :
+         {"--socket", "--stdio", "--preload", "--play", "--exit", "--kernel", "--software-chip", "--toggle",
+          "--toggle-dir", "--trace", "--plugin", "--check"}) {
+        EXPECT_NE(help.out.find(option), std::string::npos) << option;
+    }
+}
+
+TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
+    const TemporaryFolder folder;
+    struct Wrong {
+        std::vector<std::string> options;
+        std::string text;
+    };
+    const std::string refused =
+        writeFile(folder, "refused.scn",
+                  std::string(state) + "request mroute intf Ethernet5 vrf red vlan 10 "
+                                       "source any group any\n");
+    const std::string odd = writeFile(folder, "odd.scn", "vrf red id 3\ndance\n");
+    const std::string config = writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "a/b", "id": 3}]})");
+    const Wrong cases[] = {
+        {{"--plugin", folder.file("none.so")}, folder.file("none.so")},
+        {{"--plugin", KESTREL_LIB_DIR "/libkestrel-records.so"}, "is no plug-in for this agent"},
+        {{"--preload", folder.file("none.scn")}, folder.file("none.scn")},
+        {{"--preload", odd}, odd + ":2"},
+        {{"--preload", refused}, refused + ":8"},
+        {{"--play", odd, "--exit"}, odd + ":2"},
+        {{"--kernel", config}, config},
+    };
+    for (const Wrong& wrong : cases) {
+        for (const bool checkOnly : {false, true}) {
+            std::vector<std::string> options = wrong.options;
+            options.insert(options.end(), {"--socket", folder.file("s")});
+            if (checkOnly) {
+                options.emplace_back("--check");
+            }
+            const Finished finished = runAgent(options);
+            EXPECT_EQ(finished.status, 1) << wrong.text;
+            EXPECT_NE(finished.err.find(wrong.text), std::string::npos) << finished.err;
+            EXPECT_FALSE(std::filesystem::exists(folder.file("s")));
+        }
+    }
+}
+
+TEST(ApplicationTest, CheckSaysWhatWouldHappenAndLeaves) {
+    const TemporaryFolder folder;
+    const std::string preload = writeFile(folder, "state.scn", state);
+    writeFile(folder, "KestrelNat.json", R"({"KestrelNatMfibLumen": false})");
+    const Finished finished = runAgent({"--check", "--socket", folder.file("s"), "--preload", preload,
+                                        "--toggle-dir", folder.file(""), "--software-chip"});
+    EXPECT_EQ(finished.status, 0) << finished.err;
+    for (const std::string& text :
+         {folder.file("s"), preload, std::string("Quill"), std::string("off, from the toggle file")}) {
+        EXPECT_NE(finished.out.find(text), std::string::npos) << finished.out;
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder.file("s")));
+    EXPECT_EQ(finished.out.find("ready"), std::string::npos);
+}
+
+TEST(ApplicationTest, TogglesComeFromTheirFileUnlessTheyAreSet) {
+    const TemporaryFolder folder;
+    const auto sourceWith = [&](std::vector<std::string> options) {
+        options.insert(options.end(), {"--toggle-dir", folder.file("")});
+        AgentProcess agent(folder, options);
+        return agent.client().result("status").at("fibSource").get<std::string>();
+    };
+    EXPECT_EQ(sourceWith({}), "lumen");
+    writeFile(folder, "KestrelNat.json", R"({"KestrelNatMfibLumen": false})");
+    EXPECT_EQ(sourceWith({}), "quill");
+    EXPECT_EQ(sourceWith({"--toggle", "KestrelNatMfibLumen=on"}), "lumen");
+    writeFile(folder, "KestrelNat.json", "{");
+    AgentProcess agent(folder, {"--toggle-dir", folder.file("")});
+    EXPECT_EQ(agent.client().result("status").at("fibSource"), "lumen");
+    EXPECT_NE(agent.said().find("KestrelNat.json ignored"), std::string::npos) << agent.said();
+}
+
+TEST(ApplicationTest, SignalsEndItCleanly) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const TemporaryFolder folder;
+        AgentProcess agent(folder, {"--software-chip", "--trace", "Agent=6"});
+        RpcClient client = agent.client();
+        client.result("apply", {{"lines", {"vrf red id 3 multicast on"}}});
+        agent.signal(SIGHUP); // nothing to read again
+        client.result("status");
+        agent.signal(signal);
+        EXPECT_EQ(agent.wait(), 0);
+        EXPECT_FALSE(std::filesystem::exists(agent.socket()));
+        EXPECT_TRUE(agent.said().ends_with("Application::end done\n")) << agent.said();
+    }
+}
+
+TEST(ApplicationTest, ALiveAgentsSocketIsRespectedAndADeadOnesReplaced) {
+    const TemporaryFolder folder;
+    AgentProcess first(folder);
+    const Finished second = runAgent({"--socket", first.socket()});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.err.find(first.socket()), std::string::npos) << second.err;
+    first.client().result("status");
+
+    first.signal(SIGKILL);
+    first.wait();
+    EXPECT_TRUE(std::filesystem::exists(first.socket()));
+    const AgentProcess third(folder);
+    third.client().result("status");
+}
+
+TEST(ApplicationTest, KilledAndStartedOverItsStateItAnswersAsIfItHadStartedAfresh) {
+    for (const char* source : {"on", "off"}) {
+        const TemporaryFolder folder;
+        const std::vector<std::string> bare{"--software-chip=sync", "--toggle",
+                                            std::string("KestrelNatMfibLumen=") + source};
+        std::vector<std::string> preloaded = bare;
+        preloaded.insert(preloaded.end(), {"--preload", writeFile(folder, "state.scn", state)});
+
+        AgentProcess fresh(folder, bare);
+        RpcClient client = fresh.client();
+        for (std::istringstream lines(state); !lines.eof();) {
+            std::string line;
+            std::getline(lines, line);
+            if (!line.empty()) {
+                client.result("command", {{"line", line}});
+            }
+        }
+        const Json expected = answersOf(client);
+        EXPECT_EQ(expected.size(), 3U);
+        fresh.signal(SIGKILL);
+        fresh.wait();
+
+        AgentProcess again(folder, preloaded);
+        RpcClient other = again.client();
+        EXPECT_EQ(answersOf(other), expected);
+        // And it follows changes as the first one did.
+        const std::string line = "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet9";
+        EXPECT_EQ(other.result("command", {{"line", line}}).at("result").at("answers").size(), 2U);
+    }
+}
+
+TEST(ApplicationTest, OnStandardInputAndOutputItServesOneClientToItsEnd) {
+    const Finished finished = runAgent(
+        {"--stdio"},
+        "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"status\"}\n"
+        "{\"jsonrpc\":\"2.0\",\"id\":2,\"method\":\"command\",\"params\":{\"line\":\"show vrfs\"}}\n");
+    EXPECT_EQ(finished.status, 0);
+    EXPECT_EQ(finished.err, "ready\n");
+    EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 2);
+    EXPECT_NE(finished.out.find("\"id\":2,\"result\""), std::string::npos) << finished.out;
+}
+
+TEST(ApplicationTest, APlayThatFailsSaysBothSidesAndItsStatusTells) {
+    const TemporaryFolder folder;
+    const std::string unmet = writeFile(
+        folder, "unmet.scn",
+        std::string(state) +
+            "expect mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1 = Ethernet9\n");
+    const Finished finished = runAgent({"--socket", folder.file("s"), "--play", unmet, "--exit"});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_NE(finished.err.find(unmet + ":8"), std::string::npos) << finished.err;
+    EXPECT_NE(finished.err.find("Ethernet9"), std::string::npos) << finished.err;
+    EXPECT_NE(finished.err.find("Ethernet1"), std::string::npos) << finished.err;
+
+    // Without --exit it stays.
+    AgentProcess agent(folder, {"--play", unmet});
+    EXPECT_EQ(agent.client().result("status").at("ready").at("mrouteSmReady"), true);
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(ApplicationTest, TheServiceManagerIsToldWhenItIsReadyAndWhenItStops) {
+    const TemporaryFolder folder;
+    const Agent::Fd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = folder.file("manager");
+    std::memcpy(address.sun_path, path.data(), path.size());
+    ASSERT_EQ(::bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const auto heard = [&] {
+        std::array<char, 256> text{};
+        const ssize_t count = ::recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT);
+        return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    };
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    AgentProcess agent(folder);
+    ::unsetenv("NOTIFY_SOCKET");
+    agent.client().result("status"); // it is told right after it has printed that it is ready
+    EXPECT_EQ(heard(), "READY=1");
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_EQ(heard(), "STOPPING=1");
+}
+
+} // namespace
+} // namespace AgentTest

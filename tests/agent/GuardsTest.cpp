@@ -1,0 +1,298 @@
+// Each guard against a real agent, for both sources of routes: what it refuses and what it says, and what
+// happens when the caller says `raw`: some changes go through, others end the agent's process, which a dry
+// run foretells.
+#include "tests/agent/AgentProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace AgentTest {
+namespace {
+
+const char* const vrfs = "routing/hardware/route/status";
+const char* const enabled = "routing/multicast/fibenabled/status";
+const char* const capability = "hardware/kestrel/nat/capability/config";
+
+Json member(const std::string& path, const std::string& attribute, const Json& key, const Json& value = {}) {
+    Json change{{"op", "set"}, {"path", path}, {"attribute", attribute}, {"key", key}};
+    if (!value.is_null()) {
+        change["value"] = value;
+    }
+    return change;
+}
+
+Json removal(const std::string& path, const std::string& attribute, const Json& key) {
+    return {{"op", "del"}, {"path", path}, {"attribute", attribute}, {"key", key}};
+}
+
+Json raw(Json change) {
+    change["raw"] = true;
+    return change;
+}
+
+Json vrf(const std::string& name, std::uint32_t id) {
+    return member(vrfs, "vrfStatus", name, {{"vrfId", id}});
+}
+
+Json multicast(const std::string& name, bool on = true) {
+    return member(enabled, "vrfEnabled", name, on);
+}
+
+Json allVrfs() {
+    return {{"op", "set"}, {"path", capability}, {"attribute", "egressFromAllVrfs"}, {"value", true}};
+}
+
+Json requestKey(const std::string& source = "10.0.0.1", const std::string& group = "239.1.1.1") {
+    return {{"intf", "Ethernet5"}, {"vrfId", 3}, {"vlanId", 10}, {"sourceIp", source}, {"groupIp", group}};
+}
+
+Json request(const Json& key, const std::string& service = "mroute") {
+    return member("api/" + service + "/req", service + "Req", key);
+}
+
+Json with(Json object, const std::string& field, const Json& value) {
+    object[field] = value;
+    return object;
+}
+
+/// Paths of the two tables or FIBs of a VRF.
+std::string tablePath(bool isLumen, const std::string& name, bool isStatic = true) {
+    return isLumen ? "lumen/multicast/fib/ipv4/" + std::string(isStatic ? "user/" : "sparsemode/") + name
+                   : "routing/multicast/routestatus/" + name + (isStatic ? "/static" : "/sparsemode");
+}
+
+void addTables(std::vector<Json>& changes, bool isLumen, const std::string& name) {
+    for (const bool isStatic : {true, false}) {
+        changes.push_back({{"op", "set"}, {"path", tablePath(isLumen, name, isStatic)}});
+    }
+}
+
+/// A VRF with tables and multicast.
+std::vector<Json> vrfInUse(bool isLumen, const std::string& name, std::uint32_t id) {
+    std::vector<Json> changes{vrf(name, id)};
+    addTables(changes, isLumen, name);
+    changes.push_back(multicast(name));
+    return changes;
+}
+
+struct Case {
+    std::vector<Json> before;
+    Json change;
+    std::string text;       // of the refusal
+    std::string field;      // it names
+    std::string end = {};   // of the process when raw: what it says; empty: it goes on
+    bool isForLumen = true; // which sources it is for
+    bool isForQuill = true;
+};
+
+class GuardsTest : public testing::TestWithParam<bool> {
+  protected:
+    bool isLumen() const { return GetParam(); }
+    std::vector<std::string> options() const {
+        return {"--toggle", std::string("KestrelNatMfibLumen=") + (isLumen() ? "on" : "off")};
+    }
+
+    static Json everything(RpcClient& client, const Json& change) {
+        return client.result("get", {{"path", change.at("path")}});
+    }
+
+    void check(const Case& given) const {
+        if (isLumen() ? !given.isForLumen : !given.isForQuill) {
+            return;
+        }
+        SCOPED_TRACE(given.change.dump());
+        const TemporaryFolder folder;
+        AgentProcess agent(folder, options());
+        RpcClient client = agent.client();
+        client.result("apply", {{"changes", given.before}});
+
+        const Json before = everything(client, given.change);
+        for (const bool inList : {false, true}) {
+            Json params = given.change;
+            params.erase("op");
+            const Json error = inList ? client.error("apply", {{"changes", {given.change}}})
+                                      : client.error(given.change.at("op"), params);
+            EXPECT_EQ(error.value("code", 0), -32000);
+            const std::string message = error.value("message", "");
+            EXPECT_NE(message.find(given.text), std::string::npos) << message;
+            EXPECT_NE(message.find("raw lets it through"), std::string::npos) << message;
+            EXPECT_EQ(error.at("data").value("path", ""), given.change.at("path"));
+            EXPECT_EQ(error.at("data").value("field", ""), given.field);
+        }
+        EXPECT_EQ(everything(client, given.change), before) << "a refused change changed something";
+        checkRaw(given, agent, client);
+    }
+
+    static void checkRaw(const Case& given, AgentProcess& agent, RpcClient& client) {
+        const Json list{{"changes", {raw(given.change)}}};
+        const Json foretold = client.result("apply", with(list, "dryRun", true));
+        EXPECT_NE(foretold.value("assertion", "").find(given.end), std::string::npos) << foretold;
+        EXPECT_EQ(foretold.contains("assertion"), !given.end.empty()) << foretold;
+        if (given.end.empty()) {
+            EXPECT_EQ(client.result("apply", list).value("changed", 0), 1);
+            EXPECT_EQ(agent.stop(), 0) << agent.said();
+            return;
+        }
+        client.send(Json{{"jsonrpc", "2.0"}, {"id", 1}, {"method", "apply"}, {"params", list}}.dump() + "\n");
+        EXPECT_EQ(agent.wait(), 128 + SIGABRT);
+        EXPECT_NE(agent.said().find(given.end), std::string::npos) << agent.said();
+        EXPECT_NE(agent.said().find("last trace records:"), std::string::npos);
+        EXPECT_NE(agent.said().find("method=apply"), std::string::npos);
+    }
+};
+
+TEST_P(GuardsTest, Requests) {
+    const auto inUse = vrfInUse(isLumen(), "red", 3);
+    std::vector<Json> withRequest = inUse;
+    withRequest.push_back(request(requestKey()));
+    const std::string needs = "req.intf().stringValue() != \"\" && req.vlanId() != 0";
+
+    check({inUse, request(requestKey("0.0.0.0", "0.0.0.0")), "(*,*)", "sourceIp", "reqKey is (*, *)"});
+    check({inUse, request(with(requestKey(), "intf", "")), "without an interface", "intf", needs});
+    check({inUse, request(with(requestKey(), "vlanId", 0)), "VLAN 0", "vlanId", needs});
+    check({withRequest, request(with(requestKey(), "type", 1)), "differs by its type alone", "type"});
+    check({withRequest, request(with(requestKey(), "type", 77)), "differs by its type alone", "type"});
+    check({{}, request(requestKey("0.0.0.0", "0.0.0.0"), "mgroup"), "(*,*)", "sourceIp"});
+    check({{request(with(requestKey(), "type", 1), "mgroup")},
+           request(requestKey(), "mgroup"),
+           "differs by its type alone",
+           "type"});
+}
+
+TEST_P(GuardsTest, IdentifiersOfVrfs) {
+    const auto inUse = vrfInUse(isLumen(), "red", 3);
+    std::vector<Json> enabledWithout = {multicast("blue")};
+    addTables(enabledWithout, isLumen(), "blue");
+    std::rotate(enabledWithout.begin(), enabledWithout.begin() + 1, enabledWithout.end());
+
+    check({enabledWithout, vrf("blue", 0x01000000), "more than 24 bits", "vrfId",
+           "VrfId::value > 0x00ffffff not allowed"});
+    check({inUse, vrf("blue", 3), "is that of VRF \"red\"", "vrfId"});
+    check({inUse, vrf("red", 4), "its identifier can't become 4", "vrfId", "vrfId should not change here"});
+    check({inUse, vrf("red", 0), "its identifier can't become 0", "vrfId"});
+    check({inUse, removal(vrfs, "vrfStatus", "red"), "its entry can't be removed", "key"});
+}
+
+TEST_P(GuardsTest, NamesOfVrfs) {
+    check({{}, vrf("", 3), "at least one byte", "key"});
+    check({{}, vrf("a/b", 3), "no '/'", "key"});
+    check({{}, vrf("a\nb", 3), "no control bytes", "key"});
+    check({{}, multicast("a/b", false), "no '/'", "key"});
+    check({{}, {{"op", "set"}, {"path", tablePath(isLumen(), "a\x7f")}}, "no control bytes", "path"});
+    check({{}, member("lumen/multicast/fib/ipv4/user", "status", "a/b", Json::object()), "no '/'", "key"});
+}
+
+TEST_P(GuardsTest, MulticastInAVrf) {
+    const std::vector<Json> oneTable{vrf("red", 3), {{"op", "set"}, {"path", tablePath(isLumen(), "red")}}};
+    check({.before = oneTable,
+           .change = multicast("red"),
+           .text = "there is no sparse route table",
+           .field = "key",
+           .isForQuill = false});
+    check({.before = oneTable,
+           .change = multicast("red"),
+           .text = "there is no sparse route table",
+           .field = "key",
+           .end = "mcastRouteSparse not mounted",
+           .isForLumen = false});
+    check({.before = vrfInUse(true, "red", 3),
+           .change = removal("lumen/multicast/fib/ipv4/user", "status", "red"),
+           .text = "VRF \"red\" is enabled",
+           .field = "key",
+           .isForQuill = false});
+}
+
+TEST_P(GuardsTest, AllVrfs) {
+    std::vector<Json> gathering = vrfInUse(isLumen(), "red", 3);
+    gathering.push_back(allVrfs());
+    gathering.push_back(request(requestKey()));
+    addTables(gathering, isLumen(), "blue");
+    const std::string text = "can't be added while egressFromAllVrfs is set";
+    const std::string end = "Only one mfib must be True";
+
+    std::vector<Json> identified = gathering;
+    identified.push_back(vrf("blue", 4));
+    check({identified, multicast("blue"), text, "key", end});
+
+    std::vector<Json> on = gathering;
+    on.push_back(multicast("blue"));
+    check({on, vrf("blue", 4), text, "vrfId", end});
+
+    check({{raw(multicast("green"))}, allVrfs(), "VRF \"green\" lacks a route table or FIB", "value"});
+}
+
+TEST_P(GuardsTest, Routes) {
+    const Json key{{"source", "10.0.0.1/32"}, {"group", "239.1.1.1/32"}};
+    const Json ipv6{{"source", "2001:db8::1/128"}, {"group", "239.1.1.1/32"}};
+    const std::string table = tablePath(isLumen(), "red");
+    std::vector<Json> asked = vrfInUse(isLumen(), "red", 3);
+    asked.push_back(request(requestKey()));
+
+    check({asked, member(table, "route", ipv6, Json::object()), "IPv4 keys", "source"});
+    Case beyond{.before = asked,
+                .change = member(table, "route", key, {{"oifs", {1, 512}}}),
+                .text = "the OIF index 512 is none",
+                .field = "oifs",
+                .isForLumen = false};
+    check(beyond);
+    beyond.change = member(table, "route", key, {{"oifs", {1, 600}}});
+    beyond.text = "the OIF index 600 is none";
+    beyond.end = "Quill::Multicast::Fib::OifIndex::value <";
+    check(beyond);
+    beyond.change = member(table, "oifIndexIntf", 512, "Ethernet1");
+    beyond.text = "the OIF index 512 is none";
+    beyond.field = "key";
+    beyond.end = "";
+    check(beyond);
+}
+
+TEST_P(GuardsTest, WhatThePlugInWrites) {
+    const std::string text = "is written by the plug-in alone";
+    check(
+        {{}, member("api/mroute/resp", "mrouteResp", requestKey(), Json::array({"Ethernet1"})), text, "key"});
+    check({{}, member("api/mgroup/resp", "mgroupId", requestKey(), 17), text, "key"});
+    check(
+        {{},
+         {{"op", "set"}, {"path", "api/multicastSmStatus"}, {"attribute", "mrouteSmReady"}, {"value", false}},
+         text,
+         "value"});
+    check({{},
+           member("l3/mroutegroup/config", "mroutes",
+                  {{"vrfId", 3}, {"source", "10.0.0.1"}, {"group", "239.1.1.1"}, {"vlanId", 10}}),
+           text,
+           "key"});
+}
+
+TEST_P(GuardsTest, WhatARawChangeLeftBehindIsRemembered) {
+    const TemporaryFolder folder;
+    AgentProcess agent(folder, options());
+    RpcClient client = agent.client();
+    client.result("apply", {{"changes", vrfInUse(isLumen(), "red", 3)}});
+    // The plug-in keeps the VRF whose entry goes, and would end the process when it came again.
+    client.result("apply", {{"changes", {raw(removal(vrfs, "vrfStatus", "red"))}}});
+    EXPECT_EQ(client.error("apply", {{"changes", {vrf("red", 3)}}}).value("code", 0), -32000);
+    client.result("apply", {{"changes", {multicast("red", false), vrf("red", 3), multicast("red")}}});
+
+    if (isLumen()) {
+        // A VRF that was added without its FIBs stays without them until it is added anew.
+        client.result("apply", {{"changes", {vrf("blue", 4), raw(multicast("blue"))}}});
+        std::vector<Json> tables;
+        addTables(tables, true, "blue");
+        client.result("apply", {{"changes", tables}});
+        EXPECT_EQ(client.error("apply", {{"changes", {allVrfs()}}}).value("code", 0), -32000);
+        client.result("apply", {{"changes", {multicast("blue", false), multicast("blue"), allVrfs()}}});
+    }
+    client.result("apply", {{"changes", {request(requestKey())}}});
+    EXPECT_EQ(agent.stop(), 0) << agent.said();
+}
+
+std::string sourceName(const testing::TestParamInfo<bool>& info) {
+    return info.param ? "Lumen" : "Quill";
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, GuardsTest, testing::Bool(), sourceName);
+
+} // namespace
+} // namespace AgentTest

@@ -1,0 +1,179 @@
+// JSON-RPC 2.0: what is a request, what is answered, and what is refused before anything looks at it.
+#include "agent/JsonRpc.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace AgentTest {
+namespace {
+
+using Json = nlohmann::json;
+
+class RecordingDispatcher : public Agent::Dispatcher {
+  public:
+    std::vector<std::string> calls;
+
+    Json call(Agent::ClientId client, const std::string& method, const Json& params) override {
+        calls.push_back(std::to_string(client) + " " + method + " " + params.dump());
+        if (method == "fail")
+            throw Agent::RpcError(Agent::RpcCode::invalidParams, "no such field", {{"field", "oifs"}});
+        if (method == "slip")
+            throw std::logic_error("a slip");
+        if (method == "bytes")
+            return "bad \xff byte";
+        if (method == "big")
+            return std::string(Agent::JsonRpc::batchAnswerLimit / 3, 'b');
+        return params;
+    }
+    void clientGone(Agent::ClientId /*client*/) override {}
+};
+
+class JsonRpcTest : public testing::Test {
+  protected:
+    std::string answer(const std::string& line) {
+        std::string out;
+        rpc.answer(7, line, out);
+        return out;
+    }
+
+    Json error(const std::string& line) {
+        const Json whole = Json::parse(answer(line));
+        EXPECT_EQ(whole.at("jsonrpc"), "2.0");
+        EXPECT_FALSE(whole.contains("result"));
+        return whole.at("error");
+    }
+
+    RecordingDispatcher dispatcher;
+    Agent::JsonRpc rpc{dispatcher};
+};
+
+TEST_F(JsonRpcTest, AnswersUnderTheRequestsOwnId) {
+    for (const std::string id : {"1", "-3", "1.5", "null", "18446744073709551615", "\"a\\u0041\\\"\""}) {
+        const Json whole =
+            Json::parse(answer(R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"m","params":{"a":[1]}})"));
+        EXPECT_EQ(whole, (Json{{"jsonrpc", "2.0"}, {"id", Json::parse(id)}, {"result", {{"a", {1}}}}}));
+    }
+    EXPECT_EQ(dispatcher.calls.front(), R"(7 m {"a":[1]})");
+    answer(R"({"jsonrpc":"2.0","id":1,"method":"m"})");
+    EXPECT_EQ(dispatcher.calls.back(), "7 m {}") << "without params the method sees an empty object";
+}
+
+TEST_F(JsonRpcTest, WhatIsNoRequestIsRefusedAndNothingCalled) {
+    const std::vector<std::pair<std::string, int>> cases{
+        {"x", -32700},
+        {"{", -32700},
+        {R"({"jsonrpc":"2.0","id":1,"method":"m"} trailing)", -32700},
+        {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"\xc3\x28\"}", -32700},
+        {"\xff\xfe", -32700},
+        {std::string("{\"jsonrpc\":\"2.0\",\0}", 19), -32700},
+        {R"({"jsonrpc":"2.0","id":1e999,"method":"m"})", -32700},
+        {"1", -32600},
+        {"null", -32600},
+        {"[]", -32600},
+        {"{}", -32600},
+        {R"({"id":1,"method":"m"})", -32600},
+        {R"({"jsonrpc":2.0,"id":1,"method":"m"})", -32600},
+        {R"({"jsonrpc":"2.0","id":1})", -32600},
+        {R"({"jsonrpc":"2.0","id":1,"method":1})", -32600},
+        {R"({"jsonrpc":"2.0","id":[1],"method":"m"})", -32600},
+        {R"({"jsonrpc":"2.0","id":1,"method":"m","parms":{}})", -32600},
+        {R"({"jsonrpc":"2.0","id":1,"method":"m","":{}})", -32600},
+        {R"({"jsonrpc":"2.0","id":1,"method":"m","params":[1]})", -32602},
+        {R"({"jsonrpc":"2.0","id":1,"method":"m","params":null})", -32602},
+    };
+    for (const auto& [line, code] : cases)
+        EXPECT_EQ(error(line).at("code"), code) << line;
+    EXPECT_TRUE(dispatcher.calls.empty());
+    EXPECT_EQ(Json::parse(answer(R"({"jsonrpc":"1.0","id":5,"method":"m"})")).at("id"), 5)
+        << "a faulty request is answered under its id where it has one";
+    EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"m","parms":{}})").at("message"),
+              R"(unknown member "parms": a request has jsonrpc, id, method and params)");
+}
+
+TEST_F(JsonRpcTest, AParseErrorSaysWhereAndDoesNotQuoteTheWholeLine) {
+    const std::string message = error(R"({"jsonrpc":"2.0",)" + std::string(1'000'000, 'x')).at("message");
+    EXPECT_NE(message.find("column 18"), std::string::npos) << message;
+    EXPECT_LT(error("\"" + std::string(1'000'000, 'x')).at("message").get<std::string>().size(), 300U);
+}
+
+TEST_F(JsonRpcTest, NestingIsRefusedBeyondItsLimitBeforeItIsParsed) {
+    const auto nested = [](std::size_t levels) {
+        return std::string(levels, '[') + std::string(levels, ']');
+    };
+    const auto request = [](const std::string& value) {
+        return R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":)" + value + "}}";
+    };
+    const std::size_t limit = Agent::JsonRpc::depthLimit;
+    EXPECT_EQ(Json::parse(answer(request(nested(limit - 2)))).count("result"), 1U);
+    EXPECT_EQ(error(request(nested(limit - 1))).at("message"),
+              "arrays and objects nest deeper than 64 levels");
+    EXPECT_EQ(error(request(nested(10'000))).at("code"), -32700);
+    EXPECT_EQ(error(std::string(4U << 20U, '[')).at("code"), -32700);
+    std::string objects;
+    for (int i = 0; i < 10'000; ++i)
+        objects += R"({"a":)";
+    EXPECT_EQ(error(objects).at("message"), "arrays and objects nest deeper than 64 levels");
+    EXPECT_EQ(dispatcher.calls.size(), 1U);
+
+    // Brackets inside strings nest nothing, also behind escaped quotes; many side by side neither.
+    const std::string inString = request(R"("\"\\\" )" + std::string(200, '[') + R"(")");
+    EXPECT_EQ(Json::parse(answer(inString)).count("result"), 1U);
+    std::string wide = "[[]";
+    for (int i = 0; i < 500; ++i)
+        wide += ",[]";
+    EXPECT_EQ(Json::parse(answer(request(wide + "]"))).count("result"), 1U);
+}
+
+TEST_F(JsonRpcTest, ANotificationIsCarriedOutAndNeverAnswered) {
+    for (const std::string method : {"m", "fail", "slip"})
+        EXPECT_EQ(answer(R"({"jsonrpc":"2.0","method":")" + method + R"("})"), "");
+    EXPECT_EQ(answer(R"([{"jsonrpc":"2.0","method":"m"},{"jsonrpc":"2.0","method":"fail"}])"), "");
+    EXPECT_EQ(answer(R"({"jsonrpc":"2.0","method":"m","params":[]})"), "");
+    EXPECT_EQ(dispatcher.calls.size(), 5U);
+}
+
+TEST_F(JsonRpcTest, ABatchIsAnsweredInOrderByOneArrayOfThoseWithAnId) {
+    const Json whole =
+        Json::parse(answer(R"([{"jsonrpc":"2.0","method":"m"},{"jsonrpc":"2.0","id":2,"method":"m"},)"
+                           R"(7,{"jsonrpc":"2.0","id":"x","method":"fail"},[],)"
+                           R"({"jsonrpc":"2.0","method":"m"}])"));
+    ASSERT_EQ(whole.size(), 4U);
+    EXPECT_EQ(whole[0], (Json{{"jsonrpc", "2.0"}, {"id", 2}, {"result", Json::object()}}));
+    EXPECT_EQ(whole[1].at("error").at("code"), -32600);
+    EXPECT_EQ(whole[2].at("id"), "x");
+    EXPECT_EQ(whole[3].at("error").at("code"), -32600);
+    EXPECT_EQ(dispatcher.calls.size(), 4U);
+}
+
+TEST_F(JsonRpcTest, ABatchWhoseAnswersGrowTooLargeIsNotCarriedOutToItsEnd) {
+    std::string batch = "[";
+    for (int i = 0; i < 6; ++i)
+        batch += R"({"jsonrpc":"2.0","id":)" + std::to_string(i) + R"(,"method":"big"},)";
+    const Json whole = Json::parse(answer(batch + R"({"jsonrpc":"2.0","method":"m"}])"));
+    ASSERT_EQ(whole.size(), 6U) << "every request has its answer";
+    EXPECT_EQ(dispatcher.calls.size(), 3U);
+    EXPECT_TRUE(whole[2].contains("result"));
+    EXPECT_EQ(whole[3].at("error").at("code"), -32002);
+    EXPECT_EQ(whole[5].at("id"), 5);
+}
+
+TEST_F(JsonRpcTest, ErrorsOfMethodsKeepCodeMessageAndData) {
+    EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"fail"})"),
+              (Json{{"code", -32602}, {"message", "no such field"}, {"data", {{"field", "oifs"}}}}));
+    EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"slip"})"),
+              (Json{{"code", -32603}, {"message", "a slip"}}));
+}
+
+TEST_F(JsonRpcTest, AnswersAndNotificationsAreOneLineOfUtf8) {
+    EXPECT_EQ(Json::parse(answer(R"({"jsonrpc":"2.0","id":1,"method":"bytes"})")).at("result"),
+              "bad \xef\xbf\xbd byte");
+    const std::string line = Agent::JsonRpc::notification("changed", {{"text", "a\nb"}});
+    EXPECT_EQ(line, R"({"jsonrpc":"2.0","method":"changed","params":{"text":"a\nb"}})");
+}
+
+} // namespace
+} // namespace AgentTest

@@ -1,0 +1,355 @@
+// The control server against clients that behave and clients that don't, each over a real socket to another
+// process.
+#include "agent/LineServer.h"
+
+#include "agent/EventLoop.h"
+#include "tests/agent/TestClient.h"
+#include "tests/agent/ToyServer.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/socket.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace AgentTest {
+namespace {
+
+using Json = nlohmann::json;
+using Agent::LineServer;
+
+std::string request(const std::string& method, const Json& params = Json::object(), const Json& id = 1) {
+    return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump();
+}
+
+/// A request of exactly so many bytes.
+std::string requestOf(std::size_t bytes) {
+    const std::size_t bare = request("size", {{"text", ""}}).size();
+    return request("size", {{"text", std::string(bytes - bare, 'x')}});
+}
+
+class LineServerTest : public testing::Test {
+  protected:
+    TestClient client() const { return TestClient(server.path()); }
+
+    Json status() const {
+        TestClient asking = client();
+        return Json::parse(asking.ask(request("status"))).at("result");
+    }
+
+    /// Waits until the server counts so many clients, this asking one among them.
+    bool clientsBecome(std::size_t count) const {
+        for (int i = 0; i < 200; ++i) {
+            const Json answer = Json::parse(client().ask(request("status")));
+            if (answer.contains("result") && answer.at("result").at("clients") == count)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    TemporaryFolder folder;
+    ToyServer server{folder.file("agent.sock")};
+};
+
+TEST_F(LineServerTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnection) {
+    TestClient large = client();
+    const std::string fits = requestOf(LineServer::lineLimit);
+    const Json answer = Json::parse(large.ask(fits));
+    EXPECT_GT(answer.at("result"), LineServer::lineLimit - 100);
+    EXPECT_EQ(Json::parse(large.ask(request("echo", {{"a", 1}}))).at("result").dump(), R"({"a":1})");
+
+    // Once with the newline, once without: the byte too many is what counts. What comes after it is not read.
+    for (const std::string& end : {std::string("\n"), std::string("x")}) {
+        TestClient tooLarge = client();
+        tooLarge.send(requestOf(LineServer::lineLimit + (end == "\n" ? 1 : 0)) + end);
+        const Json refusal = Json::parse(tooLarge.line().value_or("null"));
+        EXPECT_EQ(refusal.at("error").at("code"), -32600);
+        EXPECT_TRUE(refusal.at("id").is_null());
+        EXPECT_TRUE(tooLarge.ended());
+    }
+    EXPECT_TRUE(clientsBecome(2));
+}
+
+TEST_F(LineServerTest, AnOverlongLineBehindAGoodOneIsRefusedAfterTheGoodOneIsAnswered) {
+    TestClient both = client();
+    both.send(request("echo", {{"a", 1}}) + "\n" + requestOf(LineServer::lineLimit + 1) + "\n");
+    EXPECT_EQ(Json::parse(both.line().value_or("null")).at("result").at("a"), 1);
+    EXPECT_EQ(Json::parse(both.line().value_or("null")).at("error").at("code"), -32600);
+    EXPECT_TRUE(both.ended());
+}
+
+TEST_F(LineServerTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
+    const std::size_t before = server.memory();
+    TestClient deaf = client();
+    const std::string asksMuch = request("big", {{"bytes", 1'000'000}}) + "\n";
+    std::size_t sent = 0;
+    for (int idle = 0; idle < 20;) {
+        const std::size_t now = deaf.sendSome(asksMuch);
+        sent += now;
+        if (now == 0) {
+            ++idle;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        if (sent > 10'000'000)
+            break;
+    }
+    EXPECT_LT(sent, 10'000'000U) << "the server reads on though its answers are not taken";
+    TestClient other = client();
+    EXPECT_EQ(Json::parse(other.ask(request("echo", {{"a", 1}}))).at("result").at("a"), 1);
+    EXPECT_LT(server.memory(), before + (16U << 20U));
+    deaf.close();
+    EXPECT_TRUE(clientsBecome(2));
+}
+
+TEST_F(LineServerTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
+    TestClient deaf = client();
+    TestClient reader = client();
+    TestClient teller = client();
+    deaf.ask(request("follow"));
+    reader.ask(request("follow"));
+
+    const std::size_t bytes = 1U << 20U;
+    const std::size_t before = server.memory();
+    int heard = 0;
+    for (int i = 0; i < 24; ++i) {
+        teller.ask(request("tell", {{"count", 1}, {"bytes", bytes}}));
+        heard += reader.line().value_or("").size() > bytes ? 1 : 0;
+    }
+    EXPECT_EQ(heard, 24);
+    EXPECT_EQ(status().at("cutOff"), 1);
+    EXPECT_LT(server.memory(), before + 3 * LineServer::notificationLimit);
+    while (deaf.line()) {
+    }
+    EXPECT_TRUE(deaf.ended());
+    EXPECT_TRUE(clientsBecome(3));
+}
+
+TEST_F(LineServerTest, AClientThatIsToldTooMuchByItsOwnRequestIsCutOffToo) {
+    TestClient self = client();
+    self.ask(request("follow"));
+    self.send(request("tell", {{"count", 40}, {"bytes", 1U << 20U}}) + "\n");
+    while (self.line()) {
+    }
+    EXPECT_TRUE(self.ended());
+    EXPECT_EQ(status().at("cutOff"), 1);
+}
+
+TEST_F(LineServerTest, WhatARequestCausesIsToldBeforeItsAnswerAlsoInsideABatch) {
+    TestClient self = client();
+    self.ask(request("follow"));
+    const std::string tell = request("tell", {{"count", 2}, {"bytes", 3}});
+    self.send(tell + "\n[" + tell + "," + tell + "]\n");
+    for (const int notifications : {2, 4}) {
+        for (int i = 0; i < notifications; ++i)
+            EXPECT_EQ(self.line(), R"({"jsonrpc":"2.0","method":"told","params":"ttt"})");
+        EXPECT_EQ(Json::parse(self.line().value_or("null")).empty(), false);
+    }
+}
+
+TEST_F(LineServerTest, AClientCutOffInMidLineVanishes) {
+    {
+        TestClient cut = client();
+        cut.send(R"({"jsonrpc":"2.0","id":1,"meth)");
+        EXPECT_TRUE(clientsBecome(2));
+    }
+    EXPECT_TRUE(clientsBecome(1));
+}
+
+TEST_F(LineServerTest, AClientThatClosesItsSendingSideHearsTheAnswersToItsWholeLines) {
+    TestClient half = client();
+    std::string lines;
+    for (int i = 0; i < 50; ++i)
+        lines += request("echo", {{"n", i}}) + "\n";
+    half.send(lines + R"({"jsonrpc":"2.0","id":1,"method":"echo"})"); // the last one is cut
+    half.closeSendingSide();
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(Json::parse(half.line().value_or("null")).at("result").at("n"), i);
+    EXPECT_TRUE(half.ended());
+}
+
+TEST_F(LineServerTest, PipelinedLinesAreAnsweredInOrderAndBlankOnesPassedOver) {
+    TestClient piping = client();
+    const int count = 3000;
+    std::string lines;
+    for (int i = 0; i < count; ++i)
+        lines += request("echo", {{"n", i}, {"text", std::string(static_cast<std::size_t>(i % 300), 'p')}}) +
+                 (i % 7 == 0 ? "\r\n\n  \n" : "\n");
+    std::thread sending([&] { piping.send(lines); });
+    for (int i = 0; i < count; ++i)
+        ASSERT_EQ(Json::parse(piping.line().value_or("null")).at("result").at("n"), i);
+    sending.join();
+    EXPECT_EQ(piping.line(std::chrono::milliseconds(0)), std::nullopt);
+}
+
+TEST_F(LineServerTest, ALongPipelineDoesNotHoldUpOthers) {
+    TestClient holding = client();
+    TestClient piping = client();
+    std::vector<std::unique_ptr<TestClient>> others;
+    others.reserve(64);
+    for (int i = 0; i < 64; ++i)
+        others.push_back(std::make_unique<TestClient>(server.path()));
+    const int before = Json::parse(holding.ask(request("count"))).at("result");
+
+    // While the server sleeps in one request, all the others' lines arrive.
+    holding.send(request("sleep", {{"ms", 200}}) + "\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::string lines;
+    for (int i = 0; i < 500; ++i)
+        lines += request("count") + "\n";
+    piping.send(lines);
+    for (const auto& other : others)
+        other->send(request("count") + "\n");
+    for (const auto& other : others) {
+        const int at = Json::parse(other->line().value_or("null")).at("result");
+        // One line of the pipeline per turn; a turn fetches 64 ready descriptors at most.
+        EXPECT_LE(at, before + 1 + 64 + 4);
+    }
+    int last = 0;
+    for (int i = 0; i < 500; ++i)
+        last = Json::parse(piping.line().value_or("null")).at("result");
+    EXPECT_EQ(last, before + 1 + 64 + 500);
+}
+
+TEST_F(LineServerTest, OneClientTooManyIsToldSoAndThereIsRoomAgainWhenOneGoes) {
+    std::vector<std::unique_ptr<TestClient>> all;
+    for (std::size_t i = 0; i < LineServer::clientLimit; ++i)
+        all.push_back(std::make_unique<TestClient>(server.path()));
+    EXPECT_EQ(Json::parse(all.back()->ask(request("echo"))).at("id"), 1);
+
+    TestClient extra = client();
+    EXPECT_EQ(Json::parse(extra.line().value_or("null")).at("error").at("code"), -32002);
+    EXPECT_TRUE(extra.ended());
+    all.pop_back();
+    all.pop_back();
+    EXPECT_TRUE(clientsBecome(LineServer::clientLimit - 1));
+}
+
+TEST_F(LineServerTest, WithoutDescriptorsLeftTheServerLetsClientsInAgainWhenThereAreSome) {
+    ToyServer small(folder.file("small.sock"), 24);
+    // What needs a descriptor once, such as a sanitizer's look at a type, has had it when the first client
+    // has gone.
+    TestClient(small.path()).ask(request("echo"));
+    while (Json::parse(TestClient(small.path()).ask(request("status"))).at("result").at("gone") == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::vector<std::unique_ptr<TestClient>> all;
+    all.reserve(40);
+    for (int i = 0; i < 40; ++i)
+        all.push_back(std::make_unique<TestClient>(small.path()));
+    EXPECT_EQ(Json::parse(all.front()->ask(request("echo"))).at("id"), 1);
+    TestClient last(small.path());
+    last.send(request("echo") + "\n");
+    EXPECT_EQ(last.line(std::chrono::milliseconds(50)), std::nullopt);
+    all.clear();
+    EXPECT_TRUE(last.line().has_value());
+    EXPECT_EQ(small.stop(), 0);
+}
+
+TEST_F(LineServerTest, EndsCleanlyAndTakesItsSocketAway) {
+    TestClient connected = client();
+    connected.ask(request("echo"));
+    EXPECT_EQ(server.stop(), 0);
+    EXPECT_TRUE(connected.ended());
+    EXPECT_NE(::access(server.path().c_str(), F_OK), 0);
+}
+
+/// Gives every line back and ends the loop when its client has gone.
+class EchoHandler : public Agent::LineHandler {
+  public:
+    explicit EchoHandler(Agent::EventLoop& loop)
+        : loop_(loop) {}
+
+    void answer(Agent::ClientId /*client*/, std::string_view line, std::string& out) override { out += line; }
+    void refusal(Agent::Refusal /*reason*/, std::string& out) override { out += "refused"; }
+    void clientGone(Agent::ClientId /*client*/) override { loop_.stop(); }
+
+  private:
+    Agent::EventLoop& loop_;
+};
+
+struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe(ends.data()), 0);
+        read = Agent::Fd(ends[0]);
+        write = Agent::Fd(ends[1]);
+    }
+    Agent::Fd read;
+    Agent::Fd write;
+};
+
+/// All that comes until the other end closes.
+std::string drain(int fd) {
+    std::string all;
+    std::array<char, 65536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    for (ssize_t count = 0; (count = ::read(fd, buffer.data(), buffer.size())) > 0;)
+        all.append(buffer.data(), static_cast<std::size_t>(count));
+    return all;
+}
+
+TEST(StandardInputAndOutput, ServesOneClientUntilItsInputEnds) {
+    Pipe input;
+    Pipe output;
+    std::string lines;
+    for (int i = 0; i < 50'000; ++i)
+        lines += "line " + std::to_string(i) + "\n";
+    std::thread sending([&] {
+        EXPECT_EQ(::write(input.write.get(), lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+        input.write.close();
+    });
+    std::string answers;
+    std::thread reading([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // so that the pipe fills up first
+        answers = drain(output.read.get());
+    });
+    {
+        Agent::EventLoop loop;
+        EchoHandler handler(loop);
+        LineServer server(loop, handler);
+        server.serve(input.read.get(), output.write.get());
+        loop.run();
+    }
+    EXPECT_EQ(::fcntl(output.write.get(), F_GETFL) & O_NONBLOCK, 0) << "others share this description";
+    output.write.close();
+    sending.join();
+    reading.join();
+    EXPECT_EQ(answers, lines);
+}
+
+TEST(StandardInputAndOutput, ReadsAFileAndWritesAFile) {
+    TemporaryFolder folder;
+    const Agent::Fd input(::open(folder.file("in").c_str(), O_RDWR | O_CREAT, 0600));
+    const Agent::Fd output(::open(folder.file("out").c_str(), O_RDWR | O_CREAT, 0600));
+    ASSERT_EQ(::pwrite(input.get(), "one\ntwo\nthr", 11, 0), 11);
+    Agent::EventLoop loop;
+    EchoHandler handler(loop);
+    LineServer server(loop, handler);
+    server.serve(input.get(), output.get());
+    loop.run();
+    ::lseek(output.get(), 0, SEEK_SET);
+    EXPECT_EQ(drain(output.get()), "one\ntwo\n");
+}
+
+TEST(StandardInputAndOutput, AReaderThatHasGoneEndsTheServiceAndNotTheProcess) {
+    Pipe input;
+    Pipe output;
+    output.read.close();
+    ASSERT_EQ(::write(input.write.get(), "one\n", 4), 4);
+    Agent::EventLoop loop;
+    EchoHandler handler(loop);
+    LineServer server(loop, handler);
+    server.serve(input.read.get(), output.write.get());
+    loop.run();
+    EXPECT_EQ(server.clients(), 0U);
+}
+
+} // namespace
+} // namespace AgentTest

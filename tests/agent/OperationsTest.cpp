@@ -1,0 +1,295 @@
+// Operations in process, with the real plug-in.
+#include "agent/Operations.h"
+
+#include "agent/OperationError.h"
+#include "records/LumenFib.h"
+#include "tests/agent/InProcessAgent.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <random>
+#include <vector>
+
+namespace AgentTest {
+namespace {
+
+using Agent::Change;
+using Agent::OperationError;
+
+const char* const vrfs = "routing/hardware/route/status";
+const char* const enabled = "routing/multicast/fibenabled/status";
+const char* const userFibs = "lumen/multicast/fib/ipv4/user";
+const Json route{{"source", "10.0.0.1/32"}, {"group", "239.1.1.1/32"}};
+
+Json requestKey(unsigned intf = 5, unsigned type = 0) {
+    return {{"intf", "Ethernet" + std::to_string(intf)},
+            {"vrfId", 3},
+            {"vlanId", 10},
+            {"sourceIp", "10.0.0.1"},
+            {"groupIp", "239.1.1.1"},
+            {"type", type}};
+}
+
+TEST(OperationsTest, WrittenRowsAreFilledInBeforeTheyAreSeen) {
+    InProcessAgent agent;
+    const std::string fib = std::string(userFibs) + "/red";
+    EXPECT_TRUE(agent.operations.change(setOf(fib, "route", route, {{"intf", {"Ethernet1"}}})));
+
+    // A further write changes the row in place, and advances its version last and once.
+    struct Heard {
+        std::vector<State::AttributeId> attributes;
+    } heard;
+    using Lumen::Multicast::Fib::StatusByVrf;
+    const auto fibs = State::handleCast<StatusByVrf>(agent.host.entityStore()->entity(userFibs));
+    const auto row =
+        fibs->status(Lumen::Multicast::Fib::MfibVrfName("red"))
+            ->route(State::fromDatum<Lumen::Multicast::Fib::IpGenRouteKey>(Agent::toDatum(route)));
+    ASSERT_TRUE(row);
+    const auto note = [](void* self, const State::Notification& change) {
+        static_cast<Heard*>(self)->attributes.push_back(change.attribute);
+    };
+    row->subscribe(&heard, note);
+    EXPECT_TRUE(agent.operations.change(
+        setOf(fib, "route", route, {{"ready", 0}, {"intf", {"Ethernet2", "Ethernet3"}}})));
+    EXPECT_EQ(heard.attributes, (std::vector<State::AttributeId>{0, 1, 2}));
+    EXPECT_FALSE(agent.operations.change(setOf(fib, "route", route, {{"intf", {"Ethernet3", "Ethernet2"}}})));
+    EXPECT_EQ(heard.attributes.size(), 3U) << "an equal write was announced";
+    row->unsubscribe(&heard, note);
+}
+
+TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {
+    InProcessAgent agent;
+    const std::string attribute = "route";
+    const State::Datum key = Agent::toDatum(route);
+    for (const std::string table :
+         {"routing/multicast/routestatus/red/static", "lumen/multicast/fib/ipv4/user/red"}) {
+        EXPECT_FALSE(agent.operations.change(delOf(table, attribute, route)));
+        EXPECT_EQ(agent.operations.members(table, attribute).size, 0U);
+        EXPECT_EQ(agent.operations.value(table, attribute, &key), std::nullopt);
+        EXPECT_TRUE(agent.operations.change({.path = table}));
+        EXPECT_FALSE(agent.operations.change({.path = table}));
+        EXPECT_TRUE(agent.operations.change(setOf(table, attribute, route, Json::object())));
+        EXPECT_EQ(agent.operations.members(table, attribute).size, 1U);
+        EXPECT_TRUE(agent.operations.change(delOf(table, attribute, route)));
+    }
+    EXPECT_EQ(agent.get(userFibs, "status").size(), 1U);
+}
+
+TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
+    InProcessAgent agent;
+    struct Wrong {
+        Change change;
+        std::string text;
+        std::string field;
+    };
+    const std::string requests = "api/mroute/req";
+    Json unknownField = requestKey();
+    unknownField["vlan"] = 1;
+    Json badSource = requestKey();
+    badSource["sourceIp"] = "10.0.0";
+    const Wrong cases[] = {
+        {setOf("api/mroute/reqs", "mrouteReq", requestKey()), "nearest known one is api/mroute/req", ""},
+        {setOf("routing/multicast/routestatus/red/user", "route", route),
+         "routing/multicast/routestatus/VRF/TYPE, where TYPE is static or sparsemode", ""},
+        {setOf("routing/multicast/routestatus//static", "route", route), "unknown path", ""},
+        {setOf(std::string(userFibs) + "/" + std::string(101, 'v'), "route", route, Json::object()),
+         "length > 100", ""},
+        {setOf("", "x", 1), "unknown path \"\"", ""},
+        {setOf(requests, "mrouteResp", requestKey()), "has mrouteReq", "attribute"},
+        {setOf(requests, "", nullptr), "an attribute must be named", "attribute"},
+        {setOf(requests, "mrouteReq", nullptr), "the member's key must be given", "key"},
+        {setOf(requests, "mrouteReq", requestKey(), 1), "keys without values", "value"},
+        {setOf(requests, "mrouteReq", unknownField), "has no attribute \"vlan\"", "key"},
+        {setOf(requests, "mrouteReq", badSource), "'10.0.0' is none", "sourceIp"},
+        {setOf(requests, "mrouteReq", "red"), "takes an object, not a string", "key"},
+        {setOf(enabled, "vrfEnabled", "red"), "must be given a value", "value"},
+        {setOf(enabled, "vrfEnabled", "red", 1), "takes true or false", "value"},
+        {setOf(enabled, "vrfEnabled", std::string(101, 'v'), true), "length > 100", "key"},
+        {setOf(vrfs, "vrfStatus", "red", {{"vrfId", -1}}), "not a negative number", "vrfId"},
+        {setOf(vrfs, "vrfStatus", "red", {{"id", 1}}), "has no attribute \"id\"", "value"},
+        {delOf(enabled, "vrfEnabled", 7), "takes a string", "key"},
+        {delOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", nullptr), "set, not removed",
+         "attribute"},
+        {setOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", 1, true), "it has no key",
+         "key"},
+    };
+    for (const Wrong& wrong : cases) {
+        try {
+            agent.operations.change(wrong.change);
+            ADD_FAILURE() << wrong.change.path << " " << wrong.text;
+        } catch (const OperationError& error) {
+            EXPECT_EQ(error.code(), -32602);
+            EXPECT_NE(std::string(error.what()).find(wrong.text), std::string::npos) << error.what();
+            EXPECT_EQ(error.where().path, wrong.change.path);
+            EXPECT_EQ(error.where().field, wrong.field) << error.what();
+        }
+    }
+    EXPECT_EQ(agent.operations.counters().changes, 0U);
+}
+
+TEST(OperationsTest, PagesFollowOneAnother) {
+    InProcessAgent agent;
+    for (unsigned i = 0; i < 25; ++i) {
+        agent.operations.change(setOf("api/mgroup/req", "mgroupReq", requestKey(i)));
+    }
+    const auto all = agent.operations.members("api/mgroup/req", "mgroupReq");
+    ASSERT_EQ(all.members.size(), 25U);
+    decltype(all.members) paged;
+    for (;;) {
+        const auto page = agent.operations.members("api/mgroup/req", "mgroupReq",
+                                                   paged.empty() ? nullptr : &paged.back().first, 10);
+        EXPECT_EQ(page.size, 25U);
+        if (page.members.empty()) {
+            break;
+        }
+        paged.insert(paged.end(), page.members.begin(), page.members.end());
+    }
+    EXPECT_EQ(paged, all.members);
+    const State::Datum gone = Agent::toDatum(requestKey(99));
+    EXPECT_THROW(agent.operations.members("api/mgroup/req", "mgroupReq", &gone, 10), OperationError);
+    EXPECT_TRUE(agent.operations.members("api/mgroup/req", "mgroupReq", nullptr, 0).members.empty());
+}
+
+TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
+    InProcessAgent agent;
+    agent.host.start();
+    std::vector<Change> changes{setOf(vrfs, "vrfStatus", "red", {{"vrfId", 3}}),
+                                {.path = std::string(userFibs) + "/red"},
+                                {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
+                                setOf(enabled, "vrfEnabled", "red", true)};
+    for (unsigned i = 0; i < 16000; ++i) {
+        changes.push_back(setOf("api/mroute/req", "mrouteReq", requestKey(i)));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const auto result = agent.operations.apply(changes);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    EXPECT_EQ(result.changed, 16004U);
+    EXPECT_EQ(result.answers.size(), 16000U);
+    RecordProperty("milliseconds", static_cast<int>(took.count() * 1000));
+    EXPECT_LT(took.count(), 5.0) << "something is quadratic";
+
+    changes.back().key = Agent::toDatum(requestKey(0, 1)); // the twin of the first
+    changes.erase(changes.begin(), changes.begin() + 4);
+    try {
+        agent.operations.apply(changes);
+        ADD_FAILURE() << "a twin was let through";
+    } catch (const OperationError& error) {
+        EXPECT_EQ(error.where().index, 15999U);
+    }
+}
+
+/// Draws changes of a small world, in which guards are often hit.
+class Draw {
+  public:
+    explicit Draw(unsigned seed)
+        : random_(seed) {}
+
+    std::size_t below(std::size_t count) { return random_() % count; }
+
+    Change change() {
+        static const std::string names[] = {"red", "blue", "green", "default"};
+        const std::string vrf = names[below(4)];
+        const std::string fib =
+            std::string("lumen/multicast/fib/ipv4/") + (below(2) == 0 ? "user" : "sparsemode");
+        switch (below(11)) {
+        case 0:
+        case 1:
+            return setOf(vrfs, "vrfStatus", vrf, {{"vrfId", below(4)}});
+        case 2:
+            return delOf(vrfs, "vrfStatus", vrf);
+        case 3:
+            return setOf(enabled, "vrfEnabled", vrf, below(3) != 0);
+        case 4:
+            return delOf(enabled, "vrfEnabled", vrf);
+        case 5:
+            return {.path = fib + "/" + vrf};
+        case 6:
+            return below(2) == 0 ? setOf(fib, "status", vrf, Json::object()) : delOf(fib, "status", vrf);
+        case 7:
+            return setOf(fib + "/" + vrf, "route", route,
+                         {{"intf", {"Ethernet" + std::to_string(below(3))}}});
+        case 8:
+            return setOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", nullptr,
+                         below(2) == 0);
+        case 9:
+            return delOf("api/mroute/req", "mrouteReq", key());
+        default:
+            return setOf("api/mroute/req", "mrouteReq", key());
+        }
+    }
+
+  private:
+    Json key() {
+        Json key = requestKey(static_cast<unsigned>(below(2)), static_cast<unsigned>(below(3)));
+        key["vrfId"] = below(4);
+        key["groupIp"] = below(4) == 0 ? "0.0.0.0" : "239.1.1.1";
+        key["sourceIp"] = below(4) == 0 ? "0.0.0.0" : "10.0.0.1";
+        return key;
+    }
+
+    std::mt19937 random_;
+};
+
+Json picture(const InProcessAgent& agent) {
+    Json all = {agent.get(vrfs, "vrfStatus"), agent.get(enabled, "vrfEnabled"),
+                agent.get("api/mroute/req", "mrouteReq"), agent.get("api/mroute/resp", "mrouteResp")};
+    for (const char* type : {"user", "sparsemode"}) {
+        const std::string fibs = std::string("lumen/multicast/fib/ipv4/") + type;
+        for (const auto& fib : agent.get(fibs, "status")) {
+            all.push_back(agent.get(fibs + "/" + fib[0].get<std::string>(), "route"));
+        }
+    }
+    return all;
+}
+
+/// Carries out changes one by one as far as they are let through.
+std::size_t carryOutSingly(InProcessAgent& agent, const std::vector<Change>& changes) {
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        try {
+            agent.operations.change(changes[i]);
+        } catch (const OperationError& error) {
+            EXPECT_EQ(error.code(), -32000) << error.what();
+            return i;
+        }
+    }
+    return changes.size();
+}
+
+// What a list of changes is judged by, worked out without carrying them out, must be what the stores would
+// say; and whatever the guards let through, the plug-in must survive.
+TEST(OperationsTest, AListIsJudgedAsItsChangesOneByOneWouldBe) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Draw draw(seed);
+    InProcessAgent listed;
+    InProcessAgent single;
+    listed.host.start();
+    single.host.start();
+    std::size_t refusals = 0;
+    for (int round = 0; round < 1500; ++round) {
+        std::vector<Change> changes(1 + draw.below(8));
+        for (Change& change : changes) {
+            change = draw.change();
+        }
+        const std::size_t fit = carryOutSingly(single, changes);
+        if (fit < changes.size()) {
+            ++refusals;
+            const Json before = picture(listed);
+            try {
+                listed.operations.apply(changes);
+                FAIL() << "the list went through, but its change " << fit << " alone does not";
+            } catch (const OperationError& error) {
+                ASSERT_EQ(error.where().index, fit) << error.what();
+            }
+            ASSERT_EQ(picture(listed), before) << "a refused list changed something";
+            changes.resize(fit);
+        }
+        ASSERT_NO_THROW(listed.operations.apply(changes));
+        ASSERT_EQ(picture(listed), picture(single));
+    }
+    EXPECT_GT(refusals, 100U);
+}
+
+} // namespace
+} // namespace AgentTest

@@ -1,0 +1,138 @@
+#include "tests/ctl/FakeAgent.h"
+
+#include "ctl/CommandLine.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+namespace CtlTest {
+
+FakeAgent::FakeAgent(Answer answer)
+    : answer_(std::move(answer))
+    , folder_((std::filesystem::temp_directory_path() / "kestrelctl-test-XXXXXX").string())
+    , listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    , stop_(::eventfd(0, EFD_CLOEXEC)) {
+    if (::mkdtemp(folder_.data()) == nullptr)
+        throw std::runtime_error("no folder for the test's socket");
+    path_ = folder_ + "/agent.sock";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.data(), path_.size());
+    if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener_, 8) != 0)
+        throw std::runtime_error("no socket for the test");
+    thread_ = std::thread([this] { serve(); });
+}
+
+FakeAgent::~FakeAgent() {
+    ::eventfd_write(stop_, 1);
+    thread_.join();
+    ::close(listener_);
+    ::close(stop_);
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+void FakeAgent::serve() {
+    for (;;) {
+        std::array<pollfd, 2> waits{{{listener_, POLLIN, 0}, {stop_, POLLIN, 0}}};
+        ::poll(waits.data(), waits.size(), -1);
+        if (waits[1].revents != 0)
+            return;
+        const int client = ::accept(listener_, nullptr, nullptr);
+        {
+            const std::lock_guard lock(mutex_);
+            client_ = client;
+        }
+        serveClient();
+        const std::lock_guard lock(mutex_);
+        ::close(std::exchange(client_, -1));
+    }
+}
+
+void FakeAgent::serveClient() {
+    std::string received;
+    for (;;) {
+        std::array<pollfd, 2> waits{{{client_, POLLIN, 0}, {stop_, POLLIN, 0}}};
+        ::poll(waits.data(), waits.size(), -1);
+        std::array<char, 65536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
+        const ssize_t count =
+            waits[1].revents != 0 ? 0 : ::recv(client_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (count <= 0)
+            return;
+        received.append(buffer.data(), static_cast<std::size_t>(count));
+        for (std::size_t end = 0; (end = received.find('\n')) != std::string::npos;) {
+            const Json request = Json::parse(received.substr(0, end));
+            received.erase(0, end + 1);
+            const std::string answer = answer_(request);
+            tell(answer);
+            {
+                const std::lock_guard lock(mutex_);
+                requests_.push_back(request);
+            }
+            if (answer.empty())
+                return;
+        }
+    }
+}
+
+void FakeAgent::tell(const std::string& text) {
+    const std::lock_guard lock(mutex_);
+    for (std::size_t sent = 0; client_ >= 0 && sent < text.size();) {
+        const ssize_t count = ::send(client_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (count < 0)
+            return;
+        sent += static_cast<std::size_t>(count);
+    }
+}
+
+std::vector<Json> FakeAgent::requests() const {
+    const std::lock_guard lock(mutex_);
+    return requests_;
+}
+
+bool FakeAgent::awaitRequests(std::size_t count) const {
+    for (int i = 0; i < 5000; ++i) {
+        if (requests().size() >= count)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
+std::string resultLine(const Json& request, const Json& result) {
+    return Json{{"jsonrpc", "2.0"}, {"id", request.at("id")}, {"result", result}}.dump() + "\n";
+}
+
+std::string errorLine(const Json& request, const Json& error) {
+    return Json{{"jsonrpc", "2.0"}, {"id", request.at("id")}, {"error", error}}.dump() + "\n";
+}
+
+std::string changedLine(const Json& change) {
+    return Json{{"jsonrpc", "2.0"}, {"method", "changed"}, {"params", change}}.dump() + "\n";
+}
+
+Outcome runCtl(const std::vector<std::string>& arguments) {
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = Ctl::run(arguments, out, err);
+    return {.status = status, .out = out.str(), .err = err.str()};
+}
+
+Outcome runCtl(const FakeAgent& agent, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--socket", agent.path()});
+    return runCtl(arguments);
+}
+
+} // namespace CtlTest

@@ -1,0 +1,66 @@
+// A server in a thread of the test that stands in for the agent: it answers each line as the test says, and
+// keeps what it was asked. One client at a time.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace CtlTest {
+
+using Json = nlohmann::ordered_json;
+
+class FakeAgent {
+  public:
+    /// Gives the text to send back for a request, lines with their newlines; nothing closes the connection.
+    using Answer = std::function<std::string(const Json& request)>;
+
+    explicit FakeAgent(Answer answer);
+    ~FakeAgent();
+    FakeAgent(const FakeAgent&) = delete;
+    FakeAgent& operator=(const FakeAgent&) = delete;
+
+    const std::string& path() const { return path_; }
+    /// What has been asked so far.
+    std::vector<Json> requests() const;
+    /// Waits until so many requests have been answered; false when they don't.
+    bool awaitRequests(std::size_t count) const;
+    /// Sends text to the client that is connected.
+    void tell(const std::string& text);
+
+  private:
+    void serve();
+    void serveClient();
+
+    Answer answer_;
+    std::string folder_;
+    std::string path_;
+    int listener_ = -1;
+    int client_ = -1;
+    int stop_ = -1;
+    mutable std::mutex mutex_;
+    std::vector<Json> requests_;
+    std::thread thread_;
+};
+
+/// Answers to a request, each a line.
+std::string resultLine(const Json& request, const Json& result);
+std::string errorLine(const Json& request, const Json& error);
+std::string changedLine(const Json& change);
+
+/// A run of kestrelctl.
+struct Outcome {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+Outcome runCtl(const std::vector<std::string>& arguments);
+/// Against a fake agent.
+Outcome runCtl(const FakeAgent& agent, std::vector<std::string> arguments);
+
+} // namespace CtlTest

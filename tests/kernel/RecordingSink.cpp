@@ -1,0 +1,146 @@
+#include "tests/kernel/RecordingSink.h"
+
+#include <gtest/gtest.h>
+
+namespace Agent::Kernel::Test {
+namespace {
+
+std::size_t at(RouteType type) {
+    return static_cast<std::size_t>(type);
+}
+
+} // namespace
+
+void RecordingSink::note(const std::string& call) {
+    ++calls;
+    if (heard)
+        heard(call);
+}
+
+RecordingSink::VrfRows* RecordingSink::entered(const VrfConfig& vrf, const char* call) {
+    auto found = vrfs.find(vrf.name);
+    if (found == vrfs.end() || found->second.config.id != vrf.id) {
+        ADD_FAILURE() << call << " for the VRF " << vrf.name << " " << vrf.id << ", which isn't entered";
+        return nullptr;
+    }
+    return &found->second;
+}
+
+// As the agent's guards: an identifier belongs to one VRF and isn't changed while the VRF is there.
+bool RecordingSink::vrf(const VrfConfig& vrf, bool multicastEnabled, std::string& why) {
+    if (refuseVrf)
+        why = refuseVrf(vrf, multicastEnabled);
+    for (const auto& [name, other] : vrfs)
+        if (other.config.id == vrf.id && name != vrf.name)
+            why = "the identifier belongs to " + name;
+    if (!why.empty())
+        return false;
+    auto [found, isNew] = vrfs.try_emplace(vrf.name, VrfRows{vrf, false, {}});
+    if (isNew)
+        EXPECT_FALSE(multicastEnabled) << "multicast in the new VRF " << vrf.name;
+    else
+        EXPECT_NE(found->second.multicast, multicastEnabled) << "no difference in VRF " << vrf.name;
+    EXPECT_EQ(found->second.config.id, vrf.id) << "the VRF " << vrf.name << " got another identifier";
+    found->second.multicast = multicastEnabled;
+    note("vrf " + vrf.name + (multicastEnabled ? " on" : " off"));
+    return true;
+}
+
+bool RecordingSink::vrfGone(const VrfConfig& vrf, std::string& why) {
+    VrfRows* rows = entered(vrf, "vrfGone");
+    if (!rows)
+        return true;
+    EXPECT_FALSE(rows->multicast) << "multicast on in the VRF " << vrf.name << " that goes";
+    EXPECT_TRUE(rows->rows[0].empty() && rows->rows[1].empty())
+        << "rows in the VRF " << vrf.name << " that goes";
+    (void)why;
+    vrfs.erase(vrf.name);
+    note("no vrf " + vrf.name);
+    return true;
+}
+
+bool RecordingSink::route(const VrfConfig& vrf, RouteType type, const MfcKey& key, std::span<const Oif> oifs,
+                          std::string& why) {
+    VrfRows* rows = entered(vrf, "route");
+    if (!rows)
+        return false;
+    Row row;
+    for (const Oif& oif : oifs) {
+        EXPECT_FALSE(oif.name.empty());
+        row[oif.ifindex] = oif.name;
+        auto [known, isNew] = names.try_emplace(oif.ifindex, oif.name);
+        EXPECT_EQ(known->second, oif.name) << "a rename of " << oif.ifindex << " wasn't told";
+    }
+    if (refuseRoute)
+        why = refuseRoute(key);
+    if (!why.empty())
+        return false;
+    auto [found, isNew] = rows->rows[at(type)].try_emplace(key, row);
+    bool mayRepeat = renamed_.erase({vrf.name, key}) > 0;
+    EXPECT_TRUE(isNew || found->second != row || mayRepeat) << "no difference in " << mfcKeyText(key);
+    found->second = row;
+    note("route " + mfcKeyText(key));
+    return true;
+}
+
+void RecordingSink::routeGone(const VrfConfig& vrf, RouteType type, const MfcKey& key) {
+    VrfRows* rows = entered(vrf, "routeGone");
+    EXPECT_TRUE(rows && rows->rows[at(type)].erase(key) == 1) << "no such row: " << mfcKeyText(key);
+    note("no route " + mfcKeyText(key));
+}
+
+bool RecordingSink::interfaceNamed(int ifindex, std::string_view name) {
+    EXPECT_TRUE(names.contains(ifindex)) << "no row was given with " << ifindex;
+    names[ifindex] = name;
+    note("name " + std::string(name));
+    if (rowsHoldNames_)
+        for (const auto& [vrf, rows] : vrfs)
+            for (const auto& byKey : rows.rows)
+                for (const auto& [key, row] : byKey)
+                    if (row.contains(ifindex))
+                        renamed_.insert({vrf, key});
+    return rowsHoldNames_;
+}
+
+void RecordingSink::interfaceGone(int ifindex) {
+    for (const auto& [vrf, rows] : vrfs)
+        for (const auto& byKey : rows.rows)
+            for (const auto& [key, row] : byKey)
+                EXPECT_FALSE(row.contains(ifindex)) << ifindex << " is gone and in " << mfcKeyText(key);
+    names.erase(ifindex);
+    note("no name " + std::to_string(ifindex));
+}
+
+std::optional<bool> RecordingSink::multicastEnabled(const VrfConfig& vrf) const {
+    auto found = vrfs.find(vrf.name);
+    return found == vrfs.end() ? std::nullopt : std::optional(found->second.multicast);
+}
+
+void RecordingSink::eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const {
+    auto found = vrfs.find(vrf.name);
+    if (found == vrfs.end())
+        return;
+    for (const auto& [key, row] : found->second.rows[at(type)]) {
+        std::vector<std::string_view> list;
+        for (const auto& [ifindex, name] : row)
+            list.push_back(rowsHoldNames_ ? name : names.at(ifindex));
+        visit(key, list);
+    }
+}
+
+std::string RecordingSink::row(const std::string& vrf, const MfcKey& key, RouteType type) const {
+    auto rows = vrfs.find(vrf);
+    if (rows == vrfs.end() || !rows->second.rows[at(type)].contains(key))
+        return "absent";
+    std::string text;
+    for (const auto& [ifindex, name] : rows->second.rows[at(type)].at(key))
+        text += (text.empty() ? "" : " ") + (rowsHoldNames_ ? name : names.at(ifindex));
+    return text.empty() ? "none" : text;
+}
+
+std::size_t RecordingSink::rowCount(const std::string& vrf) const {
+    auto rows = vrfs.find(vrf);
+    return rows == vrfs.end() ? 0 : rows->second.rows[0].size() + rows->second.rows[1].size();
+}
+
+} // namespace Agent::Kernel::Test

@@ -1,0 +1,319 @@
+// The text forms of values, byte for byte and back, and what each type refuses.
+#include "records/IpGenRouteKey.h"
+#include "records/IpMcastKey.h"
+#include "records/MrouteGroup.h"
+#include "records/NatMrouteKey.h"
+#include "records/NatMrouteOifSet.h"
+#include "records/OifIndex.h"
+#include "records/VrfName.h"
+#include "state/Value.h"
+
+#include "tests/TestSeed.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using KestrelNat::NatMrouteKey;
+using KestrelNat::NatMrouteOifSet;
+using KestrelNat::NatRequestType;
+using L3::IntfId;
+using L3::IpAddr;
+using L3::IpGenAddr;
+using L3::IpGenPrefix;
+using Routing::Multicast::Fib::IpGenRouteKey;
+
+// What() of the error that `body` raises; empty if it raises none.
+template <class Body>
+std::string refusal(Body body) {
+    try {
+        body();
+    } catch (const State::Error& error) {
+        return error.what();
+    }
+    return "";
+}
+
+template <class T>
+void expectRoundTrip(const T& value, const std::string& text) {
+    EXPECT_EQ(State::valueText(value), text);
+    EXPECT_EQ(State::parseValue<T>(text), value);
+    EXPECT_EQ(State::fromDatum<T>(State::toDatum(value)), value);
+}
+
+NatMrouteKey request() {
+    return {IntfId("Ethernet1"),          3U, 10, IpAddr("10.0.0.1"), IpAddr("239.1.1.1"),
+            NatRequestType::mgroupRequest};
+}
+
+TEST(ValueForms, OfTheRequestKeyAndTheAnswer) {
+    EXPECT_EQ(request().stringValue(),
+              "NatMrouteKey (I=Ethernet1, vrfId=3, V=10, S=10.0.0.1, G=239.1.1.1), type=mgroupRequest");
+    EXPECT_EQ(State::valueText(NatMrouteKey{}),
+              "NatMrouteKey (I=, vrfId=0, V=0, S=0.0.0.0, G=0.0.0.0), type=mrouteRequest");
+    NatMrouteKey unknown = request();
+    unknown.type = NatRequestType{255};
+    EXPECT_TRUE(unknown.stringValue().ends_with("), type=255"));
+
+    NatMrouteOifSet answer;
+    EXPECT_EQ(answer.stringValue(), "NatMrouteOifSet {}");
+    answer.oifIs(IntfId("ValueForms1"));
+    EXPECT_EQ(answer.stringValue(), "NatMrouteOifSet {ValueForms1, }");
+    answer.oifIs(IntfId("ValueForms2"));
+    answer.oifIs(IntfId("ValueForms1"));
+    EXPECT_EQ(State::valueText(answer), "NatMrouteOifSet {ValueForms1, ValueForms2, }");
+}
+
+TEST(ValueForms, OfKeysReadBackAsTheyWereWritten) {
+    expectRoundTrip(IpGenRouteKey::host(IpAddr("10.0.0.1"), IpAddr("239.1.1.1")),
+                    "Routing::Multicast::Fib::IpGenRouteKey(source=10.0.0.1/32, group=239.1.1.1/32)");
+    expectRoundTrip(IpGenRouteKey{IpGenPrefix::fromString("0.0.0.0/0"), IpGenPrefix::fromString("ff0e::/16")},
+                    "Routing::Multicast::Fib::IpGenRouteKey(source=0.0.0.0/0, group=ff0e::/16)");
+    expectRoundTrip(KestrelL3::IpMcastKey{.vrfId = 65535,
+                                          .source = IpAddr("10.0.0.1"),
+                                          .group = IpGenAddr::fromString("ff0e::1"),
+                                          .vlanId = 4094},
+                    "KestrelL3::IpMcastKey(vrfId=65535, source=10.0.0.1, group=ff0e::1, vlanId=4094)");
+    expectRoundTrip(KestrelCommon::MrouteGroup::MgroupItem{.groupId = 4294967295U},
+                    "KestrelCommon::MrouteGroup::MgroupItem(groupId=4294967295)");
+    expectRoundTrip(L3::VrfName("red"), "\"red\"");
+    expectRoundTrip(L3::VrfName("\"a\\b\"\n\t\x01\x7f, (c=d)\xc3\xa9"), R"("\"a\\b\"\n\t\x01\x7f, (c=d)é")");
+    expectRoundTrip(L3::VrfId(0x00ffffff), "16777215");
+    expectRoundTrip(IntfId("Ethernet1"), "Ethernet1");
+    expectRoundTrip(IntfId(), "");
+    expectRoundTrip(NatRequestType::mgroupRequest, "mgroupRequest");
+    expectRoundTrip(NatRequestType{7}, "7");
+}
+
+TEST(ValueForms, OfAddressesReadBackAndNormalise) {
+    for (const char* text : {"0.0.0.0", "10.0.0.1", "255.255.255.255"}) {
+        EXPECT_EQ(IpAddr(text).stringValue(), text);
+        EXPECT_EQ(IpGenAddr::fromString(text).stringValue(), text);
+        EXPECT_EQ(IpGenAddr::fromString(text).ipv4(), IpAddr(text));
+    }
+    // Shortened as RFC 5952 has it: the longest run of zero groups, the first of equals, never a single one.
+    const std::vector<std::pair<std::string, std::string>> forms{
+        {"::", "::"},
+        {"::1", "::1"},
+        {"1::", "1::"},
+        {"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},
+        {"2001:0db8::0001", "2001:db8::1"},
+        {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},
+        {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},
+        {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},
+        {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
+        {"ff0e:0:0:0:0:0:1:0", "ff0e::1:0"},
+    };
+    for (const auto& [given, shown] : forms) {
+        EXPECT_EQ(IpGenAddr::fromString(given).stringValue(), shown);
+    }
+    const std::uint32_t seed = testSeed();
+    SCOPED_TRACE(seedText(seed));
+    std::mt19937 random(seed);
+    for (int i = 0; i < 2000; ++i) {
+        std::array<std::uint8_t, 16> bytes{};
+        for (std::size_t group = 0; group < bytes.size(); group += 2) {
+            if (random() % 2 == 0) {
+                bytes[group] = static_cast<std::uint8_t>(random() % 3);
+                bytes[group + 1] = static_cast<std::uint8_t>(random());
+            }
+        }
+        const IpGenAddr address(L3::AddressFamily::ipv6, bytes);
+        ASSERT_EQ(IpGenAddr::fromString(address.stringValue()), address) << address.stringValue();
+    }
+}
+
+TEST(ValueForms, MalformedAddressesAreRefusedByTypeAndText) {
+    for (const char* text : {"", "10.0.0", "10.0.0.256", "10.0.0.01", "10.0.0.1 ", " 10.0.0.1", "10.0.0.1.",
+                             "10.0.0.-1", "10..0.1", "0x10.0.0.1", "10.0.0.1/32"}) {
+        EXPECT_EQ(refusal([&] { IpAddr{text}; }), "L3::IpAddr: '" + std::string(text) + "' is none");
+    }
+    for (const char* text :
+         {"", ":", "1", "1::2::3", "12345::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9",
+          "1:2:3:4:5:6:7:8::", ":1:2:3:4:5:6:7", "1:2:3:4:5:6:7:", ":::", "g::", "::1%eth0"}) {
+        EXPECT_EQ(refusal([&] { IpGenAddr::fromString(text); }),
+                  "L3::IpGenAddr: '" + std::string(text) + "' is none");
+    }
+    for (const char* text :
+         {"10.0.0.1", "10.0.0.1/", "10.0.0.1/032", "10.0.0.1/-1", "10.0.0.1/256", "10.0.0.1/3 "}) {
+        EXPECT_EQ(refusal([&] { IpGenPrefix::fromString(text); }),
+                  "L3::IpGenPrefix: '" + std::string(text) + "' is none");
+    }
+    EXPECT_EQ(refusal([] { IpGenPrefix::fromString("10.0.0.1/33"); }),
+              "IpGenPrefix::length > 32 not allowed: 10.0.0.1/33");
+    EXPECT_EQ(refusal([] { IpGenPrefix::fromString("::/129"); }),
+              "IpGenPrefix::length > 128 not allowed: ::/129");
+}
+
+TEST(ValueForms, MalformedTextsAreRefusedByTypeAttributeAndPlace) {
+    const std::string type = "Routing::Multicast::Fib::IpGenRouteKey";
+    const auto parse = [](const std::string& text) {
+        return refusal([&] { State::parseValue<IpGenRouteKey>(text); });
+    };
+    EXPECT_EQ(parse(""), type + ": expected '" + type + "' at column 1 of ''");
+    EXPECT_EQ(parse(type + "(source=10.0.0.1/32, group=nobody)"),
+              type + ", attribute group: L3::IpGenPrefix: 'nobody' is none");
+    EXPECT_TRUE(parse(type + "(source=10.0.0.1/32)")
+                    .starts_with(type + ", attribute group: " + type + ": expected ', ' at column "));
+    EXPECT_TRUE(parse(type + "(group=10.0.0.1/32)").starts_with(type + ", attribute source: "));
+    const std::string whole = State::valueText(IpGenRouteKey{});
+    EXPECT_TRUE(parse(whole + " ").starts_with(type + ": expected the end at column "));
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        EXPECT_NE(parse(whole.substr(0, length)), "") << length;
+    }
+
+    for (const char* text : {"red", "\"red", "\"a\\q\"", "\"a\\x1\"", "\"a\\xg0\"", "\"a\"b", "\"a\\"}) {
+        EXPECT_THROW(State::parseValue<L3::VrfName>(text), State::ParseError) << text;
+    }
+    for (const char* text : {"", "-1", "+1", "x", "1x", "18446744073709551616"}) {
+        EXPECT_THROW(State::parseValue<L3::VrfId>(text), State::ParseError) << text;
+    }
+    EXPECT_EQ(refusal([] { State::parseValue<NatRequestType>("mcastRequest"); }),
+              "KestrelNat::NatRequestType has no enumerator \"mcastRequest\"");
+    EXPECT_THROW(State::parseValue<NatRequestType>("256"), State::RangeError);
+    EXPECT_DEATH(State::parseValue<NatMrouteOifSet>("NatMrouteOifSet {}"),
+                 "No String constructor for NatMrouteOifSet - has collection");
+}
+
+TEST(ValueForms, PlainDataOfTheWrongKindIsRefusedByAttribute) {
+    using State::Datum;
+    const auto read = [](const char* field, Datum content) {
+        return refusal([&] {
+            State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{field, std::move(content)}}));
+        });
+    };
+    const std::string type = "KestrelNat::NatMrouteKey";
+    EXPECT_EQ(read("vlanId", std::uint64_t{65536}),
+              type + ", attribute vlanId: uint16 takes no number above 65535, not 65536");
+    EXPECT_EQ(read("vlanId", "10"), type + ", attribute vlanId: uint16 takes a number, not a string");
+    EXPECT_EQ(read("vlanId", std::int64_t{-1}),
+              type + ", attribute vlanId: uint16 takes a number, not a negative number");
+    EXPECT_EQ(read("vrfId", std::uint64_t{0x01000000}),
+              type + ", attribute vrfId: VrfId::value > 0x00ffffff not allowed");
+    EXPECT_EQ(read("intf", Datum::List{}),
+              type + ", attribute intf: L3::IntfId takes a string, not an array");
+    EXPECT_EQ(read("sourceIp", "10.0.0"), type + ", attribute sourceIp: L3::IpAddr: '10.0.0' is none");
+    EXPECT_EQ(read("type", true),
+              type + ", attribute type: KestrelNat::NatRequestType takes an enumerator's name or "
+                     "number, not a boolean");
+    EXPECT_EQ(read("vrf", std::uint64_t{3}), type + " has no attribute \"vrf\"");
+    EXPECT_EQ(refusal([] { State::fromDatum<NatMrouteKey>(Datum("key")); }),
+              type + " takes an object, not a string");
+    EXPECT_EQ(refusal([] { State::fromDatum<NatMrouteOifSet>(Datum(Datum::Record{})); }),
+              "KestrelNat::NatMrouteOifSet takes an array, not an object");
+
+    // Fields that are left out keep their defaults; an enumerator may be given by name or number.
+    const auto byName = State::fromDatum<NatMrouteKey>(
+        Datum(Datum::Record{{"type", Datum("mgroupRequest")}, {"vlanId", Datum(std::uint64_t{9})}}));
+    NatMrouteKey expected;
+    expected.vlanId = 9;
+    expected.type = NatRequestType::mgroupRequest;
+    EXPECT_EQ(byName, expected);
+    EXPECT_EQ(State::toDatum(byName).record()->back(),
+              (std::pair<std::string, Datum>("type", Datum("mgroupRequest"))));
+}
+
+TEST(RefusedValues, NameTypeAndValue) {
+    EXPECT_EQ(L3::VrfName(std::string(100, 'a')).stringValue().size(), 100U);
+    EXPECT_EQ(refusal([] { L3::VrfName name(std::string(101, 'a')); }),
+              "L3::VrfName::length > 100 not allowed, not 101: \"" + std::string(101, 'a') + "\"");
+
+    EXPECT_EQ(L3::VrfId(0x00ffffff).value(), 0x00ffffffU);
+    EXPECT_EQ(refusal([] { L3::VrfId(0x01000000); }), "VrfId::value > 0x00ffffff not allowed");
+    EXPECT_EQ(refusal([] { L3::VrfId::fromNumber(0x100000000); }), "VrfId::value > 0x00ffffff not allowed");
+
+    using Quill::Multicast::Fib::OifIndex;
+    EXPECT_TRUE(OifIndex(512).isNull() && OifIndex().isNull() && !OifIndex(0).isNull());
+    EXPECT_EQ(refusal([] { OifIndex(513); }),
+              "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
+              "Quill::Multicast::Fib::OifIndex::null not allowed");
+    EXPECT_NE(refusal([] { OifIndex::fromNumber(65536); }), "");
+}
+
+TEST(RefusedValues, OfInterfaceNames) {
+    EXPECT_TRUE(IntfId("").isEmpty() && IntfId() == IntfId(""));
+    const IntfId longest(std::string(63, 'e'));
+    EXPECT_EQ(IntfId(std::string(63, 'e')), longest);
+    EXPECT_EQ(IntfId::fromNumber(longest.number()), longest);
+    EXPECT_EQ(longest.stringValue(), std::string(63, 'e'));
+    const std::uint64_t names = IntfId::names();
+    EXPECT_EQ(refusal([] { IntfId(std::string(64, 'e')); }),
+              "L3::IntfId::length > 63 not allowed, not 64: \"" + std::string(64, 'e') + "\"");
+    for (const char* name : {" ", "a b", "a\t", "\n", "a\x7f", "\x01"}) {
+        EXPECT_EQ(refusal([&] { IntfId{name}; }), "L3::IntfId: name '" + std::string(name) +
+                                                      "' not allowed: it holds a blank or a control byte");
+    }
+    EXPECT_EQ(refusal([&] { IntfId::fromNumber(names + 1); }),
+              "L3::IntfId: there is no interface number " + std::to_string(names + 1));
+    EXPECT_EQ(IntfId::names(), names); // a refused name takes no number
+}
+
+TEST(RefusedValues, OfAnInterfaceNameTooMany) {
+    // In a child, because names are never given back.
+    const auto fill = [] {
+        for (std::uint64_t i = IntfId::names(); i < IntfId::maxNames; ++i) {
+            IntfId{"full" + std::to_string(i)};
+        }
+        const bool isRefused = !refusal([] { IntfId("one more"); }).empty() &&
+                               refusal([] { IntfId("onemore"); }) ==
+                                   "L3::IntfId: name 'onemore' not allowed: there are 65536 names already";
+        const bool isKnown = IntfId("full65535").number() == 65536;
+        std::exit(isRefused && isKnown ? 0 : 1);
+    };
+    EXPECT_EXIT(fill(), ::testing::ExitedWithCode(0), "");
+}
+
+// Equal values hash equally under every seed, whatever the hasher; the seed and every field count.
+TEST(Hashes, FollowTheValue) {
+    const std::uint32_t seed = testSeed();
+    SCOPED_TRACE(seedText(seed));
+    std::mt19937 random(seed);
+    const NatMrouteKey key = request();
+    std::vector<NatMrouteKey> others(6, key);
+    others[0].intf = IntfId("Ethernet2");
+    others[1].vrfId = 4U;
+    others[2].vlanId = 11;
+    others[3].sourceIp = IpAddr("10.0.0.2");
+    others[4].groupIp = IpAddr("239.1.1.2");
+    others[5].type = NatRequestType::mrouteRequest;
+    for (int i = 0; i < 100; ++i) {
+        const std::uint32_t tableSeed = static_cast<std::uint32_t>(random());
+        const auto parsed = State::fromDatum<NatMrouteKey>(State::toDatum(key));
+        EXPECT_EQ(parsed.hash(tableSeed), key.hash(tableSeed));
+        for (const NatMrouteKey& other : others) {
+            EXPECT_NE(other.hash(tableSeed), key.hash(tableSeed)) << other.stringValue();
+        }
+        // An address is equal, and so hashes equally, in either of its types' making.
+        const KestrelL3::IpMcastKey made{
+            .vrfId = 3, .source = key.sourceIp, .group = key.groupIp, .vlanId = 10};
+        const auto read = State::parseValue<KestrelL3::IpMcastKey>(State::valueText(made));
+        EXPECT_EQ(read.hash(tableSeed), made.hash(tableSeed));
+    }
+    EXPECT_NE(key.hash(1), key.hash(2));
+    // Prefix lengths and families tell keys apart.
+    const IpGenRouteKey host = IpGenRouteKey::host(key.sourceIp, key.groupIp);
+    EXPECT_NE((IpGenRouteKey{{key.sourceIp, 24}, host.group}).hash(1), host.hash(1));
+    EXPECT_NE((IpGenRouteKey{{key.groupIp, 32}, {key.sourceIp, 32}}).hash(1), host.hash(1));
+}
+
+TEST(Orders, GoByTheFirstFieldThatDiffers) {
+    const NatMrouteKey key = request();
+    NatMrouteKey other = key;
+    EXPECT_EQ(key <=> other, std::strong_ordering::equal);
+    EXPECT_TRUE(key.isEq(other));
+    other.type = NatRequestType::mrouteRequest;
+    EXPECT_LT(other, key);
+    other.sourceIp = IpAddr("10.0.0.2");
+    EXPECT_LT(key, other);
+    other.vlanId = 9;
+    EXPECT_LT(other, key);
+    other.vrfId = 4U;
+    EXPECT_LT(key, other);
+    EXPECT_LT(IpAddr("9.255.255.255"), IpAddr("10.0.0.0"));
+}
+
+} // namespace

@@ -1,0 +1,227 @@
+// Delivery of changes: to whom, in which order, and what subscribers may do to the publisher from inside it.
+#include "state/Publisher.h"
+
+#include "tests/TestSeed.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <map>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using State::Handle;
+using State::Notification;
+
+struct Source : State::Publisher {
+    static inline int alive = 0;
+    Source() { ++alive; }
+    ~Source() override { --alive; }
+};
+
+struct Subscriber {
+    std::function<void(const Notification&)> body;
+    static void dispatch(void* self, const Notification& change) {
+        static_cast<Subscriber*>(self)->body(change);
+    }
+    static void other(void*, const Notification&) {}
+};
+
+class PublisherTest : public ::testing::Test {
+  protected:
+    Subscriber named(const std::string& name, const std::function<void()>& then = {}) {
+        return {[this, name, then](const Notification& change) {
+            heard.push_back(name + std::to_string(change.attribute));
+            if (then) {
+                then();
+            }
+        }};
+    }
+    void subscribe(Subscriber& subscriber, State::AttributeMask mask = State::allAttributes) {
+        source->subscribe(&subscriber, &Subscriber::dispatch, mask);
+    }
+    void unsubscribe(const Subscriber& subscriber) {
+        source->unsubscribe(&subscriber, &Subscriber::dispatch);
+    }
+
+    Handle<Source> source = State::makeHandle<Source>();
+    std::vector<std::string> heard;
+    using Heard = std::vector<std::string>;
+};
+
+TEST_F(PublisherTest, TellsSubscribersInOrderOfSubscriptionWhatTheyWantToHear) {
+    Subscriber a = named("a");
+    Subscriber b = named("b");
+    Subscriber c = named("c");
+    source->publish(0); // nobody listens
+    subscribe(b);
+    subscribe(a, State::maskOf(1) | State::maskOf(31));
+    subscribe(c);
+    subscribe(b, State::maskOf(5)); // is there already
+    const std::string key = "key";
+    c.body = [&](const Notification& change) {
+        EXPECT_EQ(&change.publisher, source.get());
+        EXPECT_EQ(change.key == nullptr ? "none" : change.keyAs<std::string>(),
+                  change.attribute == 0 ? "none" : "key");
+    };
+    source->publish(0);
+    source->publish(1, &key);
+    unsubscribe(b);
+    unsubscribe(b); // absent
+    source->unsubscribe(&a, &Subscriber::other);
+    source->publish(31, &key);
+    EXPECT_EQ(heard, (Heard{"b0", "b1", "a1", "a31"}));
+    unsubscribe(a);
+    unsubscribe(c);
+    EXPECT_FALSE(source->hasSubscribers());
+}
+
+TEST_F(PublisherTest, OneThatComesDuringDeliveryHearsTheNextChange) {
+    Subscriber late = named("late");
+    Subscriber first = named("first", [&] { subscribe(late); });
+    subscribe(first);
+    source->publish(0);
+    EXPECT_EQ(heard, (Heard{"first0"}));
+    source->publish(1);
+    EXPECT_EQ(heard, (Heard{"first0", "first1", "late1"}));
+}
+
+TEST_F(PublisherTest, OneThatGoesDuringDeliveryHearsNoMore) {
+    Subscriber third = named("third");
+    Subscriber second = named("second", [&] { unsubscribe(second); });
+    Subscriber first = named("first", [&] { unsubscribe(third); });
+    for (Subscriber* each : {&first, &second, &third}) {
+        subscribe(*each);
+    }
+    source->publish(0);
+    source->publish(1);
+    EXPECT_EQ(heard, (Heard{"first0", "second0", "first1"}));
+}
+
+// Going and coming again is coming.
+TEST_F(PublisherTest, OneThatGoesAndComesBackStandsLast) {
+    Subscriber second = named("second");
+    Subscriber first = named("first", [&] {
+        unsubscribe(first);
+        subscribe(first);
+    });
+    subscribe(first);
+    subscribe(second);
+    source->publish(0);
+    source->publish(1);
+    EXPECT_EQ(heard, (Heard{"first0", "second0", "second1", "first1"}));
+}
+
+TEST_F(PublisherTest, LivesUntilItsOwnDeliveryIsOver) {
+    Subscriber second = named("second", [&] { EXPECT_EQ(Source::alive, 1); });
+    Subscriber first = named("first", [&] { source.reset(); });
+    subscribe(first);
+    subscribe(second);
+    const Source* held = source.get();
+    held->publish(0);
+    EXPECT_EQ(heard, (Heard{"first0", "second0"}));
+    EXPECT_EQ(Source::alive, 0);
+}
+
+// Random subscribers that come, go and publish from inside delivery. Each subscription has a serial number; a
+// delivery must reach, in ascending order, exactly those that were there when it began and are still there
+// when it reaches them.
+class RandomDelivery {
+  public:
+    explicit RandomDelivery(std::uint32_t seed)
+        : random_(seed) {
+        for (Subscriber& subscriber : subscribers_) {
+            subscriber.body = [this, &subscriber](const Notification&) { heard(subscriber); };
+        }
+    }
+
+    void round() {
+        act(0);
+        publish(0);
+    }
+    bool failed() const { return failed_; }
+
+  private:
+    static constexpr unsigned subscriberCount = 9;
+    struct Delivery {
+        std::map<unsigned, bool> expected; // serial number, whether it was heard
+        unsigned last = 0;
+        unsigned depth;
+    };
+
+    unsigned pick(unsigned below) { return std::uniform_int_distribution(0U, below - 1)(random_); }
+
+    void act(unsigned depth) {
+        for (unsigned actions = pick(4); actions > 0; --actions) {
+            Subscriber& subscriber = subscribers_[pick(subscriberCount)];
+            if (pick(5) == 0 && depth < 3) {
+                publish(depth + 1);
+            } else if (serials_.erase(&subscriber) != 0) {
+                source_->unsubscribe(&subscriber, &Subscriber::dispatch);
+            } else {
+                serials_[&subscriber] = ++lastSerial_;
+                source_->subscribe(&subscriber, &Subscriber::dispatch);
+            }
+        }
+    }
+    void publish(unsigned depth) {
+        Delivery& delivery = deliveries_.emplace_back();
+        delivery.depth = depth;
+        for (const auto& [subscriber, serial] : serials_) {
+            delivery.expected[serial] = false;
+        }
+        source_->publish(0);
+        for (const auto& [subscriber, serial] : serials_) {
+            const auto found = deliveries_.back().expected.find(serial);
+            failed_ |= found != deliveries_.back().expected.end() && !found->second;
+        }
+        deliveries_.pop_back();
+    }
+    void heard(Subscriber& subscriber) {
+        Delivery& delivery = deliveries_.back();
+        const auto serial = serials_.find(&subscriber);
+        const auto found =
+            serial == serials_.end() ? delivery.expected.end() : delivery.expected.find(serial->second);
+        if (found == delivery.expected.end() || found->second || serial->second < delivery.last) {
+            failed_ = true;
+            return;
+        }
+        found->second = true;
+        delivery.last = serial->second;
+        act(delivery.depth);
+    }
+
+    std::mt19937 random_;
+    Handle<Source> source_ = State::makeHandle<Source>();
+    std::array<Subscriber, subscriberCount> subscribers_;
+    std::map<Subscriber*, unsigned> serials_; // of those that are subscribed
+    unsigned lastSerial_ = 0;
+    std::vector<Delivery> deliveries_; // under way, innermost last
+    bool failed_ = false;
+};
+
+TEST(Publisher, DeliversToThoseWhoStayedWhateverSubscribersDo) {
+    const std::uint32_t seed = testSeed();
+    SCOPED_TRACE(seedText(seed));
+    RandomDelivery delivery(seed);
+    for (int round = 0; round < 10000; ++round) {
+        delivery.round();
+        ASSERT_FALSE(delivery.failed()) << "in round " << round;
+    }
+}
+
+TEST_F(PublisherTest, AnExceptionThatLeavesASubscriberEndsTheProcess) {
+    Subscriber thrower{
+        [](const Notification&) { throw std::runtime_error("VrfId::value > 0x00ffffff not allowed"); }};
+    subscribe(thrower);
+    EXPECT_DEATH(source->publish(0), "exception left a reactor: VrfId::value > 0x00ffffff not allowed");
+    thrower.body = [](const Notification&) { throw 7; };
+    EXPECT_DEATH(source->publish(0), "exception left a reactor: an exception that is no std::exception");
+}
+
+} // namespace

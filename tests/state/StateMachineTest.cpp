@@ -1,0 +1,153 @@
+// Reactors and nested state machines: when they hear changes, and what happens to them meanwhile.
+#include "state/StateMachine.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <vector>
+
+namespace {
+
+using State::Handle;
+
+struct Input : State::Publisher {};
+
+// A machine with one reactor, as the top-level ones are built.
+class Machine final : public State::StateMachine {
+  public:
+    explicit Machine(const Handle<Input>& input)
+        : reactor(State::Reactor::of<&Machine::inputDispatch>(this, input, State::maskOf(1))) {}
+    ~Machine() override { ++ended; }
+
+    void inputDispatch(const State::Notification& change) {
+        heard.push_back(change.attribute);
+        if (reaction) {
+            reaction();
+        }
+        ++finished; // a machine that its reaction let go is still there
+    }
+
+    static inline int ended = 0;
+    static inline int finished = 0;
+    std::function<void()> reaction;
+    std::vector<State::AttributeId> heard;
+    State::Reactor reactor;
+};
+
+using Heard = std::vector<State::AttributeId>;
+
+TEST(Reactor, HearsTheAttributesItWantsWhileItIsRegistered) {
+    const auto input = State::makeHandle<Input>();
+    auto machine = State::makeHandle<Machine>(input);
+    input->publish(1);
+    machine->reactor.registeredIs(true);
+    machine->reactor.registeredIs(true);
+    input->publish(0);
+    input->publish(1);
+    machine->reactor.registeredIs(false);
+    input->publish(1); // missed
+    machine->reactor.registeredIs(true);
+    input->publish(1);
+    EXPECT_EQ(machine->heard, (Heard{1, 1}));
+
+    machine.reset(); // goes registered, and detaches itself
+    EXPECT_FALSE(input->hasSubscribers());
+    EXPECT_EQ(input->references(), 1U);
+}
+
+TEST(Reactor, WithoutAnInputIsNeverRegistered) {
+    const auto machine = State::makeHandle<Machine>(nullptr);
+    machine->reactor.registeredIs(true);
+    EXPECT_FALSE(machine->reactor.registered());
+}
+
+TEST(Reactor, KeepsItsMachineWhileItReacts) {
+    const auto input = State::makeHandle<Input>();
+    auto machine = State::makeHandle<Machine>(input);
+    machine->reactor.registeredIs(true);
+    machine->reaction = [&] { machine.reset(); };
+    Machine::ended = Machine::finished = 0;
+    input->publish(1);
+    EXPECT_EQ(Machine::finished, 1);
+    EXPECT_EQ(Machine::ended, 1);
+}
+
+struct Owner {
+    std::vector<State::AttributeId> heard;
+};
+
+class Nested final : public State::NestedStateMachine<Nested, Input, Owner, State::maskOf(1)> {
+  public:
+    Nested(Handle<const Input> input, Owner* owner)
+        : NestedStateMachine(std::move(input), owner) {
+        attach();
+    }
+    void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
+    void notifierIs(Handle<const Input> input) {
+        repoint(std::move(input));
+        attach();
+    }
+    void onAttribute(const State::Notification& change) {
+        if (reaction) {
+            reaction();
+        }
+        if (owner() != nullptr) {
+            owner()->heard.push_back(change.attribute);
+        }
+    }
+    std::function<void()> reaction;
+};
+
+TEST(NestedStateMachine, LosesWhatItMissesWhileNotActive) {
+    Owner owner;
+    const auto input = State::makeHandle<Input>();
+    const auto nested = State::makeHandle<Nested>(input, &owner);
+    input->publish(1); // registered, not active yet
+    nested->hasNotificationActiveIs(true);
+    EXPECT_TRUE(owner.heard.empty());
+    input->publish(1);
+    input->publish(0); // not watched
+    EXPECT_EQ(owner.heard, Heard{1});
+    nested->hasNotificationActiveIs(false);
+    input->publish(1);
+    nested->hasNotificationActiveIs(true);
+    EXPECT_EQ(owner.heard, Heard{1});
+}
+
+TEST(NestedStateMachine, HearsTheNotifierItPointsAtAndNoOther) {
+    Owner owner;
+    auto first = State::makeHandle<Input>();
+    const auto second = State::makeHandle<Input>();
+    const auto nested = State::makeHandle<Nested>(first, &owner);
+    nested->hasNotificationActiveIs(true);
+    nested->notifierIs(second);
+    EXPECT_EQ(nested->notifier(), second);
+    EXPECT_EQ(first->references(), 1U);
+    first->publish(1);
+    EXPECT_TRUE(owner.heard.empty());
+    second->publish(1);
+    EXPECT_EQ(owner.heard, Heard{1});
+    nested->notifierIs(nullptr);
+    second->publish(1);
+    EXPECT_FALSE(second->hasSubscribers());
+    EXPECT_EQ(owner.heard, Heard{1});
+}
+
+TEST(NestedStateMachine, OutlivesItsOwnerAndItsLastHandleWhileItReacts) {
+    Owner owner;
+    const auto input = State::makeHandle<Input>();
+    auto nested = State::makeHandle<Nested>(input, &owner);
+    nested->hasNotificationActiveIs(true);
+    nested->reaction = [&] { nested.reset(); };
+    input->publish(1);
+    EXPECT_EQ(owner.heard, Heard{1});
+    EXPECT_FALSE(input->hasSubscribers());
+
+    nested = State::makeHandle<Nested>(input, &owner);
+    nested->hasNotificationActiveIs(true);
+    nested->ownerDel();
+    input->publish(1);
+    EXPECT_EQ(owner.heard, Heard{1});
+}
+
+} // namespace
