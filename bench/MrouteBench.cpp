@@ -1,0 +1,423 @@
+// The mroute service: from a changed route to the published answer, at 100 to 1,000,000 routes with 16,384
+// requests, beside the floor (what any implementation must do for one change: the probes, the set, two
+// writes, one notification) and beside a walk of a dense table. Then start-up, one interface change, rows
+// visited and bytes. Runs for the source of routes that the toggle chose; without arguments it runs itself
+// for both.
+#include "KestrelNat/KestrelNatMulticastSm/NatMrouteSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
+#include "bench/Report.h"
+#include "state/Trace.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <malloc.h>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace KestrelNat;
+using Routing::Multicast::Fib::IpGenRouteKey;
+using State::Handle;
+using State::makeHandle;
+using Clock = Bench::ThreadClock; // others may use the cores too
+using LumenRoute = Lumen::Multicast::Fib::Route;
+
+const bool lumen = toggleKestrelNatMfibLumenEnabled();
+using Bench::quick;
+constexpr std::size_t requestCount = 16384;
+constexpr std::size_t hotFlows = 64;
+constexpr std::uint32_t vrf = 3;
+
+// The flow of route number i; numbers are scattered so that neighbours share nothing.
+MrouteSourceAndGroup flowOf(std::size_t i) {
+    const auto mixed = static_cast<std::uint32_t>(i * 2654435761U);
+    return {.sourceIp = L3::IpAddr(0x0a000000U | (mixed >> 12 & 0xffffU)),
+            .groupIp = L3::IpAddr(0xe8000000U | static_cast<std::uint32_t>(i))};
+}
+
+double nanosecondsEach(Clock::duration duration, std::size_t count) {
+    return std::chrono::duration<double, std::nano>(duration).count() / static_cast<double>(count);
+}
+
+// Calls pass() a few times and gives the least time per call of the body in it, in nanoseconds.
+template <class Pass>
+double bestOf(int runs, std::size_t count, Pass pass) {
+    double best = 1e18;
+    for (int run = 0; run < runs; ++run) {
+        const auto begin = Clock::now();
+        pass();
+        best = std::min(best, nanosecondsEach(Clock::now() - begin, count));
+    }
+    return best;
+}
+
+// Two sets of four interfaces, between which routes change.
+struct Interfaces {
+    L3::IntfSet sets[2];
+    Quill::Multicast::Fib::Route rows[2];
+    Interfaces() {
+        for (std::uint16_t i = 0; i < 8; ++i) {
+            sets[i / 4].insert(L3::IntfId("Ethernet" + std::to_string(i + 1)));
+            rows[i / 4].oifs.insert(static_cast<std::uint16_t>(i + 1));
+        }
+    }
+};
+
+// Heard notifications, so that none is optimised away.
+struct Counter {
+    std::uint64_t heard = 0;
+    static void hear(void* self, const State::Notification&) { ++static_cast<Counter*>(self)->heard; }
+};
+
+// ---- the system: one VRF, one table with routes, requests for the first routes
+
+class System {
+  public:
+    System(std::size_t routes, std::size_t requests, const Interfaces& interfaces) {
+        const NatMcastRouteKey key{.vrfId = vrf, .routeName = staticRouteType()};
+        map_->vrfNameToIdIs("red", vrf);
+        for (std::uint16_t i = 1; i <= 8; ++i) {
+            table_->oifIndexIntfIs(i, L3::IntfId("Ethernet" + std::to_string(i)));
+        }
+        for (std::size_t i = 0; i < routes; ++i) {
+            const auto flow = flowOf(i);
+            const auto routeKey = IpGenRouteKey::host(flow.sourceIp, flow.groupIp);
+            if (lumen) {
+                auto route = makeHandle<LumenRoute>(routeKey);
+                route->intfIs(interfaces.sets[0]);
+                fib_->routeIs(route);
+                if (i < requests) {
+                    changed_.push_back(std::move(route));
+                }
+            } else {
+                table_->routeIs(routeKey, interfaces.rows[0]);
+            }
+        }
+        for (std::size_t i = 0; i < requests; ++i) {
+            requests_->mrouteReqIs(requestOf(i));
+        }
+        if (lumen) {
+            map_->mfibIs(key, fib_);
+        } else {
+            map_->mrouteRouteIs(key, table_);
+        }
+    }
+    static NatMrouteKey requestOf(std::size_t i) {
+        const auto flow = flowOf(i);
+        return {.intf = L3::IntfId("Ethernet99"),
+                .vrfId = vrf,
+                .vlanId = 10,
+                .sourceIp = flow.sourceIp,
+                .groupIp = flow.groupIp};
+    }
+    void start() {
+        sm_ = natMrouteSmFactory(requests_, answers_, makeHandle<MulticastSmStatus>(), map_,
+                                 makeHandle<CapabilityConfig>());
+        answers_->subscribe(&counter_, &Counter::hear);
+    }
+    ~System() { answers_->unsubscribe(&counter_, &Counter::hear); }
+
+    void change(std::size_t i, const Interfaces& interfaces, std::size_t which) {
+        if (lumen) {
+            changed_[i]->intfIs(interfaces.sets[which]);
+            changed_[i]->versionAdvance();
+        } else {
+            const auto flow = flowOf(i);
+            table_->routeIs(IpGenRouteKey::host(flow.sourceIp, flow.groupIp), interfaces.rows[which]);
+        }
+    }
+    void changeInterface(std::uint16_t index, const char* name) {
+        table_->oifIndexIntfIs(index, L3::IntfId(name));
+    }
+    std::uint64_t heard() const { return counter_.heard; }
+
+  private:
+    Handle<NatMrouteRequestSet> requests_ = makeHandle<NatMrouteRequestSet>();
+    Handle<NatMrouteResponseMap> answers_ = makeHandle<NatMrouteResponseMap>("answers");
+    Handle<NatMrouteRouteMap> map_ = makeHandle<NatMrouteRouteMap>();
+    Handle<Lumen::Multicast::Fib::Status> fib_ = makeHandle<Lumen::Multicast::Fib::Status>("user");
+    Handle<Quill::Multicast::Fib::Status> table_ = makeHandle<Quill::Multicast::Fib::Status>("static");
+    std::vector<Handle<LumenRoute>> changed_;
+    Handle<NatMrouteSm> sm_;
+    Counter counter_;
+};
+
+// ---- the floor: the same containers, probed and written as one change must, and nothing else
+
+class Floor {
+  public:
+    Floor(std::size_t routes, std::size_t requests, const Interfaces& interfaces) {
+        for (std::size_t i = 0; i < routes; ++i) {
+            const auto flow = flowOf(i);
+            routes_->routeIs(IpGenRouteKey::host(flow.sourceIp, flow.groupIp), interfaces.rows[0]);
+        }
+        for (std::size_t i = 0; i < requests; ++i) {
+            const auto key = System::requestOf(i);
+            matcher_->add(MrouteSourceAndGroup::of(key), key);
+            MrouteIntfAndVlanSet set;
+            set.ivIs(MrouteIntfAndVlan::of(key));
+            requesters_.is(VrfIdMrouteSourceAndGroup::of(key), set);
+        }
+        published_->subscribe(&counter_, &Counter::hear);
+    }
+    ~Floor() { published_->unsubscribe(&counter_, &Counter::hear); }
+
+    void change(std::size_t i, const Interfaces& interfaces, std::size_t which) {
+        const NatMrouteKey key = System::requestOf(i);
+        const auto sg = MrouteSourceAndGroup::of(key);
+        if (!matcher_->matches(sg) || requesters_.find({.vrfId = vrf, .sg = sg}) == nullptr ||
+            routes_->routeCollection().find(IpGenRouteKey::host(sg.sourceIp, sg.groupIp)) == nullptr) {
+            std::abort();
+        }
+        const NatMrouteOifSet answer(interfaces.sets[which]);
+        own_->mrouteRespIs(key, answer);
+        published_->mrouteRespIs(key, answer);
+    }
+
+  private:
+    Handle<Quill::Multicast::Fib::Status> routes_ = makeHandle<Quill::Multicast::Fib::Status>("floor");
+    Handle<NatMrouteMatcher> matcher_ = natMrouteMatcherFactory();
+    Handle<NatMrouteRouteMap> owner_ = makeHandle<NatMrouteRouteMap>();
+    State::MapAttribute<VrfIdMrouteSourceAndGroup, MrouteIntfAndVlanSet> requesters_{*owner_, 9, 550284661U};
+    Handle<NatMrouteResponseMap> own_ = makeHandle<NatMrouteResponseMap>("own");
+    Handle<NatMrouteResponseMap> published_ = makeHandle<NatMrouteResponseMap>("published");
+    Counter counter_;
+};
+
+// ---- a walk of a dense table, rows side by side with all that they hold, up to the first match
+
+class DenseWalk {
+  public:
+    DenseWalk(std::size_t routes, const Interfaces& interfaces) {
+        rows_.reserve(routes);
+        for (std::size_t i = 0; i < routes; ++i) {
+            const auto flow = flowOf(i);
+            rows_.emplace_back(IpGenRouteKey::host(flow.sourceIp, flow.groupIp), interfaces.rows[0]);
+        }
+    }
+    std::size_t find(const MrouteSourceAndGroup& flow) const {
+        const auto key = IpGenRouteKey::host(flow.sourceIp, flow.groupIp);
+        std::size_t at = 0;
+        while (at < rows_.size() && rows_[at].key() != key &&
+               !(rows_[at].key().source.ipv4().isZero() && rows_[at].key().group.ipv4() == flow.groupIp)) {
+            ++at;
+        }
+        return at;
+    }
+
+  private:
+    std::vector<Quill::Multicast::Fib::RouteRow> rows_;
+};
+
+// The flows to change, in the order of changing.
+std::vector<std::uint32_t> changesOf(std::size_t flows, std::size_t count) {
+    std::mt19937 random(7);
+    std::vector<std::uint32_t> order(count);
+    for (auto& each : order) {
+        each = static_cast<std::uint32_t>(random() % flows);
+    }
+    return order;
+}
+
+template <class Subject>
+double changeTime(Subject& subject, const Interfaces& interfaces, const std::vector<std::uint32_t>& order) {
+    std::vector<std::uint8_t> state(requestCount, 0);
+    return bestOf(quick ? 3 : 5, order.size(), [&] {
+        for (const std::uint32_t i : order) {
+            state[i] ^= 1U;
+            subject.change(i, interfaces, state[i]);
+        }
+    });
+}
+
+const char* yesNo(bool reached) {
+    return reached ? "yes" : "no";
+}
+
+struct ChangeFigures {
+    double floor[2];   // uniform, hot
+    double ringOff[2]; //
+    double ringOn[2];  //
+    double walk;
+};
+
+ChangeFigures measureChanges(std::size_t routes, const Interfaces& interfaces, std::span<std::byte> ring) {
+    const std::size_t requests = std::min(routes, requestCount);
+    const std::size_t count = quick ? 50'000 : 200'000;
+    const std::vector<std::uint32_t> orders[2] = {changesOf(requests, count),
+                                                  changesOf(std::min(requests, hotFlows), count)};
+    ChangeFigures figures{};
+    {
+        Floor floor(routes, requests, interfaces);
+        for (int hot = 0; hot < 2; ++hot) {
+            figures.floor[hot] = changeTime(floor, interfaces, orders[hot]);
+        }
+    }
+    System system(routes, requests, interfaces);
+    system.start();
+    for (int hot = 0; hot < 2; ++hot) {
+        State::traceRingIs({});
+        const auto before = system.heard();
+        figures.ringOff[hot] = changeTime(system, interfaces, orders[hot]);
+        if (system.heard() - before < count) {
+            std::printf("answers are missing: %llu heard\n",
+                        static_cast<unsigned long long>(system.heard() - before));
+            std::exit(1);
+        }
+        State::traceRingIs(ring);
+        figures.ringOn[hot] = changeTime(system, interfaces, orders[hot]);
+    }
+    const DenseWalk dense(routes, interfaces);
+    const std::size_t walks = std::max<std::size_t>(20, 5'000'000 / routes);
+    std::size_t sum = 0;
+    figures.walk = bestOf(3, walks, [&] {
+        for (std::size_t i = 0; i < walks; ++i) {
+            sum += dense.find(flowOf(i * 7919 % routes));
+        }
+    });
+    std::fprintf(stderr, "%s", sum == 0 ? "\n" : ""); // the walks are not optimised away
+    return figures;
+}
+
+void reportChanges(const std::vector<std::size_t>& sizes, const Interfaces& interfaces) {
+    std::printf("\nchange -> answer, %zu requests, %s source; ns, ratio to the floor\n", requestCount,
+                lumen ? "Lumen" : "Quill");
+    std::printf("%9s %-8s %8s %16s %16s %12s\n", "routes", "", "floor", "ring off", "ring on", "dense walk");
+    static std::vector<std::byte> ring(1U << 20U); // what follows traces into it as well
+    double hotAt100 = 0;
+    for (const std::size_t routes : sizes) {
+        const ChangeFigures f = measureChanges(routes, interfaces, ring);
+        for (int hot = 0; hot < 2; ++hot) {
+            std::printf("%9zu %-8s %8.0f %8.0f (%4.2fx) %8.0f (%4.2fx)", routes, hot != 0 ? "hot" : "uniform",
+                        f.floor[hot], f.ringOff[hot], f.ringOff[hot] / f.floor[hot], f.ringOn[hot],
+                        f.ringOn[hot] / f.floor[hot]);
+            if (hot == 0) {
+                std::printf(" %9.0f ns, %.0fx ours", f.walk, f.walk / f.ringOff[0]);
+            }
+            std::printf("\n");
+        }
+        hotAt100 = routes == 100 ? f.ringOff[1] : hotAt100;
+        for (int hot = 0; hot < 2; ++hot) {
+            std::printf("  goal ring off 2.5x: %s, ring on 3.2x: %s (%s)\n",
+                        yesNo(f.ringOff[hot] <= 2.5 * f.floor[hot]),
+                        yesNo(f.ringOn[hot] <= 3.2 * f.floor[hot]), hot != 0 ? "hot" : "uniform");
+        }
+        if (routes == 100'000 || routes == 1'000'000) {
+            const double hotGoal = routes == 100'000 ? 1.2 : 1.4;
+            const double walkGoal = routes == 100'000 ? 100 : 2000;
+            std::printf(
+                "  goal hot against 100 routes %.1fx: %.2fx %s; against the dense walk %.0fx: %.0fx %s\n",
+                hotGoal, f.ringOff[1] / hotAt100, yesNo(f.ringOff[1] <= hotGoal * hotAt100), walkGoal,
+                f.walk / f.ringOff[0], yesNo(f.walk >= walkGoal * f.ringOff[0]));
+        }
+    }
+}
+
+// Rows that one (S,G) recompute looks at, counted by the trace lines that tell of each.
+void reportRowsVisited(const Interfaces& interfaces) {
+    for (const std::size_t routes : {std::size_t{100}, std::size_t{100'000}}) {
+        System system(routes, 100, interfaces);
+        system.start();
+        const auto mark = State::traceNext();
+        system.change(7, interfaces, 1);
+        std::size_t rows = 0;
+        for (const auto& record : State::traceRecordsSince(mark)) {
+            rows += record.message.starts_with("Iterating oifs for routeKey=") ? 1U : 0U;
+        }
+        std::printf("rows visited per (S,G) recompute at %zu routes: %zu, goal 1: %s\n", routes, rows,
+                    yesNo(rows == 1));
+    }
+}
+
+void reportStartAndInterface(const Interfaces& interfaces) {
+    const std::size_t routes = 100'000;
+    System system(routes, requestCount, interfaces);
+    const auto begin = Clock::now();
+    system.start();
+    const double start = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    std::printf("start-up over a table of %zu routes, %zu requests: %.1f ms\n", routes, requestCount, start);
+    if (lumen) {
+        return;
+    }
+    bool other = false;
+    const double each = bestOf(5, routes, [&] {
+        other = !other;
+        system.changeInterface(1, other ? "Port1" : "Ethernet1");
+    });
+    std::printf("one interface change, per route of the table: %.0f ns, goal 150 ns: %s\n", each,
+                yesNo(each <= 150));
+}
+
+std::size_t heapInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+void reportBytes(const Interfaces& interfaces) {
+    const std::size_t routes = quick ? 100'000 : 1'000'000;
+    const std::size_t before = heapInUse();
+    auto system = std::make_unique<System>(routes, 0, interfaces);
+    const double stored = static_cast<double>(heapInUse() - before) / static_cast<double>(routes);
+    system->start();
+    const double watched = static_cast<double>(heapInUse() - before) / static_cast<double>(routes);
+    std::printf(
+        "bytes a route with 4 interfaces, %zu routes: %.0f stored, %.0f with its watcher, goal 130: %s\n",
+        routes, stored, watched, yesNo(stored <= 130));
+    system.reset();
+
+    const std::size_t asked = 100'000;
+    const std::size_t beforeRoutes = heapInUse();
+    auto bare = std::make_unique<System>(asked, 0, interfaces);
+    bare->start();
+    const std::size_t routesAlone = heapInUse() - beforeRoutes;
+    bare.reset();
+    const std::size_t beforeBoth = heapInUse();
+    auto both = std::make_unique<System>(asked, asked, interfaces);
+    both->start();
+    // The bench's own handle to each changed route is not the system's.
+    const std::size_t benchOwn = lumen ? asked * sizeof(Handle<LumenRoute>) : 0;
+    const double request = static_cast<double>(heapInUse() - beforeBoth - routesAlone - benchOwn) / asked;
+    std::printf("bytes a request with its answer: %.0f, goal 300: %s\n", request, yesNo(request <= 300));
+}
+
+int runHere() {
+    State::traceSinkIs([](void*, const State::TraceRecord&) {}, nullptr);
+    const Interfaces interfaces;
+    std::vector<std::size_t> sizes{100, 1'000, 10'000, 100'000, 1'000'000};
+    if (quick) {
+        sizes = {100, 10'000, 100'000};
+    }
+    reportChanges(sizes, interfaces);
+    reportRowsVisited(interfaces);
+    reportStartAndInterface(interfaces);
+    reportBytes(interfaces);
+    return 0;
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    if (count > 1) {
+        return runHere();
+    }
+    int status = 0;
+    for (const char* source : {"true", "false"}) {
+        std::string directory = "/tmp/kestrel-bench-toggle-";
+        directory += std::to_string(std::random_device()());
+        char command[1024];
+        std::snprintf(command, sizeof command,
+                      "mkdir %s && echo '{\"KestrelNatMfibLumen\": %s}' >%s/KestrelNat.json && "
+                      "KESTREL_TOGGLE_DIR=%s %s run; status=$?; rm -r %s; exit $status",
+                      directory.c_str(), source, directory.c_str(), directory.c_str(), arguments[0],
+                      directory.c_str());
+        std::fflush(stdout);
+        status |= std::system(command);
+    }
+    return status == 0 ? 0 : 1;
+}
