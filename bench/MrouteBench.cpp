@@ -2,7 +2,7 @@
 // requests, beside the floor (what any implementation must do for one change: the probes, the set, two
 // writes, one notification) and beside a walk of a dense table. Then start-up, one interface change, rows
 // visited and bytes. Runs for the source of routes that the toggle chose; without arguments it runs itself
-// for both.
+// for both. `bench-mroute changes ROUTES FLOWS COUNT` does nothing but change routes, under a profiler.
 #include "KestrelNat/KestrelNatMulticastSm/NatMrouteSm.h"
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 #include "bench/Report.h"
@@ -17,6 +17,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -386,6 +387,20 @@ void reportBytes(const Interfaces& interfaces) {
     std::printf("bytes a request with its answer: %.0f, goal 300: %s\n", request, yesNo(request <= 300));
 }
 
+// Changes for a profiler: nothing else is done but the set-up before.
+void changeOnly(std::size_t routes, std::size_t flows, std::size_t count) {
+    const Interfaces interfaces;
+    const std::size_t requests = std::min(routes, requestCount);
+    System system(routes, requests, interfaces);
+    system.start();
+    std::vector<std::uint8_t> state(requestCount, 0);
+    for (const std::uint32_t i : changesOf(std::min(flows, requests), count)) {
+        state[i] ^= 1U;
+        system.change(i, interfaces, state[i]);
+    }
+    std::printf("%llu answers\n", static_cast<unsigned long long>(system.heard()));
+}
+
 int runHere() {
     State::traceSinkIs([](void*, const State::TraceRecord&) {}, nullptr);
     const Interfaces interfaces;
@@ -403,6 +418,11 @@ int runHere() {
 } // namespace
 
 int main(int count, char** arguments) {
+    if (count == 5 && std::string_view(arguments[1]) == "changes") {
+        changeOnly(std::strtoul(arguments[2], nullptr, 10), std::strtoul(arguments[3], nullptr, 10),
+                   std::strtoul(arguments[4], nullptr, 10));
+        return 0;
+    }
     if (count > 1) {
         return runHere();
     }

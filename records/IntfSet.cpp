@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <span>
 
 namespace L3 {
 
@@ -104,12 +105,11 @@ void IntfSet::insertAll(const IntfSet& other) {
     array_ = Holder(merged);
 }
 
-bool IntfSet::operator==(const IntfSet& other) const {
+bool IntfSet::hasEqualMembers(const IntfSet& other) const {
     Array* mine = array_.get();
     Array* theirs = other.array_.get();
-    return mine == theirs ||
-           (mine != nullptr && theirs != nullptr && mine->count == theirs->count &&
-            std::memcmp(mine->ids(), theirs->ids(), mine->count * sizeof(std::uint32_t)) == 0);
+    return mine != nullptr && theirs != nullptr && mine->count == theirs->count &&
+           std::memcmp(mine->ids(), theirs->ids(), mine->count * sizeof(std::uint32_t)) == 0;
 }
 
 std::strong_ordering IntfSet::operator<=>(const IntfSet& other) const {
@@ -120,25 +120,33 @@ std::size_t IntfSet::memoryBytes() const {
     return empty() ? 0 : sizeof(Array) + room(array_.get()->count) * sizeof(std::uint32_t);
 }
 
-void IntfUnion::add(IntfId member) {
+void IntfUnion::addToMany(IntfId member) {
     if (isOnly_) {
         isOnly_ = false;
         for (const IntfId earlier : std::exchange(only_, {})) {
             add(earlier);
         }
+        add(member);
+        return;
     }
-    const std::size_t word = member.number() / 64;
-    if (word >= bits_.size()) {
-        bits_.resize(word + 1);
+    const auto mark = [&](std::size_t number) {
+        const std::size_t word = number / 64;
+        if (word >= bits_.size()) {
+            bits_.resize(word + 1);
+        }
+        bits_[word] |= std::uint64_t{1} << number % 64;
+    };
+    for (const std::uint32_t earlier : std::span(few_, std::exchange(count_, 0))) {
+        mark(earlier);
     }
-    bits_[word] |= std::uint64_t{1} << member.number() % 64;
+    mark(member.number());
 }
 
 void IntfUnion::add(const IntfSet& set) {
     if (set.empty() || (isOnly_ && set == only_)) {
         return;
     }
-    if (!isOnly_ && bits_.empty()) {
+    if (!isOnly_ && count_ == 0 && bits_.empty()) {
         only_ = set;
         isOnly_ = true;
         return;
@@ -153,14 +161,19 @@ IntfSet IntfUnion::take() {
         isOnly_ = false;
         return std::exchange(only_, {});
     }
+    if (bits_.empty()) {
+        IntfSet set;
+        if (count_ != 0) {
+            set.array_ = IntfSet::Holder(IntfSet::allocate(count_));
+            std::copy_n(few_, std::exchange(count_, 0), set.array_.get()->ids());
+        }
+        return set;
+    }
     std::uint32_t count = 0;
     for (const std::uint64_t word : bits_) {
         count += static_cast<std::uint32_t>(std::popcount(word));
     }
     IntfSet set;
-    if (count == 0) {
-        return set;
-    }
     set.array_ = IntfSet::Holder(IntfSet::allocate(count));
     std::uint32_t* at = set.array_.get()->ids();
     for (std::size_t word = 0; word < bits_.size(); ++word) {

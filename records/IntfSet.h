@@ -44,7 +44,9 @@ class IntfSet {
     Iterator begin() const;
     Iterator end() const;
 
-    bool operator==(const IntfSet& other) const;
+    bool operator==(const IntfSet& other) const {
+        return array_.get() == other.array_.get() || hasEqualMembers(other);
+    }
     std::strong_ordering operator<=>(const IntfSet& other) const;
 
     // Bytes of the array, which all copies share.
@@ -61,6 +63,7 @@ class IntfSet {
         std::uint32_t* ids() { return reinterpret_cast<std::uint32_t*>(this + 1); }
         std::uint32_t* idsEnd() { return ids() + count; }
     };
+    bool hasEqualMembers(const IntfSet& other) const;
     static std::uint32_t room(std::uint32_t count);
     static Array* allocate(std::uint32_t count);
 
@@ -131,19 +134,47 @@ inline IntfSet::Iterator IntfSet::end() const {
     return {Holder(), static_cast<std::uint32_t>(size())};
 }
 
-// Collects the union of many interfaces and sets in a bitmap over the dense interface numbers, which costs a
-// few nanoseconds a member where inserting one by one into a sorted array costs tens.
+// Collects the union of many interfaces and sets. A few stand in a sorted array within; more go into a bitmap
+// over the dense interface numbers, which costs a few nanoseconds a member where inserting one by one into a
+// sorted set costs tens.
 class IntfUnion {
   public:
-    void add(IntfId member);
+    void add(IntfId member) {
+        if (isOnly_ || !bits_.empty()) {
+            addToMany(member);
+            return;
+        }
+        const auto id = static_cast<std::uint32_t>(member.number());
+        std::uint32_t at = count_;
+        while (at > 0 && few_[at - 1] > id) {
+            --at;
+        }
+        if (at > 0 && few_[at - 1] == id) {
+            return;
+        }
+        if (count_ == mostFew) {
+            addToMany(member);
+            return;
+        }
+        for (std::uint32_t moved = count_++; moved > at; --moved) {
+            few_[moved] = few_[moved - 1];
+        }
+        few_[at] = id;
+    }
     void add(const IntfSet& set);
     // What was collected; shares the array of the one set added, where it was one.
     IntfSet take();
 
   private:
+    static constexpr std::uint32_t mostFew = 16;
+
+    void addToMany(IntfId member);
+
     IntfSet only_; // the first set, while nothing else was added
-    std::vector<std::uint64_t> bits_;
     bool isOnly_ = false;
+    std::uint32_t count_ = 0;   // of few_
+    std::uint32_t few_[mostFew]; // ascending; moved into the bitmap, which is then not empty, when full
+    std::vector<std::uint64_t> bits_;
 };
 
 } // namespace L3

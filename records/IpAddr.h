@@ -7,6 +7,7 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -69,6 +70,9 @@ class IpGenAddr {
 
     void mixInto(State::Hasher& hasher) const;
     std::uint32_t hash(std::uint32_t seed) const;
+    bool operator==(const IpGenAddr& other) const { // as words: route keys are compared with every look-up
+        return family_ == other.family_ && std::memcmp(bytes_.data(), other.bytes_.data(), 16) == 0;
+    }
     auto operator<=>(const IpGenAddr&) const = default;
 
   private:

@@ -23,7 +23,16 @@ struct IpGenRouteKey {
     static IpGenRouteKey host(L3::IpAddr source, L3::IpAddr group) {
         return {L3::IpGenPrefix::host(source), L3::IpGenPrefix::host(group)};
     }
-    std::uint32_t hash(std::uint32_t seed) const;
+    std::uint32_t hash(std::uint32_t seed) const {
+        State::Hasher hasher(seed);
+        if (source.address().isIpv4() && group.address().isIpv4()) {
+            hasher.mix(std::uint64_t{source.ipv4().value()} << 32 | group.ipv4().value());
+        } else {
+            source.address().mixInto(hasher);
+            group.address().mixInto(hasher);
+        }
+        return hasher.mix(static_cast<std::uint32_t>(source.length() << 8 | group.length())).result();
+    }
     bool hasSource() const { return !source.ipv4().isZero(); }
 
     auto operator<=>(const IpGenRouteKey&) const = default;

@@ -30,8 +30,16 @@ class NatMrouteResponseMap final : public State::Entity {
 
     const std::string& name() const { return name_; }
 
-    STATE_MAP(0, mrouteResp, NatMrouteKey, NatMrouteOifSet,
-              State::seedConstant("KestrelNat::NatMrouteResponseMap::mrouteResp"))
+    // A key hashed once for all maps of this type.
+    static State::HashedKey<NatMrouteKey> hashed(const NatMrouteKey& key) {
+        return {key, State::processHashSeed() ^ seed};
+    }
+
+  private:
+    static constexpr std::uint32_t seed =
+        State::seedConstant("KestrelNat::NatMrouteResponseMap::mrouteResp");
+
+    STATE_MAP(0, mrouteResp, NatMrouteKey, NatMrouteOifSet, seed)
 
   private:
     std::string name_;

@@ -40,8 +40,8 @@ class RouteRows {
     // The row under the key, or null; valid until the table changes.
     Row* find(const IpGenRouteKey& key) { return const_cast<Row*>(std::as_const(*this).find(key)); }
     const Row* find(const IpGenRouteKey& key) const {
-        const std::uint32_t* number = part(key).find(key);
-        return number == nullptr ? nullptr : &pool_[*number].row;
+        const std::uint32_t number = numberOf(key);
+        return number == none ? nullptr : &pool_[number].row;
     }
 
     // Appends a row whose key is not there yet.
@@ -49,6 +49,7 @@ class RouteRows {
         const IpGenRouteKey key = row.key();
         const std::uint32_t number = pool_.take(std::move(row));
         part(key).findOrInsert(key, [&] { return number; });
+        foundLast_ = number;
         if (key.hasSource()) {
             append(sourcedByGroup_, key.group.ipv4(), number, groupSide);
             append(sourcedBySource_, key.source.ipv4(), number, sourceSide);
@@ -60,11 +61,11 @@ class RouteRows {
     // Removes the row under the key and hands it to consume(Row&&); false when absent.
     template <class Consume>
     bool extract(const IpGenRouteKey& key, Consume consume) {
-        const std::uint32_t* found = part(key).find(key);
-        if (found == nullptr) {
+        const std::uint32_t number = numberOf(key);
+        if (number == none) {
             return false;
         }
-        const std::uint32_t number = *found;
+        foundLast_ = none;
         if (key.hasSource()) {
             unlink(sourcedByGroup_, key.group.ipv4(), number, groupSide);
             unlink(sourcedBySource_, key.source.ipv4(), number, sourceSide);
@@ -107,8 +108,8 @@ class RouteRows {
             chain(sourcedByGroup_, group, groupSide, visit) &&
                 chain(starredByGroup_, group, groupSide, visit);
         } else {
-            const std::uint32_t* exact = sourced_.find(IpGenRouteKey::host(source, group));
-            if (exact == nullptr || visit(pool_[*exact].row)) {
+            const std::uint32_t exact = numberOf(IpGenRouteKey::host(source, group));
+            if (exact == none || visit(pool_[exact].row)) {
                 chain(starredByGroup_, group, groupSide, visit);
             }
         }
@@ -222,6 +223,20 @@ class RouteRows {
     Part& part(const IpGenRouteKey& key) { return key.hasSource() ? sourced_ : starred_; }
     const Part& part(const IpGenRouteKey& key) const { return key.hasSource() ? sourced_ : starred_; }
 
+    // A changed route is looked up by its writer, by whoever checks it and by whoever resolves it, one after
+    // the other: the row found last is tried first.
+    std::uint32_t numberOf(const IpGenRouteKey& key) const {
+        if (foundLast_ != none && pool_[foundLast_].row.key() == key) {
+            return foundLast_;
+        }
+        const std::uint32_t* found = part(key).find(key);
+        if (found == nullptr) {
+            return none;
+        }
+        foundLast_ = *found;
+        return *found;
+    }
+
     template <class HeadTable>
     void append(HeadTable& heads, L3::IpAddr address, std::uint32_t number, Side side) {
         Link& link = pool_[number].links[side];
@@ -272,6 +287,7 @@ class RouteRows {
     Heads<groupSide> sourcedByGroup_;
     Heads<sourceSide> sourcedBySource_;
     Heads<groupSide> starredByGroup_;
+    mutable std::uint32_t foundLast_ = none;
 };
 
 } // namespace Routing::Multicast::Fib

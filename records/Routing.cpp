@@ -5,17 +5,6 @@
 
 namespace Routing::Multicast::Fib {
 
-std::uint32_t IpGenRouteKey::hash(std::uint32_t seed) const {
-    State::Hasher hasher(seed);
-    if (source.address().isIpv4() && group.address().isIpv4()) {
-        hasher.mix(std::uint64_t{source.ipv4().value()} << 32 | group.ipv4().value());
-    } else {
-        source.address().mixInto(hasher);
-        group.address().mixInto(hasher);
-    }
-    return hasher.mix(static_cast<std::uint32_t>(source.length() << 8 | group.length())).result();
-}
-
 const State::EntityType& VrfEnabledStatus::type() {
     static const State::EntityType made("Routing::Multicast::Fib::VrfEnabledStatus",
                                         &State::createEntity<VrfEnabledStatus>,

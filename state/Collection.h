@@ -54,10 +54,7 @@ class MapAttribute {
     std::size_t size() const { return table_.size(); }
     bool has(const K& key) const { return table_.find(key) != nullptr; }
     // The value in place, null when absent; valid until the collection changes.
-    const V* find(const K& key) const {
-        const Entry* entry = table_.find(key);
-        return entry == nullptr ? nullptr : &entry->value;
-    }
+    const V* find(const K& key) const { return valueOf(table_.find(key)); }
     // The value, or the default (zero, null, empty) when absent.
     V get(const K& key) const {
         const V* value = find(key);
@@ -68,25 +65,28 @@ class MapAttribute {
     bool is(const K& key, V value) {
         if constexpr (isHandle<V>) {
             if (!value) {
-                return erase(key, [](V&&) {});
+                return erase(key, key, [](V&&) {});
             }
         }
-        auto [entry, inserted] = table_.findOrInsert(key, [&] { return Entry{key, std::move(value)}; });
-        if (!inserted) {
-            if (entry->value == value) {
-                return false;
-            }
-            entry->value = std::move(value);
-        }
-        owner_.publish(id_, &key);
-        return true;
+        return put(key, key, std::move(value));
     }
 
     // Removes and hands back the old value; the default when absent.
     V del(const K& key) {
         V old{};
-        erase(key, [&](V&& value) { old = std::move(value); });
+        erase(key, key, [&](V&& value) { old = std::move(value); });
         return old;
+    }
+
+    // For who has several maps of one seed (those of one attribute): look-ups that hash the key once.
+    HashedKey<K> hashed(const K& key) const { return table_.hashed(key); }
+    const V* find(const HashedKey<K>& key) const { return valueOf(table_.find(key)); }
+    bool is(const HashedKey<K>& key, V value) requires(!isHandle<V>) {
+        return put(key, key.key(), std::move(value));
+    }
+    // Removes; true if it was there.
+    bool drop(const HashedKey<K>& key) {
+        return erase(key, key.key(), [](V&&) {});
     }
 
     // Removes all: member by member with an announcement each where someone listens, else silently.
@@ -131,16 +131,31 @@ class MapAttribute {
     std::size_t memoryBytes() const { return table_.memoryBytes(); }
 
   private:
-    template <class Consume>
-    bool erase(const K& given, Consume consume) {
+    static const V* valueOf(const Entry* entry) { return entry == nullptr ? nullptr : &entry->value; }
+
+    // `given` is `key`, hashed or not.
+    template <class Given>
+    bool put(const Given& given, const K& key, V&& value) {
+        auto [entry, inserted] = table_.findOrInsert(given, [&] { return Entry{key, std::move(value)}; });
+        if (!inserted) {
+            if (entry->value == value) {
+                return false;
+            }
+            entry->value = std::move(value);
+        }
+        owner_.publish(id_, &key);
+        return true;
+    }
+    template <class Given, class Consume>
+    bool erase(const Given& given, const K& key, Consume consume) {
         if (!owner_.hasSubscribers()) {
             return table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); });
         }
-        const K key = given; // `given` may be the member's own key
-        if (!table_.extract(key, [&](Entry&& entry) { consume(std::move(entry.value)); })) {
+        const K copy = key; // `key` may be the member's own
+        if (!table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); })) {
             return false;
         }
-        owner_.publish(id_, &key);
+        owner_.publish(id_, &copy);
         return true;
     }
 

@@ -61,4 +61,22 @@ struct HashOf {
     }
 };
 
+// A key that was hashed once, for look-ups in several tables of one seed; a table of another seed hashes it
+// again.
+template <class Key>
+class HashedKey {
+  public:
+    HashedKey(const Key& key, std::uint32_t seed)
+        : key_(key)
+        , seed_(seed)
+        , hash_(HashOf<Key>{}(key, seed)) {}
+    const Key& key() const { return key_; }
+    std::uint32_t hash(std::uint32_t seed) const { return seed == seed_ ? hash_ : HashOf<Key>{}(key_, seed); }
+
+  private:
+    const Key& key_;
+    std::uint32_t seed_;
+    std::uint32_t hash_;
+};
+
 } // namespace State

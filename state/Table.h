@@ -78,14 +78,16 @@ class Table {
     std::size_t memoryBytes() const;
 
     // The member with this key, or null.
-    Entry* find(const Key& key) { return lookUp(key); }
-    const Entry* find(const Key& key) const { return lookUp(key); }
+    Entry* find(const Key& key) { return lookUp(Unhashed{key}); }
+    const Entry* find(const Key& key) const { return lookUp(Unhashed{key}); }
     bool contains(const Key& key) const { return find(key) != nullptr; }
 
     // Adds `makeEntry()`, an entry with this key, if there is none; {the member, whether it was added}.
     // makeEntry must not change the table.
     template <class MakeEntry>
-    std::pair<Entry*, bool> findOrInsert(const Key& key, MakeEntry makeEntry);
+    std::pair<Entry*, bool> findOrInsert(const Key& key, MakeEntry makeEntry) {
+        return addUnless(Unhashed{key}, makeEntry);
+    }
     // The same for an entry at hand, which is left as it is if its key is there.
     std::pair<Entry*, bool> insert(Entry&& entry) {
         return findOrInsert(keyOf_(entry), [&]() -> Entry&& { return std::move(entry); });
@@ -98,7 +100,22 @@ class Table {
     // The same; hands the entry to `consume(Entry&&)` when it is no member any more, and before it is
     // destroyed. Under an open walk the body may still refer to the key: take the value and leave the key.
     template <class Consume>
-    bool extract(const Key& key, Consume consume);
+    bool extract(const Key& key, Consume consume) {
+        return take(Unhashed{key}, consume);
+    }
+
+    // The same three with a key that was hashed before; one of this table's seed is not hashed again.
+    HashedKey<Key> hashed(const Key& key) const { return {key, index_.seed()}; }
+    const Entry* find(const HashedKey<Key>& key) const { return lookUp(key); }
+    template <class MakeEntry>
+    std::pair<Entry*, bool> findOrInsert(const HashedKey<Key>& key, MakeEntry makeEntry) {
+        return addUnless(key, makeEntry);
+    }
+    template <class Consume>
+    bool extract(const HashedKey<Key>& key, Consume consume) {
+        return take(key, consume);
+    }
+
     // Removes all.
     void clear();
 
@@ -128,7 +145,6 @@ class Table {
         return std::launder(static_cast<Entry*>(segment->place(offset, sizeof(Entry))));
     }
     std::uint32_t hashOf(const Key& key) const { return HashOf<Key>{}(key, index_.seed()); }
-    std::uint32_t hashIfIndexed(const Key& key) const { return index_.built() ? hashOf(key) : 0; }
     TableIndex::Rehash rehash() const { return {this, &hashesAt}; }
     static void hashesAt(const void* table, const TableIndex::Position* positions, std::size_t count,
                          std::uint32_t* hashes);
@@ -140,14 +156,26 @@ class Table {
             return keyOf_(*entryAt(candidate.segment, candidate.offset)) == key;
         };
     }
-    Entry* lookUp(const Key& key) const {
+
+    // `Given` is a HashedKey, or a key that is hashed when, and if, the index is asked.
+    struct Unhashed {
+        const Key& given;
+        const Key& key() const { return given; }
+        std::uint32_t hash(std::uint32_t seed) const { return HashOf<Key>{}(given, seed); }
+    };
+    template <class Given>
+    Entry* lookUp(const Given& given) const {
         if (!index_.built()) {
-            return scan(key).entry();
+            return scan(given.key()).entry();
         }
         Place place;
-        const TableIndex::Slot slot = index_.find(hashOf(key), matcher(key, place));
+        const TableIndex::Slot slot = index_.find(given.hash(index_.seed()), matcher(given.key(), place));
         return slot.page == nullptr ? nullptr : entryAt(place.segment, place.offset);
     }
+    template <class Given, class MakeEntry>
+    std::pair<Entry*, bool> addUnless(const Given& given, MakeEntry& makeEntry);
+    template <class Given, class Consume>
+    bool take(const Given& given, Consume& consume);
     Place locate(const Key& key, std::uint32_t hash) const;
     Place scan(const Key& key) const;
     template <class E>
@@ -282,7 +310,7 @@ auto Table<Entry, KeyOf>::scan(const Key& key) const -> Place {
 template <class Entry, class KeyOf>
 template <class E>
 auto Table<Entry, KeyOf>::walkBehind(const Key& key) const -> Walk<E> {
-    const Place place = locate(key, hashIfIndexed(key));
+    const Place place = locate(key, index_.built() ? hashOf(key) : 0);
     if (place.segment == nullptr) {
         return {*this, list_.first, 0};
     }

@@ -18,8 +18,9 @@ namespace State {
 // ---- adding
 
 template <class Entry, class KeyOf>
-template <class MakeEntry>
-std::pair<Entry*, bool> Table<Entry, KeyOf>::findOrInsert(const Key& key, MakeEntry makeEntry) {
+template <class Given, class MakeEntry>
+std::pair<Entry*, bool> Table<Entry, KeyOf>::addUnless(const Given& given, MakeEntry& makeEntry) {
+    const Key& key = given.key();
     static_assert(std::is_nothrow_move_constructible_v<Entry>);
     static_assert(alignof(Entry) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
     if (!index_.built()) {
@@ -33,7 +34,7 @@ std::pair<Entry*, bool> Table<Entry, KeyOf>::findOrInsert(const Key& key, MakeEn
     TableIndex::Slot slot;
     std::uint32_t hash = 0;
     if (index_.built()) {
-        hash = hashOf(key);
+        hash = given.hash(index_.seed());
         Place place;
         const auto found = index_.findOrFree(hash, matcher(key, place));
         if (found.second) {
@@ -104,10 +105,10 @@ void Table<Entry, KeyOf>::buildIndex() {
 // ---- removing
 
 template <class Entry, class KeyOf>
-template <class Consume>
-bool Table<Entry, KeyOf>::extract(const Key& key, Consume consume) {
-    const std::uint32_t hash = hashIfIndexed(key);
-    const Place place = locate(key, hash);
+template <class Given, class Consume>
+bool Table<Entry, KeyOf>::take(const Given& given, Consume& consume) {
+    const std::uint32_t hash = index_.built() ? given.hash(index_.seed()) : 0;
+    const Place place = locate(given.key(), hash);
     if (place.segment == nullptr) {
         return false;
     }

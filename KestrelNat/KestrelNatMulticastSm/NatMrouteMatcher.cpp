@@ -57,6 +57,16 @@ bool NatMrouteMatcher::matches(const MrouteSourceAndGroup& sg) const {
            sourceGroups_.has(sg);
 }
 
+NatMrouteMatcher::Waiting NatMrouteMatcher::waiting(const MrouteSourceAndGroup& sg) const {
+    const bool anySource = groupsWithAnySource_.has(sg.groupIp);
+    const bool anyGroup = sourcesWithAnyGroup_.has(sg.sourceIp);
+    // A flow that itself stands for any source or any group is filed there.
+    const bool own = sg.sourceIp.isZero()  ? anySource
+                     : sg.groupIp.isZero() ? anyGroup
+                                           : sourceGroups_.has(sg);
+    return {.own = own, .anySource = anySource, .anyGroup = anyGroup};
+}
+
 bool NatMrouteMatcher::empty() const {
     return sourceGroups_.size() == 0 && groupsWithAnySource_.size() == 0 && sourcesWithAnyGroup_.size() == 0;
 }

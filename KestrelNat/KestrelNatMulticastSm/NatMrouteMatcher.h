@@ -57,6 +57,14 @@ class NatMrouteMatcher final : public State::Publisher {
 
     // Whether a request waits on the route `sg`.
     bool matches(const MrouteSourceAndGroup& sg) const;
+    // For which flows requests wait on it: the route's own, (any, group), (source, any).
+    struct Waiting {
+        bool own;
+        bool anySource;
+        bool anyGroup;
+        explicit operator bool() const { return own || anySource || anyGroup; }
+    };
+    Waiting waiting(const MrouteSourceAndGroup& sg) const;
     // Whether no request waits at all.
     bool empty() const;
 

@@ -5,6 +5,8 @@
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 #include "state/Trace.h"
 
+#include <utility>
+
 TRACE_FACILITY("KestrelNatMulticastSm");
 
 namespace KestrelNat {
@@ -32,13 +34,14 @@ void NatMrouteSm::updateResponseMap(const NatMrouteOifSet& egressIntfs, const Na
 
     // A route update brings its table's own name, and a table need not be named by its route type: then there
     // is no own map, its write is left out, and the other type is the static one.
+    const auto key = NatMrouteResponseMap::hashed(responseMapKey);
     const auto* own = mrouteResponseMapByRoute_.find(routeType);
     if (own == nullptr) {
         TRACE(0, "updateResponseMap", " no response map for routeType=", routeType);
     } else if (egressIntfs) {
-        (*own)->mrouteRespIs(responseMapKey, egressIntfs);
+        (*own)->mrouteRespCollection().is(key, egressIntfs);
     } else {
-        (*own)->mrouteRespDel(responseMapKey);
+        (*own)->mrouteRespCollection().drop(key);
     }
 
     const auto* other = mrouteResponseMapByRoute_.find(routeType == staticRouteType() ? sparseRouteType()
@@ -48,20 +51,23 @@ void NatMrouteSm::updateResponseMap(const NatMrouteOifSet& egressIntfs, const Na
     }
     NatMrouteOifSet answer;
     if (other != nullptr && (*other)->mrouteRespCollection().size() != 0) {
-        answer = (*other)->mrouteResp(responseMapKey);
+        if (const NatMrouteOifSet* theirs = (*other)->mrouteRespCollection().find(key)) {
+            answer = *theirs;
+        }
     }
     answer.oifIs(egressIntfs);
-    publishResponse(responseMapKey, answer, removeEmpty);
+    publishResponse(key, std::move(answer), removeEmpty);
 }
 
-void NatMrouteSm::publishResponse(const NatMrouteKey& key, const NatMrouteOifSet& answer, bool removeEmpty) {
+void NatMrouteSm::publishResponse(const State::HashedKey<NatMrouteKey>& key, NatMrouteOifSet answer,
+                                  bool removeEmpty) {
     if (!mrouteResponseMap_) {
         return;
     }
     if (!answer && removeEmpty) {
-        mrouteResponseMap_->mrouteRespDel(key);
+        mrouteResponseMap_->mrouteRespCollection().drop(key);
     } else {
-        mrouteResponseMap_->mrouteRespIs(key, answer);
+        mrouteResponseMap_->mrouteRespCollection().is(key, std::move(answer));
     }
 }
 

@@ -137,16 +137,20 @@ class NatMrouteSm final : public State::StateMachine {
         const std::string& name() const { return lumenMfib ? lumenMfib->name() : quillRoutes->tableName(); }
     };
 
-    // The flows that one route concerns, at most three.
+    // The flows that one route concerns, at most three, and who asks for them as the record stood then.
+    struct Flow {
+        VrfIdMrouteSourceAndGroup vsg;
+        const MrouteIntfAndVlanSet* requesters;
+    };
     class Flows {
       public:
-        void append(const MrouteSourceAndGroup& sg) { sgs_[count_++] = sg; }
+        void append(const Flow& flow) { flows_[count_++] = flow; }
         bool empty() const { return count_ == 0; }
-        auto begin() const { return sgs_.begin(); }
-        auto end() const { return sgs_.begin() + count_; }
+        const Flow* begin() const { return flows_.data(); }
+        const Flow* end() const { return flows_.data() + count_; }
 
       private:
-        std::array<MrouteSourceAndGroup, 3> sgs_;
+        std::array<Flow, 3> flows_;
         std::uint32_t count_ = 0;
     };
 
@@ -160,9 +164,10 @@ class NatMrouteSm final : public State::StateMachine {
     void retire();
     void recordRequester(const NatMrouteKey& req);
     void forgetRequester(const NatMrouteKey& req);
-    void publishResponse(const NatMrouteKey& key, const NatMrouteOifSet& answer, bool removeEmpty);
+    void publishResponse(const State::HashedKey<NatMrouteKey>& key, NatMrouteOifSet answer, bool removeEmpty);
     RouteTable routeTable(const NatMcastRouteKey& key) const;
-    Flows concernedFlows(L3::VrfId vrfId, const MrouteSourceAndGroup& sg) const;
+    Flows concernedFlows(L3::VrfId vrfId, const MrouteSourceAndGroup& sg,
+                         NatMrouteMatcher::Waiting waiting) const;
     void answerRequester(const VrfIdMrouteSourceAndGroup& vsg, const MrouteIntfAndVlan& requester,
                          const RouteTable& table);
 

@@ -45,18 +45,21 @@ void NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey& routeKey, const Na
     }
 
     const MrouteSourceAndGroup sg{.sourceIp = routeKey.source.ipv4(), .groupIp = routeKey.group.ipv4()};
-    if (!watchedMroutesWrap(natMcastKey.vrfId)->matches(sg)) {
+    const NatMrouteMatcher::Waiting waiting = watchedMroutesWrap(natMcastKey.vrfId)->waiting(sg);
+    if (!waiting) {
         TRACE(9, "handleMcastRouteUpdate", " skipping mroute= (S=", routeKey.source, " G=", routeKey.group,
               ") of type ", routeName);
         return;
     }
 
-    const Flows sgs = concernedFlows(natMcastKey.vrfId, sg);
+    const Flows sgs = concernedFlows(natMcastKey.vrfId, sg, waiting);
     FATAL_ASSERT(!sgs.empty(), "!sgs.empty() && \"sourceAndGroupToIntf does not have the requested entry\"");
-    for (const MrouteSourceAndGroup& flow : sgs) {
-        TRACE(8, "found sg=(", flow.sourceIp, ", ", flow.groupIp, ")");
-        const VrfIdMrouteSourceAndGroup vsg{.vrfId = natMcastKey.vrfId, .sg = flow};
-        const MrouteIntfAndVlanSet* requesters = vrfIdSourceAndGroupToIntf_.find(vsg);
+    for (const Flow& flow : sgs) {
+        const VrfIdMrouteSourceAndGroup& vsg = flow.vsg;
+        TRACE(8, "found sg=(", vsg.sg.sourceIp, ", ", vsg.sg.groupIp, ")");
+        // Whoever hears of an answer may change the record: behind the first flow it is asked again.
+        const bool isFirst = &flow == sgs.begin();
+        const auto* requesters = isFirst ? flow.requesters : vrfIdSourceAndGroupToIntf_.find(vsg);
         FATAL_ASSERT(requesters != nullptr, "vrfIdSourceAndGroupToIntfHas( vsg ) && "
                                             "\"sourceAndGroupToIntf does not have the requested entry\"");
         requesters->iv().forEach([&](const MrouteIntfAndVlan& requester) { // holds the set as it is now
@@ -69,18 +72,28 @@ void NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey& routeKey, const Na
 // their own answers. This is meant; those are looked at again with the next pass over all requests. A route
 // of group zero yields (S, 0) twice, and its requests are answered twice: this is meant too, as it costs
 // nothing and no such route is real.
-NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSourceAndGroup& sg) const {
+//
+// The record is asked for those flows alone for which the matcher knows requests: it has no others.
+NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSourceAndGroup& sg,
+                                               NatMrouteMatcher::Waiting waiting) const {
     Flows flows;
+    const auto appendIf = [&](bool waits, const MrouteSourceAndGroup& flow) {
+        if (!waits) {
+            return;
+        }
+        const VrfIdMrouteSourceAndGroup vsg{.vrfId = vrfId, .sg = flow};
+        if (const auto* requesters = vrfIdSourceAndGroupToIntf_.find(vsg)) {
+            flows.append({.vsg = vsg, .requesters = requesters});
+        }
+    };
     if (sg.sourceIp.isZero()) {
-        flows.append(sg);
+        const VrfIdMrouteSourceAndGroup vsg{.vrfId = vrfId, .sg = sg};
+        flows.append({.vsg = vsg, .requesters = vrfIdSourceAndGroupToIntf_.find(vsg)});
         return flows;
     }
-    for (const MrouteSourceAndGroup& flow : {sg, MrouteSourceAndGroup{.sourceIp = {}, .groupIp = sg.groupIp},
-                                             MrouteSourceAndGroup{.sourceIp = sg.sourceIp, .groupIp = {}}}) {
-        if (vrfIdSourceAndGroupToIntf_.has({.vrfId = vrfId, .sg = flow})) {
-            flows.append(flow);
-        }
-    }
+    appendIf(waiting.own, sg);
+    appendIf(waiting.anySource, {.sourceIp = {}, .groupIp = sg.groupIp});
+    appendIf(waiting.anyGroup, {.sourceIp = sg.sourceIp, .groupIp = {}});
     return flows;
 }
 

@@ -41,7 +41,8 @@ struct MrouteSourceAndGroup {
     }
     // The flow that a request names.
     static MrouteSourceAndGroup of(const NatMrouteKey& key) { return {key.sourceIp, key.groupIp}; }
-    std::uint32_t hash(std::uint32_t seed) const { return State::hashFields(*this, seed); }
+    std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(bits()).result(); }
+    std::uint64_t bits() const { return std::uint64_t{sourceIp.value()} << 32 | groupIp.value(); }
     auto operator<=>(const MrouteSourceAndGroup&) const = default;
 };
 
@@ -57,7 +58,9 @@ struct VrfIdMrouteSourceAndGroup {
     static VrfIdMrouteSourceAndGroup of(const NatMrouteKey& key) {
         return {key.vrfId, MrouteSourceAndGroup::of(key)};
     }
-    std::uint32_t hash(std::uint32_t seed) const { return State::hashFields(*this, seed); }
+    std::uint32_t hash(std::uint32_t seed) const {
+        return State::Hasher(seed).mix(sg.bits()).mix(vrfId.value()).result();
+    }
     auto operator<=>(const VrfIdMrouteSourceAndGroup&) const = default;
 };
 
