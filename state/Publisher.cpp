@@ -4,52 +4,91 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 
 namespace State {
 
 Publisher::~Publisher() {
-    delete[] subscribers_;
+    if (storage_ == Storage::many) {
+        ::operator delete(many_);
+    }
+}
+
+std::uint32_t Publisher::count() const {
+    return storage_ == Storage::many ? many_->count : storage_ == Storage::one ? 1 : 0;
+}
+
+Publisher::Subscriber Publisher::subscriber(std::uint32_t position) const {
+    return storage_ == Storage::many ? many_->subscribers()[position]
+                                     : Subscriber{one_.dispatch, one_.object, oneAttributes_};
+}
+
+// count() if it is not there.
+std::uint32_t Publisher::positionOf(const void* subscriber, Dispatch dispatch) const {
+    std::uint32_t at = 0;
+    for (; at < count(); ++at) {
+        const Subscriber each = this->subscriber(at);
+        if (each.object == subscriber && each.dispatch == dispatch) {
+            break;
+        }
+    }
+    return at;
+}
+
+void Publisher::append(const Subscriber& subscriber) const {
+    const std::uint32_t before = count();
+    if (before == 0) {
+        one_ = {.dispatch = subscriber.dispatch, .object = subscriber.object};
+        oneAttributes_ = subscriber.attributes;
+        storage_ = Storage::one;
+        return;
+    }
+    if (storage_ == Storage::one || before == many_->capacity) {
+        const std::uint32_t capacity = before * 2;
+        auto* grown = static_cast<Many*>(::operator new(sizeof(Many) + capacity * sizeof(Subscriber)));
+        *grown = {.capacity = capacity, .count = before, .live = 0};
+        for (std::uint32_t at = 0; at < before; ++at) {
+            grown->subscribers()[at] = this->subscriber(at);
+            grown->live += grown->subscribers()[at].dispatch != nullptr ? 1U : 0U;
+        }
+        if (storage_ == Storage::many) {
+            ::operator delete(many_);
+        }
+        many_ = grown;
+        storage_ = Storage::many;
+    }
+    many_->subscribers()[many_->count++] = subscriber;
+    ++many_->live;
 }
 
 void Publisher::subscribe(void* subscriber, Dispatch dispatch, AttributeMask attributes) const {
-    for (std::uint32_t i = 0; i < count_; ++i) {
-        if (subscribers_[i].object == subscriber && subscribers_[i].dispatch == dispatch) {
-            return;
-        }
+    if (positionOf(subscriber, dispatch) == count()) {
+        append({.dispatch = dispatch, .object = subscriber, .attributes = attributes});
     }
-    if (count_ == capacity_) {
-        const std::uint32_t grown = capacity_ == 0 ? 1 : capacity_ * 2;
-        auto* moved = new Subscriber[grown];
-        std::copy_n(subscribers_, count_, moved);
-        delete[] subscribers_;
-        subscribers_ = moved;
-        capacity_ = grown;
-    }
-    subscribers_[count_++] = Subscriber{dispatch, subscriber, attributes};
-    ++live_;
 }
 
 void Publisher::unsubscribe(const void* subscriber, Dispatch dispatch) const {
-    for (std::uint32_t i = 0; i < count_; ++i) {
-        if (subscribers_[i].object == subscriber && subscribers_[i].dispatch == dispatch) {
-            subscribers_[i].dispatch = nullptr;
-            subscribers_[i].object = nullptr;
-            --live_;
-            if (depth_ == 0) {
-                sweep();
-            }
-            return;
-        }
+    const std::uint32_t at = positionOf(subscriber, dispatch);
+    if (at == count()) {
+        return;
+    }
+    if (storage_ == Storage::one) {
+        one_ = {};
+    } else {
+        many_->subscribers()[at] = {};
+        --many_->live;
+    }
+    if (depth_ == 0) {
+        sweep();
     }
 }
 
 void Publisher::deliver(const Notification& notification) const {
     const Handle<const Publisher> keepAlive(this);
-    const std::uint32_t end = count_;
+    const std::uint32_t end = count();
     ++depth_;
     for (std::uint32_t i = 0; i < end; ++i) {
-        // By value: a subscriber that comes may move the array.
-        const Subscriber subscriber = subscribers_[i];
+        const Subscriber subscriber = this->subscriber(i); // one that comes may move them
         if (subscriber.dispatch == nullptr || (subscriber.attributes & maskOf(notification.attribute)) == 0) {
             continue;
         }
@@ -61,19 +100,26 @@ void Publisher::deliver(const Notification& notification) const {
             fatalException("an exception that is no std::exception");
         }
     }
-    if (--depth_ == 0 && live_ != count_) {
+    if (--depth_ == 0) {
         sweep();
     }
 }
 
 void Publisher::sweep() const {
-    auto* end = std::remove_if(subscribers_, subscribers_ + count_,
-                               [](const Subscriber& subscriber) { return subscriber.dispatch == nullptr; });
-    count_ = static_cast<std::uint32_t>(end - subscribers_);
-    if (count_ == 0) {
-        delete[] subscribers_;
-        subscribers_ = nullptr;
-        capacity_ = 0;
+    if (storage_ == Storage::one) {
+        storage_ = one_.dispatch == nullptr ? Storage::none : Storage::one;
+        return;
+    }
+    if (storage_ == Storage::none || many_->live == many_->count) {
+        return;
+    }
+    Subscriber* begin = many_->subscribers();
+    static_cast<void>(std::remove_if(begin, begin + many_->count,
+                   [](const Subscriber& subscriber) { return subscriber.dispatch == nullptr; }));
+    many_->count = many_->live;
+    if (many_->count == 0) {
+        ::operator delete(many_);
+        storage_ = Storage::none;
     }
 }
 

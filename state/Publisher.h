@@ -46,13 +46,16 @@ class Publisher : public RefCounted {
     void subscribe(void* subscriber, Dispatch dispatch, AttributeMask attributes = allAttributes) const;
     // Removes it; it is not called any more, not even by a delivery that is under way. Absent is no error.
     void unsubscribe(const void* subscriber, Dispatch dispatch) const;
-    bool hasSubscribers() const { return live_ != 0; }
+    bool hasSubscribers() const {
+        return storage_ == Storage::one ? one_.dispatch != nullptr
+                                        : storage_ == Storage::many && many_->live != 0;
+    }
 
     // Announces a change that has been made already. Each subscriber that was there when the delivery began
     // and is still there when its turn comes is called once; this object outlives the delivery. An exception
     // that leaves a subscriber ends the process here, with its message.
     void publish(AttributeId attribute, const void* key = nullptr) const {
-        if (live_ != 0) {
+        if (hasSubscribers()) {
             deliver(Notification{*this, attribute, key});
         }
     }
@@ -67,15 +70,34 @@ class Publisher : public RefCounted {
         void* object;
         AttributeMask attributes;
     };
+    struct alignas(Subscriber) Many { // the subscribers follow
+        std::uint32_t capacity;
+        std::uint32_t count; // gone ones included
+        std::uint32_t live;  // without them
+        Subscriber* subscribers() { return reinterpret_cast<Subscriber*>(this + 1); }
+    };
+    // Most publishers have one subscriber, which stands in the object. Once there were two, all stand in an
+    // array, until the last is gone.
+    enum class Storage : std::uint8_t { none, one, many };
+    struct One {
+        Dispatch dispatch;
+        void* object;
+    };
 
+    std::uint32_t count() const;
+    Subscriber subscriber(std::uint32_t position) const;
+    std::uint32_t positionOf(const void* subscriber, Dispatch dispatch) const;
+    void append(const Subscriber& subscriber) const;
     void deliver(const Notification& notification) const;
     void sweep() const;
 
-    mutable Subscriber* subscribers_ = nullptr;
-    mutable std::uint32_t capacity_ = 0;
-    mutable std::uint32_t count_ = 0; // entries in use, gone ones included
-    mutable std::uint32_t live_ = 0;  // subscribers that are still there
+    mutable AttributeMask oneAttributes_ = 0;
+    union {
+        mutable One one_ = {};
+        mutable Many* many_;
+    };
     mutable std::uint32_t depth_ = 0; // deliveries under way
+    mutable Storage storage_ = Storage::none;
 };
 
 } // namespace State

@@ -1,6 +1,6 @@
 // A set that is a value: copied, assigned and compared by value, walked in order of insertion. A copy shares
-// the elements until one side changes, so that handing a set on costs one count. Up to `shortCount` members
-// stand in one small array; a larger set is a Table (state/Table.h).
+// the elements until one side changes, so that handing a set on costs one count. A single member stands in the
+// set itself, up to `shortCount` in one small array; a larger set is a Table (state/Table.h).
 #pragma once
 
 #include "state/Hash.h"
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -28,7 +29,7 @@ class ValueSet {
     };
     using Large = Table<T, KeyOf>;
 
-    // Holds either `count` elements, which follow it, or a table.
+    // Holds either `count` elements, which follow it, or a table. A set of one has none.
     struct Rep {
         std::uint32_t holders;
         std::uint16_t count;
@@ -44,32 +45,35 @@ class ValueSet {
 
     ValueSet() noexcept = default;
     ValueSet(const ValueSet& other) noexcept
-        : rep_(other.rep_) {
-        if (rep_ != nullptr) {
-            ++rep_->holders;
+        : content_(other.content_)
+        , held_(other.held_) {
+        if (held_ == Held::rep) {
+            ++content_.rep->holders;
         }
     }
     ValueSet(ValueSet&& other) noexcept
-        : rep_(std::exchange(other.rep_, nullptr)) {}
+        : content_(other.content_)
+        , held_(std::exchange(other.held_, Held::nothing)) {}
     ValueSet& operator=(ValueSet other) noexcept {
-        std::swap(rep_, other.rep_);
+        std::swap(content_, other.content_);
+        std::swap(held_, other.held_);
         return *this;
     }
-    ~ValueSet() { release(rep_); }
+    ~ValueSet() { clear(); }
 
-    bool empty() const { return rep_ == nullptr; }
+    bool empty() const { return held_ == Held::nothing; }
     std::size_t size() const {
-        return rep_ == nullptr ? 0 : rep_->large != nullptr ? rep_->large->size() : rep_->count;
+        if (held_ == Held::rep) {
+            return content_.rep->large != nullptr ? content_.rep->large->size() : content_.rep->count;
+        }
+        return held_ == Held::one ? 1 : 0;
     }
     bool has(const T& element) const {
-        if (rep_ == nullptr) {
-            return false;
+        if (held_ == Held::rep && content_.rep->large != nullptr) {
+            return content_.rep->large->find(element) != nullptr;
         }
-        if (rep_->large != nullptr) {
-            return rep_->large->find(element) != nullptr;
-        }
-        return std::find(rep_->elements(), rep_->elements() + rep_->count, element) !=
-               rep_->elements() + rep_->count;
+        const auto members = shortMembers();
+        return std::find(members.begin(), members.end(), element) != members.end();
     }
 
     // Inserts if absent; true if something changed.
@@ -78,9 +82,12 @@ class ValueSet {
             return false;
         }
         const std::size_t count = size();
-        if (rep_ != nullptr && rep_->large != nullptr) {
+        if (count == 0) {
+            content_.one = element;
+            held_ = Held::one;
+        } else if (held_ == Held::rep && content_.rep->large != nullptr) {
             own();
-            rep_->large->findOrInsert(element, [&] { return element; });
+            content_.rep->large->findOrInsert(element, [&] { return element; });
         } else if (count == shortCount) {
             auto table = std::make_unique<Large>(processHashSeed() ^ constant);
             for (const T& each : elements()) {
@@ -89,18 +96,16 @@ class ValueSet {
             table->findOrInsert(element, [&] { return element; });
             Rep* grown = allocate(0);
             grown->large = table.release();
-            release(std::exchange(rep_, grown));
+            repIs(grown);
         } else {
             const T copy = element; // may be one of a set that goes with the old array
-            if (rep_ == nullptr || rep_->holders > 1 || rep_->room == count) {
+            if (held_ == Held::one || content_.rep->holders > 1 || content_.rep->room == count) {
                 Rep* grown = allocate(count + 1);
-                if (count > 0) {
-                    std::copy_n(rep_->elements(), count, grown->elements());
-                }
-                release(std::exchange(rep_, grown));
+                std::ranges::copy(shortMembers(), grown->elements());
+                repIs(grown);
             }
-            ::new (rep_->elements() + count) T(copy);
-            rep_->count = static_cast<std::uint16_t>(count + 1);
+            ::new (content_.rep->elements() + count) T(copy);
+            content_.rep->count = static_cast<std::uint16_t>(count + 1);
         }
         return true;
     }
@@ -111,37 +116,42 @@ class ValueSet {
             return false;
         }
         if (size() == 1) {
-            release(std::exchange(rep_, nullptr));
+            clear();
             return true;
         }
         own();
-        if (rep_->large != nullptr) {
-            rep_->large->erase(T(element));
+        Rep& mine = *content_.rep;
+        if (mine.large != nullptr) {
+            mine.large->erase(T(element));
         } else {
-            static_cast<void>(std::remove(rep_->elements(), rep_->elements() + rep_->count, T(element)));
-            --rep_->count;
+            static_cast<void>(std::remove(mine.elements(), mine.elements() + mine.count, T(element)));
+            --mine.count;
         }
         return true;
     }
 
-    void clear() { release(std::exchange(rep_, nullptr)); }
+    void clear() {
+        if (std::exchange(held_, Held::nothing) == Held::rep) {
+            release(content_.rep);
+        }
+    }
 
     // Calls visitor(element) -> go on, in order of insertion. The elements stay as they are meanwhile,
     // whatever the body does to this set.
     template <class Visit>
     void visit(Visit visitor) const {
         const ValueSet held = *this;
-        if (held.rep_ == nullptr) {
-            return;
-        }
-        if (held.rep_->large != nullptr) {
-            for (const T& element : std::as_const(*held.rep_->large).walk()) {
+        if (held.held_ == Held::rep && held.content_.rep->large != nullptr) {
+            for (const T& element : std::as_const(*held.content_.rep->large).walk()) {
                 if (!visitor(element)) {
                     return;
                 }
             }
-        } else {
-            for (std::size_t i = 0; i < held.rep_->count && visitor(held.rep_->elements()[i]); ++i) {
+            return;
+        }
+        for (const T& element : held.shortMembers()) {
+            if (!visitor(element)) {
+                return;
             }
         }
     }
@@ -162,7 +172,7 @@ class ValueSet {
 
     // Same elements, in whatever order.
     bool operator==(const ValueSet& other) const {
-        if (rep_ == other.rep_) {
+        if (held_ == Held::rep && other.held_ == Held::rep && content_.rep == other.content_.rep) {
             return true;
         }
         bool equal = size() == other.size();
@@ -184,13 +194,32 @@ class ValueSet {
 
     // What this set holds, which all copies share.
     std::size_t memoryBytes() const {
-        return rep_ == nullptr
-                   ? 0
-                   : sizeof(Rep) + rep_->room * sizeof(T) +
-                         (rep_->large == nullptr ? 0 : sizeof(Large) + rep_->large->memoryBytes());
+        if (held_ != Held::rep) {
+            return 0;
+        }
+        const Rep& rep = *content_.rep;
+        return sizeof(Rep) + rep.room * sizeof(T) +
+               (rep.large == nullptr ? 0 : sizeof(Large) + rep.large->memoryBytes());
     }
 
   private:
+    // The members of a set that is no table.
+    std::span<const T> shortMembers() const {
+        switch (held_) {
+        case Held::one:
+            return {&content_.one, 1};
+        case Held::rep:
+            return {content_.rep->elements(), content_.rep->count};
+        default:
+            return {};
+        }
+    }
+    // Takes over the holder that a new Rep was born with.
+    void repIs(Rep* rep) {
+        clear();
+        content_.rep = rep;
+        held_ = Held::rep;
+    }
     // Room for `count` elements, rounded up once there is more than one.
     static Rep* allocate(std::size_t count) {
         const std::size_t room =
@@ -200,7 +229,7 @@ class ValueSet {
         return rep;
     }
     static void release(Rep* rep) {
-        if (rep != nullptr && --rep->holders == 0) {
+        if (--rep->holders == 0) {
             destroy(rep);
         }
     }
@@ -209,22 +238,23 @@ class ValueSet {
         delete rep->large;
         ::operator delete(rep);
     }
-    // Makes this the only holder.
+    // Makes this the only holder of the Rep that it has.
     void own() {
-        if (rep_->holders == 1) {
+        const Rep& shared = *content_.rep;
+        if (shared.holders == 1) {
             return;
         }
         Rep* mine = nullptr;
-        if (rep_->large != nullptr) {
-            auto copy = std::make_unique<Large>(rep_->large->clone());
+        if (shared.large != nullptr) {
+            auto copy = std::make_unique<Large>(shared.large->clone());
             mine = allocate(0);
             mine->large = copy.release();
         } else {
-            mine = allocate(rep_->count);
-            std::copy_n(rep_->elements(), rep_->count, mine->elements());
-            mine->count = rep_->count;
+            mine = allocate(shared.count);
+            std::ranges::copy(shortMembers(), mine->elements());
+            mine->count = shared.count;
         }
-        release(std::exchange(rep_, mine));
+        repIs(mine);
     }
     std::vector<T> sorted() const {
         auto list = elements();
@@ -232,7 +262,16 @@ class ValueSet {
         return list;
     }
 
-    Rep* rep_ = nullptr;
+    enum class Held : std::uint8_t { nothing, one, rep };
+    union Content {
+        Content()
+            : rep(nullptr) {}
+        T one;
+        Rep* rep;
+    };
+
+    Content content_;
+    Held held_ = Held::nothing;
 };
 
 } // namespace State
