@@ -172,7 +172,7 @@ class IntfUnion {
 
     IntfSet only_; // the first set, while nothing else was added
     bool isOnly_ = false;
-    std::uint32_t count_ = 0;   // of few_
+    std::uint32_t count_ = 0;    // of few_
     std::uint32_t few_[mostFew]; // ascending; moved into the bitmap, which is then not empty, when full
     std::vector<std::uint64_t> bits_;
 };

@@ -36,8 +36,7 @@ class NatMrouteResponseMap final : public State::Entity {
     }
 
   private:
-    static constexpr std::uint32_t seed =
-        State::seedConstant("KestrelNat::NatMrouteResponseMap::mrouteResp");
+    static constexpr std::uint32_t seed = State::seedConstant("KestrelNat::NatMrouteResponseMap::mrouteResp");
 
     STATE_MAP(0, mrouteResp, NatMrouteKey, NatMrouteOifSet, seed)
 

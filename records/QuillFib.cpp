@@ -89,6 +89,15 @@ std::strong_ordering OifIndexList::operator<=>(const OifIndexList& other) const 
     return std::lexicographical_compare_three_way(begin(), end(), other.begin(), other.end());
 }
 
+void Status::fillIntfs() const {
+    intfs_.clear();
+    for (const auto& [index, intf] : oifIndexIntf()) {
+        intfs_.resize(std::max<std::size_t>(intfs_.size(), index.value() + std::size_t{1}));
+        intfs_[index.value()] = intf;
+    }
+    intfsAsOf_ = oifIndexIntfCollection().changes();
+}
+
 const State::EntityType& Status::type() {
     static const State::EntityType made(
         "Quill::Multicast::Fib::Status", &State::createEntity<Status>,

@@ -10,6 +10,7 @@
 #include "state/ShmTable.h"
 
 #include <string_view>
+#include <vector>
 
 namespace Quill::Multicast::Fib {
 
@@ -73,13 +74,21 @@ class Status final : public State::ShmTable {
     // Reads the interface of an index: the empty one when absent. CorruptionError.
     L3::IntfId intf(OifIndex index) const {
         reading();
-        return oifIndexIntf(index);
+        if (intfsAsOf_ != oifIndexIntfCollection().changes()) {
+            fillIntfs();
+        }
+        return index.value() < intfs_.size() ? intfs_[index.value()] : L3::IntfId();
     }
 
     STATE_MAP(1, oifIndexIntf, OifIndex, L3::IntfId,
               State::seedConstant("Quill::Multicast::Fib::Status::oifIndexIntf"))
 
   private:
+    void fillIntfs() const;
+
+    // The interfaces by index, as of a change of their collection: each route reads some.
+    mutable std::vector<L3::IntfId> intfs_;
+    mutable std::uint32_t intfsAsOf_ = 0;
     RouteCollection route_{*this, routeAttribute,
                            State::seedConstant("Quill::Multicast::Fib::Status::route")};
 };

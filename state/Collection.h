@@ -81,6 +81,7 @@ class MapAttribute {
     // For who has several maps of one seed (those of one attribute): look-ups that hash the key once.
     HashedKey<K> hashed(const K& key) const { return table_.hashed(key); }
     const V* find(const HashedKey<K>& key) const { return valueOf(table_.find(key)); }
+    void prefetch(const HashedKey<K>& key) const { table_.prefetch(key); }
     bool is(const HashedKey<K>& key, V value) requires(!isHandle<V>) {
         return put(key, key.key(), std::move(value));
     }
@@ -93,6 +94,7 @@ class MapAttribute {
     void delAll() {
         if (!owner_.hasSubscribers()) {
             table_.clear();
+            ++changes_;
             return;
         }
         for (const Entry& entry : table_.walk()) {
@@ -104,6 +106,7 @@ class MapAttribute {
     template <class Change>
     void edit(const K& key, Change change) {
         auto [entry, inserted] = table_.findOrInsert(key, [&] { return Entry{key, V{}}; });
+        ++changes_;
         const Edited edited = change(entry->value);
         if (edited == Edited::remove) {
             table_.erase(key);
@@ -129,6 +132,9 @@ class MapAttribute {
     }
 
     std::size_t memoryBytes() const { return table_.memoryBytes(); }
+    // Another number after each change, also after a removal that found nothing; for who keeps what it
+    // computed from the whole collection.
+    std::uint32_t changes() const { return changes_; }
 
   private:
     static const V* valueOf(const Entry* entry) { return entry == nullptr ? nullptr : &entry->value; }
@@ -143,11 +149,13 @@ class MapAttribute {
             }
             entry->value = std::move(value);
         }
+        ++changes_;
         owner_.publish(id_, &key);
         return true;
     }
     template <class Given, class Consume>
     bool erase(const Given& given, const K& key, Consume consume) {
+        ++changes_;
         if (!owner_.hasSubscribers()) {
             return table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); });
         }
@@ -162,6 +170,7 @@ class MapAttribute {
     const Publisher& owner_;
     Table<Entry, KeyOf> table_;
     AttributeId id_;
+    std::uint32_t changes_ = 0;
 };
 
 template <class K>

@@ -114,8 +114,9 @@ void Publisher::sweep() const {
         return;
     }
     Subscriber* begin = many_->subscribers();
-    static_cast<void>(std::remove_if(begin, begin + many_->count,
-                   [](const Subscriber& subscriber) { return subscriber.dispatch == nullptr; }));
+    static_cast<void>(std::remove_if(begin, begin + many_->count, [](const Subscriber& subscriber) {
+        return subscriber.dispatch == nullptr;
+    }));
     many_->count = many_->live;
     if (many_->count == 0) {
         ::operator delete(many_);

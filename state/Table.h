@@ -107,6 +107,15 @@ class Table {
     // The same three with a key that was hashed before; one of this table's seed is not hashed again.
     HashedKey<Key> hashed(const Key& key) const { return {key, index_.seed()}; }
     const Entry* find(const HashedKey<Key>& key) const { return lookUp(key); }
+    // Begins to load the member, for a look-up that comes soon.
+    void prefetch(const HashedKey<Key>& key) const {
+        if (index_.built()) {
+            index_.find(key.hash(index_.seed()), [this](TableIndex::Position position) {
+                __builtin_prefetch(entryAt(index_.segment(position), TableIndex::offset(position)));
+                return true;
+            });
+        }
+    }
     template <class MakeEntry>
     std::pair<Entry*, bool> findOrInsert(const HashedKey<Key>& key, MakeEntry makeEntry) {
         return addUnless(key, makeEntry);

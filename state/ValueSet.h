@@ -1,6 +1,6 @@
 // A set that is a value: copied, assigned and compared by value, walked in order of insertion. A copy shares
-// the elements until one side changes, so that handing a set on costs one count. A single member stands in the
-// set itself, up to `shortCount` in one small array; a larger set is a Table (state/Table.h).
+// the elements until one side changes, so that handing a set on costs one count. A single member stands in
+// the set itself, up to `shortCount` in one small array; a larger set is a Table (state/Table.h).
 #pragma once
 
 #include "state/Hash.h"

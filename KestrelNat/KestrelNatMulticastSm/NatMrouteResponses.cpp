@@ -30,12 +30,30 @@ void NatMrouteSm::updateMrouteResponseMap(const NatMrouteKey& key, const std::st
 
 void NatMrouteSm::updateResponseMap(const NatMrouteOifSet& egressIntfs, const NatMrouteKey& responseMapKey,
                                     const std::string& routeType, bool removeEmpty) {
-    TRACE(8, "updateResponseMap", " responseMapKey=", responseMapKey, " routeType=", routeType);
+    writeResponse(egressIntfs, responsePlace(responseMapKey, routeType), routeType, removeEmpty);
+}
+
+// Begins to load what writeResponse will write, as the table may first be searched for the interfaces.
+NatMrouteSm::ResponsePlace NatMrouteSm::responsePlace(const NatMrouteKey& key,
+                                                      const std::string& routeType) const {
+    const ResponsePlace place{.key = NatMrouteResponseMap::hashed(key),
+                              .own = mrouteResponseMapByRoute_.find(routeType)};
+    if (place.own != nullptr) {
+        (*place.own)->mrouteRespCollection().prefetch(place.key);
+    }
+    if (mrouteResponseMap_) {
+        mrouteResponseMap_->mrouteRespCollection().prefetch(place.key);
+    }
+    return place;
+}
+
+void NatMrouteSm::writeResponse(const NatMrouteOifSet& egressIntfs, const ResponsePlace& place,
+                                const std::string& routeType, bool removeEmpty) {
+    const auto& [key, own] = place;
+    TRACE(8, "updateResponseMap", " responseMapKey=", key.key(), " routeType=", routeType);
 
     // A route update brings its table's own name, and a table need not be named by its route type: then there
     // is no own map, its write is left out, and the other type is the static one.
-    const auto key = NatMrouteResponseMap::hashed(responseMapKey);
-    const auto* own = mrouteResponseMapByRoute_.find(routeType);
     if (own == nullptr) {
         TRACE(0, "updateResponseMap", " no response map for routeType=", routeType);
     } else if (egressIntfs) {

@@ -137,6 +137,13 @@ class NatMrouteSm final : public State::StateMachine {
         const std::string& name() const { return lumenMfib ? lumenMfib->name() : quillRoutes->tableName(); }
     };
 
+    // Where the answer to a request is written: its key, and the map of the route type, null if there is
+    // none.
+    struct ResponsePlace {
+        State::HashedKey<NatMrouteKey> key;
+        const State::Handle<NatMrouteResponseMap>* own;
+    };
+
     // The flows that one route concerns, at most three, and who asks for them as the record stood then.
     struct Flow {
         VrfIdMrouteSourceAndGroup vsg;
@@ -164,6 +171,9 @@ class NatMrouteSm final : public State::StateMachine {
     void retire();
     void recordRequester(const NatMrouteKey& req);
     void forgetRequester(const NatMrouteKey& req);
+    ResponsePlace responsePlace(const NatMrouteKey& key, const std::string& routeType) const;
+    void writeResponse(const NatMrouteOifSet& egressIntfs, const ResponsePlace& place,
+                       const std::string& routeType, bool removeEmpty);
     void publishResponse(const State::HashedKey<NatMrouteKey>& key, NatMrouteOifSet answer, bool removeEmpty);
     RouteTable routeTable(const NatMcastRouteKey& key) const;
     Flows concernedFlows(L3::VrfId vrfId, const MrouteSourceAndGroup& sg,

@@ -107,8 +107,9 @@ void NatMrouteSm::answerRequester(const VrfIdMrouteSourceAndGroup& vsg, const Mr
                            .sourceIp = vsg.sg.sourceIp,
                            .groupIp = vsg.sg.groupIp,
                            .type = NatRequestType{0}};
+    const ResponsePlace place = responsePlace(key, table.name());
     const NatMrouteOifSet oifs = getEgressIntfsForMrouteKey(key, table.quillRoutes, table.lumenMfib);
-    updateResponseMap(oifs, key, table.name(), true);
+    writeResponse(oifs, place, table.name(), true);
     TRACE(8, "setting ", key, " to key ", oifs);
 }
 
