@@ -42,22 +42,6 @@ MrouteSourceAndGroup flowOf(std::size_t i) {
             .groupIp = L3::IpAddr(0xe8000000U | static_cast<std::uint32_t>(i))};
 }
 
-double nanosecondsEach(Clock::duration duration, std::size_t count) {
-    return std::chrono::duration<double, std::nano>(duration).count() / static_cast<double>(count);
-}
-
-// Calls pass() a few times and gives the least time per call of the body in it, in nanoseconds.
-template <class Pass>
-double bestOf(int runs, std::size_t count, Pass pass) {
-    double best = 1e18;
-    for (int run = 0; run < runs; ++run) {
-        const auto begin = Clock::now();
-        pass();
-        best = std::min(best, nanosecondsEach(Clock::now() - begin, count));
-    }
-    return best;
-}
-
 // Two sets of four interfaces, between which routes change.
 struct Interfaces {
     L3::IntfSet sets[2];
@@ -229,16 +213,14 @@ std::vector<std::uint32_t> changesOf(std::size_t flows, std::size_t count) {
 template <class Subject>
 double changeTime(Subject& subject, const Interfaces& interfaces, const std::vector<std::uint32_t>& order) {
     std::vector<std::uint8_t> state(requestCount, 0);
-    return bestOf(quick ? 3 : 5, order.size(), [&] {
-        for (const std::uint32_t i : order) {
-            state[i] ^= 1U;
-            subject.change(i, interfaces, state[i]);
-        }
+    return Bench::leastOf(quick ? 3 : 5, [&] {
+        return Bench::timeEach(order.size(), [&] {
+            for (const std::uint32_t i : order) {
+                state[i] ^= 1U;
+                subject.change(i, interfaces, state[i]);
+            }
+        });
     });
-}
-
-const char* yesNo(bool reached) {
-    return reached ? "yes" : "no";
 }
 
 struct ChangeFigures {
@@ -277,51 +259,54 @@ ChangeFigures measureChanges(std::size_t routes, const Interfaces& interfaces, s
     const DenseWalk dense(routes, interfaces);
     const std::size_t walks = std::max<std::size_t>(20, 5'000'000 / routes);
     std::size_t sum = 0;
-    figures.walk = bestOf(3, walks, [&] {
-        for (std::size_t i = 0; i < walks; ++i) {
-            sum += dense.find(flowOf(i * 7919 % routes));
-        }
+    figures.walk = Bench::leastOf(3, [&] {
+        return Bench::timeEach(walks, [&] {
+            for (std::size_t i = 0; i < walks; ++i) {
+                sum += dense.find(flowOf(i * 7919 % routes));
+            }
+        });
     });
     std::fprintf(stderr, "%s", sum == 0 ? "\n" : ""); // the walks are not optimised away
     return figures;
 }
 
+std::string routesText(std::size_t routes) {
+    return std::to_string(routes) + (lumen ? " Lumen routes" : " Quill routes");
+}
+
 void reportChanges(const std::vector<std::size_t>& sizes, const Interfaces& interfaces) {
-    std::printf("\nchange -> answer, %zu requests, %s source; ns, ratio to the floor\n", requestCount,
-                lumen ? "Lumen" : "Quill");
-    std::printf("%9s %-8s %8s %16s %16s %12s\n", "routes", "", "floor", "ring off", "ring on", "dense walk");
     static std::vector<std::byte> ring(1U << 20U); // what follows traces into it as well
-    double hotAt100 = 0;
-    for (const std::size_t routes : sizes) {
-        const ChangeFigures f = measureChanges(routes, interfaces, ring);
-        for (int hot = 0; hot < 2; ++hot) {
-            std::printf("%9zu %-8s %8.0f %8.0f (%4.2fx) %8.0f (%4.2fx)", routes, hot != 0 ? "hot" : "uniform",
-                        f.floor[hot], f.ringOff[hot], f.ringOff[hot] / f.floor[hot], f.ringOn[hot],
-                        f.ringOn[hot] / f.floor[hot]);
-            if (hot == 0) {
-                std::printf(" %9.0f ns, %.0fx ours", f.walk, f.walk / f.ringOff[0]);
+    std::vector<ChangeFigures> all;
+    {
+        Bench::Report report("change -> answer, 16,384 requests", "ns", "floor ns");
+        for (const std::size_t routes : sizes) {
+            const ChangeFigures& f = all.emplace_back(measureChanges(routes, interfaces, ring));
+            for (const int hot : {0, 1}) {
+                const std::string name = routesText(routes) + (hot != 0 ? ", hot" : ", uniform");
+                report.atMost((name + ", ring off").c_str(), f.ringOff[hot], f.floor[hot], 2.5);
+                report.atMost((name + ", ring on").c_str(), f.ringOn[hot], f.floor[hot], 3.2);
             }
-            std::printf("\n");
         }
-        hotAt100 = routes == 100 ? f.ringOff[1] : hotAt100;
-        for (int hot = 0; hot < 2; ++hot) {
-            std::printf("  goal ring off 2.5x: %s, ring on 3.2x: %s (%s)\n",
-                        yesNo(f.ringOff[hot] <= 2.5 * f.floor[hot]),
-                        yesNo(f.ringOn[hot] <= 3.2 * f.floor[hot]), hot != 0 ? "hot" : "uniform");
+    }
+    {
+        Bench::Report report("change -> answer, as tables grow", "ns", "100 routes");
+        for (std::size_t i = 1; i < sizes.size(); ++i) {
+            const double goal = sizes[i] == 100'000 ? 1.2 : sizes[i] == 1'000'000 ? 1.4 : 0;
+            report.atMost((routesText(sizes[i]) + ", hot").c_str(), all[i].ringOff[1], all[0].ringOff[1],
+                          goal);
         }
-        if (routes == 100'000 || routes == 1'000'000) {
-            const double hotGoal = routes == 100'000 ? 1.2 : 1.4;
-            const double walkGoal = routes == 100'000 ? 100 : 2000;
-            std::printf(
-                "  goal hot against 100 routes %.1fx: %.2fx %s; against the dense walk %.0fx: %.0fx %s\n",
-                hotGoal, f.ringOff[1] / hotAt100, yesNo(f.ringOff[1] <= hotGoal * hotAt100), walkGoal,
-                f.walk / f.ringOff[0], yesNo(f.walk >= walkGoal * f.ringOff[0]));
-        }
+    }
+    Bench::Report report("change -> answer, and the walk of a dense table alone", "ns", "walk ns");
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        const double goal = sizes[i] == 100'000 ? 100 : sizes[i] == 1'000'000 ? 2000 : 0;
+        report.timesBetter((routesText(sizes[i]) + ", uniform").c_str(), all[i].ringOff[0], all[i].walk,
+                           goal);
     }
 }
 
 // Rows that one (S,G) recompute looks at, counted by the trace lines that tell of each.
 void reportRowsVisited(const Interfaces& interfaces) {
+    Bench::Report report("rows visited per (S,G) recompute", "rows", "");
     for (const std::size_t routes : {std::size_t{100}, std::size_t{100'000}}) {
         System system(routes, 100, interfaces);
         system.start();
@@ -331,28 +316,30 @@ void reportRowsVisited(const Interfaces& interfaces) {
         for (const auto& record : State::traceRecordsSince(mark)) {
             rows += record.message.starts_with("Iterating oifs for routeKey=") ? 1U : 0U;
         }
-        std::printf("rows visited per (S,G) recompute at %zu routes: %zu, goal 1: %s\n", routes, rows,
-                    yesNo(rows == 1));
+        report.limit(routesText(routes).c_str(), static_cast<double>(rows), 1);
     }
 }
 
 void reportStartAndInterface(const Interfaces& interfaces) {
     const std::size_t routes = 100'000;
     System system(routes, requestCount, interfaces);
-    const auto begin = Clock::now();
-    system.start();
-    const double start = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    std::printf("start-up over a table of %zu routes, %zu requests: %.1f ms\n", routes, requestCount, start);
+    const double start = Bench::timeEach(1, [&] { system.start(); });
+    {
+        Bench::Report report("start-up over a table that is there, 16,384 requests", "ms", "");
+        report.row(routesText(routes).c_str(), start / 1e6);
+    }
     if (lumen) {
         return;
     }
+    Bench::Report report("one interface change, a route of the table", "ns", "");
     bool other = false;
-    const double each = bestOf(5, routes, [&] {
-        other = !other;
-        system.changeInterface(1, other ? "Port1" : "Ethernet1");
+    const double each = Bench::leastOf(5, [&] {
+        return Bench::timeEach(routes, [&] {
+            other = !other;
+            system.changeInterface(1, other ? "Port1" : "Ethernet1");
+        });
     });
-    std::printf("one interface change, per route of the table: %.0f ns, goal 150 ns: %s\n", each,
-                yesNo(each <= 150));
+    report.limit(routesText(routes).c_str(), each, 150);
 }
 
 std::size_t heapInUse() {
@@ -367,9 +354,9 @@ void reportBytes(const Interfaces& interfaces) {
     const double stored = static_cast<double>(heapInUse() - before) / static_cast<double>(routes);
     system->start();
     const double watched = static_cast<double>(heapInUse() - before) / static_cast<double>(routes);
-    std::printf(
-        "bytes a route with 4 interfaces, %zu routes: %.0f stored, %.0f with its watcher, goal 130: %s\n",
-        routes, stored, watched, yesNo(stored <= 130));
+    Bench::Report report("memory", "bytes", "");
+    report.limit((routesText(routes) + ", 4 interfaces: a route").c_str(), stored, 130);
+    report.row((routesText(routes) + ": a route and its watcher").c_str(), watched);
     system.reset();
 
     const std::size_t asked = 100'000;
@@ -384,7 +371,7 @@ void reportBytes(const Interfaces& interfaces) {
     // The bench's own handle to each changed route is not the system's.
     const std::size_t benchOwn = lumen ? asked * sizeof(Handle<LumenRoute>) : 0;
     const double request = static_cast<double>(heapInUse() - beforeBoth - routesAlone - benchOwn) / asked;
-    std::printf("bytes a request with its answer: %.0f, goal 300: %s\n", request, yesNo(request <= 300));
+    report.limit((routesText(asked) + ": a request with its answer").c_str(), request, 300);
 }
 
 // Changes for a profiler: nothing else is done but the set-up before.

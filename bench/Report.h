@@ -80,16 +80,35 @@ inline double quantile(std::vector<double> figures, double share = 0.5) {
     return figures[static_cast<std::size_t>(at)];
 }
 
-/// Prints one table as it goes.
+/// Prints one table as it goes, and appends it as Markdown to the file that KESTREL_BENCH_TABLE names.
 class Report {
   public:
     /// `unit` is that of figures and references.
-    Report(const char* title, const char* unit, const char* reference) {
+    Report(const char* title, const char* unit, const char* reference)
+        : file_(openFile()) {
         std::printf("\n%-58s %12s %12s %9s %8s  %s\n", title, unit, reference, "ratio", "goal", "reached");
+        markdown("\n| %s | %s | %s | ratio | goal | reached |\n|---|--:|--:|--:|--:|---|\n", title, unit,
+                 reference);
     }
+    ~Report() {
+        if (file_ != nullptr) {
+            std::fclose(file_);
+        }
+    }
+    Report(const Report&) = delete;
+    Report& operator=(const Report&) = delete;
 
     /// The figure alone.
-    void row(const char* name, double figure) { std::printf("%-58s %12.1f\n", name, figure); }
+    void row(const char* name, double figure) {
+        std::printf("%-58s %12.1f\n", name, figure);
+        markdown("| %s | %.1f | | | | |\n", name, figure);
+    }
+    /// The figure, which is to be `goal` at most, in its own unit.
+    void limit(const char* name, double figure, double goal) {
+        const char* reached = yesNo(figure <= goal);
+        std::printf("%-58s %12.1f %12s %9s %8.4g  %s\n", name, figure, "", "", goal, reached);
+        markdown("| %s | %.1f | | | %.4g | %s |\n", name, figure, goal, reached);
+    }
     /// Ratio figure to reference, which is to be `goal` at most; 0: no goal is set.
     void atMost(const char* name, double figure, double reference, double goal = 0) {
         const double ratio = figure / reference;
@@ -102,15 +121,31 @@ class Report {
     }
 
   private:
-    static void line(const char* name, double figure, double reference, double ratio, double goal,
-                     bool reached) {
+    static std::FILE* openFile() {
+        const char* name = std::getenv("KESTREL_BENCH_TABLE");
+        return name == nullptr ? nullptr : std::fopen(name, "a");
+    }
+    static const char* yesNo(bool reached) { return reached ? "yes" : "no"; }
+    template <class... Pieces>
+    void markdown(const char* format, Pieces... pieces) {
+        if (file_ != nullptr) {
+            std::fprintf(file_, format, pieces...); // NOLINT(clang-diagnostic-format-nonliteral)
+        }
+    }
+    void line(const char* name, double figure, double reference, double ratio, double goal, bool reached) {
         std::printf("%-58s %12.1f %12.1f %8.2fx", name, figure, reference, ratio);
+        markdown("| %s | %.1f | %.1f | %.2fx |", name, figure, reference, ratio);
         if (goal != 0) {
-            std::printf(" %7.4gx  %s", goal, reached ? "yes" : "no");
+            std::printf(" %7.4gx  %s", goal, yesNo(reached));
+            markdown(" %.4gx | %s |\n", goal, yesNo(reached));
+        } else {
+            markdown(" | |\n");
         }
         std::printf("\n");
         std::fflush(stdout);
     }
+
+    std::FILE* file_;
 };
 
 /// Ends the program: what it measured was not the work it was to measure.

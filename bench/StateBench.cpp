@@ -11,5 +11,6 @@ int main(int count, char** arguments) {
         return 1;
     }
     TableBench::report();
+    TraceBench::report();
     benchmark::RunSpecifiedBenchmarks();
 }

@@ -2,13 +2,16 @@
 // loggers that format each message and throw it away. Included by bench/StateBench.cpp.
 #pragma once
 
+#include "bench/Report.h"
 #include "state/Trace.h"
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <span>
 #include <sstream>
@@ -145,36 +148,32 @@ inline void eventBegin(benchmark::State& state) {
 }
 BENCHMARK(eventBegin)->Name("trace/time stamp of an event");
 
-// Nanoseconds a call of `log`, over a batch.
-template <class Log>
-double nanosecondsPerCall(Log log, Values& values) {
-    constexpr int calls = 20000;
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < calls; ++i) {
-        log(step(values));
-    }
-    return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count() / calls;
-}
+// ---- the report
 
-// The three ways in turn within one run; the counters are nanoseconds a call and ratios to a record.
-inline void againstLoggers(benchmark::State& state) {
+// Nanoseconds a call of each log, over batches in turn, the loop included.
+inline void report() {
     const Setup setup(true, 0);
     Values values;
-    double traced = 0;
-    double streamed = 0;
-    double printed = 0;
-    for (auto _ : state) {
-        traced += nanosecondsPerCall(traceFour, values);
-        streamed += nanosecondsPerCall(streamLog, values);
-        printed += nanosecondsPerCall(printfLog, values);
+    constexpr std::size_t calls = 20'000;
+    const auto each = [&](auto log) {
+        return Bench::timeEach(calls, [&] {
+            for (std::size_t i = 0; i < calls; ++i) {
+                log(step(values));
+            }
+        });
+    };
+    double traced = std::numeric_limits<double>::max();
+    double streamed = traced;
+    double printed = traced;
+    for (int pass = 0; pass < (Bench::quick ? 20 : 200); ++pass) {
+        traced = std::min(traced, each(traceFour));
+        streamed = std::min(streamed, each(streamLog));
+        printed = std::min(printed, each(printfLog));
     }
-    const auto rounds = static_cast<double>(state.iterations());
-    state.counters["record_ns"] = traced / rounds;
-    state.counters["stream_ns"] = streamed / rounds;
-    state.counters["printf_ns"] = printed / rounds;
-    state.counters["stream_ratio"] = streamed / traced;
-    state.counters["printf_ratio"] = printed / traced;
+    Bench::Report report("a trace record of 4 values in the ring", "ns", "logger ns");
+    report.limit("record", traced, 4);
+    report.timesBetter("against a logger by ostringstream, null sink", traced, streamed, 30);
+    report.timesBetter("against a logger by snprintf, null sink", traced, printed, 30);
 }
-BENCHMARK(againstLoggers)->Name("trace/record against formatting loggers");
 
 } // namespace TraceBench

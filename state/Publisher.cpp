@@ -83,21 +83,30 @@ void Publisher::unsubscribe(const void* subscriber, Dispatch dispatch) const {
     }
 }
 
+inline void Publisher::tell(Dispatch dispatch, void* subscriber, AttributeMask attributes,
+                            const Notification& notification) {
+    if (dispatch == nullptr || (attributes & maskOf(notification.attribute)) == 0) {
+        return;
+    }
+    try {
+        dispatch(subscriber, notification);
+    } catch (const std::exception& exception) {
+        fatalException(exception.what());
+    } catch (...) {
+        fatalException("an exception that is no std::exception");
+    }
+}
+
 void Publisher::deliver(const Notification& notification) const {
     const Handle<const Publisher> keepAlive(this);
-    const std::uint32_t end = count();
     ++depth_;
-    for (std::uint32_t i = 0; i < end; ++i) {
-        const Subscriber subscriber = this->subscriber(i); // one that comes may move them
-        if (subscriber.dispatch == nullptr || (subscriber.attributes & maskOf(notification.attribute)) == 0) {
-            continue;
-        }
-        try {
-            subscriber.dispatch(subscriber.object, notification);
-        } catch (const std::exception& exception) {
-            fatalException(exception.what());
-        } catch (...) {
-            fatalException("an exception that is no std::exception");
+    if (storage_ == Storage::one) {
+        tell(one_.dispatch, one_.object, oneAttributes_, notification);
+    } else {
+        const std::uint32_t end = many_->count;
+        for (std::uint32_t i = 0; i < end; ++i) {
+            const Subscriber& each = many_->subscribers()[i]; // until one that comes moves them
+            tell(each.dispatch, each.object, each.attributes, notification);
         }
     }
     if (--depth_ == 0) {

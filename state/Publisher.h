@@ -88,6 +88,8 @@ class Publisher : public RefCounted {
     Subscriber subscriber(std::uint32_t position) const;
     std::uint32_t positionOf(const void* subscriber, Dispatch dispatch) const;
     void append(const Subscriber& subscriber) const;
+    static void tell(Dispatch dispatch, void* subscriber, AttributeMask attributes,
+                     const Notification& notification);
     void deliver(const Notification& notification) const;
     void sweep() const;
 
