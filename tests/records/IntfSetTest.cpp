@@ -91,12 +91,12 @@ TEST_F(IntfSetTest, BehavesAsASortedSetThatIsCopied) {
     }
 }
 
-TEST_F(IntfSetTest, AUnionIsThatOfAllThatWasAdded) {
+TEST_F(IntfSetTest, AUnionIsThatOfAllThatWasAdded) { // few and many
     for (int round = 0; round < 2000; ++round) {
         L3::IntfUnion collected;
         Model model;
         std::vector<IntfSet> added;
-        for (unsigned parts = pick(5); parts > 0; --parts) {
+        for (unsigned parts = pick(12); parts > 0; --parts) {
             if (pick(3) == 0) {
                 const std::uint64_t number = 1 + pick(200);
                 collected.add(interface(number));
