@@ -1,7 +1,5 @@
 #include "tests/kernel/NetNamespace.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -9,7 +7,9 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sched.h>
+#include <stdexcept>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace Agent::Kernel::Test {
@@ -53,12 +53,14 @@ bool netNamespaceRequired() {
 
 void shell(const std::string& command) {
     FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
-    ASSERT_TRUE(pipe);
+    if (!pipe)
+        throw std::system_error(errno, std::generic_category(), command);
     std::string output;
     char chunk[512];
     while (std::size_t size = fread(chunk, 1, sizeof chunk, pipe))
         output.append(chunk, size);
-    EXPECT_EQ(pclose(pipe), 0) << command << ": " << output;
+    if (pclose(pipe) != 0)
+        throw std::runtime_error(command + ": " + output);
 }
 
 void makeInterfaces() {
@@ -73,15 +75,16 @@ void makeInterfaces() {
          {"ip_forward=1", "conf/all/rp_filter=0", "conf/e1/rp_filter=0", "conf/e1/accept_local=1"}) {
         std::string setting = path;
         std::size_t equals = setting.find('=');
-        EXPECT_TRUE(writeFile(("/proc/sys/net/ipv4/" + setting.substr(0, equals)).c_str(),
-                              setting.substr(equals + 1)))
-            << setting;
+        if (!writeFile(("/proc/sys/net/ipv4/" + setting.substr(0, equals)).c_str(),
+                       setting.substr(equals + 1)))
+            throw std::runtime_error("can't set " + setting);
     }
 }
 
 Program::Program(const std::vector<std::string>& command)
     : pid_(started(command)) {
-    EXPECT_GT(pid_, 0);
+    if (pid_ < 0)
+        throw std::system_error(errno, std::generic_category(), command.front());
 }
 
 pid_t Program::started(const std::vector<std::string>& command) {

@@ -1,5 +1,5 @@
-// A network namespace of the test's own, made without root: interfaces, routes and daemons in it touch
-// nothing outside, and go with the process.
+// A network namespace of the test's or benchmark's own, made without root: interfaces, routes and daemons in
+// it touch nothing outside, and go with the process.
 //
 // Each of a test's namespaces replaces the one before, for the whole process and the programs it starts.
 #pragma once
@@ -18,16 +18,17 @@ std::string enterNetNamespace();
 /// Whether a test that can't have a namespace must fail rather than be skipped: KESTREL_REQUIRE_NETNS=1.
 bool netNamespaceRequired();
 
-/// Runs a command line by the shell. Fails the test, with what it wrote, when it fails.
+/// Runs a command line by the shell. @throws std::runtime_error with what it wrote when it fails.
 void shell(const std::string& command);
 
 /// veth pairs e1-p1 to e4-p4, up; 10.9.i.1/24 on e_i and 10.9.1.2/24 on p1, so that what is sent from p1 is
-/// routed from e1.
+/// routed from e1. @throws std::runtime_error
 void makeInterfaces();
 
 /// A program that is ended with its owner. What it writes is dropped.
 class Program {
   public:
+    /// @throws std::system_error when it can't be started.
     explicit Program(const std::vector<std::string>& command);
     ~Program() { stop(); }
     Program(const Program&) = delete;

@@ -1,0 +1,172 @@
+// The kernel source in a real agent: what reaches the answers, and what its configuration does while it runs.
+#include "tests/agent/AgentProcess.h"
+#include "tests/kernel/MfcFeeder.h"
+#include "tests/kernel/NetNamespace.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Agent::Kernel::Test {
+namespace {
+
+using AgentTest::AgentProcess;
+using AgentTest::Json;
+using AgentTest::RpcClient;
+using AgentTest::TemporaryFolder;
+using AgentTest::writeFile;
+
+constexpr std::uint32_t routes = 20'000;
+
+MfcKey numbered(std::uint32_t number) {
+    return {.source = 0x0a090102 + (number >> 16), .group = 0xef020000 + (number & 0xffff)};
+}
+
+// Asks every 20 ms, 10 s at most, until the condition holds.
+template <class Condition>
+bool becomes(Condition condition) {
+    using namespace std::chrono_literals;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+// Posts or withdraws a request for each route.
+void requestAll(RpcClient& client, const char* operation) {
+    constexpr std::uint32_t atOnce = 5000; // they fit one line
+    for (std::uint32_t first = 0; first < routes; first += atOnce) {
+        Json changes = Json::array();
+        for (std::uint32_t i = first; i < first + atOnce; ++i)
+            changes.push_back({{"op", operation},
+                               {"path", "api/mroute/req"},
+                               {"attribute", "mrouteReq"},
+                               {"key",
+                                {{"intf", "Ethernet5"},
+                                 {"vrfId", 0},
+                                 {"vlanId", 10},
+                                 {"sourceIp", ipv4Text(numbered(i).source)},
+                                 {"groupIp", ipv4Text(numbered(i).group)},
+                                 {"type", 0}}}});
+        client.result("apply", {{"changes", changes}});
+    }
+}
+
+// The interfaces of each answer that has any, by group.
+std::map<std::string, std::string> answers(RpcClient& client) {
+    std::map<std::string, std::string> found;
+    for (const Json& answer :
+         client.result("get", {{"path", "api/mroute/resp"}, {"attribute", "mrouteResp"}})) {
+        std::string interfaces;
+        for (const Json& name : answer.at("value"))
+            interfaces += name.get<std::string>() + " ";
+        if (!interfaces.empty())
+            found[answer.at("key").at("groupIp")] = interfaces;
+    }
+    return found;
+}
+
+class KernelAgentTest : public testing::TestWithParam<const char*> {};
+
+TEST_P(KernelAgentTest, AfterLostEventsAnswersAreAsIfAskedAnew) {
+    ENTER_NET_NAMESPACE();
+    makeInterfaces();
+    MfcFeeder feeder;
+    for (int i = 1; i <= 4; ++i)
+        feeder.vifIs(i - 1, "e" + std::to_string(i));
+    const TemporaryFolder folder;
+    ::setenv("KESTREL_KERNEL_RCVBUF", "16384", 1);
+    const AgentProcess agent(folder,
+                             {"--toggle", std::string("KestrelNatMfibLumen=") + GetParam(), "--kernel",
+                              writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "default"}]})")});
+    ::unsetenv("KESTREL_KERNEL_RCVBUF");
+    RpcClient client = agent.client();
+    const auto state = [&] { return client.result("kernel"); };
+    ASSERT_TRUE(becomes([&] { return state().at("vrfs").at(0).at("multicast") == true; }));
+    requestAll(client, "set");
+
+    for (std::uint32_t i = 0; i < routes; ++i)
+        feeder.routeIs(numbered(i), 0, {1});
+    // A quarter goes, a quarter changes, a quarter changes and changes back.
+    for (std::uint32_t i = 0; i < routes; ++i) {
+        if (i % 4 == 0)
+            feeder.routeDel(numbered(i));
+        else if (i % 4 != 3)
+            feeder.routeIs(numbered(i), 0, {2, 3});
+        if (i % 4 == 2)
+            feeder.routeIs(numbered(i), 0, {1});
+    }
+    ASSERT_TRUE(becomes([&] {
+        const Json now = state();
+        return now.at("synced") == true && now.at("vrfs").at(0).at("resyncWanted") == false &&
+               now.at("vrfs").at(0).at("rows") == routes * 3 / 4;
+    }));
+    EXPECT_GT(state().at("counters").at("overruns"), 0);
+    const Json verified = client.result("kernel", {{"verify", true}});
+    EXPECT_EQ(verified.at("complete"), true);
+    EXPECT_EQ(verified.at("differences"), Json::array());
+    EXPECT_EQ(verified.at("rows"), routes * 3 / 4);
+
+    const auto followed = answers(client);
+    EXPECT_EQ(followed.size(), routes * 3 / 4);
+    EXPECT_EQ(followed.at(ipv4Text(numbered(1).group)), "e3 e4 ");
+    EXPECT_EQ(followed.at(ipv4Text(numbered(2).group)), "e2 ");
+    requestAll(client, "del");
+    EXPECT_TRUE(answers(client).empty());
+    requestAll(client, "set");
+    EXPECT_TRUE(answers(client) == followed);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothSources, KernelAgentTest, testing::Values("on", "off"),
+                         [](const auto& toggle) { return std::string("Lumen_") + toggle.param; });
+
+TEST(KernelAgentConfigTest, IsReadAgainOnHupAndAFaultyOneChangesNothing) {
+    ENTER_NET_NAMESPACE();
+    makeInterfaces();
+    MfcFeeder feeder(100);
+    feeder.vifIs(0, "e1");
+    feeder.vifIs(1, "e2");
+    feeder.routeIs(numbered(0), 0, {1});
+    const TemporaryFolder folder;
+    const std::string file = writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "default"}]})");
+    const AgentProcess agent(folder, {"--kernel", file});
+    RpcClient client = agent.client();
+    const auto rows = [&] {
+        std::map<std::string, int> found;
+        const Json state = client.result("kernel");
+        for (const Json& vrf : state.at("vrfs"))
+            found[vrf.at("vrf")] = vrf.at("rows");
+        return found;
+    };
+    const std::map<std::string, int> both{{"default", 0}, {"red", 1}};
+    EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, int>{{"default", 0}}; }));
+
+    writeFile(folder, "kernel.json",
+              R"({"vrfs": [{"name": "default"}, {"name": "red", "id": 3, "table": 100}]})");
+    agent.signal(SIGHUP);
+    EXPECT_TRUE(becomes([&] { return rows() == both; }));
+
+    writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "blue", "id": 16777216, "table": 100}]})");
+    agent.signal(SIGHUP);
+    EXPECT_TRUE(becomes([&] { return agent.said().find(file) != std::string::npos; }));
+    EXPECT_NE(agent.said().find("blue"), std::string::npos) << agent.said();
+    EXPECT_EQ(rows(), both);
+    feeder.routeIs(numbered(1), 0, {1});
+    EXPECT_TRUE(becomes([&] { return rows().at("red") == 2; })) << "it is still followed";
+
+    writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "default"}]})");
+    agent.signal(SIGHUP);
+    EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, int>{{"default", 0}}; }));
+}
+
+} // namespace
+} // namespace Agent::Kernel::Test
