@@ -1,0 +1,385 @@
+// The kernel as the source of routes, beside the least that any reader of the kernel's routes pays.
+//
+// From route to answer: another process gives the kernel a route. What is timed ends where the plug-in's
+// answer is told to a subscriber, with the agent's loop, its mirror of the kernel and the real plug-in in
+// this process. It stands beside the arrival of the same kind of notification at a bare reader in the same
+// process: the agent's loop and one recv, nothing parsed. Both times begin just before the route is given to
+// the kernel, and both are mostly the kernel's: making the route, telling it, waking the reader. The two wait
+// in turns of a hundred routes.
+//
+// Start: the kernel has the routes already. What is timed begins with the first question to the kernel and
+// ends when all rows and all answers are there; it stands beside a bare dump of the same table, read into a
+// buffer of the same size and thrown away.
+//
+// Everything happens in a network namespace of this program's own.
+#include "agent/EventLoop.h"
+#include "agent/Host.h"
+#include "agent/KernelMirror.h"
+#include "agent/Operations.h"
+#include "bench/Report.h"
+#include "records/NatMroute.h"
+#include "tests/kernel/MfcFeeder.h"
+#include "tests/kernel/NetNamespace.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Agent::Kernel::MfcKey;
+using Agent::Kernel::Test::MfcFeeder;
+using Clock = Bench::WallClock;
+
+constexpr std::size_t turnRoutes = 100;
+constexpr std::uint32_t kernelTable = 253;
+constexpr std::chrono::microseconds pace{500}; // between two routes: the reader sleeps again by then
+
+MfcKey keyOf(std::size_t number) {
+    return {.source = 0x0a000001U + static_cast<std::uint32_t>(number >> 16),
+            .group = 0xe8000000U + static_cast<std::uint32_t>(number & 0xffffU)};
+}
+
+/// A process that holds the kernel's table, as a routing daemon does, and sets routes when told to.
+class Feeder {
+  public:
+    Feeder() {
+        void* memory = ::mmap(nullptr, turnRoutes * sizeof(Clock::time_point), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()) != 0) {
+            Bench::refuse("no memory or sockets to share");
+        }
+        begun_ = static_cast<Clock::time_point*>(memory);
+        process_ = ::fork();
+        if (process_ == 0) {
+            ::close(ends_[0]);
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            serve();
+            ::_exit(0);
+        }
+        ::close(ends_[1]);
+        wait(); // until it has the table
+    }
+    ~Feeder() {
+        ::close(ends_[0]);
+        ::waitpid(process_, nullptr, 0);
+    }
+    Feeder(const Feeder&) = delete;
+    Feeder& operator=(const Feeder&) = delete;
+
+    /// Has the routes set one after the other at the pace, and comes back at once; begun() tells when each
+    /// was.
+    void begin(std::size_t routes) { send({.paced = true, .count = routes}); }
+    void set(std::size_t routes) {
+        send({.count = routes});
+        wait();
+    }
+    void remove(std::size_t routes) {
+        send({.remove = true, .count = routes});
+        wait();
+    }
+    /// Waits for the end of what was begun.
+    void wait() const {
+        char done = 0;
+        if (::read(ends_[0], &done, 1) != 1) {
+            Bench::refuse("the process that sets routes is gone");
+        }
+    }
+    Clock::time_point begun(std::size_t route) const { return begun_[route]; }
+
+  private:
+    struct Command {
+        bool remove = false;
+        bool paced = false;
+        std::size_t count = 0;
+    };
+
+    void send(const Command& command) const {
+        if (::write(ends_[0], &command, sizeof command) != static_cast<ssize_t>(sizeof command)) {
+            Bench::refuse("the process that sets routes is gone");
+        }
+    }
+    void serve() const {
+        MfcFeeder kernel(kernelTable);
+        kernel.vifIs(0, "e1");
+        kernel.vifIs(1, "e2");
+        const auto done = [this] { return ::write(ends_[1], "", 1) == 1; };
+        Command command;
+        while (done() && ::read(ends_[1], &command, sizeof command) == static_cast<ssize_t>(sizeof command)) {
+            for (std::size_t i = 0; i < command.count; ++i) {
+                if (command.remove) {
+                    kernel.routeDel(keyOf(i));
+                    continue;
+                }
+                if (command.paced) {
+                    std::this_thread::sleep_for(pace);
+                    begun_[i] = Clock::now();
+                }
+                kernel.routeIs(keyOf(i), 0, {1});
+            }
+        }
+    }
+
+    std::array<int, 2> ends_{};
+    Clock::time_point* begun_ = nullptr;
+    pid_t process_ = -1;
+};
+
+Agent::Fd netlinkSocket() {
+    Agent::Fd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    if (!fd) {
+        Bench::refuse("no netlink socket");
+    }
+    return fd;
+}
+
+void runOneTurn(Agent::EventLoop& loop) {
+    loop.defer([&loop] { loop.stop(); });
+    loop.run();
+}
+
+/// The agent without its control socket: the plug-in, the mirror of the kernel, requests for the first
+/// routes, and a subscriber to the answers.
+class Mirrored {
+  public:
+    explicit Mirrored(std::size_t requests)
+        : requests_(requests) {
+        host_.load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so");
+        host_.start();
+        const auto collection = host_.inDatabase<KestrelNat::NatMrouteRequestSet>("api/mroute/req");
+        for (std::size_t i = 0; i < requests; ++i) {
+            collection->mrouteReqIs({.intf = L3::IntfId("Ethernet99"),
+                                     .vrfId = 0,
+                                     .vlanId = 10,
+                                     .sourceIp = L3::IpAddr(keyOf(i).source),
+                                     .groupIp = L3::IpAddr(keyOf(i).group)});
+        }
+        answers_->subscribe(this, &hear);
+    }
+    ~Mirrored() { answers_->unsubscribe(this, &hear); }
+    Mirrored(const Mirrored&) = delete;
+    Mirrored& operator=(const Mirrored&) = delete;
+
+    /// Begins to follow the kernel; comes back when so many routes are rows, and all requests that can be
+    /// answered are.
+    void follow(const std::string& config, std::size_t routes) {
+        const std::size_t answered = heard_.size() + std::min(routes, requests_);
+        mirror_ = Agent::makeKernelMirror(operations_, loop_, config);
+        const auto hook = loop_.turnHookIs([&] {
+            if (rows() == routes && heard_.size() == answered) {
+                loop_.stop();
+            }
+            return false;
+        });
+        loop_.defer([] {}); // a turn to begin with
+        loop_.run();
+        loop_.turnHookDel(hook);
+    }
+    /// When each of the next so many answers with an interface was told.
+    const std::vector<Clock::time_point>& answersTold(std::size_t count) {
+        heard_.clear();
+        wanted_ = count;
+        loop_.run();
+        wanted_ = 0;
+        return heard_;
+    }
+    /// Takes in what the kernel has told.
+    void catchUp() { runOneTurn(loop_); }
+
+  private:
+    static void hear(void* self, const State::Notification& change) {
+        auto& mirrored = *static_cast<Mirrored*>(self);
+        const auto* answer =
+            mirrored.answers_->mrouteRespCollection().find(change.keyAs<KestrelNat::NatMrouteKey>());
+        if (answer == nullptr || answer->empty()) {
+            return;
+        }
+        mirrored.heard_.push_back(Clock::now());
+        if (mirrored.heard_.size() == mirrored.wanted_) {
+            mirrored.loop_.stop();
+        }
+    }
+    std::size_t rows() const {
+        const char* const table = host_.isLumen() ? "lumen/multicast/fib/ipv4/sparsemode/default"
+                                                  : "routing/multicast/routestatus/default/sparsemode";
+        return operations_.members(table, "route", nullptr, 1).size;
+    }
+
+    std::size_t requests_;
+    Agent::EventLoop loop_;
+    Agent::Host host_;
+    Agent::Operations operations_{host_};
+    State::Handle<const KestrelNat::NatMrouteResponseMap> answers_ =
+        host_.inDatabase<KestrelNat::NatMrouteResponseMap>("api/mroute/resp");
+    std::unique_ptr<Agent::KernelSource> mirror_;
+    std::vector<Clock::time_point> heard_;
+    std::size_t wanted_ = 0;
+};
+
+/// Reads the kernel's notifications of routes and nothing in them.
+class BareReader {
+  public:
+    BareReader() {
+        sockaddr_nl address{};
+        address.nl_family = AF_NETLINK;
+        const int group = RTNLGRP_IPV4_MROUTE;
+        if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            ::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
+            Bench::refuse("no subscription to the kernel's routes");
+        }
+        loop_.fdIs(fd_.get(), Agent::EventLoop::readable, [this](unsigned /*ready*/) {
+            while (::recv(fd_.get(), buffer_.data(), buffer_.size(), 0) > 0) {
+                heard_.push_back(Clock::now());
+            }
+            if (heard_.size() == wanted_) {
+                loop_.stop();
+            }
+        });
+    }
+
+    /// When each of the next so many notifications was read.
+    const std::vector<Clock::time_point>& arrivals(std::size_t count) {
+        heard_.clear();
+        wanted_ = count;
+        loop_.run();
+        wanted_ = 0;
+        return heard_;
+    }
+    void catchUp() { runOneTurn(loop_); }
+
+  private:
+    Agent::EventLoop loop_;
+    Agent::Fd fd_ = netlinkSocket();
+    std::array<char, 32768> buffer_{};
+    std::vector<Clock::time_point> heard_;
+    std::size_t wanted_ = 0;
+};
+
+/// The median is that of the turn with the least one.
+struct Times {
+    std::vector<double> all; // microseconds
+    double median = std::numeric_limits<double>::max();
+
+    void turnIs(const Feeder& feeder, const std::vector<Clock::time_point>& ends) {
+        std::vector<double> turn;
+        for (std::size_t i = 0; i < ends.size(); ++i) {
+            turn.push_back(Bench::nanosecondsEach(ends[i] - feeder.begun(i), 1) / 1000);
+        }
+        median = std::min(median, Bench::quantile(turn));
+        all.insert(all.end(), turn.begin(), turn.end());
+    }
+};
+
+void measureChanges(Feeder& feeder, const std::string& config) {
+    Mirrored agent(turnRoutes);
+    BareReader bare;
+    agent.follow(config, 0);
+    Times agentTimes;
+    Times bareTimes;
+    // Each turn leaves the table empty, with everything read on both sides.
+    const auto turn = [&](Times& times, auto wait) {
+        feeder.begin(turnRoutes);
+        const std::vector<Clock::time_point> ends = wait();
+        feeder.wait();
+        if (ends.size() != turnRoutes) {
+            Bench::refuse("not every route was heard of once");
+        }
+        times.turnIs(feeder, ends);
+        feeder.remove(turnRoutes);
+        agent.catchUp();
+        bare.catchUp();
+    };
+    Times warmUp;
+    turn(warmUp, [&] { return agent.answersTold(turnRoutes); });
+    for (int i = 0; i < (Bench::quick ? 10 : 50); ++i) {
+        turn(agentTimes, [&] { return agent.answersTold(turnRoutes); });
+        turn(bareTimes, [&] { return bare.arrivals(turnRoutes); });
+    }
+    Bench::Report report("a route added in the kernel, until its answer is told", "us", "bare us");
+    report.atMost("median", agentTimes.median, bareTimes.median, 1.2);
+    report.atMost("99 of 100", Bench::quantile(agentTimes.all, 0.99), Bench::quantile(bareTimes.all, 0.99));
+}
+
+void dumpBare() {
+    constexpr std::size_t bufferBytes = std::size_t{128} * 1024; // as the mirror's
+    static std::array<std::uint32_t, bufferBytes / sizeof(std::uint32_t)> buffer;
+    const Agent::Fd fd = netlinkSocket();
+    const int yes = 1;
+    ::setsockopt(fd.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &yes, sizeof yes);
+    nlmsghdr* header = mnl_nlmsg_put_header(buffer.data());
+    header->nlmsg_type = RTM_GETROUTE;
+    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtmsg)))->rtm_family = RTNL_FAMILY_IPMR;
+    mnl_attr_put_u32(header, RTA_TABLE, kernelTable);
+    if (::send(fd.get(), header, header->nlmsg_len, 0) < 0) {
+        Bench::refuse("the kernel's routes can't be dumped");
+    }
+    do {
+        if (::recv(fd.get(), buffer.data(), bufferBytes, 0) <= 0) {
+            Bench::refuse("the kernel's routes can't be read");
+        }
+    } while (header->nlmsg_type != NLMSG_DONE);
+}
+
+void measureStart(Feeder& feeder, const std::string& config) {
+    const std::size_t routes = Bench::quick ? 10'000 : 100'000;
+    const std::size_t requests = routes * 16 / 100;
+    feeder.set(routes);
+    double agent[2];
+    double bare[2];
+    const auto least = [](double(&times)[2], auto pass) {
+        const auto begin = Clock::now();
+        times[1] = std::min(times[1], Bench::timeEach(1, pass) / 1e6);
+        times[0] = std::min(times[0], Bench::nanosecondsEach(Clock::now() - begin, 1) / 1e6);
+    };
+    std::ranges::fill(agent, std::numeric_limits<double>::max());
+    std::ranges::fill(bare, std::numeric_limits<double>::max());
+    for (int i = 0; i < (Bench::quick ? 3 : 5); ++i) {
+        Mirrored mirrored(requests);
+        least(agent, [&] { mirrored.follow(config, routes); });
+        least(bare, dumpBare);
+    }
+    feeder.remove(routes);
+    Bench::Report report(("start with " + std::to_string(routes) + " routes in the kernel, " +
+                          std::to_string(requests) + " answers")
+                             .c_str(),
+                         "ms", "dump ms");
+    report.atMost("time passed", agent[0], bare[0], 1.3);
+    report.atMost("processor time", agent[1], bare[1]);
+}
+
+} // namespace
+
+int main() {
+    if (const std::string why = Agent::Kernel::Test::enterNetNamespace(); !why.empty()) {
+        std::fprintf(stderr, "not measured: no network namespace: %s\n", why.c_str());
+        return 1;
+    }
+    Agent::Kernel::Test::makeInterfaces();
+    char config[] = "/tmp/kestrel-bench-XXXXXX";
+    const Agent::Fd file(::mkstemp(config));
+    std::ofstream(config) << R"({"vrfs": [{"name": "default"}]})" << std::flush;
+    {
+        Feeder feeder;
+        measureChanges(feeder, config);
+        measureStart(feeder, config);
+    }
+    ::unlink(config);
+}
