@@ -128,6 +128,7 @@ void Application::makeParts() {
         options_.isStdio ? std::cerr : std::cout);
     service_.grammarIs(grammar_.get());
     service_.serverIs(server_.get());
+    rpc_.serverIs(server_.get());
 
     std::vector<std::string> sources;
     if (options_.chip != Options::Chip::none) {
@@ -239,6 +240,7 @@ void Application::end() {
     host_.stop();
     chip_.reset();
     service_.serverIs(nullptr);
+    rpc_.serverIs(nullptr);
     server_.reset();
     TRACE(6, "Application::", "end", " done");
 }

@@ -64,8 +64,9 @@ class Connection {
         std::uint64_t turn = 0;  // in which its last line was served
         unsigned interest = 0;   // as the loop knows it
         bool queued = false;     // waits for its turn
-        bool notified = false;   // is in the list of those to be flushed
+        bool notified = false;   // is in the list of those to be settled at the turn's end
         bool blocked = false;    // the client doesn't take what is sent
+        bool owed = false;       // its last line is answered later
         bool inputEnded = false; // nothing will come any more
         bool closing = false;    // refused: goes when all is sent
         bool dead = false;       // goes at the end of the turn

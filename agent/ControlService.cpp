@@ -2,6 +2,7 @@
 // place. What the methods do is in ControlMethods.cpp.
 #include "agent/ControlService.h"
 
+#include "agent/KernelSource.h"
 #include "agent/OperationError.h"
 #include "state/Trace.h"
 
@@ -124,6 +125,17 @@ nlohmann::json ControlService::call(ClientId client, const std::string& method, 
     } catch (const OperationError& error) {
         throw toRpcError(error);
     }
+}
+
+bool ControlService::takesLong(const std::string& method, const Json& params) const {
+    return method == "kernel" && kernel_ != nullptr && params == Json{{"verify", true}};
+}
+
+void ControlService::begin(ClientId /*client*/, const Json& /*params*/, Reply reply) {
+    State::traceEventBegin();
+    ++requests_;
+    TRACE(8, "ControlService::", "begin", " method=kernel");
+    kernel_->verify(std::move(reply));
 }
 
 void ControlService::serverIs(LineServer* server) {

@@ -49,6 +49,9 @@ class ControlService final : public Dispatcher {
     void onClientGone(std::function<void(ClientId)> callback) { onClientGone_ = std::move(callback); }
 
     nlohmann::json call(ClientId client, const std::string& method, const nlohmann::json& params) override;
+    /// `kernel` with verify, where there is a kernel source.
+    bool takesLong(const std::string& method, const nlohmann::json& params) const override;
+    void begin(ClientId client, const nlohmann::json& params, Reply reply) override;
     void clientGone(ClientId client) override;
 
     /// Tells watchers what changed; the loop's turn hook. True if there is more to tell at once.

@@ -161,6 +161,18 @@ RpcError::RpcError(int code, const std::string& message, nlohmann::json data)
     , code_(code)
     , data_(std::make_shared<const Json>(std::move(data))) {}
 
+/// A line that waits for a result: of its one request, or of number `next` of a batch.
+struct JsonRpc::Line {
+    Json message;
+    std::size_t next = 0;
+    std::string out = {}; // the answers so far
+};
+
+JsonRpc::JsonRpc(Dispatcher& dispatcher)
+    : dispatcher_(dispatcher) {}
+
+JsonRpc::~JsonRpc() = default;
+
 void JsonRpc::answer(ClientId client, std::string_view line, std::string& out) {
     if (tooDeep(line)) {
         appendError(out, nothing, RpcCode::parseError,
@@ -174,46 +186,88 @@ void JsonRpc::answer(ClientId client, std::string_view line, std::string& out) {
         appendError(out, nothing, RpcCode::parseError, parseMessage(error));
         return;
     }
-    if (message.is_array())
-        answerBatch(client, message, out);
-    else
-        answerOne(client, message, out);
-}
-
-void JsonRpc::answerBatch(ClientId client, const Json& batch, std::string& out) {
-    if (batch.empty()) {
+    if (!message.is_array()) {
+        if (answerOne(client, message, out) == Answered::later)
+            waiting_[client] = std::make_unique<Line>(Line{.message = std::move(message)});
+        return;
+    }
+    if (message.empty()) {
         appendError(out, nothing, RpcCode::invalidRequest, "the batch is empty");
         return;
     }
-    const std::size_t start = out.size();
-    for (const Json& request : batch) {
-        const std::size_t before = out.size();
-        out += before == start ? '[' : ',';
-        const bool full = before - start > batchAnswerLimit;
-        if (!(full ? passOver(request, out) : answerOne(client, request, out)))
-            out.resize(before);
-    }
-    if (out.size() > start)
-        out += ']';
+    Line batch{.message = std::move(message)};
+    if (answerBatch(client, batch))
+        out += batch.out;
+    else
+        waiting_[client] = std::make_unique<Line>(std::move(batch));
 }
 
-/// @return whether there is an answer.
-bool JsonRpc::answerOne(ClientId client, const Json& request, std::string& out) {
+/// Goes on with a batch. @return false when it waits for a result.
+bool JsonRpc::answerBatch(ClientId client, Line& line) {
+    std::string& out = line.out;
+    for (; line.next < line.message.size(); ++line.next) {
+        const Json& request = line.message[line.next];
+        const std::size_t before = out.size();
+        if (before > batchAnswerLimit) {
+            out += ',';
+            if (!passOver(request, out))
+                out.resize(before);
+            continue;
+        }
+        out += before == 0 ? '[' : ',';
+        const Answered answered = answerOne(client, request, out);
+        if (answered == Answered::later)
+            return false;
+        if (answered == Answered::no)
+            out.resize(before);
+    }
+    if (!out.empty())
+        out += ']';
+    return true;
+}
+
+void JsonRpc::replied(ClientId client, const Json& result) {
+    const auto found = waiting_.find(client);
+    if (found == waiting_.end() || server_ == nullptr)
+        return; // nobody waits any more
+    Line& line = *found->second;
+    const bool isBatch = line.message.is_array();
+    appendResult(line.out, (isBatch ? line.message[line.next] : line.message)["id"], result);
+    ++line.next;
+    if (isBatch && !answerBatch(client, line))
+        return;
+    server_->answer(client, std::move(line.out));
+    waiting_.erase(found);
+}
+
+void JsonRpc::clientGone(ClientId client) {
+    waiting_.erase(client);
+    dispatcher_.clientGone(client);
+}
+
+JsonRpc::Answered JsonRpc::answerOne(ClientId client, const Json& request, std::string& out) {
     if (!request.is_object()) {
         appendError(out, nothing, RpcCode::invalidRequest, "a request is an object");
-        return true;
+        return Answered::yes;
     }
     const Members members = membersOf(request);
     if (const std::string fault = faultOf(members); !fault.empty()) {
         appendError(out, idOf(members.id), RpcCode::invalidRequest, fault);
-        return true;
+        return Answered::yes;
     }
     const bool wanted = members.id != nullptr;
     try {
         if (members.params != nullptr && !members.params->is_object())
             throw RpcError(RpcCode::invalidParams, "parameters go by name: \"params\" must be an object");
-        const Json result = dispatcher_.call(client, members.method->get_ref<const std::string&>(),
-                                             members.params == nullptr ? noParams : *members.params);
+        const std::string& method = members.method->get_ref<const std::string&>();
+        const Json& params = members.params == nullptr ? noParams : *members.params;
+        if (wanted && server_ != nullptr && dispatcher_.takesLong(method, params)) {
+            dispatcher_.begin(client, params,
+                              [this, client](const Json& result) { replied(client, result); });
+            server_->answerLater(client);
+            return Answered::later;
+        }
+        const Json result = dispatcher_.call(client, method, params);
         if (wanted)
             appendResult(out, *members.id, result);
     } catch (const RpcError& error) {
@@ -223,7 +277,7 @@ bool JsonRpc::answerOne(ClientId client, const Json& request, std::string& out) 
         if (wanted)
             appendError(out, *members.id, RpcCode::internalError, error.what());
     }
-    return wanted;
+    return wanted ? Answered::yes : Answered::no;
 }
 
 void JsonRpc::refusal(Refusal reason, std::string& out) {

@@ -11,10 +11,12 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace Agent {
 
@@ -59,6 +61,16 @@ class Dispatcher {
     /// @throws RpcError to answer with that error. Any other std::exception is answered as an internal error.
     virtual nlohmann::json call(ClientId client, const std::string& method, const nlohmann::json& params) = 0;
 
+    /// Hears the result of what was begun.
+    using Reply = std::function<void(nlohmann::json result)>;
+    /// Whether the call takes so long that others must be served meanwhile: it is then begun.
+    virtual bool takesLong(const std::string& /*method*/, const nlohmann::json& /*params*/) const {
+        return false;
+    }
+    /// Begins such a call; `reply` is called once, later and from the loop, or not at all when the agent
+    /// ends. @throws as call() does.
+    virtual void begin(ClientId /*client*/, const nlohmann::json& /*params*/, Reply /*reply*/) {}
+
     /// The client has gone: forget what is kept for it.
     virtual void clientGone(ClientId client) = 0;
 };
@@ -70,21 +82,30 @@ class JsonRpc final : public LineHandler {
     /// Requests of a batch whose answers have grown beyond so many bytes are not carried out any more.
     static constexpr std::size_t batchAnswerLimit = 64U << 20U;
 
-    explicit JsonRpc(Dispatcher& dispatcher)
-        : dispatcher_(dispatcher) {}
+    explicit JsonRpc(Dispatcher& dispatcher);
+    ~JsonRpc() override;
+
+    /// Who sends the results of calls that take long; null: there are no such calls.
+    void serverIs(LineServer* server) { server_ = server; }
 
     void answer(ClientId client, std::string_view line, std::string& out) override;
     void refusal(Refusal reason, std::string& out) override;
-    void clientGone(ClientId client) override { dispatcher_.clientGone(client); }
+    void clientGone(ClientId client) override;
 
     /// A notification as a line, for LineServer::notify.
     static std::string notification(std::string_view method, const nlohmann::json& params);
 
   private:
-    bool answerOne(ClientId client, const nlohmann::json& request, std::string& out);
-    void answerBatch(ClientId client, const nlohmann::json& batch, std::string& out);
+    enum class Answered { no, yes, later };
+    struct Line;
+
+    Answered answerOne(ClientId client, const nlohmann::json& request, std::string& out);
+    bool answerBatch(ClientId client, Line& line);
+    void replied(ClientId client, const nlohmann::json& result);
 
     Dispatcher& dispatcher_;
+    LineServer* server_ = nullptr;
+    std::unordered_map<ClientId, std::unique_ptr<Line>> waiting_; // for the result of a call
 };
 
 } // namespace Agent

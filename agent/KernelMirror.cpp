@@ -64,6 +64,28 @@ json vrfJson(const Kernel::VrfState& vrf) {
             {"pending", std::move(pending)}};
 }
 
+json verifyJson(const Kernel::VerifyResult& result) {
+    json differences = json::array();
+    for (const Kernel::Difference& difference : result.differences) {
+        json entry{{"vrf", difference.vrf}, {"what", difference.what}};
+        for (const auto& [name, text] : {std::pair{"route", &difference.route},
+                                         {"kernel", &difference.kernel},
+                                         {"tables", &difference.tables},
+                                         {"pending", &difference.pending}}) {
+            if (!text->empty()) {
+                entry[name] = *text;
+            }
+        }
+        differences.push_back(std::move(entry));
+    }
+    return {{"complete", result.complete},
+            {"routes", result.routes},
+            {"rows", result.rows},
+            {"differenceCount", result.differenceCount},
+            {"differences", std::move(differences)},
+            {"tookMs", std::chrono::duration_cast<std::chrono::milliseconds>(result.took).count()}};
+}
+
 } // namespace
 
 KernelMirror::KernelMirror(Operations& operations, EventLoop& loop, const std::string& configFile)
@@ -122,27 +144,9 @@ json KernelMirror::status() {
     return shown;
 }
 
-json KernelMirror::verify() {
-    const Kernel::VerifyResult result = source_.verifyNow();
-    json differences = json::array();
-    for (const Kernel::Difference& difference : result.differences) {
-        json entry{{"vrf", difference.vrf}, {"what", difference.what}};
-        for (const auto& [name, text] : {std::pair{"route", &difference.route},
-                                         {"kernel", &difference.kernel},
-                                         {"tables", &difference.tables},
-                                         {"pending", &difference.pending}}) {
-            if (!text->empty()) {
-                entry[name] = *text;
-            }
-        }
-        differences.push_back(std::move(entry));
-    }
-    return {{"complete", result.complete},
-            {"routes", result.routes},
-            {"rows", result.rows},
-            {"differenceCount", result.differenceCount},
-            {"differences", std::move(differences)},
-            {"tookMs", std::chrono::duration_cast<std::chrono::milliseconds>(result.took).count()}};
+void KernelMirror::verify(std::function<void(json result)> done) {
+    source_.verify(
+        [done = std::move(done)](const Kernel::VerifyResult& result) { done(verifyJson(result)); });
 }
 
 void KernelMirror::configAgain() {

@@ -23,8 +23,7 @@ class KernelMirror final : public KernelSource {
     ~KernelMirror() override;
 
     nlohmann::json status() override;
-    /// Waits for the comparison: other clients wait as well, a second or so for 100,000 routes.
-    nlohmann::json verify() override;
+    void verify(std::function<void(nlohmann::json result)> done) override;
     void configAgain() override;
 
   private:

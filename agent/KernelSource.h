@@ -20,8 +20,9 @@ class KernelSource {
 
     /// State and counters as an object.
     virtual nlohmann::json status() = 0;
-    /// A fresh dump compared with the tables, as an object. @throws RpcError
-    virtual nlohmann::json verify() = 0;
+    /// Compares a fresh dump with the tables, in slices of the loop's turns; done is called once, from the
+    /// loop, with an object, or never when the source goes. @throws std::system_error
+    virtual void verify(std::function<void(nlohmann::json result)> done) = 0;
     /// Reads the configuration file again. @throws std::runtime_error; the one in force stays then.
     virtual void configAgain() = 0;
 };

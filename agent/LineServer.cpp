@@ -37,6 +37,7 @@ LineServer::~LineServer() {
     if (socket_)
         loop_.fdDel(socket_->fd());
     loop_.timerDel(acceptTimer_);
+    loop_.timerDel(answerTimer_);
     for (const auto& [id, connection] : connections_) {
         if (connection->serving.dead)
             continue;
@@ -109,7 +110,8 @@ void LineServer::clientReady(Connection& connection, unsigned ready) {
     Connection::Serving& serving = connection.serving;
     if ((ready & EventLoop::writable) != 0)
         settle(connection);
-    const bool wants = !serving.dead && !serving.closing && !serving.inputEnded && !serving.blocked;
+    const bool wants =
+        !serving.dead && !serving.closing && !serving.inputEnded && !serving.blocked && !serving.owed;
     if (wants && (ready & (EventLoop::readable | EventLoop::hangup)) != 0 && !connection.hasLine())
         readFrom(connection);
 }
@@ -159,9 +161,9 @@ void LineServer::settle(Connection& connection) {
     Connection::Serving& serving = connection.serving;
     if (serving.dead)
         return;
-    if (!serving.closing && connection.overlong())
+    if (!serving.closing && !serving.owed && connection.overlong())
         refuse(connection);
-    const bool more = !serving.closing && connection.hasLine();
+    const bool more = !serving.closing && !serving.owed && connection.hasLine();
     if (connection.unsent() > 0 && (!more || serving.blocked || connection.unsent() >= batchBytes)) {
         const bool isMuch = connection.unsent() >= batchBytes;
         const Connection::Sent sent = connection.send();
@@ -176,7 +178,7 @@ void LineServer::settle(Connection& connection) {
         serving.queued = true;
         queued_.push_back(&connection);
     }
-    if ((serving.inputEnded || serving.closing) && !more && connection.unsent() == 0)
+    if ((serving.inputEnded || serving.closing) && !more && !serving.owed && connection.unsent() == 0)
         drop(connection);
     else
         interestIs(connection);
@@ -187,7 +189,7 @@ void LineServer::interestIs(Connection& connection) {
     unsigned interest = EventLoop::readable;
     if (serving.blocked)
         interest = EventLoop::writable;
-    else if (serving.inputEnded || serving.closing)
+    else if (serving.inputEnded || serving.closing || serving.owed)
         interest = 0;
     if (interest == serving.interest)
         return;
@@ -201,6 +203,22 @@ void LineServer::interestIs(Connection& connection) {
     loop_.fdInterestIs(connection.out(), interest & EventLoop::writable);
 }
 
+void LineServer::answerLater(ClientId client) {
+    connections_.at(client)->serving.owed = true;
+}
+
+void LineServer::answer(ClientId client, std::string text) {
+    const auto found = connections_.find(client);
+    if (found == connections_.end() || found->second->serving.dead)
+        return;
+    Connection& connection = *found->second;
+    connection.serving.owed = false;
+    connection.queueAnswer(text);
+    settleLater(connection);
+    if (answerTimer_ == 0)
+        answerTimer_ = loop_.timerIs({}, [this] { answerTimer_ = 0; });
+}
+
 bool LineServer::notify(ClientId client, std::string_view line) {
     const auto found = connections_.find(client);
     if (found == connections_.end() || found->second->serving.dead || found->second->serving.closing)
@@ -211,11 +229,13 @@ bool LineServer::notify(ClientId client, std::string_view line) {
         return false;
     }
     connection.queueNotification(line);
-    if (!connection.serving.notified) {
-        connection.serving.notified = true;
-        unsent_.push_back(&connection);
-    }
+    settleLater(connection);
     return true;
+}
+
+void LineServer::settleLater(Connection& connection) {
+    if (!std::exchange(connection.serving.notified, true))
+        unsent_.push_back(&connection);
 }
 
 std::size_t LineServer::unsent(ClientId client) const {

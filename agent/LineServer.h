@@ -2,8 +2,8 @@
 //
 // Every client gets one line answered per turn of the loop, in the order in which they became ready; answers
 // to lines that a client sent together leave together. No client can hold up another or make the agent's
-// memory grow: a line is at most lineLimit bytes, a client is not read from while an answer to it is unsent,
-// and one that lets notifications pile up is cut off.
+// memory grow: a line is at most lineLimit bytes, a client is not read from while an answer to it is unsent
+// or owed, and one that lets notifications pile up is cut off.
 //
 // The handler is called from the loop only, never from inside another call to it. main() owns the server; the
 // loop and the handler outlive it.
@@ -39,8 +39,9 @@ class LineHandler {
     virtual ~LineHandler() = default;
 
     /// Answers one line (without its newline, not blank): appends the answer to out, without a newline inside
-    /// or after it; nothing for a line that wants no answer. Notifications sent meanwhile, even to the same
-    /// client, leave before the answer. An exception ends the loop.
+    /// or after it; nothing for a line that wants no answer, or one that is answered later
+    /// (LineServer::answerLater). Notifications sent meanwhile, even to the same client, leave before the
+    /// answer. An exception ends the loop.
     virtual void answer(ClientId client, std::string_view line, std::string& out) = 0;
 
     /// Appends the text that tells a client why it is closed.
@@ -76,6 +77,13 @@ class LineServer {
     /// @return its id; clientGone tells when the input has ended and all is answered.
     ClientId serve(int in, int out);
 
+    /// Called by the handler while it answers a line of the client: the answer comes by answer(). Until then
+    /// no further line of the client is served, and others are.
+    void answerLater(ClientId client);
+    /// The answer that was put off, as the handler would have given it; not from inside a call to the
+    /// handler. Nothing happens when the client has gone.
+    void answer(ClientId client, std::string text);
+
     /// Queues one line (without its newline) for a client; it leaves at the end of this turn.
     /// @return false when there is no such client, or it is cut off because too much waits for it already.
     bool notify(ClientId client, std::string_view line);
@@ -98,6 +106,7 @@ class LineServer {
     void serveLine(Connection& connection);
     void refuse(Connection& connection);
     void settle(Connection& connection);
+    void settleLater(Connection& connection);
     void interestIs(Connection& connection);
     void drop(Connection& connection);
     bool turnEnds();
@@ -111,7 +120,7 @@ class LineServer {
     std::unordered_map<ClientId, std::unique_ptr<Connection>> connections_;
     std::vector<Connection*> queued_; // hold a complete line that was not their turn yet
     std::vector<Connection*> round_;  // queued_ of the turn under way
-    std::vector<Connection*> unsent_; // were notified in this turn
+    std::vector<Connection*> unsent_; // were notified, or answered late, in this turn
     std::vector<ClientId> gone_;      // to be removed at the turn's end
     std::string answer_;              // kept for its memory
     ClientId lastClient_ = 0;
@@ -119,6 +128,7 @@ class LineServer {
     bool drained_ = false; // a client took all of the much that waited for it
     std::uint64_t hook_ = 0;
     std::uint64_t acceptTimer_ = 0;
+    std::uint64_t answerTimer_ = 0; // sees to it that there is a turn at whose end a late answer leaves
 };
 
 } // namespace Agent

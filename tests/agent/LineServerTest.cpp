@@ -110,6 +110,54 @@ TEST_F(LineServerTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
     EXPECT_TRUE(clientsBecome(2));
 }
 
+TEST_F(LineServerTest, AnAnswerThatTakesLongHoldsUpItsOwnClientAlone) {
+    using namespace std::chrono_literals;
+    TestClient other = client();
+    const auto echoed = [&] { return Json::parse(other.ask(request("echo", {{"a", 1}}))).at("result"); };
+    const auto release = [&] { other.ask(request("release")); };
+
+    TestClient waiting = client();
+    waiting.send(request("late", Json::object(), 1) + "\n" + request("echo", {{"b", 2}}, 2) + "\n");
+    EXPECT_EQ(echoed(), (Json{{"a", 1}}));
+    EXPECT_FALSE(waiting.line(50ms));
+    release();
+    EXPECT_EQ(Json::parse(waiting.line().value_or("null")),
+              Json::parse(R"({"jsonrpc":"2.0","id":1,"result":"late"})"));
+    EXPECT_EQ(Json::parse(waiting.line().value_or("null")).at("id"), 2);
+
+    // A batch waits as a whole; what comes behind in it is carried out after.
+    Json batch = Json::array();
+    for (const char* method : {"echo", "late", "count", "late"})
+        batch.push_back(Json::parse(request(method, Json::object(), batch.size())));
+    batch.push_back({{"jsonrpc", "2.0"}, {"method", "echo"}});
+    waiting.send(batch.dump() + "\n");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(echoed(), (Json{{"a", 1}}));
+        EXPECT_FALSE(waiting.line(50ms));
+        release();
+    }
+    const Json answers = Json::parse(waiting.line().value_or("null"));
+    ASSERT_EQ(answers.size(), 4U);
+    for (std::size_t i = 0; i < answers.size(); ++i)
+        EXPECT_EQ(answers[i].at("id"), i);
+    EXPECT_EQ(answers[1].at("result"), "late");
+    EXPECT_EQ(answers[3].at("result"), "late");
+
+    // Who only ended its input still hears the answer; who has gone costs nothing more.
+    TestClient gone = client();
+    gone.send(request("late") + "\n");
+    waiting.send(request("late") + "\n");
+    waiting.closeSendingSide();
+    EXPECT_EQ(echoed(), (Json{{"a", 1}}));
+    gone.close();
+    EXPECT_FALSE(waiting.line(50ms));
+    release();
+    EXPECT_EQ(Json::parse(waiting.line().value_or("null")).at("result"), "late");
+    EXPECT_FALSE(waiting.line());
+    EXPECT_TRUE(waiting.ended());
+    EXPECT_TRUE(clientsBecome(2));
+}
+
 TEST_F(LineServerTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
     TestClient deaf = client();
     TestClient reader = client();

@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace AgentTest {
 
@@ -28,6 +29,7 @@ using Json = nlohmann::json;
 
 class ToyDispatcher : public Agent::Dispatcher {
   public:
+    Agent::EventLoop* loop = nullptr;
     Agent::LineServer* server = nullptr;
 
     Json call(Agent::ClientId client, const std::string& method, const Json& params) override {
@@ -42,6 +44,11 @@ class ToyDispatcher : public Agent::Dispatcher {
             return calls_;
         if (method == "sleep")
             std::this_thread::sleep_for(std::chrono::milliseconds(params.at("ms").get<int>()));
+        else if (method == "release")
+            loop->defer([replies = std::exchange(replies_, {})] {
+                for (const Reply& reply : replies)
+                    reply("late");
+            });
         else if (method == "follow")
             followers_.insert(client);
         else if (method == "tell")
@@ -55,6 +62,14 @@ class ToyDispatcher : public Agent::Dispatcher {
         else
             throw Agent::RpcError(Agent::RpcCode::methodNotFound, "no method \"" + method + "\"");
         return true;
+    }
+
+    // "late" is answered when somebody calls "release".
+    bool takesLong(const std::string& method, const Json& /*params*/) const override {
+        return method == "late";
+    }
+    void begin(Agent::ClientId /*client*/, const Json& /*params*/, Reply reply) override {
+        replies_.push_back(std::move(reply));
     }
 
     void clientGone(Agent::ClientId client) override {
@@ -72,6 +87,7 @@ class ToyDispatcher : public Agent::Dispatcher {
     }
 
     std::set<Agent::ClientId> followers_;
+    std::vector<Reply> replies_;
     int calls_ = 0;
     int gone_ = 0;
 };
@@ -87,7 +103,9 @@ int serve(const std::string& path, unsigned descriptors, int ready) {
         ToyDispatcher dispatcher;
         Agent::JsonRpc rpc(dispatcher);
         Agent::LineServer server(loop, rpc);
+        dispatcher.loop = &loop;
         dispatcher.server = &server;
+        rpc.serverIs(&server);
         server.listen(path);
         if (::write(ready, "r", 1) != 1)
             return 1;
