@@ -105,6 +105,8 @@ class Operations {
         std::uint64_t refused = 0; // by a guard
     };
     const Counters& counters() const { return counters_; }
+    /// Counts a change that a writer carried out itself, as no guard could have refused it.
+    void changedDirectly(bool changed) { counters_.changes += changed ? 1 : 0; }
 
   private:
     GuardFacts checkAll(std::span<const Change> changes);

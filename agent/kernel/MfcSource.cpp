@@ -43,7 +43,8 @@ void MfcSource::onReadable(int fd) {
         return;
     }
     drain(datagramsAtOnce);
-    mirror_.publish(routesAtOnce);
+    if (!firstLook_)
+        mirror_.publish(routesAtOnce);
     setTimer();
 }
 
@@ -51,11 +52,14 @@ bool MfcSource::hasWork() const {
     return mirror_.publishDue() || query_.busy() || mirror_.queryDue(MfcMirror::Clock::now()) || verify_;
 }
 
-// Telling comes before asking, so that what a dump brought is in the tables before its next part is read.
+// The first look is read whole before any of it is told: for each part of a dump the kernel walks its list
+// from the beginning, which takes twice as long once the work of telling has driven the list out of the
+// processor's caches. Later, telling comes before asking, so that no event waits for a dump.
 void MfcSource::doSlice(std::size_t maxRoutes) {
     for (std::size_t done = 0; done < maxRoutes;) {
         std::size_t routes = 0;
-        if (mirror_.publishDue())
+        firstLook_ = firstLook_ && !mirror_.synced();
+        if (mirror_.publishDue() && !(firstLook_ && query_.busy()))
             routes = mirror_.publish(maxRoutes - done);
         else if (std::size_t read = query_.step(mirror_, [this] { settleEvents(); }); read > 0)
             routes = read;

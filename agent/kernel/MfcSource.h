@@ -67,6 +67,7 @@ class MfcSource {
     Fd timer_;
     MfcMirror mirror_;
     QuerySocket query_;
+    bool firstLook_ = true; // not every VRF has been dumped yet
     std::unique_ptr<MfcVerify> verify_;
     unsigned verifyRounds_ = 0;
     std::vector<VerifyDone> verifyDone_;
