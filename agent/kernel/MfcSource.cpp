@@ -63,7 +63,9 @@ void MfcSource::doSlice(std::size_t maxRoutes) {
             routes = mirror_.publish(maxRoutes - done);
         else if (std::size_t read = query_.step(mirror_, [this] { settleEvents(); }); read > 0)
             routes = read;
-        else if (!verify_ || !stepVerify())
+        else if (verify_)
+            routes = stepVerify();
+        else
             break;
         done += std::max<std::size_t>(routes, 1);
     }
@@ -122,22 +124,22 @@ VerifyResult MfcSource::verifyNow() {
     return *result;
 }
 
-// Called when the mirror itself has nothing to do.
-bool MfcSource::stepVerify() {
-    if (verify_->learn([this] { settleEvents(); }))
-        return true;
+// Called when the mirror itself has nothing to do. Says how many routes it has dealt with, or messages.
+std::size_t MfcSource::stepVerify() {
+    if (std::size_t read = verify_->learn([this] { settleEvents(); }); read > 0)
+        return read;
     settleEvents();
     auto now = MfcMirror::Clock::now();
     bool moved = mirror_.queryDue(now) || verify_->fresh().queryDue(now);
     if (moved && ++verifyRounds_ < verifyRoundsAtMost)
-        return true;
+        return 1;
     mirror_.publish(~std::size_t{0});
     if (!verify_->compare())
-        return true;
+        return 1;
     std::unique_ptr<MfcVerify> finished = std::move(verify_);
     for (const VerifyDone& done : std::exchange(verifyDone_, {}))
         done(finished->result());
-    return true;
+    return std::max<std::size_t>(finished->result().rows, 1);
 }
 
 void MfcSource::setTimer() {

@@ -58,7 +58,7 @@ class MfcSource {
   private:
     bool drain(std::size_t datagrams);
     void settleEvents();
-    bool stepVerify();
+    std::size_t stepVerify();
     void setTimer();
 
     KernelConfig config_;

@@ -43,8 +43,9 @@ class MfcVerify {
     /// The mirror that learns; it must get every event from now on.
     MfcMirror& fresh() { return fresh_; }
 
-    /// Learns the next part of what the kernel has. @return false when it has learnt all it can.
-    bool learn(const std::function<void()>& settleEvents) { return query_.step(fresh_, settleEvents) > 0; }
+    /// Learns the next part of what the kernel has. @return how many messages were read, at least 1; 0 when
+    /// it has learnt all it can.
+    std::size_t learn(const std::function<void()>& settleEvents) { return query_.step(fresh_, settleEvents); }
 
     /// Compares. All events must have been given to both mirrors, and all differences that the first one
     /// knows been published.

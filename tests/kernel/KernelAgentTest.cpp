@@ -168,5 +168,23 @@ TEST(KernelAgentConfigTest, IsReadAgainOnHupAndAFaultyOneChangesNothing) {
     EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, int>{{"default", 0}}; }));
 }
 
+// The comparison is answered later, and what stands behind it in a batch after it; the input ends at once.
+TEST(KernelAgentConfigTest, AComparisonOnStandardInputIsAnsweredBeforeTheEnd) {
+    ENTER_NET_NAMESPACE();
+    const TemporaryFolder folder;
+    const AgentTest::Finished finished = AgentTest::runAgent(
+        {"--stdio", "--kernel", writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "default"}]})")},
+        R"([{"jsonrpc":"2.0","id":1,"method":"kernel","params":{"verify":true}},)"
+        R"({"jsonrpc":"2.0","id":2,"method":"kernel"},)"
+        R"({"jsonrpc":"2.0","id":3,"method":"kernel","params":{"verify":true,"odd":1}}])"
+        "\n");
+    EXPECT_EQ(finished.status, 0);
+    const Json answers = Json::parse(finished.out);
+    ASSERT_EQ(answers.size(), 3U) << finished.out;
+    EXPECT_EQ(answers[0].at("result").at("complete"), true);
+    EXPECT_EQ(answers[1].at("result").at("synced"), true) << "it came after the comparison";
+    EXPECT_EQ(answers[2].at("error").at("code"), -32602);
+}
+
 } // namespace
 } // namespace Agent::Kernel::Test

@@ -320,7 +320,7 @@ TEST(MfcSourceTest, RoutesThatStayNeverLeaveUnderChurn) {
     EXPECT_EQ(loop.sink.rowCount("default"), 2000u);
 }
 
-TEST(MfcSourceTest, ClientsAreServedBetweenSlicesOfADump) {
+TEST(MfcSourceTest, ClientsAreServedBetweenSlicesOfADumpAndOfAComparison) {
     ENTER_NET_NAMESPACE();
     makeInterfaces();
     MfcFeeder feeder;
@@ -337,6 +337,16 @@ TEST(MfcSourceTest, ClientsAreServedBetweenSlicesOfADump) {
     EXPECT_GT(slices, 10);
     EXPECT_EQ(loop.sink.rowCount("default"), 10'000u);
     EXPECT_TRUE(loop.sink.vrfs["default"].multicast);
+
+    loop.settle();
+    bool held = false;
+    loop.source.verify([&](const VerifyResult& result) {
+        held = result.complete && result.rows == 10'000 && result.differenceCount == 0;
+    });
+    for (slices = 0; loop.source.hasWork(); ++slices)
+        loop.source.doSlice(500);
+    EXPECT_TRUE(held);
+    EXPECT_GT(slices, 10);
 }
 
 TEST(MfcSourceTest, VerifyListsWhatDiffers) {
