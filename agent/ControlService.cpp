@@ -131,11 +131,11 @@ bool ControlService::takesLong(const std::string& method, const Json& params) co
     return method == "kernel" && kernel_ != nullptr && params == Json{{"verify", true}};
 }
 
-void ControlService::begin(ClientId /*client*/, const Json& /*params*/, Reply reply) {
+void ControlService::begin(ClientId /*client*/, const Json& /*params*/, const Reply& reply) {
     State::traceEventBegin();
     ++requests_;
     TRACE(8, "ControlService::", "begin", " method=kernel");
-    kernel_->verify(std::move(reply));
+    kernel_->verify(reply);
 }
 
 void ControlService::serverIs(LineServer* server) {

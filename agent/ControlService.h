@@ -51,7 +51,7 @@ class ControlService final : public Dispatcher {
     nlohmann::json call(ClientId client, const std::string& method, const nlohmann::json& params) override;
     /// `kernel` with verify, where there is a kernel source.
     bool takesLong(const std::string& method, const nlohmann::json& params) const override;
-    void begin(ClientId client, const nlohmann::json& params, Reply reply) override;
+    void begin(ClientId client, const nlohmann::json& params, const Reply& reply) override;
     void clientGone(ClientId client) override;
 
     /// Tells watchers what changed; the loop's turn hook. True if there is more to tell at once.

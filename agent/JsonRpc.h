@@ -69,7 +69,7 @@ class Dispatcher {
     }
     /// Begins such a call; `reply` is called once, later and from the loop, or not at all when the agent
     /// ends. @throws as call() does.
-    virtual void begin(ClientId /*client*/, const nlohmann::json& /*params*/, Reply /*reply*/) {}
+    virtual void begin(ClientId /*client*/, const nlohmann::json& /*params*/, const Reply& /*reply*/) {}
 
     /// The client has gone: forget what is kept for it.
     virtual void clientGone(ClientId client) = 0;

@@ -68,8 +68,8 @@ class ToyDispatcher : public Agent::Dispatcher {
     bool takesLong(const std::string& method, const Json& /*params*/) const override {
         return method == "late";
     }
-    void begin(Agent::ClientId /*client*/, const Json& /*params*/, Reply reply) override {
-        replies_.push_back(std::move(reply));
+    void begin(Agent::ClientId /*client*/, const Json& /*params*/, const Reply& reply) override {
+        replies_.push_back(reply);
     }
 
     void clientGone(Agent::ClientId client) override {

@@ -94,10 +94,18 @@ TEST_P(KernelAgentTest, AfterLostEventsAnswersAreAsIfAskedAnew) {
     ASSERT_TRUE(becomes([&] { return state().at("vrfs").at(0).at("multicast") == true; }));
     requestAll(client, "set");
 
-    for (std::uint32_t i = 0; i < routes; ++i)
+    // Bursts beyond the buffer, and pauses in which events come through.
+    const auto pauseAt = [](std::uint32_t i) {
+        if (i % 500 == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    };
+    for (std::uint32_t i = 0; i < routes; ++i) {
         feeder.routeIs(numbered(i), 0, {1});
+        pauseAt(i);
+    }
     // A quarter goes, a quarter changes, a quarter changes and changes back.
     for (std::uint32_t i = 0; i < routes; ++i) {
+        pauseAt(i);
         if (i % 4 == 0)
             feeder.routeDel(numbered(i));
         else if (i % 4 != 3)
