@@ -2,7 +2,8 @@
 //
 // What can't be parsed, nests too deep or is no request is refused here; the dispatcher sees a method name
 // and a parameter object. A request without an id is a notification: it is carried out and never answered,
-// not even with an error.
+// not even with an error. What takes long is begun; its client's line, a batch as a whole, waits for the
+// result, and nobody else does.
 //
 // main() owns it; the dispatcher outlives it. Read next: LineServer.h, which brings the lines.
 #pragma once

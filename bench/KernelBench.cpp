@@ -357,17 +357,19 @@ void measureStart(Feeder& feeder, const std::string& config) {
 
 int main() {
     if (const std::string why = Agent::Kernel::Test::enterNetNamespace(); !why.empty()) {
-        std::fprintf(stderr, "not measured: no network namespace: %s\n", why.c_str());
-        return 1;
+        Bench::refuse(("no network namespace: " + why).c_str());
     }
-    Agent::Kernel::Test::makeInterfaces();
     char config[] = "/tmp/kestrel-bench-XXXXXX";
     const Agent::Fd file(::mkstemp(config));
     std::ofstream(config) << R"({"vrfs": [{"name": "default"}]})" << std::flush;
-    {
+    try {
+        Agent::Kernel::Test::makeInterfaces();
         Feeder feeder;
         measureChanges(feeder, config);
         measureStart(feeder, config);
+    } catch (const std::exception& error) {
+        ::unlink(config);
+        Bench::refuse(error.what());
     }
     ::unlink(config);
 }
