@@ -76,11 +76,11 @@ void FakeAgent::serveClient() {
             const Json request = Json::parse(received.substr(0, end));
             received.erase(0, end + 1);
             const std::string answer = answer_(request);
-            tell(answer);
-            {
+            { // before the answer, by which the client goes on
                 const std::lock_guard lock(mutex_);
                 requests_.push_back(request);
             }
+            tell(answer);
             if (answer.empty())
                 return;
         }
