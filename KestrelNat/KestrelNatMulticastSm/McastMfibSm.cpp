@@ -29,7 +29,7 @@ NatMrouteSm::McastMfibSm::McastMfibSm(LumenMfib mfib, const NatMcastRouteKey& ke
 
 NatMrouteSm::McastMfibSm::~McastMfibSm() {
     for (const auto& member : lumenRoute_.walk()) {
-        member.value->ownerDel();
+        member->ownerDel();
     }
 }
 
@@ -45,8 +45,8 @@ void NatMrouteSm::McastMfibSm::notifierIs(const State::Handle<const State::RefCo
             return true;
         });
         for (const auto& member : lumenRoute_.walk()) {
-            if (!mfib->routeCollection().has(member.key)) {
-                lumenRouteDel(IpGenRouteKey(member.key));
+            if (!mfib->routeCollection().has(member->routeKey())) {
+                lumenRouteDel(IpGenRouteKey(member->routeKey()));
             }
         }
     }
@@ -59,7 +59,7 @@ void NatMrouteSm::McastMfibSm::hasNotificationActiveIs(bool active) {
     }
     notificationActive_ = active;
     for (const auto& member : lumenRoute_.walk()) {
-        member.value->hasNotificationActiveIs(active);
+        member->hasNotificationActiveIs(active);
     }
 }
 
@@ -75,7 +75,7 @@ void NatMrouteSm::McastMfibSm::retiredIs(bool retired) {
         owner()->handleDeletion(key_);
     }
     for (const auto& member : lumenRoute_.walk()) {
-        member.value->retiredIs(retired);
+        member->retiredIs(retired);
     }
     retired_ = retired;
 }
@@ -104,7 +104,7 @@ void NatMrouteSm::McastMfibSm::onAttribute(const State::Notification& change) {
 State::Handle<NatMrouteSm::McastMfibSm::NestedSm_LumenRoute>
 NatMrouteSm::McastMfibSm::lumenRoute(const IpGenRouteKey& routeKey) const {
     const auto* member = lumenRoute_.find(routeKey);
-    return member == nullptr ? State::Handle<NestedSm_LumenRoute>() : member->value;
+    return member == nullptr ? State::Handle<NestedSm_LumenRoute>() : *member;
 }
 
 void NatMrouteSm::McastMfibSm::lumenRouteIs(const LumenRoute& route) {
@@ -114,30 +114,33 @@ void NatMrouteSm::McastMfibSm::lumenRouteIs(const LumenRoute& route) {
     State::Handle<NestedSm_LumenRoute> watcher = lumenRoute(route->key());
     if (watcher) {
         watcher->notifierIs(route);
+        watcher->keyRouteIs(route);
     } else {
         watcher = State::makeHandle<NestedSm_LumenRoute>(route, this);
         watcher->hasNotificationActiveIs(true);
-        lumenRoute_.insert({route->key(), watcher});
+        lumenRoute_.findOrInsert(route->key(), [&] { return watcher; });
     }
     watcher->retiredIs(retired_);
 }
 
 void NatMrouteSm::McastMfibSm::lumenRouteDel(const IpGenRouteKey& routeKey) {
     lumenRoute_.extract(routeKey, [](auto&& removed) {
-        removed.value->retiredIs(true);
-        removed.value->hasNotificationActiveIs(false);
-        removed.value->ownerDel();
+        removed->retiredIs(true);
+        removed->hasNotificationActiveIs(false);
+        removed->ownerDel();
     });
 }
 
 void NatMrouteSm::McastMfibSm::lumenRouteDelAll() {
     for (const auto& member : lumenRoute_.walk()) {
-        lumenRouteDel(IpGenRouteKey(member.key));
+        lumenRouteDel(IpGenRouteKey(member->routeKey()));
     }
 }
 
-NatMrouteSm::McastMfibSm::NestedSm_LumenRoute::NestedSm_LumenRoute(LumenRoute route, McastMfibSm* owner)
-    : NestedStateMachine(std::move(route), owner) {
+NatMrouteSm::McastMfibSm::NestedSm_LumenRoute::NestedSm_LumenRoute(const LumenRoute& route,
+                                                                   McastMfibSm* owner)
+    : NestedStateMachine(route, owner)
+    , keyRoute_(route) {
     attach();
 }
 

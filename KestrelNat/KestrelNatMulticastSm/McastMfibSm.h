@@ -38,19 +38,16 @@ class NatMrouteSm::McastMfibSm final
     void lumenRouteDel(const IpGenRouteKey& routeKey);
     void lumenRouteDelAll();
     State::Handle<NestedSm_LumenRoute> lumenRoute(const IpGenRouteKey& routeKey) const;
-    // Walk over {key, value}.
+    // Walk over the handles; a member's key is its routeKey().
     auto lumenRoute() const { return lumenRoute_.walk(); }
 
   private:
     struct KeyOf {
-        const IpGenRouteKey&
-        operator()(const State::MapEntry<IpGenRouteKey, State::Handle<NestedSm_LumenRoute>>& entry) const {
-            return entry.key;
-        }
+        const IpGenRouteKey& operator()(const State::Handle<NestedSm_LumenRoute>& watcher) const;
     };
 
     const NatMcastRouteKey key_;
-    State::Table<State::MapEntry<IpGenRouteKey, State::Handle<NestedSm_LumenRoute>>, KeyOf> lumenRoute_;
+    State::Table<State::Handle<NestedSm_LumenRoute>, KeyOf> lumenRoute_;
 };
 
 // Watches the version of one route, which the routing side advances when it has changed the route.
@@ -60,7 +57,14 @@ class NatMrouteSm::McastMfibSm::NestedSm_LumenRoute final
                                        State::maskOf(Lumen::Multicast::Fib::Route::versionAttribute)> {
   public:
     // Attaches to the route without handling it.
-    NestedSm_LumenRoute(LumenRoute route, McastMfibSm* owner);
+    NestedSm_LumenRoute(const LumenRoute& route, McastMfibSm* owner);
+
+    // The key under which it stands, which is that of the route it was made for, whatever it watches now.
+    const IpGenRouteKey& routeKey() const {
+        return static_cast<const Lumen::Multicast::Fib::Route&>(*keyRoute_).key();
+    }
+    // Lets another route of the same key give the key, so that the one before can go.
+    void keyRouteIs(const LumenRoute& route) { keyRoute_ = route; }
 
     // Watches `node` instead, if that is a Lumen route, which it then handles at once unless retired; else
     // nothing.
@@ -71,6 +75,14 @@ class NatMrouteSm::McastMfibSm::NestedSm_LumenRoute final
     void onAttribute(const State::Notification& change);
     // The version changed.
     void handleVersion();
+
+  private:
+    State::Handle<const State::Entity> keyRoute_; // as an entity, so that it does not count as a use
 };
+
+inline const NatMrouteSm::IpGenRouteKey&
+NatMrouteSm::McastMfibSm::KeyOf::operator()(const State::Handle<NestedSm_LumenRoute>& watcher) const {
+    return watcher->routeKey();
+}
 
 } // namespace KestrelNat

@@ -396,8 +396,8 @@ void ProductUnderTest::observePrivate() {
     }
     for (const auto& [key, watcher] : mroute.mfibAppCollection().walk()) {
         std::set<RouteKey> routes;
-        for (const auto& [routeKey, nested] : watcher->lumenRoute()) {
-            routes.insert(plain(routeKey));
+        for (const auto& nested : watcher->lumenRoute()) {
+            routes.insert(plain(nested->routeKey()));
         }
         seen_.watchers.put(plain(key), routes);
     }
