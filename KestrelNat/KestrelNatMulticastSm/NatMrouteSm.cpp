@@ -6,6 +6,7 @@
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 #include "state/TypeRegistry.h"
 
+#include <type_traits>
 #include <utility>
 
 namespace KestrelNat {
@@ -149,21 +150,20 @@ void NatMrouteSm::mrouteRouteMapDispatch(const State::Notification& change) {
     }
 }
 
-// ---- watchers
+// ---- watchers: of Quill tables and of Lumen FIBs alike
 
-State::Handle<NatMrouteSm::McastRouteSm> NatMrouteSm::mcastRoute(const NatMcastRouteKey& key) const {
-    return mcastRoute_.get(key);
-}
-
-void NatMrouteSm::mcastRouteIs(const NatMcastRouteKey& key, const QuillRoutes& table) {
-    if (const State::Handle<McastRouteSm> watcher = mcastRoute(key)) {
+// One watcher per table: makes it, points it elsewhere, or removes it where `table` is null.
+template <class Watcher, class Table>
+void NatMrouteSm::watcherIs(State::MapAttribute<NatMcastRouteKey, State::Handle<Watcher>>& watchers,
+                            const NatMcastRouteKey& key, const State::Handle<const Table>& table) {
+    if (const State::Handle<Watcher> watcher = watchers.get(key)) {
         if (watcher->notifier() == table) {
             return;
         }
         if (table) {
             watcher->notifierIs(table);
         } else {
-            mcastRoute_.del(key); // without retiring the watcher, so that the answers stay: this is meant
+            watchers.del(key); // without retiring the watcher, so that the answers stay: this is meant
         }
         watcher->retiredIs(retired_);
         if (!table) {
@@ -174,21 +174,36 @@ void NatMrouteSm::mcastRouteIs(const NatMcastRouteKey& key, const QuillRoutes& t
     if (!table) {
         return;
     }
-    const auto watcher = State::makeHandle<McastRouteSm>(table, key, this);
+    const auto watcher = State::makeHandle<Watcher>(table, key, this);
     watcher->hasNotificationActiveIs(true);
-    mcastRoute_.is(key, watcher);
+    watchers.is(key, watcher);
     watcher->retiredIs(retired_);
 }
 
-NatMrouteSm::QuillRoutes NatMrouteSm::mcastRouteDel(const NatMcastRouteKey& key) {
-    const State::Handle<McastRouteSm> watcher = mcastRoute_.del(key);
+// Removes and retires the watcher; what it watched, null when absent.
+template <class Watcher>
+auto NatMrouteSm::watcherDel(State::MapAttribute<NatMcastRouteKey, State::Handle<Watcher>>& watchers,
+                             const NatMcastRouteKey& key) {
+    const State::Handle<Watcher> watcher = watchers.del(key);
     if (!watcher) {
-        return {};
+        return std::remove_cvref_t<decltype(watcher->notifier())>();
     }
     watcher->retiredIs(true);
     watcher->hasNotificationActiveIs(false);
     watcher->ownerDel();
     return watcher->notifier();
+}
+
+State::Handle<NatMrouteSm::McastRouteSm> NatMrouteSm::mcastRoute(const NatMcastRouteKey& key) const {
+    return mcastRoute_.get(key);
+}
+
+void NatMrouteSm::mcastRouteIs(const NatMcastRouteKey& key, const QuillRoutes& table) {
+    watcherIs(mcastRoute_, key, table);
+}
+
+NatMrouteSm::QuillRoutes NatMrouteSm::mcastRouteDel(const NatMcastRouteKey& key) {
+    return watcherDel(mcastRoute_, key);
 }
 
 void NatMrouteSm::mcastRouteDelAll() {
@@ -202,39 +217,11 @@ State::Handle<NatMrouteSm::McastMfibSm> NatMrouteSm::mfibApp(const NatMcastRoute
 }
 
 void NatMrouteSm::mfibAppIs(const NatMcastRouteKey& key, const LumenMfib& mfib) {
-    if (const State::Handle<McastMfibSm> watcher = mfibApp(key)) {
-        if (watcher->notifier() == mfib) {
-            return;
-        }
-        if (mfib) {
-            watcher->notifierIs(mfib);
-        } else {
-            mfibApp_.del(key); // as in mcastRouteIs
-        }
-        watcher->retiredIs(retired_);
-        if (!mfib) {
-            watcher->ownerDel();
-        }
-        return;
-    }
-    if (!mfib) {
-        return;
-    }
-    const auto watcher = State::makeHandle<McastMfibSm>(mfib, key, this);
-    watcher->hasNotificationActiveIs(true);
-    mfibApp_.is(key, watcher);
-    watcher->retiredIs(retired_);
+    watcherIs(mfibApp_, key, mfib);
 }
 
 NatMrouteSm::LumenMfib NatMrouteSm::mfibAppDel(const NatMcastRouteKey& key) {
-    const State::Handle<McastMfibSm> watcher = mfibApp_.del(key);
-    if (!watcher) {
-        return {};
-    }
-    watcher->retiredIs(true);
-    watcher->hasNotificationActiveIs(false);
-    watcher->ownerDel();
-    return watcher->notifier();
+    return watcherDel(mfibApp_, key);
 }
 
 void NatMrouteSm::mfibAppDelAll() {

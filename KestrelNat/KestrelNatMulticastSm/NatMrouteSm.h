@@ -167,6 +167,12 @@ class NatMrouteSm final : public State::StateMachine {
                 State::Handle<const NatMrouteRouteMap> mrouteRouteMap,
                 State::Handle<const CapabilityConfig> capabilityConfig);
 
+    template <class Watcher, class Table>
+    void watcherIs(State::MapAttribute<NatMcastRouteKey, State::Handle<Watcher>>& watchers,
+                   const NatMcastRouteKey& key, const State::Handle<const Table>& table);
+    template <class Watcher>
+    auto watcherDel(State::MapAttribute<NatMcastRouteKey, State::Handle<Watcher>>& watchers,
+                    const NatMcastRouteKey& key);
     void watchPresentTables();
     void retire();
     void recordRequester(const NatMrouteKey& req);

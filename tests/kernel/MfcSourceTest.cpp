@@ -95,7 +95,7 @@ class Loop {
 
   private:
     // Nothing comes any more, and no resynchronisation waits.
-    bool quiet() {
+    bool quiet() const {
         pollfd fd{source.descriptors()[0], POLLIN, 0};
         if (poll(&fd, 1, 0) != 0)
             return false;
@@ -238,7 +238,7 @@ TEST(MfcSourceTest, ChurnBeyondTheReceiveBufferLeavesNoDifference) {
     MfcFeeder feeder;
     for (int i = 1; i <= 4; ++i)
         feeder.vifIs(i - 1, "e" + std::to_string(i));
-    Loop loop({{defaultVrf}}, 16 * 1024);
+    Loop loop({{defaultVrf}}, std::size_t{16} * 1024);
     loop.settle();
     for (std::uint32_t i = 0; i < routes; ++i) {
         feeder.routeIs(numbered(i), 0, {1});
@@ -302,7 +302,7 @@ TEST(MfcSourceTest, RoutesThatStayNeverLeaveUnderChurn) {
     feeder.vifIs(1, "e2");
     for (std::uint32_t i = 0; i < 2000; ++i)
         feeder.routeIs(numbered(i), 0, {1});
-    Loop loop({{defaultVrf}}, 16 * 1024);
+    Loop loop({{defaultVrf}}, std::size_t{16} * 1024);
     loop.settle();
     std::size_t left = 0;
     loop.sink.heard = [&](const std::string& call) { left += call.starts_with("no route (10.9.1.2"); };
@@ -393,14 +393,15 @@ TEST(MfcSourceTest, WorksWithoutPrivileges) {
     feeder.vifIs(0, "e1");
     feeder.vifIs(1, "e2");
     feeder.routeIs(flow, 0, {1});
+    constexpr std::size_t bufferAsked = std::size_t{64} << 20U;
     pid_t child = fork();
     if (child == 0) {
         __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
         __user_cap_data_struct none[2] = {};
         bool dropped = syscall(SYS_capset, &header, none) == 0;
-        Loop loop({{defaultVrf}}, 64 * 1024 * 1024);
+        Loop loop({{defaultVrf}}, bufferAsked);
         bool shown = static_cast<bool>(loop.shows("e2"));
-        bool smaller = loop.source.status().receiveBuffer < 64 * 1024 * 1024;
+        bool smaller = loop.source.status().receiveBuffer < bufferAsked;
         _exit(dropped && shown && smaller ? 0 : 1);
     }
     int status = -1;
