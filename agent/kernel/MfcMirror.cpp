@@ -99,7 +99,7 @@ void MfcMirror::routeEvent(const MfcRoute& route, bool gone) {
     VrfMirror* vrf = vrfOf(route.table);
     if (vrf && gone && !route.unresolved)
         vrf->kernel().disturbDump();
-    if (!mirrored(route))
+    if (!mirrored(route) || vrf == nullptr)
         return;
     if (gone)
         vrf->kernel().routeGoneEvent(route.key);
