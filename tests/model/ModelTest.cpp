@@ -1,5 +1,5 @@
 // The plug-in against the naive model: random operations on VRFs, tables, routes, requests and groups,
-// everything compared after each. The rules themselves are told as stories in NaiveModelTest.cpp.
+// everything compared after each.
 #include "state/Trace.h"
 #include "tests/model/ModelDriver.h"
 #include "tests/model/ProductUnderTest.h"

@@ -113,15 +113,6 @@ TEST_F(MrouteTrace, ARouteAndAnInterfaceAndTheEndOfTheirTable) {
                "8 handleDeletion deleting mrouteResponseMapByRoute[ sparsemode ]"}));
 }
 
-TEST_F(MrouteTrace, ALineNamesItsPlace) {
-    start();
-    mark = State::traceNext();
-    requests->mrouteReqIs(request());
-    const State::TraceRecord record = State::traceRecordsSince(mark).front();
-    EXPECT_EQ(record.file, "KestrelNat/KestrelNatMulticastSm/NatMrouteRequests.cpp");
-    EXPECT_EQ(record.function, "handleMrouteReq");
-}
-
 class MrouteDeathTest : public NatFixture {
   protected:
     // A pattern for the one line that the assertion prints.

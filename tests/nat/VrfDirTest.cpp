@@ -115,15 +115,14 @@ class VrfDir : public ::testing::Test {
 
 using Lines = std::vector<std::string>;
 
-TEST_F(VrfDir, EntersWhatIsReadyAtStartInOrder) {
-    tablesIs("default");
-    tablesIs("red");
-    vrfStatusIs("default", 0);
-    vrfStatusIs("red", 3);
-    vrfStatusIs("blue", 0);
-    enabled->vrfEnabledIs("default", true);
-    enabled->vrfEnabledIs("blue", true);
-    enabled->vrfEnabledIs("red", true);
+TEST_F(VrfDir, EntersWhatIsReadyAtStartInOrderAndMountsItsTables) {
+    for (const auto& [name, id] : {std::pair{"default", 0U}, {"red", 3U}, {"blue", 0U}}) {
+        tablesIs(name);
+        vrfStatusIs(name, id);
+    }
+    for (const char* name : {"default", "blue", "red"}) {
+        enabled->vrfEnabledIs(name, true);
+    }
     start();
     EXPECT_EQ(listener.heard, (Lines{"+vrf default", "+" + table(0, 0), "+" + table(0, 1), "+vrf red",
                                      "+" + table(3, 0), "+" + table(3, 1)}));
@@ -133,20 +132,14 @@ TEST_F(VrfDir, EntersWhatIsReadyAtStartInOrder) {
                "8 NatVrfDirSm::handleVrf adding vrfName=default", "8 NatVrfDirSm::handleVrf vrfName=blue",
                "8 NatVrfDirSm::handleVrf will wait for vrfId to be updated for vrfName=blue",
                "8 NatVrfDirSm::handleVrf vrfName=red", "8 NatVrfDirSm::handleVrf adding vrfName=red"}));
-    EXPECT_TRUE(dir->vrfStatusHas("blue"));
-    EXPECT_EQ(dir->vrfStatus("blue")->owner(), dir.get());
-}
-
-TEST_F(VrfDir, WaitsForAnIdentifierAndAddsInPlace) {
-    start();
-    tablesIs("red");
-    enabled->vrfEnabledIs("red", true);
-    const auto status = vrfStatusIs("red", 0);
-    EXPECT_TRUE(listener.heard.empty());
-    status->vrfIdIs(7);
-    EXPECT_EQ(listener.heard, (Lines{"+vrf red", "+" + table(7, 0), "+" + table(7, 1)}));
-    EXPECT_EQ(map->vrfNameToId("red"), L3::VrfId(7));
-    EXPECT_TRUE(hasBothTables(7));
+    const auto& first = shmem->journal().front();
+    if (lumen) {
+        EXPECT_EQ(first.path, lumenUser);
+        EXPECT_EQ(std::get<State::EntityMount>(first.description), (State::EntityMount{false, true, true}));
+    } else {
+        EXPECT_EQ(first.path, "routing/multicast/routestatus/default/static");
+        EXPECT_EQ(std::get<State::TableMount>(first.description).mode, 3U);
+    }
 }
 
 TEST_F(VrfDir, RemovesByTheFlagAloneAndSilentlyWhatWasNeverAdded) {
@@ -168,32 +161,6 @@ TEST_F(VrfDir, RemovesByTheFlagAloneAndSilentlyWhatWasNeverAdded) {
     EXPECT_EQ(traced(),
               (Lines{"8 NatVrfDirSm::handleVrf vrfName=red", "8 NatVrfDirSm::handleVrf vrfName=green"}));
     EXPECT_EQ(listener.heard.size(), 3U);
-}
-
-TEST_F(VrfDir, MountsAreSharedByTheLumenVrfsAndTheirOwnForQuillVrfs) {
-    tablesIs("red");
-    tablesIs("blue");
-    vrfStatusIs("red", 3);
-    vrfStatusIs("blue", 4);
-    enabled->vrfEnabledIs("red", true);
-    enabled->vrfEnabledIs("blue", true);
-    start();
-    const auto& first = shmem->journal().front();
-    if (lumen) {
-        EXPECT_EQ(first.path, lumenUser);
-        EXPECT_EQ(std::get<State::EntityMount>(first.description), (State::EntityMount{false, true, true}));
-    } else {
-        EXPECT_EQ(first.path, "routing/multicast/routestatus/red/static");
-        EXPECT_EQ(std::get<State::TableMount>(first.description).mode, 3U);
-    }
-    enabled->vrfEnabledIs("red", false);
-    EXPECT_FALSE(hasBothTables(3));
-    EXPECT_TRUE(hasBothTables(4)) << "the other VRF's handles stay";
-    const std::string bluePath = lumen ? lumenUser : formatMulticastRoutePath("blue", STATIC_MODE);
-    EXPECT_EQ(shmem->mounted(bluePath), !lumen) << "removing one VRF unmounts the shared paths";
-    enabled->vrfEnabledIs("red", true);
-    EXPECT_TRUE(hasBothTables(3));
-    EXPECT_TRUE(shmem->mounted(bluePath));
 }
 
 TEST_F(VrfDir, TheRouteMapUsesTheFibItHolds) {
@@ -221,58 +188,34 @@ TEST_F(VrfDir, AMissingLumenFibIsTracedAndTheVrfEntered) {
     start();
     EXPECT_EQ(listener.heard, Lines{"+vrf red"});
     const auto lines = traced();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "8 Lumen mfib not found for static mode, vrfName=red"),
-              1);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "8 Lumen mfib not found for sparsemode, vrfName=red"),
-              1);
+    for (const char* mode : {"static mode", "sparsemode"}) {
+        const std::string line = std::string("8 Lumen mfib not found for ") + mode + ", vrfName=red";
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
+    }
 }
 
-TEST_F(VrfDir, RepointingAnEntryHandlesItAgain) {
-    start();
-    tablesIs("red");
-    enabled->vrfEnabledIs("red", true);
-    const auto first = vrfStatusIs("red", 0);
-    traced();
-    const auto second = vrfStatusIs("red", 0);
-    EXPECT_EQ(dir->vrfStatus("red")->notifier(), second);
-    const auto lines = traced();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "8 NatVrfDirSm::handleVrf vrfName=red"), 2)
-        << "once for the collection, once for the new entry";
-    first->vrfIdIs(5);
-    EXPECT_FALSE(map->vrfNameToIdHas("red")) << "the old entry is not watched any more";
-    second->vrfIdIs(6);
-    EXPECT_EQ(map->vrfNameToId("red"), L3::VrfId(6));
-    EXPECT_THROW(dir->vrfStatusIs(nullptr), State::NullArgumentError);
-}
-
-TEST_F(VrfDir, SwitchedOffItHearsNothingAndReplaysNothing) {
+TEST_F(VrfDir, SwitchedOffItHearsNothingAndItsEndLeavesTheMap) {
     start();
     tablesIs("red");
     const auto status = vrfStatusIs("red", 0);
+    EXPECT_THROW(dir->vrfStatusIs(nullptr), State::NullArgumentError);
     enabled->vrfEnabledIs("red", true);
     dir->hasNotificationActiveIs(false);
     status->vrfIdIs(3);
-    enabled->vrfEnabledIs("blue", true);
     dir->hasNotificationActiveIs(true);
-    EXPECT_TRUE(listener.heard.empty());
+    EXPECT_TRUE(listener.heard.empty()) << "nothing is replayed";
     enabled->vrfEnabledIs("red", false);
     enabled->vrfEnabledIs("red", true);
     EXPECT_TRUE(hasBothTables(3));
-}
 
-TEST_F(VrfDir, DestructionLeavesMapAndMounts) {
-    tablesIs("red");
-    const auto status = vrfStatusIs("red", 3);
-    enabled->vrfEnabledIs("red", true);
-    start();
     const auto nested = dir->vrfStatus("red");
     dir.reset();
     EXPECT_TRUE(hasBothTables(3));
     EXPECT_TRUE(nested->retired());
-    EXPECT_EQ(nested->owner(), nullptr);
+    EXPECT_FALSE(nested->owner());
+    EXPECT_FALSE(routeStatus->hasSubscribers() || enabled->hasSubscribers());
     status->vrfIdIs(4);
-    EXPECT_FALSE(routeStatus->hasSubscribers());
-    EXPECT_FALSE(enabled->hasSubscribers());
+    EXPECT_EQ(map->vrfNameToId("red"), L3::VrfId(3));
 }
 
 TEST_F(VrfDir, EveryInputMayBeNull) {
@@ -318,16 +261,6 @@ TEST_F(VrfDir, BrokenInvariantsEndTheProcess) {
     EXPECT_DEATH(enabled->vrfEnabledIs("blue", true),
                  lumen ? "handleVrf.*!!statusByVrfSparse && \"statusByVrfSparse not mounted\""
                        : "handleVrf.*!!mcastRouteStatic && \"mcastRouteStatic not mounted\"");
-}
-
-TEST(RoutePaths, NameVrfAndMode) {
-    EXPECT_EQ(formatMulticastRoutePath("red", SPARSE_MODE), "routing/multicast/routestatus/red/sparsemode");
-}
-
-TEST(RouteTypes, FollowTheToggleWhileTheConstantsStay) {
-    EXPECT_EQ(routeTypes(), (RouteTypeList{lumen ? "user" : "static", "sparsemode"}));
-    EXPECT_STREQ(STATIC_MODE, "static");
-    EXPECT_STREQ(SPARSE_MODE, "sparsemode");
 }
 
 } // namespace
