@@ -1,6 +1,5 @@
 // Sets of interfaces and lists of indexes, held against standard containers under random operations.
 #include "records/IntfSet.h"
-#include "records/NatMrouteOifSet.h"
 #include "records/OifIndex.h"
 
 #include "tests/TestSeed.h"
@@ -118,28 +117,6 @@ TEST_F(IntfSetTest, AUnionIsThatOfAllThatWasAdded) { // few and many
             << "round " << round;
         ASSERT_TRUE(collected.take().empty()); // taken, it begins again
     }
-}
-
-TEST_F(IntfSetTest, AWalkSeesTheSetAsItWasWhenItBegan) {
-    IntfSet set{interface(1), interface(2), interface(3)};
-    std::vector<std::uint64_t> seen;
-    for (const IntfId member : set) {
-        seen.push_back(member.number());
-        set.erase(interface(2));
-        set.insert(interface(4));
-    }
-    EXPECT_EQ(seen, (std::vector<std::uint64_t>{1, 2, 3}));
-    EXPECT_EQ(numbers(set), (std::vector<std::uint64_t>{1, 3, 4}));
-}
-
-TEST_F(IntfSetTest, AnAnswerIsMergedWithoutTouchingItsCopies) {
-    KestrelNat::NatMrouteOifSet answer{interface(1), interface(3)};
-    const KestrelNat::NatMrouteOifSet published = answer;
-    answer.oifIs(KestrelNat::NatMrouteOifSet{interface(2), interface(3)});
-    EXPECT_EQ(numbers(answer.oif()), (std::vector<std::uint64_t>{1, 2, 3}));
-    EXPECT_EQ(numbers(published.oif()), (std::vector<std::uint64_t>{1, 3}));
-    EXPECT_TRUE(answer && answer.oifHas(interface(2)) && !published.oifHas(interface(2)));
-    EXPECT_FALSE(KestrelNat::NatMrouteOifSet());
 }
 
 TEST_F(IntfSetTest, AnIndexListBehavesAsAListWithoutDuplicates) {

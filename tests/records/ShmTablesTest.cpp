@@ -1,6 +1,5 @@
 // What shared-memory tables do when they are full and when their memory is damaged.
 #include "records/MrouteGroup.h"
-#include "records/QuillFib.h"
 #include "state/Attribute.h"
 #include "state/Errors.h"
 #include "state/Mount.h"
@@ -17,8 +16,6 @@ using KestrelCommon::MrouteGroup::MgroupColl;
 using KestrelCommon::MrouteGroup::MrouteColl;
 using KestrelCommon::MrouteGroup::MrouteItem;
 using KestrelL3::IpMcastKey;
-using QuillTable = Quill::Multicast::Fib::Status;
-using Routing::Multicast::Fib::IpGenRouteKey;
 
 IpMcastKey row(std::uint16_t vlan) {
     return {3, L3::IpAddr("10.0.0.1"), L3::IpAddr("239.1.1.1"), vlan};
@@ -77,41 +74,6 @@ TEST(ShmTables, ADamagedRowRaisesAtTheReadThatMeetsIt) {
     EXPECT_EQ(status->lastCorruption(), "table status: a row is damaged");
     EXPECT_EQ(lastTrace(), "doCorruptionDetected table=status table status: a row is damaged");
     EXPECT_EQ(KestrelCommon::MrouteGroup::MgroupItem{}.groupId, 0U); // what stands in for it
-}
-
-TEST(ShmTables, EachStepOfAWalkAndEachLookUpIsARead) {
-    const auto table = State::makeHandle<QuillTable>("static");
-    const auto key = [](std::uint32_t group) {
-        return IpGenRouteKey::host(L3::IpAddr("10.0.0.1"), L3::IpAddr(0xef010100 + group));
-    };
-    for (std::uint32_t group = 1; group <= 3; ++group) {
-        table->routeIs(key(group), {{1}});
-    }
-    table->oifIndexIntfIs(1, L3::IntfId("Ethernet1"));
-    std::size_t visited = 0;
-    const auto walk = [&] {
-        table->routes([&](const IpGenRouteKey&) {
-            ++visited;
-            return true;
-        });
-    };
-    table->failReadAfter(2);
-    EXPECT_THROW(walk(), State::CorruptionError);
-    EXPECT_EQ(visited, 2U);
-    table->failReadAfter(0);
-    EXPECT_THROW(table->route(key(1)), State::CorruptionError);
-    table->failReadAfter(0);
-    EXPECT_THROW(table->intf(1), State::CorruptionError);
-    walk();
-    EXPECT_EQ(visited, 5U);
-    EXPECT_TRUE(table->routeHas(key(1)) && table->intf(1) == L3::IntfId("Ethernet1"));
-    EXPECT_TRUE(table->intf(2).isEmpty());
-    EXPECT_EQ(Quill::Multicast::Fib::Route{}.oifs.at(0), 512); // the route that stands in for a damaged one
-
-    const auto config = State::makeHandle<MrouteColl>("config");
-    config->mroutesIs(MrouteItem(row(1)));
-    config->failReadAfter(0);
-    EXPECT_THROW(config->mroutes([](const MrouteItem&) { return true; }), State::CorruptionError);
 }
 
 } // namespace

@@ -14,6 +14,8 @@
 
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -127,7 +129,12 @@ TEST(ValueForms, OfAddressesReadBackAndNormalise) {
     }
 }
 
-TEST(ValueForms, MalformedAddressesAreRefusedByTypeAndText) {
+template <class T>
+std::string parseRefusal(const std::string& text) {
+    return refusal([&] { State::parseValue<T>(text); });
+}
+
+TEST(RefusedValues, AreNamedWithTheirTypeAndTheRule) {
     for (const char* text : {"", "10.0.0", "10.0.0.256", "10.0.0.01", "10.0.0.1 ", " 10.0.0.1", "10.0.0.1.",
                              "10.0.0.-1", "10..0.1", "0x10.0.0.1", "10.0.0.1/32"}) {
         EXPECT_EQ(refusal([&] { IpAddr{text}; }), "L3::IpAddr: '" + std::string(text) + "' is none");
@@ -143,113 +150,96 @@ TEST(ValueForms, MalformedAddressesAreRefusedByTypeAndText) {
         EXPECT_EQ(refusal([&] { IpGenPrefix::fromString(text); }),
                   "L3::IpGenPrefix: '" + std::string(text) + "' is none");
     }
-    EXPECT_EQ(refusal([] { IpGenPrefix::fromString("10.0.0.1/33"); }),
-              "IpGenPrefix::length > 32 not allowed: 10.0.0.1/33");
-    EXPECT_EQ(refusal([] { IpGenPrefix::fromString("::/129"); }),
-              "IpGenPrefix::length > 128 not allowed: ::/129");
+    for (const char* name : {" ", "a b", "a\t", "\n", "a\x7f", "\x01"}) {
+        EXPECT_EQ(refusal([&] { IntfId{name}; }), "L3::IntfId: name '" + std::string(name) +
+                                                      "' not allowed: it holds a blank or a control byte");
+    }
+    for (const char* text : {"red", "\"red", "\"a\\q\"", "\"a\\x1\"", "\"a\\xg0\"", "\"a\"b", "\"a\\"}) {
+        EXPECT_NE(parseRefusal<L3::VrfName>(text), "") << text;
+    }
+    for (const char* text : {"", "-1", "+1", "x", "1x", "18446744073709551616"}) {
+        EXPECT_NE(parseRefusal<L3::VrfId>(text), "") << text;
+    }
+    const std::string a64(64, 'a');
+    const std::string a101(101, 'a');
+    const std::uint64_t names = IntfId::names();
+    using Quill::Multicast::Fib::OifIndex;
+    const std::pair<std::string, std::string> texts[] = {
+        {refusal([] { IpGenPrefix::fromString("10.0.0.1/33"); }),
+         "IpGenPrefix::length > 32 not allowed: 10.0.0.1/33"},
+        {refusal([] { IpGenPrefix::fromString("::/129"); }), "IpGenPrefix::length > 128 not allowed: ::/129"},
+        {refusal([&] { L3::VrfName{a101}; }),
+         "L3::VrfName::length > 100 not allowed, not 101: \"" + a101 + "\""},
+        {refusal([&] { IntfId{a64}; }), "L3::IntfId::length > 63 not allowed, not 64: \"" + a64 + "\""},
+        {refusal([&] { IntfId::fromNumber(names + 1); }),
+         "L3::IntfId: there is no interface number " + std::to_string(names + 1)},
+        {refusal([] { L3::VrfId(0x01000000); }), "VrfId::value > 0x00ffffff not allowed"},
+        {refusal([] { L3::VrfId::fromNumber(0x100000000); }), "VrfId::value > 0x00ffffff not allowed"},
+        {refusal([] { OifIndex(513); }),
+         "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
+         "Quill::Multicast::Fib::OifIndex::null not allowed"},
+        {parseRefusal<NatRequestType>("mcastRequest"),
+         "KestrelNat::NatRequestType has no enumerator \"mcastRequest\""},
+    };
+    for (const auto& [refused, text] : texts) {
+        EXPECT_EQ(refused, text);
+    }
+    EXPECT_NE(refusal([] { OifIndex::fromNumber(65536); }), "");
+    EXPECT_NE(parseRefusal<NatRequestType>("256"), "");
+    EXPECT_EQ(IntfId::names(), names); // a refused name takes no number
+    EXPECT_DEATH(State::parseValue<NatMrouteOifSet>("NatMrouteOifSet {}"),
+                 "No String constructor for NatMrouteOifSet - has collection");
+    EXPECT_TRUE(OifIndex(512).isNull() && !OifIndex(0).isNull()); // and what is just allowed
+    EXPECT_EQ(L3::VrfName(a101.substr(1)).stringValue().size(), 100U);
+    EXPECT_EQ(IntfId(a64.substr(1)).stringValue(), a64.substr(1));
 }
 
-TEST(ValueForms, MalformedTextsAreRefusedByTypeAttributeAndPlace) {
+TEST(RefusedValues, OfRecordsAreNamedByAttributeAndPlace) {
     const std::string type = "Routing::Multicast::Fib::IpGenRouteKey";
-    const auto parse = [](const std::string& text) {
-        return refusal([&] { State::parseValue<IpGenRouteKey>(text); });
-    };
+    const auto parse = parseRefusal<IpGenRouteKey>;
     EXPECT_EQ(parse(""), type + ": expected '" + type + "' at column 1 of ''");
     EXPECT_EQ(parse(type + "(source=10.0.0.1/32, group=nobody)"),
               type + ", attribute group: L3::IpGenPrefix: 'nobody' is none");
     EXPECT_TRUE(parse(type + "(source=10.0.0.1/32)")
                     .starts_with(type + ", attribute group: " + type + ": expected ', ' at column "));
-    EXPECT_TRUE(parse(type + "(group=10.0.0.1/32)").starts_with(type + ", attribute source: "));
     const std::string whole = State::valueText(IpGenRouteKey{});
     EXPECT_TRUE(parse(whole + " ").starts_with(type + ": expected the end at column "));
     for (std::size_t length = 0; length < whole.size(); ++length) {
         EXPECT_NE(parse(whole.substr(0, length)), "") << length;
     }
 
-    for (const char* text : {"red", "\"red", "\"a\\q\"", "\"a\\x1\"", "\"a\\xg0\"", "\"a\"b", "\"a\\"}) {
-        EXPECT_THROW(State::parseValue<L3::VrfName>(text), State::ParseError) << text;
-    }
-    for (const char* text : {"", "-1", "+1", "x", "1x", "18446744073709551616"}) {
-        EXPECT_THROW(State::parseValue<L3::VrfId>(text), State::ParseError) << text;
-    }
-    EXPECT_EQ(refusal([] { State::parseValue<NatRequestType>("mcastRequest"); }),
-              "KestrelNat::NatRequestType has no enumerator \"mcastRequest\"");
-    EXPECT_THROW(State::parseValue<NatRequestType>("256"), State::RangeError);
-    EXPECT_DEATH(State::parseValue<NatMrouteOifSet>("NatMrouteOifSet {}"),
-                 "No String constructor for NatMrouteOifSet - has collection");
-}
-
-TEST(ValueForms, PlainDataOfTheWrongKindIsRefusedByAttribute) {
     using State::Datum;
-    const auto read = [](const char* field, Datum content) {
-        return refusal([&] {
-            State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{field, std::move(content)}}));
-        });
+    const std::string key = "KestrelNat::NatMrouteKey";
+    const std::tuple<const char*, Datum, std::string> fields[] = {
+        {"vlanId", Datum(std::uint64_t{65536}), "uint16 takes no number above 65535, not 65536"},
+        {"vlanId", "10", "uint16 takes a number, not a string"},
+        {"vlanId", Datum(std::int64_t{-1}), "uint16 takes a number, not a negative number"},
+        {"vrfId", Datum(std::uint64_t{0x01000000}), "VrfId::value > 0x00ffffff not allowed"},
+        {"intf", Datum(Datum::List{}), "L3::IntfId takes a string, not an array"},
+        {"sourceIp", "10.0.0", "L3::IpAddr: '10.0.0' is none"},
+        {"type", Datum(true),
+         "KestrelNat::NatRequestType takes an enumerator's name or number, not a boolean"},
     };
-    const std::string type = "KestrelNat::NatMrouteKey";
-    EXPECT_EQ(read("vlanId", std::uint64_t{65536}),
-              type + ", attribute vlanId: uint16 takes no number above 65535, not 65536");
-    EXPECT_EQ(read("vlanId", "10"), type + ", attribute vlanId: uint16 takes a number, not a string");
-    EXPECT_EQ(read("vlanId", std::int64_t{-1}),
-              type + ", attribute vlanId: uint16 takes a number, not a negative number");
-    EXPECT_EQ(read("vrfId", std::uint64_t{0x01000000}),
-              type + ", attribute vrfId: VrfId::value > 0x00ffffff not allowed");
-    EXPECT_EQ(read("intf", Datum::List{}),
-              type + ", attribute intf: L3::IntfId takes a string, not an array");
-    EXPECT_EQ(read("sourceIp", "10.0.0"), type + ", attribute sourceIp: L3::IpAddr: '10.0.0' is none");
-    EXPECT_EQ(read("type", true),
-              type + ", attribute type: KestrelNat::NatRequestType takes an enumerator's name or "
-                     "number, not a boolean");
-    EXPECT_EQ(read("vrf", std::uint64_t{3}), type + " has no attribute \"vrf\"");
+    for (const auto& [field, content, text] : fields) {
+        EXPECT_EQ(refusal([&] {
+                      State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{field, content}}));
+                  }),
+                  key + ", attribute " + field + ": " + text);
+    }
+    EXPECT_EQ(refusal([] {
+                  State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{"vrf", Datum("3")}}));
+              }),
+              key + " has no attribute \"vrf\"");
     EXPECT_EQ(refusal([] { State::fromDatum<NatMrouteKey>(Datum("key")); }),
-              type + " takes an object, not a string");
+              key + " takes an object, not a string");
     EXPECT_EQ(refusal([] { State::fromDatum<NatMrouteOifSet>(Datum(Datum::Record{})); }),
               "KestrelNat::NatMrouteOifSet takes an array, not an object");
-
-    // Fields that are left out keep their defaults; an enumerator may be given by name or number.
-    const auto byName = State::fromDatum<NatMrouteKey>(
-        Datum(Datum::Record{{"type", Datum("mgroupRequest")}, {"vlanId", Datum(std::uint64_t{9})}}));
+    // Fields that are left out keep their defaults.
+    const auto byName =
+        State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{"type", Datum("mgroupRequest")}}));
     NatMrouteKey expected;
-    expected.vlanId = 9;
     expected.type = NatRequestType::mgroupRequest;
     EXPECT_EQ(byName, expected);
-    EXPECT_EQ(State::toDatum(byName).record()->back(),
-              (std::pair<std::string, Datum>("type", Datum("mgroupRequest"))));
-}
-
-TEST(RefusedValues, NameTypeAndValue) {
-    EXPECT_EQ(L3::VrfName(std::string(100, 'a')).stringValue().size(), 100U);
-    EXPECT_EQ(refusal([] { L3::VrfName name(std::string(101, 'a')); }),
-              "L3::VrfName::length > 100 not allowed, not 101: \"" + std::string(101, 'a') + "\"");
-
-    EXPECT_EQ(L3::VrfId(0x00ffffff).value(), 0x00ffffffU);
-    EXPECT_EQ(refusal([] { L3::VrfId(0x01000000); }), "VrfId::value > 0x00ffffff not allowed");
-    EXPECT_EQ(refusal([] { L3::VrfId::fromNumber(0x100000000); }), "VrfId::value > 0x00ffffff not allowed");
-
-    using Quill::Multicast::Fib::OifIndex;
-    EXPECT_TRUE(OifIndex(512).isNull() && OifIndex().isNull() && !OifIndex(0).isNull());
-    EXPECT_EQ(refusal([] { OifIndex(513); }),
-              "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
-              "Quill::Multicast::Fib::OifIndex::null not allowed");
-    EXPECT_NE(refusal([] { OifIndex::fromNumber(65536); }), "");
-}
-
-TEST(RefusedValues, OfInterfaceNames) {
-    EXPECT_TRUE(IntfId("").isEmpty() && IntfId() == IntfId(""));
-    const IntfId longest(std::string(63, 'e'));
-    EXPECT_EQ(IntfId(std::string(63, 'e')), longest);
-    EXPECT_EQ(IntfId::fromNumber(longest.number()), longest);
-    EXPECT_EQ(longest.stringValue(), std::string(63, 'e'));
-    const std::uint64_t names = IntfId::names();
-    EXPECT_EQ(refusal([] { IntfId(std::string(64, 'e')); }),
-              "L3::IntfId::length > 63 not allowed, not 64: \"" + std::string(64, 'e') + "\"");
-    for (const char* name : {" ", "a b", "a\t", "\n", "a\x7f", "\x01"}) {
-        EXPECT_EQ(refusal([&] { IntfId{name}; }), "L3::IntfId: name '" + std::string(name) +
-                                                      "' not allowed: it holds a blank or a control byte");
-    }
-    EXPECT_EQ(refusal([&] { IntfId::fromNumber(names + 1); }),
-              "L3::IntfId: there is no interface number " + std::to_string(names + 1));
-    EXPECT_EQ(IntfId::names(), names); // a refused name takes no number
 }
 
 TEST(RefusedValues, OfAnInterfaceNameTooMany) {
@@ -267,53 +257,27 @@ TEST(RefusedValues, OfAnInterfaceNameTooMany) {
     EXPECT_EXIT(fill(), ::testing::ExitedWithCode(0), "");
 }
 
-// Equal values hash equally under every seed, whatever the hasher; the seed and every field count.
-TEST(Hashes, FollowTheValue) {
-    const std::uint32_t seed = testSeed();
-    SCOPED_TRACE(seedText(seed));
-    std::mt19937 random(seed);
+// The seed and every field count, in the order of their description.
+TEST(KeysOfRequests, HashAndOrderByEveryField) {
     const NatMrouteKey key = request();
-    std::vector<NatMrouteKey> others(6, key);
+    std::vector<NatMrouteKey> others(6, key); // each greater than the next one by an earlier field
     others[0].intf = IntfId("Ethernet2");
     others[1].vrfId = 4U;
     others[2].vlanId = 11;
     others[3].sourceIp = IpAddr("10.0.0.2");
     others[4].groupIp = IpAddr("239.1.1.2");
     others[5].type = NatRequestType::mrouteRequest;
-    for (int i = 0; i < 100; ++i) {
-        const std::uint32_t tableSeed = static_cast<std::uint32_t>(random());
-        const auto parsed = State::fromDatum<NatMrouteKey>(State::toDatum(key));
-        EXPECT_EQ(parsed.hash(tableSeed), key.hash(tableSeed));
-        for (const NatMrouteKey& other : others) {
-            EXPECT_NE(other.hash(tableSeed), key.hash(tableSeed)) << other.stringValue();
-        }
-        // An address is equal, and so hashes equally, in either of its types' making.
-        const KestrelL3::IpMcastKey made{
-            .vrfId = 3, .source = key.sourceIp, .group = key.groupIp, .vlanId = 10};
-        const auto read = State::parseValue<KestrelL3::IpMcastKey>(State::valueText(made));
-        EXPECT_EQ(read.hash(tableSeed), made.hash(tableSeed));
+    for (std::size_t i = 0; i < others.size(); ++i) {
+        EXPECT_NE(others[i].hash(1), key.hash(1)) << others[i].stringValue();
+        EXPECT_TRUE(i == 0 || others[i] < others[i - 1]) << others[i].stringValue();
     }
-    EXPECT_NE(key.hash(1), key.hash(2));
-    // Prefix lengths and families tell keys apart.
+    EXPECT_TRUE(key.isEq(request()) && key.hash(1) == request().hash(1) && key.hash(1) != key.hash(2));
+    EXPECT_LT(IpAddr("9.255.255.255"), IpAddr("10.0.0.0"));
+    // An address is equal, and so hashes equally, in either of its types' making; prefix lengths tell apart.
+    const KestrelL3::IpMcastKey made{.vrfId = 3, .source = key.sourceIp, .group = key.groupIp, .vlanId = 10};
+    EXPECT_EQ(State::parseValue<KestrelL3::IpMcastKey>(State::valueText(made)).hash(1), made.hash(1));
     const IpGenRouteKey host = IpGenRouteKey::host(key.sourceIp, key.groupIp);
     EXPECT_NE((IpGenRouteKey{{key.sourceIp, 24}, host.group}).hash(1), host.hash(1));
-    EXPECT_NE((IpGenRouteKey{{key.groupIp, 32}, {key.sourceIp, 32}}).hash(1), host.hash(1));
-}
-
-TEST(Orders, GoByTheFirstFieldThatDiffers) {
-    const NatMrouteKey key = request();
-    NatMrouteKey other = key;
-    EXPECT_EQ(key <=> other, std::strong_ordering::equal);
-    EXPECT_TRUE(key.isEq(other));
-    other.type = NatRequestType::mrouteRequest;
-    EXPECT_LT(other, key);
-    other.sourceIp = IpAddr("10.0.0.2");
-    EXPECT_LT(key, other);
-    other.vlanId = 9;
-    EXPECT_LT(other, key);
-    other.vrfId = 4U;
-    EXPECT_LT(key, other);
-    EXPECT_LT(IpAddr("9.255.255.255"), IpAddr("10.0.0.0"));
 }
 
 } // namespace

@@ -192,30 +192,4 @@ TEST_F(CollectionTest, AWalkMayRemoveByTheMembersOwnKeyWhileReadersReact) {
                             "name c gone", "name d gone"}));
 }
 
-TEST_F(CollectionTest, AVisitBeginsBehindAGivenMember) {
-    for (const char* each : {"a", "b", "c", "d"}) {
-        owner->colourIs(each, 1);
-        owner->nameIs(each);
-    }
-    const auto visited = [&](const char* after, std::size_t most) {
-        std::string keys;
-        const auto note = [&](const std::string& key) {
-            keys += key;
-            return keys.size() < most;
-        };
-        const std::string key = after == nullptr ? "" : after;
-        owner->colourCollection().visit(after == nullptr ? nullptr : &key,
-                                        [&](const std::string& each, unsigned) { return note(each); });
-        keys += "|";
-        most += keys.size();
-        owner->nameCollection().visit(after == nullptr ? nullptr : &key, note);
-        return keys;
-    };
-    EXPECT_EQ(visited(nullptr, 9), "abcd|abcd");
-    EXPECT_EQ(visited("b", 9), "cd|cd");
-    EXPECT_EQ(visited("b", 1), "c|c");
-    EXPECT_EQ(visited("d", 9), "|");
-    EXPECT_EQ(visited("unknown", 9), "abcd|abcd");
-}
-
 } // namespace

@@ -1,6 +1,5 @@
-// The end of the process on a broken invariant, seen from outside, and the texts of the errors.
+// The end of the process on a broken invariant, seen from outside.
 #include "state/Fatal.h"
-#include "state/Errors.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +7,6 @@
 #include <cstdio>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace FatalTest {
 
@@ -116,25 +114,6 @@ TEST(FatalDeathTest, LastWordsAreLimited) {
         for (char words[9] = {}; char& word
              : words) { State::fatalHookIs(print, &word); },
         testing::KilledBySignal(SIGABRT), "hookCount < hookCapacity && \"too many last words\"' failed");
-}
-
-TEST(Errors, TextsNameTypeAttributeAndValue) {
-    using namespace State;
-    EXPECT_STREQ(NullArgumentError("NatMrouteSm::McastMfibSm", "lumenRoute").what(),
-                 "null argument to mutator: NatMrouteSm::McastMfibSm::lumenRoute");
-    EXPECT_STREQ(ParseError("KestrelNat::VrfIdMrouteSourceAndGroup", "sg", "expected '('").what(),
-                 "KestrelNat::VrfIdMrouteSourceAndGroup, attribute sg: expected '('");
-    EXPECT_STREQ(
-        CreationError("KestrelNat::NatMulticastMounter", std::vector<std::string>{"a", "b"}, 1).what(),
-        "KestrelNat::NatMulticastMounter takes 1 argument, not 2: \"a\", \"b\"");
-    EXPECT_STREQ(CreationError("KestrelNat::NatMulticastMounter", {}, 1).what(),
-                 "KestrelNat::NatMulticastMounter takes 1 argument, not 0");
-    EXPECT_STREQ(UnknownTypeError("KestrelNat::Mounter").what(),
-                 "no type \"KestrelNat::Mounter\" is registered");
-    EXPECT_EQ(lengthErrorText("L3::VrfName", 3, "blue"),
-              "L3::VrfName::length > 3 not allowed, not 4: \"blue\"");
-    EXPECT_EQ(unsafeAccessText("Quill::Multicast::Fib::Status", "a/b", "not mounted"),
-              "unsafe access to Quill::Multicast::Fib::Status at \"a/b\": not mounted");
 }
 
 } // namespace FatalTest

@@ -59,14 +59,6 @@ TEST(Handle, TheObjectGoesWithItsLastHandle) {
     EXPECT_EQ(Object::alive, 0);
 }
 
-TEST(Handle, CastsToWhatTheObjectIsAndElseToNull) {
-    const Handle<Base> object = State::makeHandle<Object>();
-    EXPECT_EQ(State::handleCast<Object>(object), object);
-    EXPECT_FALSE(State::handleCast<Fib>(object));
-    EXPECT_FALSE(State::handleCast<Object>(Handle<Base>()));
-    EXPECT_EQ(object->references(), 1U);
-}
-
 TEST(Handle, AConstructorMayHandOutHandlesAndMayFail) {
     EXPECT_EQ(State::makeHandle<HandsItselfOut>()->references(), 1U);
     EXPECT_THROW(State::makeHandle<Unfinished>(), std::runtime_error);

@@ -48,12 +48,4 @@ TEST(Hasher, NearKeysSpread) {
     }
 }
 
-TEST(ProcessHashSeed, StaysAsGiven) {
-    const std::uint32_t first = State::processHashSeed();
-    EXPECT_EQ(State::processHashSeed(), first);
-    State::processHashSeedIs(17);
-    EXPECT_EQ(State::processHashSeed(), 17U);
-    State::processHashSeedIs(first);
-}
-
 } // namespace

@@ -55,12 +55,6 @@ TEST(Reactor, HearsTheAttributesItWantsWhileItIsRegistered) {
     EXPECT_EQ(input->references(), 1U);
 }
 
-TEST(Reactor, WithoutAnInputIsNeverRegistered) {
-    const auto machine = State::makeHandle<Machine>(nullptr);
-    machine->reactor.registeredIs(true);
-    EXPECT_FALSE(machine->reactor.registered());
-}
-
 TEST(Reactor, KeepsItsMachineWhileItReacts) {
     const auto input = State::makeHandle<Input>();
     auto machine = State::makeHandle<Machine>(input);
@@ -83,10 +77,6 @@ class Nested final : public State::NestedStateMachine<Nested, Input, Owner, Stat
         attach();
     }
     void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
-    void notifierIs(Handle<const Input> input) {
-        repoint(std::move(input));
-        attach();
-    }
     void onAttribute(const State::Notification& change) {
         if (reaction) {
             reaction();
@@ -97,41 +87,6 @@ class Nested final : public State::NestedStateMachine<Nested, Input, Owner, Stat
     }
     std::function<void()> reaction;
 };
-
-TEST(NestedStateMachine, LosesWhatItMissesWhileNotActive) {
-    Owner owner;
-    const auto input = State::makeHandle<Input>();
-    const auto nested = State::makeHandle<Nested>(input, &owner);
-    input->publish(1); // registered, not active yet
-    nested->hasNotificationActiveIs(true);
-    EXPECT_TRUE(owner.heard.empty());
-    input->publish(1);
-    input->publish(0); // not watched
-    EXPECT_EQ(owner.heard, Heard{1});
-    nested->hasNotificationActiveIs(false);
-    input->publish(1);
-    nested->hasNotificationActiveIs(true);
-    EXPECT_EQ(owner.heard, Heard{1});
-}
-
-TEST(NestedStateMachine, HearsTheNotifierItPointsAtAndNoOther) {
-    Owner owner;
-    auto first = State::makeHandle<Input>();
-    const auto second = State::makeHandle<Input>();
-    const auto nested = State::makeHandle<Nested>(first, &owner);
-    nested->hasNotificationActiveIs(true);
-    nested->notifierIs(second);
-    EXPECT_EQ(nested->notifier(), second);
-    EXPECT_EQ(first->references(), 1U);
-    first->publish(1);
-    EXPECT_TRUE(owner.heard.empty());
-    second->publish(1);
-    EXPECT_EQ(owner.heard, Heard{1});
-    nested->notifierIs(nullptr);
-    second->publish(1);
-    EXPECT_FALSE(second->hasSubscribers());
-    EXPECT_EQ(owner.heard, Heard{1});
-}
 
 TEST(NestedStateMachine, OutlivesItsOwnerAndItsLastHandleWhileItReacts) {
     Owner owner;

