@@ -30,41 +30,87 @@ FakeAgent::Answer always(const Json& result) {
     return [result](const Json& request) { return resultLine(request, result); };
 }
 
-TEST(Lines, AreSentWordByWordAndTheAgentsTextIsPrinted) {
-    const FakeAgent agent(answerCommand);
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
-        {{"vrf", "red", "id", "3", "multicast", "on"}, "vrf red id 3 multicast on"},
-        {{"no", "vrf", "red"}, "no vrf red"},
-        {{"no", "route", "red", "static", "10.0.0.1/32", "239.1.1.1/32"},
-         "no route red static 10.0.0.1/32 239.1.1.1/32"},
-        {{"expect", "trace", "a \"b\""}, R"(expect trace "a \"b\"")"},
-        {{"set", "p", "a", R"(["x","y"])"}, R"(set p a "[\"x\",\"y\"]")"},
-        {{"del", "p", "a", "-5"}, "del p a -5"},
-        {{"set", "p", "a", "--", "--json"}, "set p a --json"},
-        {{"show", "status"}, "show status"},
-        {{"mark"}, "mark"},
+TEST(Commands, AskInTheirWordsAndPrintWhatComes) {
+    const std::string row = R"([{"key":"red","value":{"vrfId":3}}])";
+    const std::string nested = R"({"name":"x","in":{"y":1}})";
+    const std::string outline = "name: x\nin:\n  y: 1\n";
+    const std::string worded = R"({"result":{"z":1,"a":2},"text":"the text"})";
+    const std::string levels = R"({"levels":[{"facility":"Agent","level":0,"loaded":true},)"
+                               R"({"facility":"NatVrfDirSm","level":8,"loaded":true}]})";
+    const std::string levelLines = "Agent        0\nNatVrfDirSm  8\n";
+    const std::string records = R"({"records":[{"n":7,"time":1,"level":8,"facility":"NatVrfDirSm",)"
+                                R"("file":"a/B.cpp","line":12,"function":"B::f","message":"B::f one two"}]})";
+    const auto line = [](const std::string& text) { return Json{{"line", text}, {"text", true}}.dump(); };
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string params;
+        std::string result;
+        std::string out;
+        std::string method = "command";
     };
-    for (const auto& [arguments, line] : cases) {
-        const Outcome run = runCtl(agent, arguments);
+    const Case cases[] = {
+        {{"vrf", "red", "id", "3", "multicast", "on"},
+         line("vrf red id 3 multicast on"),
+         worded,
+         "the text\n"},
+        {{"expect", "trace", "a \"b\""}, line(R"(expect trace "a \"b\"")"), worded, "the text\n"},
+        {{"set", "p", "a", R"(["x","y"])"}, line(R"(set p a "[\"x\",\"y\"]")"), worded, "the text\n"},
+        {{"del", "p", "a", "-5"}, line("del p a -5"), worded, "the text\n"},
+        {{"set", "p", "a", "--", "--json"}, line("set p a --json"), worded, "the text\n"},
+        {{"mark"}, line("mark"), worded, "the text\n"},
+        // Options may stand anywhere.
+        {{"--json", "vrf", "red", "--raw"},
+         R"({"line":"vrf red","raw":true})",
+         worded,
+         "{\"z\":1,\"a\":2}\n"},
+        {{"vrf", "--raw", "--json", "red"},
+         R"({"line":"vrf red","raw":true})",
+         worded,
+         "{\"z\":1,\"a\":2}\n"},
+        {{"get", "p"}, R"({"path":"p"})", nested, outline, "get"},
+        {{"get", "p", "a", "red"},
+         R"({"path":"p","attribute":"a","key":"red"})",
+         row,
+         "red = {\"vrfId\":3}\n",
+         "get"},
+        {{"get", "p", "a", R"({"vrfId":3})"},
+         R"({"path":"p","attribute":"a","key":{"vrfId":3}})",
+         R"(["Ethernet1",{"vrfId":3}])",
+         "Ethernet1\n{\"vrfId\":3}\n",
+         "get"},
+        {{"get", "p", "a", "--limit", "5", "--after", "7"},
+         R"({"path":"p","attribute":"a","limit":5,"after":7})",
+         "[]",
+         "",
+         "get"},
+        {{"get", "p", "a", "--json"}, R"({"path":"p","attribute":"a"})", row, row + "\n", "get"},
+        {{"get", "p", "a"}, R"({"path":"p","attribute":"a"})", "true", "true\n", "get"},
+        {{"trace"}, "{}", levels, levelLines, "trace"},
+        {{"trace", "Agent", "8"}, R"({"facility":"Agent","level":8})", levels, levelLines, "trace"},
+        {{"trace", "--last", "5"},
+         R"({"last":5})",
+         records,
+         "7 NatVrfDirSm 8 a/B.cpp:12 B::f one two\n",
+         "trace"},
+        {{"status"}, "{}", nested, outline, "status"},
+        {{"schema"}, "{}", nested, outline, "schema"},
+        {{"schema", "L3::VrfId"}, R"({"type":"L3::VrfId"})", nested, outline, "schema"},
+        {{"kernel"}, "{}", nested, outline, "kernel"},
+        {{"kernel", "verify"}, R"({"verify":true})", nested, outline, "kernel"},
+    };
+    Json result;
+    const FakeAgent agent([&](const Json& request) { return resultLine(request, result); });
+    for (const Case& each : cases) {
+        SCOPED_TRACE(::testing::PrintToString(each.arguments));
+        result = Json::parse(each.result);
+        const Outcome run = runCtl(agent, each.arguments);
         EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_EQ(run.out, "the text\n");
-        EXPECT_EQ(agent.requests().back().at("params").dump(), (Json{{"line", line}, {"text", true}}).dump());
+        EXPECT_EQ(run.out, each.out);
+        EXPECT_EQ(agent.requests().back().at("method"), each.method);
+        EXPECT_EQ(agent.requests().back().at("params").dump(), each.params);
     }
-}
-
-TEST(Lines, OptionsMayStandAnywhereAndJsonIsPrintedAsItCame) {
-    const FakeAgent agent(answerCommand);
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"--json", "vrf", "red", "--raw"},
-          {"vrf", "--raw", "--json", "red"},
-          {"vrf", "red", "--raw", "--json"}}) {
-        const Outcome run = runCtl(agent, arguments);
-        EXPECT_EQ(run.out, "{\"z\":1,\"a\":2}\n");
-        EXPECT_EQ(agent.requests().back().at("params").dump(), R"({"line":"vrf red","raw":true})");
-    }
-    const Outcome behind = runCtl({"show", "mroute", "--socket", agent.path()});
-    EXPECT_EQ(behind.out, "the text\n");
-    EXPECT_EQ(agent.requests().back().at("params").at("line"), "show mroute");
+    result = Json::parse(worded);
+    EXPECT_EQ(runCtl({"show", "mroute", "--socket", agent.path()}).out, "the text\n");
 }
 
 TEST(Lines, WhatTheAgentRefusesIsToldOnStandardErrorWithItsPlace) {
@@ -187,25 +233,6 @@ TEST(Connection, ResultsThatCanNotBeWrittenAreAFailure) {
     EXPECT_EQ(err.str(), "kestrelctl: the result can't be written\n");
 }
 
-TEST(Get, SendsKeysAsJsonOrWordsAndPrintsAnEntryALine) {
-    const FakeAgent agent(always(Json::parse(R"([{"key":"red","value":{"vrfId":3}}])")));
-    const auto sent = [&](const std::vector<std::string>& arguments) {
-        const Outcome run = runCtl(agent, arguments);
-        EXPECT_EQ(run.status, 0) << run.err;
-        EXPECT_EQ(run.out, "red = {\"vrfId\":3}\n");
-        EXPECT_EQ(agent.requests().back().at("method"), "get");
-        return agent.requests().back().at("params").dump();
-    };
-    EXPECT_EQ(sent({"get", "p"}), R"({"path":"p"})");
-    EXPECT_EQ(sent({"get", "p", "a"}), R"({"path":"p","attribute":"a"})");
-    EXPECT_EQ(sent({"get", "p", "a", "red"}), R"({"path":"p","attribute":"a","key":"red"})");
-    EXPECT_EQ(sent({"get", "p", "a", R"({"vrfId":3})"}), R"({"path":"p","attribute":"a","key":{"vrfId":3}})");
-    EXPECT_EQ(sent({"get", "p", "a", "--limit", "5", "--after", "7"}),
-              R"({"path":"p","attribute":"a","limit":5,"after":7})");
-    EXPECT_EQ(runCtl(agent, {"get", "p", "a", "--json"}).out, R"([{"key":"red","value":{"vrfId":3}}])"
-                                                              "\n");
-}
-
 class ApplyTest : public testing::Test {
   protected:
     ApplyTest() { std::filesystem::create_directories(folder); }
@@ -274,37 +301,6 @@ TEST_F(ApplyTest, AFileThatCanNotBeSentIsSaidToBeSo) {
     const Outcome large = runCtl(agent, {"apply", write(std::string(5'000'000, '#'))});
     EXPECT_NE(large.err.find("the agent takes 4194304"), std::string::npos) << large.err;
     EXPECT_TRUE(agent.requests().empty());
-}
-
-TEST(Trace, ShowsAndSetsLevelsAndReadsTheRing) {
-    const FakeAgent agent([](const Json& request) {
-        return resultLine(
-            request,
-            request.at("params").contains("last")
-                ? Json::parse(R"({"records":[{"n":7,"time":1,"level":8,"facility":"NatVrfDirSm",)"
-                              R"("file":"a/B.cpp","line":12,"function":"B::f","message":"B::f one two"}]})")
-                : Json::parse(R"({"levels":[{"facility":"Agent","level":0,"loaded":true},)"
-                              R"({"facility":"NatVrfDirSm","level":8,"loaded":true}]})"));
-    });
-    EXPECT_EQ(runCtl(agent, {"trace"}).out, "Agent        0\nNatVrfDirSm  8\n");
-    EXPECT_EQ(agent.requests().back().at("params").dump(), "{}");
-    runCtl(agent, {"trace", "NatVrfDirSm", "8"});
-    EXPECT_EQ(agent.requests().back().at("params").dump(), R"({"facility":"NatVrfDirSm","level":8})");
-    EXPECT_EQ(runCtl(agent, {"trace", "--last", "5"}).out, "7 NatVrfDirSm 8 a/B.cpp:12 B::f one two\n");
-    EXPECT_EQ(agent.requests().back().at("params").dump(), R"({"last":5})");
-}
-
-TEST(Outlines, ShowWhatStatusSchemaAndKernelGive) {
-    const FakeAgent agent(always({{"name", "x"}, {"in", {{"y", 1}}}}));
-    EXPECT_EQ(runCtl(agent, {"status"}).out, "name: x\nin:\n  y: 1\n");
-    EXPECT_EQ(agent.requests().back().at("method"), "status");
-    EXPECT_EQ(runCtl(agent, {"schema"}).out, "name: x\nin:\n  y: 1\n");
-    EXPECT_EQ(agent.requests().back().at("params").dump(), "{}");
-    runCtl(agent, {"schema", "L3::VrfId"});
-    EXPECT_EQ(agent.requests().back().at("params").dump(), R"({"type":"L3::VrfId"})");
-    EXPECT_EQ(runCtl(agent, {"kernel"}).out, "name: x\nin:\n  y: 1\n");
-    runCtl(agent, {"kernel", "verify"});
-    EXPECT_EQ(agent.requests().back().at("params").dump(), R"({"verify":true})");
 }
 
 } // namespace

@@ -72,16 +72,6 @@ std::string printed(void (*print)(std::ostream&, const Json&), const std::string
     return out.str();
 }
 
-TEST(Print, CollectionsAreAnEntryALine) {
-    EXPECT_EQ(
-        printed(Ctl::printValue, R"([{"key":"red","value":{"vrfId":3}},{"key":1,"value":"Ethernet1"}])"),
-        "red = {\"vrfId\":3}\n1 = Ethernet1\n");
-    EXPECT_EQ(printed(Ctl::printValue, R"(["Ethernet1",{"vrfId":3}])"), "Ethernet1\n{\"vrfId\":3}\n");
-    EXPECT_EQ(printed(Ctl::printValue, "[]"), "");
-    EXPECT_EQ(printed(Ctl::printValue, "true"), "true\n");
-    EXPECT_EQ(printed(Ctl::printValue, R"({"vrfId":3})"), "vrfId: 3\n");
-}
-
 TEST(Print, NestedObjectsAreAnOutline) {
     EXPECT_EQ(printed(Ctl::printOutline,
                       R"({"name":"a","list":[1,2],"empty":[],"in":{"x":null,"deep":{"y":"z"}},)"
