@@ -30,14 +30,19 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-/// Leaves a socket as an agent does that was killed.
-void leaveSocket(const std::string& path) {
-    const Agent::Fd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+Agent::Fd listening(const std::string& path, int backlog) {
+    Agent::Fd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
-    ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(socket.get(), 1), 0);
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::listen(socket.get(), backlog), 0);
+    return socket;
+}
+
+/// Leaves a socket as an agent does that was killed.
+void leaveSocket(const std::string& path) {
+    listening(path, 1);
 }
 
 std::string refusalOf(const std::string& path) {
@@ -78,12 +83,7 @@ TEST_F(ControlSocketTest, ALeftoverIsReplacedAndALiveOneRespected) {
 }
 
 TEST_F(ControlSocketTest, ALiveOneWithAFullQueueIsStillAlive) {
-    const Agent::Fd busy(::socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    ASSERT_EQ(::bind(busy.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(busy.get(), 0), 0);
+    const Agent::Fd busy = listening(path, 0);
     const TestClient waiting(path);
     EXPECT_EQ(refusalOf(path), "control socket " + path + ": another agent serves it");
 }

@@ -1,7 +1,7 @@
 // The event loop: what runs when, and what may be done from inside a callback.
 #include "agent/EventLoop.h"
 
-#include "tests/agent/TestClient.h"
+#include "agent/Fd.h"
 
 #include <gtest/gtest.h>
 
@@ -36,30 +36,6 @@ struct Pipe {
     Agent::Fd write;
 };
 
-TEST(EventLoop, TellsWhatADescriptorIsReadyForAndOnlyWhatWasAskedFor) {
-    EventLoop loop;
-    Pipe pipe;
-    std::string seen;
-    loop.fdIs(pipe.write.get(), EventLoop::writable, [&](unsigned ready) {
-        seen += "w" + std::to_string(ready);
-        loop.fdInterestIs(pipe.write.get(), 0);
-        pipe.fill();
-    });
-    loop.fdIs(pipe.read.get(), EventLoop::readable, [&](unsigned ready) {
-        seen += "r" + std::to_string(ready);
-        if ((ready & EventLoop::readable) != 0) {
-            pipe.empty();
-            loop.fdInterestIs(pipe.read.get(), 0);
-            loop.fdDel(pipe.write.get());
-            pipe.write.close(); // hangup is told though nothing is asked for
-        } else {
-            loop.stop();
-        }
-    });
-    loop.run();
-    EXPECT_EQ(seen, "w2r1r4");
-}
-
 TEST(EventLoop, ACallbackMayRemoveItselfAndOthersThatAreReadyToo) {
     EventLoop loop;
     Pipe one;
@@ -79,24 +55,6 @@ TEST(EventLoop, ACallbackMayRemoveItselfAndOthersThatAreReadyToo) {
     two.fill();
     loop.run();
     EXPECT_EQ(calls, 1);
-}
-
-TEST(EventLoop, WhatCanNotBeWaitedForIsAlwaysReadyUntilNothingIsAskedOfIt) {
-    TemporaryFolder folder;
-    const Agent::Fd file(::open(folder.file("f").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    EventLoop loop;
-    int calls = 0;
-    loop.fdIs(file.get(), EventLoop::readable, [&](unsigned ready) {
-        EXPECT_EQ(ready, EventLoop::readable);
-        if (++calls == 3) {
-            loop.fdInterestIs(file.get(), 0);
-            loop.timerIs(1ms, [&] { loop.stop(); });
-        }
-    });
-    loop.run();
-    EXPECT_EQ(calls, 3);
-    EXPECT_THROW(loop.fdIs(9999, EventLoop::readable, [](unsigned) {}), std::system_error);
-    EXPECT_THROW(loop.fdInterestIs(9999, 0), std::logic_error);
 }
 
 TEST(EventLoop, TimersRunInTheOrderInWhichTheyAreDue) {

@@ -92,9 +92,7 @@ TEST_F(JsonRpcTest, WhatIsNoRequestIsRefusedAndNothingCalled) {
         << "a faulty request is answered under its id where it has one";
     EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"m","parms":{}})").at("message"),
               R"(unknown member "parms": a request has jsonrpc, id, method and params)");
-}
-
-TEST_F(JsonRpcTest, AParseErrorSaysWhereAndDoesNotQuoteTheWholeLine) {
+    // A parse error says where and does not quote the whole line.
     const std::string message = error(R"({"jsonrpc":"2.0",)" + std::string(1'000'000, 'x')).at("message");
     EXPECT_NE(message.find("column 18"), std::string::npos) << message;
     EXPECT_LT(error("\"" + std::string(1'000'000, 'x')).at("message").get<std::string>().size(), 300U);
@@ -145,6 +143,8 @@ TEST_F(JsonRpcTest, ABatchIsAnsweredInOrderByOneArrayOfThoseWithAnId) {
     EXPECT_EQ(whole[0], (Json{{"jsonrpc", "2.0"}, {"id", 2}, {"result", Json::object()}}));
     EXPECT_EQ(whole[1].at("error").at("code"), -32600);
     EXPECT_EQ(whole[2].at("id"), "x");
+    EXPECT_EQ(whole[2].at("error"),
+              (Json{{"code", -32602}, {"message", "no such field"}, {"data", {{"field", "oifs"}}}}));
     EXPECT_EQ(whole[3].at("error").at("code"), -32600);
     EXPECT_EQ(dispatcher.calls.size(), 4U);
 }
@@ -161,14 +161,9 @@ TEST_F(JsonRpcTest, ABatchWhoseAnswersGrowTooLargeIsNotCarriedOutToItsEnd) {
     EXPECT_EQ(whole[5].at("id"), 5);
 }
 
-TEST_F(JsonRpcTest, ErrorsOfMethodsKeepCodeMessageAndData) {
-    EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"fail"})"),
-              (Json{{"code", -32602}, {"message", "no such field"}, {"data", {{"field", "oifs"}}}}));
+TEST_F(JsonRpcTest, AnswersAndNotificationsAreOneLineOfUtf8) {
     EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"slip"})"),
               (Json{{"code", -32603}, {"message", "a slip"}}));
-}
-
-TEST_F(JsonRpcTest, AnswersAndNotificationsAreOneLineOfUtf8) {
     EXPECT_EQ(Json::parse(answer(R"({"jsonrpc":"2.0","id":1,"method":"bytes"})")).at("result"),
               "bad \xef\xbf\xbd byte");
     const std::string line = Agent::JsonRpc::notification("changed", {{"text", "a\nb"}});

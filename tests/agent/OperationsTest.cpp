@@ -2,7 +2,6 @@
 #include "agent/Operations.h"
 
 #include "agent/OperationError.h"
-#include "records/LumenFib.h"
 #include "tests/agent/InProcessAgent.h"
 
 #include <gtest/gtest.h>
@@ -29,33 +28,6 @@ Json requestKey(unsigned intf = 5, unsigned type = 0) {
             {"sourceIp", "10.0.0.1"},
             {"groupIp", "239.1.1.1"},
             {"type", type}};
-}
-
-TEST(OperationsTest, WrittenRowsAreFilledInBeforeTheyAreSeen) {
-    InProcessAgent agent;
-    const std::string fib = std::string(userFibs) + "/red";
-    EXPECT_TRUE(agent.operations.change(setOf(fib, "route", route, {{"intf", {"Ethernet1"}}})));
-
-    // A further write changes the row in place, and advances its version last and once.
-    struct Heard {
-        std::vector<State::AttributeId> attributes;
-    } heard;
-    using Lumen::Multicast::Fib::StatusByVrf;
-    const auto fibs = State::handleCast<StatusByVrf>(agent.host.entityStore()->entity(userFibs));
-    const auto row =
-        fibs->status(Lumen::Multicast::Fib::MfibVrfName("red"))
-            ->route(State::fromDatum<Lumen::Multicast::Fib::IpGenRouteKey>(Agent::toDatum(route)));
-    ASSERT_TRUE(row);
-    const auto note = [](void* self, const State::Notification& change) {
-        static_cast<Heard*>(self)->attributes.push_back(change.attribute);
-    };
-    row->subscribe(&heard, note);
-    EXPECT_TRUE(agent.operations.change(
-        setOf(fib, "route", route, {{"ready", 0}, {"intf", {"Ethernet2", "Ethernet3"}}})));
-    EXPECT_EQ(heard.attributes, (std::vector<State::AttributeId>{0, 1, 2}));
-    EXPECT_FALSE(agent.operations.change(setOf(fib, "route", route, {{"intf", {"Ethernet3", "Ethernet2"}}})));
-    EXPECT_EQ(heard.attributes.size(), 3U) << "an equal write was announced";
-    row->unsubscribe(&heard, note);
 }
 
 TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {

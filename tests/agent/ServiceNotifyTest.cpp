@@ -31,29 +31,27 @@ Agent::Fd managerAt(const std::string& name) {
     return socket;
 }
 
-TEST(ServiceNotify, ReachesTheManagerThatAsked) {
-    TemporaryFolder folder;
+TEST(ServiceNotify, ReachesTheManagerThatAskedAndNobodyElse) {
+    const TemporaryFolder folder;
     const std::string file = folder.file("manager");
+    const auto notifies = [](const std::string& name) {
+        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        const bool notified = Agent::notifyService("READY=1");
+        ::unsetenv("NOTIFY_SOCKET");
+        return notified;
+    };
     for (const std::string& name : {file, "@" + file}) {
         const Agent::Fd manager = managerAt(name);
-        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
-        EXPECT_TRUE(Agent::notifyService("READY=1"));
+        EXPECT_TRUE(notifies(name));
         std::array<char, 64> received{};
         EXPECT_EQ(::recv(manager.get(), received.data(), received.size(), MSG_DONTWAIT), 7);
         EXPECT_STREQ(received.data(), "READY=1");
     }
-    ::unsetenv("NOTIFY_SOCKET");
-}
-
-TEST(ServiceNotify, WithoutOneItDoesNothing) {
-    ::unsetenv("NOTIFY_SOCKET");
-    EXPECT_FALSE(Agent::notifyService("READY=1"));
-    for (const std::string& name : {std::string(), std::string("relative"), std::string("/absent/manager"),
-                                    "/" + std::string(sizeof(sockaddr_un), 'x')}) {
-        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
-        EXPECT_FALSE(Agent::notifyService("READY=1")) << name;
+    for (const char* name : {"", "relative", "/absent/manager"}) {
+        EXPECT_FALSE(notifies(name)) << name;
     }
-    ::unsetenv("NOTIFY_SOCKET");
+    EXPECT_FALSE(notifies("/" + std::string(sizeof(sockaddr_un), 'x')));
+    EXPECT_FALSE(Agent::notifyService("READY=1"));
 }
 
 } // namespace

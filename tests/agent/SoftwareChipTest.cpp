@@ -84,18 +84,6 @@ TEST_F(SoftwareChipTest, GroupsComeOnTheNextTurnAndFreedOnesComeAgainLowestFirst
     EXPECT_EQ(answer(11), 6U);
 }
 
-TEST_F(SoftwareChipTest, InsideTheWriteNothingWaits) {
-    Agent::SoftwareChip chip(agent.host, {});
-    ask(1); // before the plug-in starts, as a preloaded state does
-    agent.host.start();
-    EXPECT_EQ(answer(1), 1U);
-    ask(2);
-    EXPECT_EQ(answer(2), 2U);
-    withdraw(1);
-    ask(3);
-    EXPECT_EQ(answer(3), 1U);
-}
-
 TEST_F(SoftwareChipTest, AGroupThatSomebodyElseGaveIsLeftAlone) {
     Agent::SoftwareChip chip(agent.host, defer);
     agent.host.start();

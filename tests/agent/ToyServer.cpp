@@ -53,10 +53,6 @@ class ToyDispatcher : public Agent::Dispatcher {
             followers_.insert(client);
         else if (method == "tell")
             tell(params.at("count").get<int>(), params.at("bytes").get<std::size_t>());
-        else if (method == "fail")
-            throw Agent::RpcError(Agent::RpcCode::refused, "not this one", {{"path", "a/b"}});
-        else if (method == "slip")
-            throw std::logic_error("a slip");
         else if (method == "status")
             return {{"clients", server->clients()}, {"cutOff", server->cutOff()}, {"gone", gone_}};
         else

@@ -2,8 +2,7 @@
 //
 // Its methods: `echo` gives its parameters back; `size` the bytes of `text`; `big` a text of `bytes`; `count`
 // how many calls there were; `sleep` waits `ms`; `follow` makes the caller hear `tell`, which sends `count`
-// notifications of `bytes` to all who follow; `fail` throws an RpcError, `slip` another exception; `status`
-// tells what the server counts.
+// notifications of `bytes` to all who follow; `status` tells what the server counts.
 #pragma once
 
 #include <sys/types.h>

@@ -97,14 +97,6 @@ TEST_F(WatchTest, ChangesComeInOrderWithTheAnswerOfTheMoment) {
         EXPECT_EQ(change.at("value"), values[i]);
     }
 
-    // What a watcher's own request causes it hears before the answer to it.
-    watcher.send(
-        Json{{"jsonrpc", "2.0"}, {"id", 1}, {"method", "command"}, {"params", {{"line", request(2)}}}}
-            .dump() +
-        "\n");
-    EXPECT_EQ(Json::parse(watcher.line().value_or("{}")).value("method", ""), "changed");
-    EXPECT_TRUE(Json::parse(watcher.line().value_or("{}")).contains("result"));
-
     watcher.result("unwatch");
     run(request(3));
     EXPECT_TRUE(watcher.notification(std::chrono::milliseconds(50)).is_null());
