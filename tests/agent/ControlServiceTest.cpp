@@ -201,12 +201,6 @@ TEST_F(ControlServiceTest, ADryRunForetellsTheVeryAnswersAndChangesNothing) {
     EXPECT_EQ(client.error("apply", {{"changes", changes}, {"dryRun", true}}).at("data").at("field"), "intf");
 }
 
-TEST_F(ControlServiceTest, AnExpectationWaitsForTheChipsWork) {
-    const std::string asked = "mgroup intf Ethernet5 vrf 3 vlan 10 source 10.0.0.1 group 239.1.1.1";
-    client.result("command", {{"line", "request " + asked}});
-    client.result("command", {{"line", "expect " + asked + " = 1"}});
-}
-
 TEST_F(ControlServiceTest, TheSchemaTellsWhatRequestsAreHeldAgainst) {
     const Json schema = client.result("schema");
     EXPECT_EQ(schema.at("methods").size(), 11U);

@@ -100,29 +100,6 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
     EXPECT_EQ(agent.operations.counters().changes, 0U);
 }
 
-TEST(OperationsTest, PagesFollowOneAnother) {
-    InProcessAgent agent;
-    for (unsigned i = 0; i < 25; ++i) {
-        agent.operations.change(setOf("api/mgroup/req", "mgroupReq", requestKey(i)));
-    }
-    const auto all = agent.operations.members("api/mgroup/req", "mgroupReq");
-    ASSERT_EQ(all.members.size(), 25U);
-    decltype(all.members) paged;
-    for (;;) {
-        const auto page = agent.operations.members("api/mgroup/req", "mgroupReq",
-                                                   paged.empty() ? nullptr : &paged.back().first, 10);
-        EXPECT_EQ(page.size, 25U);
-        if (page.members.empty()) {
-            break;
-        }
-        paged.insert(paged.end(), page.members.begin(), page.members.end());
-    }
-    EXPECT_EQ(paged, all.members);
-    const State::Datum gone = Agent::toDatum(requestKey(99));
-    EXPECT_THROW(agent.operations.members("api/mgroup/req", "mgroupReq", &gone, 10), OperationError);
-    EXPECT_TRUE(agent.operations.members("api/mgroup/req", "mgroupReq", nullptr, 0).members.empty());
-}
-
 TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
     InProcessAgent agent;
     agent.host.start();

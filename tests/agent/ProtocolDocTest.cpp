@@ -1,12 +1,10 @@
 // Plays the examples of docs/control-protocol.md against the real agent and holds its answers against the
 // document.
+#include "tests/agent/AgentProcess.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
@@ -68,27 +66,18 @@ Transcript documented() {
 TEST(ControlProtocolDocument, ItsExamplesAreWhatTheAgentAnswers) {
     const Transcript wanted = documented();
     ASSERT_GE(wanted.requests.size(), 10U) << "the document has its examples";
-    const std::string input = testing::TempDir() + "/protocol-in-" + std::to_string(getpid());
-    {
-        std::ofstream out(input);
-        for (const auto& [id, request] : wanted.requests) {
-            out << request.dump() << '\n';
-        }
-    }
-    const std::string command = "(cat " + input + "; sleep 0.5) | " + KESTREL_BIN_DIR +
-                                "/kestrel-agent --stdio --toggle KestrelNatMfibLumen=on 2>/dev/null";
+    const AgentTest::TemporaryFolder folder;
+    const AgentTest::AgentProcess agent(folder, {"--toggle", "KestrelNatMfibLumen=on"});
+    AgentTest::TestClient client(agent.socket());
     Transcript actual;
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string line;
-    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
-        line += static_cast<char>(c);
-        if (c == '\n') {
-            actual.take(json::parse(line));
-            line.clear();
+    for (const auto& [id, request] : wanted.requests) {
+        client.send(request.dump() + "\n");
+        while (!actual.answers.contains(id)) {
+            const auto line = client.line();
+            ASSERT_TRUE(line.has_value()) << request;
+            actual.take(json::parse(*line));
         }
     }
-    pclose(pipe);
-    std::filesystem::remove(input);
     for (const auto& [id, request] : wanted.requests) {
         ASSERT_TRUE(wanted.answers.contains(id)) << request;
         EXPECT_TRUE(holds(wanted.answers.at(id), actual.answers[id]))

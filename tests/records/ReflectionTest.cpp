@@ -17,7 +17,6 @@ namespace {
 
 using State::Attribute;
 using State::Datum;
-using State::EntityType;
 
 // "ATTRIBUTE" for each change of an entity, in order.
 class Heard {

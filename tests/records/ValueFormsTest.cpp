@@ -221,10 +221,10 @@ TEST(RefusedValues, OfRecordsAreNamedByAttributeAndPlace) {
          "KestrelNat::NatRequestType takes an enumerator's name or number, not a boolean"},
     };
     for (const auto& [field, content, text] : fields) {
-        EXPECT_EQ(refusal([&] {
-                      State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{field, content}}));
-                  }),
-                  key + ", attribute " + field + ": " + text);
+        const Datum record(Datum::Record{{field, content}});
+        std::string wanted = key + ", attribute ";
+        wanted.append(field).append(": ").append(text);
+        EXPECT_EQ(refusal([&] { State::fromDatum<NatMrouteKey>(record); }), wanted);
     }
     EXPECT_EQ(refusal([] {
                   State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{"vrf", Datum("3")}}));
