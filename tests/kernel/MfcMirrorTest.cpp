@@ -32,7 +32,7 @@ class MfcMirrorTest : public testing::Test {
         sink.heard = [this](const std::string& call) { calls.push_back(call); };
     }
 
-    void start(KernelConfig config = {{{.name = "default", .id = 0, .table = table}}}) {
+    void start(const KernelConfig& config = {{{.name = "default", .id = 0, .table = table}}}) {
         mirror.configIs(config);
         settle();
     }
@@ -47,7 +47,7 @@ class MfcMirrorTest : public testing::Test {
         reader.drain();
         mirror.publish(1000);
     }
-    void route(const MfcKey& key, int parentVif, std::vector<int> vifs,
+    void route(const MfcKey& key, int parentVif, const std::vector<int>& vifs,
                std::uint8_t protocol = FakeKernel::byDaemon) {
         std::uint32_t outputs = 0;
         for (int vif : vifs)
