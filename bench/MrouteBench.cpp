@@ -82,12 +82,12 @@ ChangeFigures measureChanges(std::size_t routes, const Interfaces& interfaces, s
         figures.ringOn[hot] = changeTime(system, interfaces, orders[hot]);
     }
     const DenseWalk dense(routes, interfaces);
-    const std::size_t walks = std::max<std::size_t>(20, 5'000'000 / routes);
+    std::vector<std::uint32_t> sought = changesOf(routes, std::max<std::size_t>(20, 5'000'000 / routes));
     std::size_t sum = 0;
     figures.walk = Bench::leastOf(3, [&] {
-        return Bench::timeEach(walks, [&] {
-            for (std::size_t i = 0; i < walks; ++i) {
-                sum += dense.find(flowOf(i * 7919 % routes));
+        return Bench::timeEach(sought.size(), [&] {
+            for (const std::uint32_t route : sought) {
+                sum += dense.find(flowOf(route));
             }
         });
     });

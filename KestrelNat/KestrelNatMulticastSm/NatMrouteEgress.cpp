@@ -71,14 +71,15 @@ L3::IntfSet egressOf(const Lumen::Multicast::Fib::Route& route) {
 
 // ---- Quill: a damaged row reads as the default item, and resolution goes on
 
-Quill::Multicast::Fib::Route readRoute(const Quill::Multicast::Fib::Status& table,
-                                       const IpGenRouteKey& routeKey) {
+const Quill::Multicast::Fib::Route& readRoute(const Quill::Multicast::Fib::Status& table,
+                                              const IpGenRouteKey& routeKey) {
+    static const Quill::Multicast::Fib::Route defaultRoute;
     try {
         const auto* route = table.route(routeKey);
-        return route == nullptr ? Quill::Multicast::Fib::Route() : *route;
+        return route == nullptr ? defaultRoute : *route;
     } catch (const State::CorruptionError& error) {
         table.doCorruptionDetected(error.what());
-        return {};
+        return defaultRoute;
     }
 }
 
@@ -95,9 +96,8 @@ L3::IntfId readIntf(const Quill::Multicast::Fib::Status& table, Quill::Multicast
 void addEgressOf(const Quill::Multicast::Fib::Status& table, const IpGenRouteKey& routeKey,
                  L3::IntfUnion& egress) {
     TRACE(8, "Iterating oifs for routeKey=", routeKey);
-    const Quill::Multicast::Fib::Route route = readRoute(table, routeKey);
-    for (std::size_t position = 0;; ++position) {
-        const Quill::Multicast::Fib::OifIndex oifIndex(route.oifs.at(position));
+    for (const std::uint16_t number : readRoute(table, routeKey).oifs) {
+        const Quill::Multicast::Fib::OifIndex oifIndex(number);
         if (oifIndex.isNull()) {
             return;
         }

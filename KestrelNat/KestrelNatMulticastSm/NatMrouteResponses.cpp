@@ -33,11 +33,23 @@ void NatMrouteSm::updateResponseMap(const NatMrouteOifSet& egressIntfs, const Na
     writeResponse(egressIntfs, responsePlace(responseMapKey, routeType), routeType, removeEmpty);
 }
 
+NatMrouteSm::TypeMap NatMrouteSm::typeMap(bool isStatic) const {
+    if (typeMapsAsOf_ != mrouteResponseMapByRoute_.changes()) {
+        typeMaps_ = {mrouteResponseMapByRoute_.find(staticRouteType()),
+                     mrouteResponseMapByRoute_.find(sparseRouteType())};
+        typeMapsAsOf_ = mrouteResponseMapByRoute_.changes();
+    }
+    return typeMaps_[isStatic ? 0 : 1];
+}
+
 // Begins to load what writeResponse will write, as the table may first be searched for the interfaces.
 NatMrouteSm::ResponsePlace NatMrouteSm::responsePlace(const NatMrouteKey& key,
                                                       const std::string& routeType) const {
+    const bool isStatic = routeType == staticRouteType();
+    const bool isKnown = isStatic || routeType == sparseRouteType();
     const ResponsePlace place{.key = NatMrouteResponseMap::hashed(key),
-                              .own = mrouteResponseMapByRoute_.find(routeType)};
+                              .own = isKnown ? typeMap(isStatic) : mrouteResponseMapByRoute_.find(routeType),
+                              .isStatic = isStatic};
     if (place.own != nullptr) {
         (*place.own)->mrouteRespCollection().prefetch(place.key);
     }
@@ -49,7 +61,7 @@ NatMrouteSm::ResponsePlace NatMrouteSm::responsePlace(const NatMrouteKey& key,
 
 void NatMrouteSm::writeResponse(const NatMrouteOifSet& egressIntfs, const ResponsePlace& place,
                                 const std::string& routeType, bool removeEmpty) {
-    const auto& [key, own] = place;
+    const auto& [key, own, isStatic] = place;
     TRACE(8, "updateResponseMap", " responseMapKey=", key.key(), " routeType=", routeType);
 
     // A route update brings its table's own name, and a table need not be named by its route type: then there
@@ -62,8 +74,7 @@ void NatMrouteSm::writeResponse(const NatMrouteOifSet& egressIntfs, const Respon
         (*own)->mrouteRespCollection().drop(key);
     }
 
-    const auto* other = mrouteResponseMapByRoute_.find(routeType == staticRouteType() ? sparseRouteType()
-                                                                                      : staticRouteType());
+    const TypeMap other = typeMap(!isStatic);
     if (other == nullptr && !egressIntfs) {
         return;
     }

@@ -137,11 +137,13 @@ class NatMrouteSm final : public State::StateMachine {
         const std::string& name() const { return lumenMfib ? lumenMfib->name() : quillRoutes->tableName(); }
     };
 
-    // Where the answer to a request is written: its key, and the map of the route type, null if there is
-    // none.
+    // A private response map in its collection, null if there is none.
+    using TypeMap = const State::Handle<NatMrouteResponseMap>*;
+    // Where the answer to a request is written: its key, and the map of the route type.
     struct ResponsePlace {
         State::HashedKey<NatMrouteKey> key;
-        const State::Handle<NatMrouteResponseMap>* own;
+        TypeMap own;
+        bool isStatic; // by the static route type
     };
 
     // The flows that one route concerns, at most three, and who asks for them as the record stood then.
@@ -177,6 +179,7 @@ class NatMrouteSm final : public State::StateMachine {
     void retire();
     void recordRequester(const NatMrouteKey& req);
     void forgetRequester(const NatMrouteKey& req);
+    TypeMap typeMap(bool isStatic) const;
     ResponsePlace responsePlace(const NatMrouteKey& key, const std::string& routeType) const;
     void writeResponse(const NatMrouteOifSet& egressIntfs, const ResponsePlace& place,
                        const std::string& routeType, bool removeEmpty);
@@ -194,6 +197,9 @@ class NatMrouteSm final : public State::StateMachine {
     STATE_MAP(2, mrouteResponseMapByRoute, std::string, State::Handle<NatMrouteResponseMap>,
               State::seedConstant("KestrelNat::NatMrouteSm::mrouteResponseMapByRoute"))
   private:
+    // The two that every answer asks for, as of a change of the collection: static, sparse.
+    mutable std::array<TypeMap, 2> typeMaps_{};
+    mutable std::uint32_t typeMapsAsOf_ = 0;
     State::Handle<MulticastSmStatus> multicastSmStatus_;
     State::Handle<const NatMrouteRouteMap> mrouteRouteMap_;
     State::MapAttribute<NatMcastRouteKey, State::Handle<McastRouteSm>> mcastRoute_;
