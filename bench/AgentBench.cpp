@@ -126,6 +126,7 @@ template <class Ask>
 Pair roundTrips(Bench::LineClient& agent, Bench::LineClient& echo, std::size_t lines, Ask ask) {
     constexpr std::size_t turn = 100;
     const std::size_t turns = Bench::quick ? 50 : 300;
+    const std::string wake = call("status", ""); // who slept through the other's turn wakes unmeasured
     Pair pair;
     std::vector<std::string> asked(turn);
     std::vector<double> agentTimes(turn);
@@ -134,10 +135,12 @@ Pair roundTrips(Bench::LineClient& agent, Bench::LineClient& echo, std::size_t l
         for (std::size_t j = 0; j < turn; ++j) {
             asked[j] = ask(i * turn + j);
         }
+        agent.exchange(wake, 1);
         for (std::size_t j = 0; j < turn; ++j) {
             agentTimes[j] =
                 Bench::timeEach<Bench::WallClock>(1, [&] { agent.exchange(asked[j], lines); }) / 1000;
         }
+        echo.exchange(wake, 1);
         for (std::size_t j = 0; j < turn; ++j) {
             echoTimes[j] = Bench::timeEach<Bench::WallClock>(1, [&] { echo.exchange(asked[j], 1); }) / 1000;
         }
