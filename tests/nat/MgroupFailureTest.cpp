@@ -3,6 +3,7 @@
 #include "tests/nat/FailingAllocation.h"
 #include "tests/nat/MgroupFixture.h"
 
+#include <functional>
 #include <new>
 
 namespace MgroupTests {
@@ -137,10 +138,13 @@ TEST_F(MgroupTest, TeardownLeavesResponsesAndRowsWhereTheyAreAndHearsNothingMore
     start();
     int removals = 0;
     const auto held = machine.get();
-    const OnChange onEnd(*machine, [&](const State::Notification&) { // the record of requesters is emptied
+    std::function<void()> onEnd = [&] { // the record of requesters is emptied
         ++removals;
         EXPECT_TRUE(held->retired());
         requests->mgroupReqIs(request({.vlan = 20}));
+    };
+    machine->subscribe(&onEnd, [](void* reaction, const State::Notification&) {
+        (*static_cast<std::function<void()>*>(reaction))();
     });
     machine.reset();
     EXPECT_EQ(removals, 1);

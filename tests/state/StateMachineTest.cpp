@@ -19,7 +19,7 @@ class Machine final : public State::StateMachine {
         : reactor(State::Reactor::of<&Machine::inputDispatch>(this, input, State::maskOf(1))) {}
     ~Machine() override { ++ended; }
 
-    void inputDispatch(const State::Notification& /*change*/) {
+    void inputDispatch(const State::Notification& /*change*/) const {
         reaction();
         ++finished; // a machine that its reaction let go is still there
     }
