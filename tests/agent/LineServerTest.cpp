@@ -71,7 +71,9 @@ TEST_F(LineServerTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnec
     for (const std::string& end : {std::string("\n"), std::string("x")}) {
         TestClient tooLarge = client();
         const std::string good = request("echo", {{"a", 1}}) + "\n";
-        tooLarge.send(good + requestOf(LineServer::lineLimit + (end == "\n" ? 1 : 0)) + end);
+        std::string lines = good;
+        lines.append(requestOf(LineServer::lineLimit + (end == "\n" ? 1 : 0))).append(end);
+        tooLarge.send(lines);
         EXPECT_EQ(Json::parse(tooLarge.line().value_or("null")).at("result").at("a"), 1);
         const Json refusal = Json::parse(tooLarge.line().value_or("null"));
         EXPECT_EQ(refusal.at("error").at("code"), -32600);
