@@ -53,8 +53,7 @@ void NatMrouteMatcher::edit(const MrouteSourceAndGroup& sg, Change change) {
 }
 
 bool NatMrouteMatcher::matches(const MrouteSourceAndGroup& sg) const {
-    return groupsWithAnySource_.has(sg.groupIp) || sourcesWithAnyGroup_.has(sg.sourceIp) ||
-           sourceGroups_.has(sg);
+    return static_cast<bool>(waiting(sg));
 }
 
 NatMrouteMatcher::Waiting NatMrouteMatcher::waiting(const MrouteSourceAndGroup& sg) const {
