@@ -12,13 +12,11 @@ namespace {
 
 std::string randomName() {
     std::uint64_t number = 0;
-    if (::getrandom(&number, sizeof number, 0) != sizeof number) {
+    if (::getrandom(&number, sizeof number, 0) != sizeof number)
         throw std::system_error(errno, std::generic_category(), "getrandom");
-    }
     std::string name;
-    for (int digit = 0; digit < 16; ++digit, number >>= 4U) {
+    for (int digit = 0; digit < 16; ++digit, number >>= 4U)
         name += "0123456789abcdef"[number & 15U];
-    }
     return name;
 }
 
@@ -42,11 +40,10 @@ template <NatService service>
 void AnswerLog::heard(void* self, const State::Notification& change) {
     auto& log = *static_cast<AnswerLog*>(self);
     RawAnswer answer = log.maps_.answer(service, change.keyAs<KestrelNat::NatMrouteKey>());
-    if (log.changes_.size() < heldChanges) {
+    if (log.changes_.size() < heldChanges)
         log.changes_.push_back(std::move(answer));
-    } else {
+    else
         log.changes_[log.last_ % heldChanges] = std::move(answer);
-    }
     ++log.last_;
 }
 

@@ -12,9 +12,8 @@ AnswerChange RawAnswer::change() const {
                       .attribute = isMroute ? "mrouteResp" : "mgroupId",
                       .key = State::toDatum(key),
                       .value = {}};
-    if (isPresent) {
+    if (isPresent)
         made.value = isMroute ? State::toDatum(oifs) : State::toDatum(groupId);
-    }
     return made;
 }
 
@@ -39,9 +38,8 @@ RawAnswer AnswerMaps::answer(NatService service, const NatMrouteKey& key) const 
 std::vector<RawAnswer> AnswerMaps::all() const {
     std::vector<RawAnswer> answers;
     answers.reserve(mroute_->mrouteRespCollection().size() + mgroup_->mgroupIdCollection().size());
-    for (const auto& [key, oifs] : mroute_->mrouteResp()) {
+    for (const auto& [key, oifs] : mroute_->mrouteResp())
         answers.push_back({.key = key, .oifs = oifs, .service = NatService::mroute, .isPresent = true});
-    }
     for (const auto& [key, groupId] : mgroup_->mgroupId()) {
         answers.push_back(
             {.key = key, .oifs = {}, .groupId = groupId, .service = NatService::mgroup, .isPresent = true});
@@ -72,17 +70,15 @@ template <NatService service>
 void AnswerCollector::heard(void* self, const State::Notification& change) {
     auto& collector = *static_cast<AnswerCollector*>(self);
     const Name name{service, change.keyAs<NatMrouteKey>()};
-    if (collector.seen_.insert(name).second) {
+    if (collector.seen_.insert(name).second)
         collector.order_.push_back(name);
-    }
 }
 
 std::vector<AnswerChange> AnswerCollector::changes() const {
     std::vector<AnswerChange> changes;
     changes.reserve(order_.size());
-    for (const Name& name : order_) {
+    for (const Name& name : order_)
         changes.push_back(maps_.answer(name.service, name.key).change());
-    }
     return changes;
 }
 

@@ -54,9 +54,8 @@ Application::Application(Options options, KernelSourceMaker makeKernelSource)
     , service_(operations_, log_)
     , rpc_(service_)
     , tellHook_(loop_.turnHookIs([this] { return service_.tellWatchers(); })) {
-    if (!options_.kernel.empty() && !makeKernelSource_) {
+    if (!options_.kernel.empty() && !makeKernelSource_)
         throw UsageError("--kernel: this agent was built without a kernel source");
-    }
 }
 
 Application::~Application() {
@@ -65,9 +64,8 @@ Application::~Application() {
 }
 
 int Application::run() {
-    if (!succeeds([this] { setUp(); })) {
+    if (!succeeds([this] { setUp(); }))
         return exitFailed;
-    }
     start();
     loop_.run();
     end();
@@ -80,24 +78,20 @@ void Application::setUp() {
     loop_.signalsAre({SIGTERM, SIGINT, SIGHUP}, [this](int signal) { signalled(signal); });
     std::signal(SIGPIPE, SIG_IGN);
     server_ = std::make_unique<LineServer>(loop_, rpc_);
-    if (!options_.isStdio) {
+    if (!options_.isStdio)
         server_->listen(socketPath());
-    }
     load();
     makeParts();
-    if (!options_.preload.empty()) {
+    if (!options_.preload.empty())
         grammar_->preload(options_.preload);
-    }
 }
 
 void Application::configure() const {
-    for (const auto& [name, value] : options_.toggles) {
+    for (const auto& [name, value] : options_.toggles)
         State::toggleOverrideIs(name, value);
-    }
     State::toggleDirectoryIs(options_.toggleDirectory);
-    for (const auto& [facility, level] : options_.traceLevels) {
+    for (const auto& [facility, level] : options_.traceLevels)
         State::traceLevelIs(facility, level);
-    }
 }
 
 void Application::load() {
@@ -108,16 +102,12 @@ void Application::load() {
 /// Toggles and facilities are known once the plug-in is loaded.
 void Application::checkNames() const {
     const auto asked = State::toggles();
-    for (const auto& [name, value] : options_.toggles) {
-        if (std::ranges::find(asked, name, &State::ToggleStatus::name) == asked.end()) {
+    for (const auto& [name, value] : options_.toggles)
+        if (std::ranges::find(asked, name, &State::ToggleStatus::name) == asked.end())
             throw UsageError("--toggle: nobody asks for a toggle " + name);
-        }
-    }
-    for (const State::TraceLevel& known : State::traceLevels()) {
-        if (!known.isLoaded) {
+    for (const State::TraceLevel& known : State::traceLevels())
+        if (!known.isLoaded)
             throw UsageError("--trace: there is no trace facility " + known.facility);
-        }
-    }
 }
 
 void Application::makeParts() {
@@ -134,14 +124,12 @@ void Application::makeParts() {
     if (options_.chip != Options::Chip::none) {
         sources.emplace_back("software-chip");
         SoftwareChip::Defer defer;
-        if (options_.chip == Options::Chip::deferred) {
+        if (options_.chip == Options::Chip::deferred)
             defer = [this](std::function<void()> task) { loop_.defer(std::move(task)); };
-        }
         chip_ = std::make_unique<SoftwareChip>(host_, std::move(defer));
     }
-    if (!options_.kernel.empty()) {
+    if (!options_.kernel.empty())
         sources.emplace_back("kernel");
-    }
     service_.sourcesAre(std::move(sources));
 }
 
@@ -156,9 +144,8 @@ void Application::start() {
     if (options_.isStdio) {
         const ClientId only = server_->serve(STDIN_FILENO, STDOUT_FILENO);
         service_.onClientGone([this, only](ClientId client) {
-            if (client == only) {
+            if (client == only)
                 loop_.stop();
-            }
         });
     }
 }
@@ -174,9 +161,8 @@ void Application::flagChanged(void* self, const State::Notification& /*change*/)
 }
 
 void Application::announceIfReady() {
-    if (isAnnounced_ || !readyFlags_->mrouteSmReady() || !readyFlags_->mgroupSmReady()) {
+    if (isAnnounced_ || !readyFlags_->mrouteSmReady() || !readyFlags_->mgroupSmReady())
         return;
-    }
     isAnnounced_ = true;
     TRACE(6, "Application::", "announceIfReady", " ready");
     std::FILE* const where = options_.isStdio ? stderr : stdout;
@@ -187,9 +173,8 @@ void Application::announceIfReady() {
 }
 
 void Application::playIfAsked() {
-    if (options_.play.empty()) {
+    if (options_.play.empty())
         return;
-    }
     // Until it has been played to its end, the play has failed.
     status_ = options_.exitAfterPlay ? exitFailed : exitClean;
     const auto done = [this](bool held) {
@@ -212,9 +197,8 @@ void Application::signalled(int signal) {
         loop_.stop();
         return;
     }
-    if (!kernel_) {
+    if (!kernel_)
         return; // nothing else is read again
-    }
     State::traceEventBegin();
     try {
         kernel_->configAgain();
@@ -225,16 +209,14 @@ void Application::signalled(int signal) {
 
 /// The start backwards.
 void Application::end() {
-    if (!server_) {
+    if (!server_)
         return;
-    }
     State::traceEventBegin();
     TRACE(6, "Application::", "end");
     notifyService("STOPPING=1");
     log_.close();
-    if (readyFlags_) {
+    if (readyFlags_)
         readyFlags_->unsubscribe(this, &flagChanged);
-    }
     service_.kernelSourceIs(nullptr);
     kernel_.reset();
     host_.stop();
@@ -262,9 +244,8 @@ void Application::sayPlan(std::ostream& out) {
         out << "toggle " << toggle.name << " is " << (toggle.value ? "on" : "off") << ", "
             << origins[static_cast<std::size_t>(toggle.origin)] << "\n";
     }
-    if (chip_) {
+    if (chip_)
         out << "stand in for the hardware layer\n";
-    }
     if (!options_.preload.empty()) {
         grammar_->preload(options_.preload);
         out << "begin with the state of " << options_.preload << "\n";

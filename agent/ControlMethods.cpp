@@ -25,9 +25,8 @@ using State::Datum;
 /// A key, value or `after` as plain data.
 std::optional<Datum> datumOf(const Json& params, std::string_view name) {
     const Json* value = given(params, name);
-    if (value == nullptr) {
+    if (value == nullptr)
         return std::nullopt;
-    }
     try {
         return toDatum(*value);
     } catch (const std::invalid_argument& error) {
@@ -54,9 +53,8 @@ Change changeOf(const Json& params, Change::Op op) {
 
 Json toJson(const std::vector<AnswerChange>& changes) {
     Json list = Json::array();
-    for (const AnswerChange& change : changes) {
+    for (const AnswerChange& change : changes)
         list.push_back(toJson(change));
-    }
     return list;
 }
 
@@ -68,18 +66,16 @@ std::string versionText() {
 [[noreturn]] void rethrowAtLine(const OperationError& error, const LineChanges& list) {
     const std::size_t line = list.lines.at(error.where().index.value_or(0));
     Json data = {{"path", error.where().path}, {"attribute", error.where().attribute}, {"line", line}};
-    if (!error.where().field.empty()) {
+    if (!error.where().field.empty())
         data["field"] = error.where().field;
-    }
     throw RpcError(error.code(), "line " + std::to_string(line) + ": " + error.what(), std::move(data));
 }
 
 std::vector<std::string> linesOf(const Json& list) {
     std::vector<std::string> lines;
     for (const Json& line : list) {
-        if (!line.is_string()) {
+        if (!line.is_string())
             refuse("lines", "lines are strings");
-        }
         lines.push_back(line);
     }
     return lines;
@@ -89,16 +85,13 @@ std::vector<std::string> linesOf(const Json& list) {
 
 Json ControlService::get(ClientId /*client*/, const Json& params) {
     const std::string path = params.at("path");
-    if (const Json* attribute = given(params, "attribute")) {
+    if (const Json* attribute = given(params, "attribute"))
         return attributeValue(path, attribute->get_ref<const std::string&>(), params);
-    }
-    if (given(params, "key") != nullptr || given(params, "after") != nullptr) {
+    if (given(params, "key") != nullptr || given(params, "after") != nullptr)
         refuse("attribute", "a key is that of an attribute's member: name the attribute");
-    }
     Json all = Json::object();
-    for (const auto& attribute : operations_.typeAt(path).attributes()) {
+    for (const auto& attribute : operations_.typeAt(path).attributes())
         all[std::string(attribute->name())] = attributeValue(path, attribute->name(), params);
-    }
     return all;
 }
 
@@ -113,9 +106,8 @@ Json ControlService::attributeValue(const std::string& path, std::string_view na
     const std::optional<Datum> after = datumOf(params, "after");
     const Json* limit = given(params, "limit");
     const std::size_t most = limit == nullptr ? pageLimit : limit->get<std::size_t>();
-    if (most > pageLimit) {
+    if (most > pageLimit)
         refuse("limit", "an answer has at most " + std::to_string(pageLimit) + " members");
-    }
     const Page page = operations_.members(path, name, after ? &*after : nullptr, most);
     if (limit == nullptr && page.size > pageLimit) {
         refuse("limit",
@@ -124,13 +116,11 @@ Json ControlService::attributeValue(const std::string& path, std::string_view na
                RpcCode::limitReached);
     }
     Json list = Json::array();
-    for (const auto& [member, value] : page.members) {
-        if (kind == State::AttributeKind::set) {
+    for (const auto& [member, value] : page.members)
+        if (kind == State::AttributeKind::set)
             list.push_back(Agent::toJson(member));
-        } else {
+        else
             list.push_back({{"key", Agent::toJson(member)}, {"value", Agent::toJson(value)}});
-        }
-    }
     return list;
 }
 
@@ -147,15 +137,13 @@ std::vector<Change> ControlService::listedChanges(const Json& list) const {
     changes.reserve(list.size());
     for (const Json& item : list) {
         const std::string owner = "change " + std::to_string(changes.size());
-        if (!item.is_object()) {
+        if (!item.is_object())
             refuse("changes", owner + " is no object");
-        }
         try {
             checkParameters(item, changeParameters(), owner);
             const std::string& op = item.at("op").get_ref<const std::string&>();
-            if (op != "set" && op != "del") {
+            if (op != "set" && op != "del")
                 refuse("op", owner + ": op is \"set\" or \"del\"");
-            }
             changes.push_back(changeOf(item, op == "set" ? Change::Op::set : Change::Op::del));
         } catch (const RpcError& error) {
             Json data = error.data() == nullptr ? Json::object() : *error.data();
@@ -172,15 +160,12 @@ std::vector<Change> ControlService::listedChanges(const Json& list) const {
 Json ControlService::apply(ClientId /*client*/, const Json& params) {
     const Json* listed = given(params, "changes");
     const Json* lines = given(params, "lines");
-    if ((listed != nullptr) == (lines != nullptr)) {
+    if ((listed != nullptr) == (lines != nullptr))
         refuse("changes", "apply takes either changes or lines");
-    }
-    if (listed != nullptr && given(params, "raw") != nullptr) {
+    if (listed != nullptr && given(params, "raw") != nullptr)
         refuse("raw", "each change says itself whether it is raw");
-    }
-    if (lines != nullptr && grammar_ == nullptr) {
+    if (lines != nullptr && grammar_ == nullptr)
         refuse("lines", "this agent has no grammar for lines", RpcCode::limitReached);
-    }
     const LineChanges list = listed != nullptr ? LineChanges{listedChanges(*listed), {}}
                                                : grammar_->changes(linesOf(*lines), isTrue(params, "raw"));
     try {
@@ -192,9 +177,8 @@ Json ControlService::apply(ClientId /*client*/, const Json& params) {
         return result.fatal ? Json{{"assertion", *result.fatal}}
                             : Json{{"changed", result.changed}, {"answers", toJson(result.answers)}};
     } catch (const OperationError& error) {
-        if (lines == nullptr || !error.where().index) {
+        if (lines == nullptr || !error.where().index)
             throw;
-        }
         rethrowAtLine(error, list);
     }
 }
@@ -206,13 +190,11 @@ Json ControlService::watch(ClientId client, const Json& params) {
     if (missed.is_array()) {
         result["changes"] = missed;
     } else {
-        if (since != nullptr) {
+        if (since != nullptr)
             result["lost"] = true;
-        }
         Json snapshot = Json::array();
-        for (const RawAnswer& answer : log_.snapshot()) {
+        for (const RawAnswer& answer : log_.snapshot())
             snapshot.push_back(Agent::toJson(answer.change()));
-        }
         result["snapshot"] = std::move(snapshot);
     }
     watchers_.watch(client, log_.last());
@@ -228,9 +210,8 @@ Json ControlService::missedChanges(const Json& since) const {
     };
     checkParameters(since, parts, "\"since\"");
     const auto heard = since.at("seq").get<std::uint64_t>();
-    if (since.at("instance") != log_.instance() || heard > log_.last() || heard + 1 < log_.oldest()) {
+    if (since.at("instance") != log_.instance() || heard > log_.last() || heard + 1 < log_.oldest())
         return {};
-    }
     Json changes = Json::array();
     for (std::uint64_t seq = heard + 1; seq <= log_.last(); ++seq) {
         Json change = Agent::toJson(log_.change(seq).change());
@@ -246,14 +227,12 @@ Json ControlService::unwatch(ClientId client, const Json& /*params*/) {
 }
 
 Json ControlService::command(ClientId /*client*/, const Json& params) {
-    if (grammar_ == nullptr) {
+    if (grammar_ == nullptr)
         refuse("line", "this agent has no grammar for lines", RpcCode::limitReached);
-    }
     Json answer;
     answer["result"] = grammar_->run(params.at("line").get_ref<const std::string&>(), isTrue(params, "raw"));
-    if (isTrue(params, "text")) {
+    if (isTrue(params, "text"))
         answer["text"] = grammar_->text(answer["result"]);
-    }
     return answer;
 }
 
@@ -309,9 +288,8 @@ Json ControlService::trace(ClientId /*client*/, const Json& params) {
     const Json* facility = given(params, "facility");
     const Json* level = given(params, "level");
     if (const Json* last = given(params, "last")) {
-        if (facility != nullptr || level != nullptr) {
+        if (facility != nullptr || level != nullptr)
             refuse("last", "either the latest records are wanted, or levels");
-        }
         Json records = Json::array();
         for (const State::TraceRecord& record : State::traceRecordsLast(last->get<std::size_t>())) {
             records.push_back({{"n", record.n},
@@ -325,12 +303,10 @@ Json ControlService::trace(ClientId /*client*/, const Json& params) {
         }
         return {{"records", std::move(records)}};
     }
-    if (level != nullptr && facility == nullptr) {
+    if (level != nullptr && facility == nullptr)
         refuse("facility", "a level is that of a facility: name it");
-    }
-    if (level != nullptr && *level > 9) {
+    if (level != nullptr && *level > 9)
         refuse("level", "levels run from 0 to 9");
-    }
     Json levels = Json::array();
     for (const State::TraceLevel& known : State::traceLevels()) {
         if (facility == nullptr || *facility == known.facility) {
@@ -339,12 +315,10 @@ Json ControlService::trace(ClientId /*client*/, const Json& params) {
                               {"loaded", known.isLoaded}});
         }
     }
-    if (facility != nullptr && levels.empty()) {
+    if (facility != nullptr && levels.empty())
         refuse("facility", "there is no trace facility \"" + facility->get<std::string>() + "\"");
-    }
-    if (level != nullptr) {
+    if (level != nullptr)
         State::traceLevelIs(facility->get_ref<const std::string&>(), level->get<int>());
-    }
     return {{"levels", std::move(levels)}};
 }
 

@@ -68,16 +68,14 @@ RpcError toRpcError(const OperationError& error) {
     nlohmann::json data = nlohmann::json::object();
     const Where& where = error.where();
     const auto tell = [&](const char* name, const std::string& value) {
-        if (!value.empty()) {
+        if (!value.empty())
             data[name] = value;
-        }
     };
     tell("path", where.path);
     tell("attribute", where.attribute);
     tell("field", where.field);
-    if (where.index) {
+    if (where.index)
         data["index"] = *where.index;
-    }
     return {error.code(), error.what(), std::move(data)};
 }
 
@@ -111,9 +109,8 @@ nlohmann::json ControlService::call(ClientId client, const std::string& method, 
     const auto found = std::ranges::find(table(), std::string_view(method), &Method::name);
     if (found == table().end()) {
         std::string names;
-        for (const Method& known : table()) {
+        for (const Method& known : table())
             names += (names.empty() ? "" : ", ") + std::string(known.name);
-        }
         throw RpcError(RpcCode::methodNotFound, "there is no method \"" + method + "\"; there are " + names);
     }
     TRACE(8, "ControlService::", "call", " method=", method);
@@ -145,9 +142,8 @@ void ControlService::serverIs(LineServer* server) {
 
 void ControlService::clientGone(ClientId client) {
     watchers_.unwatch(client);
-    if (onClientGone_) {
+    if (onClientGone_)
         onClientGone_(client);
-    }
 }
 
 } // namespace Agent

@@ -14,9 +14,8 @@ namespace {
 
 std::string toText(const ApplyResult& result) {
     nlohmann::json answers = nlohmann::json::array();
-    for (const AnswerChange& change : result.answers) {
+    for (const AnswerChange& change : result.answers)
         answers.push_back(toJson(change));
-    }
     const nlohmann::json all = {{"changed", result.changed}, {"answers", std::move(answers)}};
     return all.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
@@ -25,9 +24,8 @@ DryRunResult fromText(const std::string& text) {
     const auto all = nlohmann::json::parse(text);
     DryRunResult result;
     result.changed = all.at("changed");
-    for (const auto& change : all.at("answers")) {
+    for (const auto& change : all.at("answers"))
         result.answers.push_back(toAnswerChange(change));
-    }
     return result;
 }
 
@@ -42,9 +40,8 @@ DryRunResult Operations::dryRun(std::span<const Change> changes) {
                                                         std::to_string(dryRunLimitMs / 1000) +
                                                         " seconds and was ended");
     }
-    if (run.result) {
+    if (run.result)
         return fromText(*run.result);
-    }
     DryRunResult result;
     result.fatal = run.end;
     return result;

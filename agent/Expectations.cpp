@@ -16,16 +16,13 @@ namespace {
 
 // An answer as the grammar writes it: interfaces, "none", a group id, "absent".
 std::string answerWords(const json& answer) {
-    if (answer.is_null()) {
+    if (answer.is_null())
         return "absent";
-    }
-    if (!answer.is_array()) {
+    if (!answer.is_array())
         return answer.dump();
-    }
     std::string words;
-    for (const json& intf : answer) {
+    for (const json& intf : answer)
         words += (words.empty() ? "" : " ") + intf.get<std::string>();
-    }
     return words.empty() ? "none" : words;
 }
 
@@ -63,22 +60,19 @@ void Expectations::expectAnswer(WordReader& words, bool isDry) const {
         expected = words.number("a group id, or absent", UINT32_MAX);
     } else {
         expected = json::array();
-        if (!words.accept("none")) {
+        if (!words.accept("none"))
             do {
                 expected.push_back(words.word("interfaces, none or absent"));
             } while (!words.atEnd());
-        }
         std::sort(expected.begin(), expected.end());
     }
     words.expectEnd();
-    if (isDry) {
+    if (isDry)
         return;
-    }
     const auto found = operations_.value(named.answerPath(), named.answerAttribute(), &named.key);
     json actual = found ? toJson(*found) : json();
-    if (actual.is_array()) {
+    if (actual.is_array())
         std::sort(actual.begin(), actual.end());
-    }
     if (actual != expected) {
         failed(std::string(named.isMroute ? "mroute" : "mgroup") + " answer", answerWords(expected),
                answerWords(actual));
@@ -90,12 +84,10 @@ void Expectations::expectTrace(WordReader& words, bool isDry) const {
     words.expect("trace");
     const std::string text = words.word("a text in quotes");
     words.expectEnd();
-    if (isDry) {
+    if (isDry)
         return;
-    }
-    if (State::traceOldest() > mark_) {
+    if (State::traceOldest() > mark_)
         failed("trace", "all records since the mark", "a ring that wrapped since");
-    }
     const auto records = State::traceRecordsSince(mark_);
     const bool found = std::any_of(records.begin(), records.end(), [&](const State::TraceRecord& record) {
         return record.message.find(text) != std::string::npos;

@@ -32,9 +32,8 @@ bool hasTable(const Host& host, std::string_view type, std::string_view vrf) {
 RequestsByType::RequestsByType(State::Handle<const State::Publisher> publisher, const Members& members)
     : publisher_(std::move(publisher))
     , members_(members) {
-    for (const NatMrouteKey& key : members_.walk()) {
+    for (const NatMrouteKey& key : members_.walk())
         ++count_[static_cast<std::uint8_t>(key.type)];
-    }
     publisher_->subscribe(this, &heard);
 }
 
@@ -46,11 +45,10 @@ void RequestsByType::heard(void* self, const State::Notification& change) {
     const auto& key = change.keyAs<NatMrouteKey>();
     auto& requests = *static_cast<RequestsByType*>(self);
     std::uint32_t& count = requests.count_[static_cast<std::uint8_t>(key.type)];
-    if (requests.members_.has(key)) {
+    if (requests.members_.has(key))
         ++count;
-    } else {
+    else
         --count;
-    }
 }
 
 namespace {
@@ -84,9 +82,8 @@ GuardFacts::Vrf GuardFacts::vrf(std::string_view name) const {
 GuardFacts::Vrf GuardFacts::vrfInStores(std::string_view name) const {
     const L3::VrfName key(name);
     Vrf vrf;
-    if (const auto entry = inputs_.vrfs->vrfStatus(key)) {
+    if (const auto entry = inputs_.vrfs->vrfStatus(key))
         vrf.id = entry->vrfId();
-    }
     vrf.enabled = inputs_.vrfEnabled->vrfEnabled(key);
     const bool isLumen = inputs_.host.isLumen();
     vrf.hasStatic = isLumen ? hasFib(inputs_.host, "user", name) : hasTable(inputs_.host, "static", name);
@@ -100,36 +97,28 @@ bool GuardFacts::isAdded(std::string_view name, const Vrf& vrf) const {
 
 std::uint32_t GuardFacts::writtenId(const Change& change, std::uint32_t before) {
     if (change.value && change.value->record() != nullptr) {
-        for (const auto& [name, content] : *change.value->record()) {
-            if (name == "vrfId") {
+        for (const auto& [name, content] : *change.value->record())
+            if (name == "vrfId")
                 return State::fromDatum<std::uint32_t>(content);
-            }
-        }
     }
     return before;
 }
 
 std::optional<std::string> GuardFacts::holderOf(std::uint32_t id, std::string_view exceptName) const {
     if (vrfs_.empty()) {
-        for (const auto& [name, entry] : inputs_.vrfs->vrfStatus()) {
-            if (entry->vrfId() == id && name.stringValue() != exceptName && isIdentified(name, id)) {
+        for (const auto& [name, entry] : inputs_.vrfs->vrfStatus())
+            if (entry->vrfId() == id && name.stringValue() != exceptName && isIdentified(name, id))
                 return name.stringValue();
-            }
-        }
         return std::nullopt;
     }
     if (!holders_) {
         holders_.emplace();
-        for (const auto& [name, entry] : inputs_.vrfs->vrfStatus()) {
-            if (!vrfs_.contains(name.stringValue())) {
+        for (const auto& [name, entry] : inputs_.vrfs->vrfStatus())
+            if (!vrfs_.contains(name.stringValue()))
                 holders_->emplace(entry->vrfId(), name.stringValue());
-            }
-        }
-        for (const auto& [name, vrf] : vrfs_) {
-            if (vrf.id) {
+        for (const auto& [name, vrf] : vrfs_)
+            if (vrf.id)
                 holders_->emplace(*vrf.id, name);
-            }
-        }
     }
     const auto [begin, end] = holders_->equal_range(id);
     const auto found = std::find_if(begin, end, [&](const auto& held) {
@@ -139,14 +128,11 @@ std::optional<std::string> GuardFacts::holderOf(std::uint32_t id, std::string_vi
 }
 
 std::optional<std::string> GuardFacts::incompleteVrf() const {
-    if (!oddities_.addedIncomplete.empty()) {
+    if (!oddities_.addedIncomplete.empty())
         return *oddities_.addedIncomplete.begin();
-    }
-    for (const auto& [name, enabled] : inputs_.vrfEnabled->vrfEnabled()) {
-        if (enabled && !vrfs_.contains(name.stringValue()) && !vrfInStores(name).hasBoth()) {
+    for (const auto& [name, enabled] : inputs_.vrfEnabled->vrfEnabled())
+        if (enabled && !vrfs_.contains(name.stringValue()) && !vrfInStores(name).hasBoth())
             return name.stringValue();
-        }
-    }
     const auto found = std::ranges::find_if(
         vrfs_, [](const auto& touched) { return touched.second.enabled && !touched.second.hasBoth(); });
     return found == vrfs_.end() ? std::nullopt : std::optional(found->first);
@@ -168,9 +154,8 @@ bool GuardFacts::hasTwin(NatService service, NatMrouteKey key) const {
         const auto number = static_cast<std::uint8_t>(type);
         if (type != own && (base(service).anyOfType(number) || over(service).types.contains(number))) {
             key.type = static_cast<KestrelNat::NatRequestType>(number);
-            if (hasRequest(service, key)) {
+            if (hasRequest(service, key))
                 return true;
-            }
         }
     }
     return false;
@@ -201,20 +186,18 @@ void GuardFacts::editVrf(std::string_view name, Edit edit) {
         oddities_.addedUnidentified.erase(key);
         oddities_.addedIncomplete.erase(key);
     } else if (inputs_.host.isStarted()) {
-        if (wasAdded && !isIdentified(name, after.id)) {
+        if (wasAdded && !isIdentified(name, after.id))
             oddities_.addedUnidentified.insert(key);
-        } else if (!wasAdded && isAdded(name, after) && !after.hasBoth()) {
+        else if (!wasAdded && isAdded(name, after) && !after.hasBoth())
             oddities_.addedIncomplete.insert(key);
-        }
     }
     if (holders_ && before.id != after.id) {
         if (before.id) {
             const auto [begin, end] = holders_->equal_range(*before.id);
             holders_->erase(std::find_if(begin, end, [&](const auto& held) { return held.second == key; }));
         }
-        if (after.id) {
+        if (after.id)
             holders_->emplace(*after.id, key);
-        }
     }
     vrfs_.insert_or_assign(key, after);
 }
@@ -229,14 +212,12 @@ void GuardFacts::note(const Change& change, const Place& place) {
     };
     if (place.kind == PathKind::quillTable || place.kind == PathKind::lumenFib) {
         const bool isSource = isLumen == (place.kind == PathKind::lumenFib);
-        if (isSet && isSource && (!place.entity || vrfs_.contains(place.vrf))) {
+        if (isSet && isSource && (!place.entity || vrfs_.contains(place.vrf)))
             tableIs(place.vrf, true);
-        }
         return;
     }
-    if (change.attribute.empty()) {
+    if (change.attribute.empty())
         return;
-    }
     const auto vrfKey = [&] { return State::fromDatum<L3::VrfName>(*change.key); };
     switch (place.kind) {
     case PathKind::vrfs:
@@ -248,9 +229,8 @@ void GuardFacts::note(const Change& change, const Place& place) {
         editVrf(vrfKey(), [&](Vrf& vrf) { vrf.enabled = isSet && State::fromDatum<bool>(*change.value); });
         break;
     case PathKind::lumenFibs:
-        if (isLumen) {
+        if (isLumen)
             tableIs(vrfKey(), isSet);
-        }
         break;
     case PathKind::capability:
         egressFromAllVrfs_ = State::fromDatum<bool>(*change.value);

@@ -48,9 +48,8 @@ std::string quoted(std::string_view name) {
 // ---- requests -------------------------------------------------------------------------------------------
 
 void checkRequest(const Case& given, NatService service) {
-    if (!given.isSet()) {
+    if (!given.isSet())
         return;
-    }
     const auto key = given.key<NatMrouteKey>();
     if (key.sourceIp.isZero() && key.groupIp.isZero()) {
         given.refuse("sourceIp", "a request for any source and any group, (*,*), has no answer",
@@ -76,9 +75,8 @@ void checkRequest(const Case& given, NatService service) {
 
 void checkVrfName(const Case& given, std::string_view name, std::string_view field) {
     const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
-    if (name.empty()) {
+    if (name.empty())
         given.refuse(field, "a VRF has a name of at least one byte", "name it");
-    }
     if (name.find('/') != std::string_view::npos || std::ranges::any_of(name, isControl)) {
         given.refuse(field,
                      "a VRF's name, " + State::valueText(std::string(name)) +
@@ -114,9 +112,8 @@ void checkVrfEntry(const Case& given) {
     }
     checkVrfName(given, name, "key");
     const std::uint32_t id = GuardFacts::writtenId(given.change, vrf.id.value_or(0));
-    if (isAdded && vrf.id == id) {
+    if (isAdded && vrf.id == id)
         return;
-    }
     if (isAdded) {
         given.refuse("vrfId",
                      "VRF " + quoted(name) + " is in use: its identifier can't become " + std::to_string(id) +
@@ -127,39 +124,34 @@ void checkVrfEntry(const Case& given) {
         given.refuse("vrfId", "the identifier " + std::to_string(id) + " has more than 24 bits",
                      "choose one up to " + std::to_string(L3::VrfId::max));
     }
-    if (!GuardFacts::isIdentified(name, id)) {
+    if (!GuardFacts::isIdentified(name, id))
         return;
-    }
     if (const auto holder = given.facts.holderOf(id, name)) {
         given.refuse("vrfId",
                      "the identifier " + std::to_string(id) + " is that of VRF " + quoted(*holder) +
                          ", and answers go by identifiers",
                      "choose another one");
     }
-    if (vrf.enabled) {
+    if (vrf.enabled)
         checkAddition(given, name, "vrfId");
-    }
 }
 
 void checkVrfEnabled(const Case& given) {
     const std::string name = given.key<L3::VrfName>().stringValue();
     const GuardFacts::Vrf vrf = given.facts.vrf(name);
-    if (!given.isSet()) {
+    if (!given.isSet())
         return;
-    }
     checkVrfName(given, name, "key");
-    if (!State::fromDatum<bool>(*given.change.value) || vrf.enabled) {
+    if (!State::fromDatum<bool>(*given.change.value) || vrf.enabled)
         return;
-    }
     if (!vrf.hasBoth()) {
         given.refuse("key",
                      "multicast can't be turned on in VRF " + quoted(name) + ": there is no " +
                          std::string(vrf.hasStatic ? "sparse" : "static") + " route table or FIB for it",
                      "make both first (a set of their paths alone, or of a route below them)");
     }
-    if (GuardFacts::isIdentified(name, vrf.id)) {
+    if (GuardFacts::isIdentified(name, vrf.id))
         checkAddition(given, name, "key");
-    }
 }
 
 void checkFibEntry(const Case& given) {
@@ -173,9 +165,8 @@ void checkFibEntry(const Case& given) {
 }
 
 void checkAllVrfs(const Case& given) {
-    if (!State::fromDatum<bool>(*given.change.value) || given.facts.egressFromAllVrfs()) {
+    if (!State::fromDatum<bool>(*given.change.value) || given.facts.egressFromAllVrfs())
         return;
-    }
     if (const auto name = given.facts.incompleteVrf()) {
         given.refuse("value",
                      "egressFromAllVrfs can't be set while VRF " + quoted(*name) +
@@ -203,18 +194,15 @@ void checkQuillRow(const Case& given) {
                      "use indexes up to " + std::to_string(OifIndex::null - 1));
     };
     if (given.change.attribute == "oifIndexIntf") {
-        if (const OifIndex index = given.key<OifIndex>(); index.isNull()) {
+        if (const OifIndex index = given.key<OifIndex>(); index.isNull())
             refuseIndex("key", index.value());
-        }
         return;
     }
     checkRouteKey(given);
     for (const auto& [name, content] : *given.change.value->record()) {
-        for (const State::Datum& index : *content.list()) {
-            if (*index.number() >= OifIndex::null) {
+        for (const State::Datum& index : *content.list())
+            if (*index.number() >= OifIndex::null)
                 refuseIndex("oifs", *index.number());
-            }
-        }
     }
 }
 
@@ -223,12 +211,10 @@ void checkQuillRow(const Case& given) {
 void Guards::check(const Change& change, const Place& place, const GuardFacts& facts) const {
     const Case given{change, place, facts};
     const bool isTable = place.kind == PathKind::quillTable || place.kind == PathKind::lumenFib;
-    if (isTable && given.isSet()) {
+    if (isTable && given.isSet())
         checkVrfName(given, place.vrf, "path");
-    }
-    if (change.attribute.empty()) {
+    if (change.attribute.empty())
         return;
-    }
     switch (place.kind) {
     case PathKind::mrouteRequests:
         return checkRequest(given, NatService::mroute);

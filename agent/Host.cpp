@@ -53,12 +53,10 @@ Host::Host()
     , entityStore_(State::makeHandle<State::Store>("the entity store"))
     , stateEm_(State::makeHandle<State::EntityManager>(database_))
     , shmemEm_(State::makeHandle<State::ShmEntityManager>(tableStore_, entityStore_)) {
-    for (const auto& [path, type] : databaseEntities) {
+    for (const auto& [path, type] : databaseEntities)
         database_->entityIs(path, type);
-    }
-    for (const auto& [path, type] : tables) {
+    for (const auto& [path, type] : tables)
         tableStore_->entityIs(path, type);
-    }
 }
 
 Host::~Host() {
@@ -91,15 +89,13 @@ void Host::start() {
     const State::Argument name = std::string("KestrelNatMulticastMounter");
     auto mounter =
         State::handleCast<KestrelLib::MounterBase>(State::createByTypeName(mounterType, {&name, 1}));
-    if (!mounter) {
+    if (!mounter)
         throw std::runtime_error(std::string(mounterType) + " is no mounter");
-    }
     mounter->contextIs(stateEm_, shmemEm_);
     mounter->doInit();
     mountStatus_ = stateEm_->performMounts(*mounter);
-    for (const State::MountStatus::Failure& failure : mountStatus_.failures) {
+    for (const State::MountStatus::Failure& failure : mountStatus_.failures)
         TRACE(0, "Host::", "start", " mount of ", failure.path, " failed: ", failure.reason);
-    }
     mounter->doMountsComplete(mountStatus_, stateEm_);
     mounter_ = std::move(mounter);
 }

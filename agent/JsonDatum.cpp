@@ -37,17 +37,15 @@ Datum toDatum(const Json& json) {
     case Json::value_t::array: {
         Datum::List list;
         list.reserve(json.size());
-        for (const Json& element : json) {
+        for (const Json& element : json)
             list.push_back(toDatum(element));
-        }
         return {std::move(list)};
     }
     case Json::value_t::object: {
         Datum::Record record;
         record.reserve(json.size());
-        for (const auto& [name, content] : json.items()) {
+        for (const auto& [name, content] : json.items())
             record.emplace_back(name, toDatum(content));
-        }
         return {std::move(record)};
     }
     default:
@@ -58,21 +56,18 @@ Datum toDatum(const Json& json) {
 Json toJson(const Datum& datum) {
     if (const auto* record = datum.record()) {
         Json object = Json::object();
-        for (const auto& [name, content] : *record) {
+        for (const auto& [name, content] : *record)
             object[name] = toJson(content);
-        }
         return object;
     }
     if (const auto* list = datum.list()) {
         Json array = Json::array();
-        for (const Datum& element : *list) {
+        for (const Datum& element : *list)
             array.push_back(toJson(element));
-        }
         return array;
     }
-    if (const auto* negative = std::get_if<std::int64_t>(&datum.content)) {
+    if (const auto* negative = std::get_if<std::int64_t>(&datum.content))
         return *negative;
-    }
     return datum.text() != nullptr      ? Json(*datum.text())
            : datum.number() != nullptr  ? Json(*datum.number())
            : datum.boolean() != nullptr ? Json(*datum.boolean())

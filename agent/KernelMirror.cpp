@@ -41,13 +41,11 @@ json countersJson(const Kernel::KernelCounters& counters) {
 
 json vrfJson(const Kernel::VrfState& vrf) {
     json vifs = json::array();
-    for (const std::string& name : vrf.vifNames) {
+    for (const std::string& name : vrf.vifNames)
         vifs.push_back(name);
-    }
     json pending = json::array();
-    for (const Kernel::PendingChange& change : vrf.pending) {
+    for (const Kernel::PendingChange& change : vrf.pending)
         pending.push_back({{"what", change.what}, {"why", change.why}});
-    }
     return {{"vrf", vrf.config.name},
             {"id", vrf.config.id},
             {"table", vrf.config.table},
@@ -71,11 +69,9 @@ json verifyJson(const Kernel::VerifyResult& result) {
         for (const auto& [name, text] : {std::pair{"route", &difference.route},
                                          {"kernel", &difference.kernel},
                                          {"tables", &difference.tables},
-                                         {"pending", &difference.pending}}) {
-            if (!text->empty()) {
+                                         {"pending", &difference.pending}})
+            if (!text->empty())
                 entry[name] = *text;
-            }
-        }
         differences.push_back(std::move(entry));
     }
     return {{"complete", result.complete},
@@ -105,9 +101,8 @@ KernelMirror::KernelMirror(Operations& operations, EventLoop& loop, const std::s
 }
 
 KernelMirror::~KernelMirror() {
-    for (const int fd : source_.descriptors()) {
+    for (const int fd : source_.descriptors())
         loop_.fdDel(fd);
-    }
     loop_.turnHookDel(hook_);
 }
 
@@ -128,9 +123,8 @@ bool KernelMirror::turnEnds() {
 json KernelMirror::status() {
     const Kernel::KernelStatus status = source_.status();
     json vrfs = json::array();
-    for (const Kernel::VrfState& vrf : status.vrfs) {
+    for (const Kernel::VrfState& vrf : status.vrfs)
         vrfs.push_back(vrfJson(vrf));
-    }
     json shown{{"config", configFile_},
                {"synced", source_.synced()},
                {"receiveBuffer", status.receiveBuffer},

@@ -47,9 +47,8 @@ bool KernelTables::carryOut(std::span<const Change> changes, std::string& why) {
 
 KernelTables::Table KernelTables::tableAt(const Kernel::VrfConfig& vrf, Kernel::RouteType type) const {
     const bool isSparse = type == Kernel::RouteType::sparseMode;
-    if (!operations_.host().isLumen()) {
+    if (!operations_.host().isLumen())
         return {.path = "routing/multicast/routestatus/" + vrf.name + (isSparse ? "/sparsemode" : "/static")};
-    }
     const std::string fibs =
         StatusByVrf::mountPath(L3::AddressFamily::ipv4, isSparse ? "sparsemode" : "user");
     return {.path = fibs + "/" + vrf.name, .fibsPath = fibs, .vrf = MfibVrfName(L3::VrfName(vrf.name))};
@@ -87,9 +86,8 @@ bool KernelTables::vrf(const Kernel::VrfConfig& vrf, bool multicastEnabled, std:
                        .attribute = "vrfStatus",
                        .key = name,
                        .value = State::Datum(State::Datum::Record{{"vrfId", std::uint64_t{vrf.id}}})});
-    for (const Kernel::RouteType type : Kernel::routeTypes) {
+    for (const Kernel::RouteType type : Kernel::routeTypes)
         changes.push_back({.path = tableOf(vrf, type).path});
-    }
     if (multicastEnabled) {
         changes.push_back(
             {.path = vrfEnabledPath, .attribute = "vrfEnabled", .key = name, .value = State::Datum(true)});
@@ -101,24 +99,21 @@ bool KernelTables::vrfGone(const Kernel::VrfConfig& vrf, std::string& why) {
     const State::Datum name(vrf.name);
     const Change changes[] = {deletion(vrfEnabledPath, "vrfEnabled", name),
                               deletion(vrfStatusPath, "vrfStatus", name)};
-    if (!carryOut(changes, why)) {
+    if (!carryOut(changes, why))
         return false;
-    }
     tables_.erase(vrf.name);
     return true;
 }
 
 // The index of the interface in the table: where it has none yet, the lowest free one from 1.
 std::uint16_t KernelTables::indexOf(Table& table, const Kernel::Oif& oif) {
-    if (const auto known = table.byIfindex.find(oif.ifindex); known != table.byIfindex.end()) {
+    if (const auto known = table.byIfindex.find(oif.ifindex); known != table.byIfindex.end())
         return known->second;
-    }
     if (table.taken.empty()) {
         table.taken.assign(OifIndex::null, false);
         table.taken[0] = true;
-        for (const auto& [index, intf] : operations_.members(table.path, "oifIndexIntf").members) {
+        for (const auto& [index, intf] : operations_.members(table.path, "oifIndexIntf").members)
             table.taken[std::min<std::uint64_t>(*index.number(), OifIndex::null - 1)] = true; // another's
-        }
     }
     const auto free = std::find(table.taken.begin(), table.taken.end(), false);
     if (free == table.taken.end()) {
@@ -138,9 +133,8 @@ std::uint16_t KernelTables::indexOf(Table& table, const Kernel::Oif& oif) {
 
 bool KernelTables::lumenRoute(Fib& fib, const RouteKey& key, std::span<const Kernel::Oif> oifs) {
     L3::IntfSet intf;
-    for (const Kernel::Oif& oif : oifs) {
+    for (const Kernel::Oif& oif : oifs)
         intf.insert(L3::IntfId(oif.name));
-    }
     const State::Handle<LumenRoute> present = fib.route(key);
     if (!present) {
         const auto made = State::makeHandle<LumenRoute>(key);
@@ -148,9 +142,8 @@ bool KernelTables::lumenRoute(Fib& fib, const RouteKey& key, std::span<const Ker
         fib.routeIs(made);
         return true;
     }
-    if (present->intf() == intf && present->ready() == LumenRoute::isReady) {
+    if (present->intf() == intf && present->ready() == LumenRoute::isReady)
         return false;
-    }
     present->intfIs(std::move(intf));
     present->readyIs(LumenRoute::isReady);
     present->versionAdvance();
@@ -171,9 +164,8 @@ bool KernelTables::route(const Kernel::VrfConfig& vrf, Kernel::RouteType type, c
             changed = lumenRoute(*found, routeKey(key), oifs);
         } else {
             QuillRoute row;
-            for (const Kernel::Oif& oif : oifs) {
+            for (const Kernel::Oif& oif : oifs)
                 row.oifs.insert(indexOf(table, oif));
-            }
             State::Handle<QuillTable> found = quillTable(table);
             if (!found) {
                 operations_.change({.path = table.path});
@@ -238,9 +230,8 @@ void KernelTables::interfaceGone(int ifindex) {
 
 std::optional<bool> KernelTables::multicastEnabled(const Kernel::VrfConfig& vrf) const {
     const State::Datum name(vrf.name);
-    if (!operations_.value(vrfStatusPath, "vrfStatus", &name)) {
+    if (!operations_.value(vrfStatusPath, "vrfStatus", &name))
         return std::nullopt;
-    }
     const auto enabled = operations_.value(vrfEnabledPath, "vrfEnabled", &name);
     return enabled && *enabled->boolean();
 }
@@ -251,23 +242,20 @@ void KernelTables::eachRoute(const Kernel::VrfConfig& vrf, Kernel::RouteType typ
     std::vector<std::string_view> oifs;
     if (operations_.host().isLumen()) {
         const State::Handle<Fib> found = fib(table);
-        if (!found) {
+        if (!found)
             return;
-        }
         found->routes([&](const State::Handle<LumenRoute>& route) {
             oifs.clear();
-            for (const L3::IntfId intf : route->intf()) {
+            for (const L3::IntfId intf : route->intf())
                 oifs.emplace_back(intf.stringValue());
-            }
             visit(mfcKey(route->key()), oifs);
             return true;
         });
         return;
     }
     const State::Handle<QuillTable> found = quillTable(table);
-    if (!found) {
+    if (!found)
         return;
-    }
     found->routeCollection().visit(nullptr, [&](const RouteKey& key, const QuillRoute& route) {
         oifs.clear();
         for (const std::uint16_t index : route.oifs) {

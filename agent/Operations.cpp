@@ -25,9 +25,8 @@ using State::Datum;
 
 const State::Attribute& attributeOf(const Place& place, std::string_view name) {
     const State::Attribute* attribute = place.type->attribute(name);
-    if (attribute != nullptr) {
+    if (attribute != nullptr)
         return *attribute;
-    }
     std::string message = name.empty() ? "an attribute must be named" : "there is no attribute \"";
     message += name.empty() ? "" : std::string(name) + "\"";
     message += "; " + std::string(place.type->name()) + " at " + std::string(place.path) + " has ";
@@ -50,9 +49,8 @@ std::optional<Datum> findMember(const Place& place, const State::Attribute& attr
 std::string fieldOf(const Place& place, const State::Attribute& attribute, const Change& change,
                     const State::Error& error) {
     const auto* parseError = dynamic_cast<const State::ParseError*>(&error);
-    if (parseError != nullptr && !parseError->attribute().empty()) {
+    if (parseError != nullptr && !parseError->attribute().empty())
         return parseError->attribute();
-    }
     if (change.key) {
         try {
             findMember(place, attribute, *change.key);
@@ -70,19 +68,18 @@ void checkParts(const Change& change, const State::Attribute& attribute) {
     const auto wrong = [&](std::string_view field, std::string_view what) {
         refuse(change.path, change.attribute, field, std::string(attribute.name()) + " " + std::string(what));
     };
-    if (isCollection && !change.key) {
+    if (isCollection && !change.key)
         wrong("key", "is a collection: the member's key must be given");
-    } else if (!isCollection && change.key) {
+    else if (!isCollection && change.key)
         wrong("key", "is a single value: it has no key");
-    } else if (!isCollection && !isSet) {
+    else if (!isCollection && !isSet)
         wrong("attribute", "is a single value: it can be set, not removed");
-    } else if (change.value && !isSet) {
+    else if (change.value && !isSet)
         wrong("value", "is removed by its key alone");
-    } else if (isSet && !change.value && (attribute.kind() == AttributeKind::map || !isCollection)) {
+    else if (isSet && !change.value && (attribute.kind() == AttributeKind::map || !isCollection))
         wrong("value", "must be given a value");
-    } else if (isSet && change.value && !change.value->isNull() && attribute.kind() == AttributeKind::set) {
+    else if (isSet && change.value && !change.value->isNull() && attribute.kind() == AttributeKind::set)
         wrong("value", "is a set: its members are keys without values");
-    }
 }
 
 const Datum* pointerTo(const std::optional<Datum>& datum) {
@@ -128,9 +125,8 @@ std::optional<Datum> Operations::value(std::string_view path, std::string_view n
                std::string(name) + (isCollection ? " is a collection: one value of it has a key"
                                                  : " is a single value: it has no key"));
     }
-    if (!isCollection) {
+    if (!isCollection)
         return place.entity ? std::optional(attribute.value(*place.entity)) : std::nullopt;
-    }
     try {
         return findMember(place, attribute, *key);
     } catch (const State::Error& error) {
@@ -142,13 +138,11 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
                          std::size_t limit) const {
     const Place place = paths_.at(path);
     const State::Attribute& attribute = attributeOf(place, name);
-    if (attribute.kind() == AttributeKind::value) {
+    if (attribute.kind() == AttributeKind::value)
         refuse(path, name, "attribute", std::string(name) + " is a single value, no collection");
-    }
     try {
-        if (after != nullptr && !findMember(place, attribute, *after)) {
+        if (after != nullptr && !findMember(place, attribute, *after))
             refuse(path, name, "after", "there is no such member any more to go on after: begin again");
-        }
     } catch (const State::Error& error) {
         refuse(path, name, "after", error.what());
     }
@@ -168,18 +162,16 @@ void Operations::checkOne(const Change& change, GuardFacts& facts) {
     if (change.attribute.empty()) {
         const bool isTable = place.kind == PathKind::quillTable || place.kind == PathKind::lumenFib ||
                              place.kind == PathKind::lumenFibs;
-        if (!isTable || change.op != Change::Op::set || change.key || change.value) {
+        if (!isTable || change.op != Change::Op::set || change.key || change.value)
             attributeOf(place, change.attribute); // refuses it
-        }
     } else {
         const State::Attribute& attribute = attributeOf(place, change.attribute);
         checkParts(change, attribute);
         try {
-            if (change.op == Change::Op::set) {
+            if (change.op == Change::Op::set)
                 attribute.check(pointerTo(change.key), pointerTo(change.value));
-            } else {
+            else
                 findMember(place, attribute, *change.key);
-            }
         } catch (const State::Error& error) {
             refuse(change.path, change.attribute, fieldOf(place, attribute, change, error), error.what());
         }
@@ -220,9 +212,8 @@ bool Operations::carryOut(const Change& change) {
                   attribute->set(*place.entity, pointerTo(change.key), pointerTo(change.value));
     } else {
         const State::Handle<State::Entity> made = Paths::made(place);
-        if (attribute != nullptr) {
+        if (attribute != nullptr)
             attribute->set(*made, pointerTo(change.key), pointerTo(change.value));
-        }
         paths_.enter(place, made);
         changed = true;
     }
@@ -248,9 +239,8 @@ ApplyResult Operations::apply(std::span<const Change> changes) {
 ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
     const AnswerCollector collector(host_);
     ApplyResult result;
-    for (const Change& change : changes) {
+    for (const Change& change : changes)
         result.changed += carryOut(change) ? 1 : 0;
-    }
     result.answers = collector.changes();
     return result;
 }

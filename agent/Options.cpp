@@ -17,25 +17,22 @@ constexpr const char* footer =
 std::pair<std::string, std::string> split(const std::string& option, const std::string& given,
                                           const std::string& form) {
     const std::size_t equals = given.find('=');
-    if (equals == 0 || equals == std::string::npos || equals + 1 == given.size()) {
+    if (equals == 0 || equals == std::string::npos || equals + 1 == given.size())
         throw UsageError(option + ": \"" + given + "\" is not of the form " + form);
-    }
     return {given.substr(0, equals), given.substr(equals + 1)};
 }
 
 std::pair<std::string, bool> toggleOf(const std::string& given) {
     const auto [name, value] = split("--toggle", given, "NAME=on or NAME=off");
-    if (value != "on" && value != "off") {
+    if (value != "on" && value != "off")
         throw UsageError("--toggle: " + name + " can be on or off, not \"" + value + "\"");
-    }
     return {name, value == "on"};
 }
 
 std::pair<std::string, int> traceLevelOf(const std::string& given) {
     const auto [facility, level] = split("--trace", given, "FACILITY=LEVEL");
-    if (level.size() != 1 || level[0] < '0' || level[0] > '9') {
+    if (level.size() != 1 || level[0] < '0' || level[0] > '9')
         throw UsageError("--trace: the level of " + facility + " runs from 0 to 9, not \"" + level + "\"");
-    }
     return {facility, level[0] - '0'};
 }
 
@@ -75,12 +72,10 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
 }
 
 void convert(const Raw& raw, Options& options) {
-    for (const std::string& given : raw.toggles) {
+    for (const std::string& given : raw.toggles)
         options.toggles.push_back(toggleOf(given));
-    }
-    for (const std::string& given : raw.traces) {
+    for (const std::string& given : raw.traces)
         options.traceLevels.push_back(traceLevelOf(given));
-    }
     if (raw.chip == "deferred") {
         options.chip = Options::Chip::deferred;
     } else if (raw.chip == "sync") {

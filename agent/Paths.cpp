@@ -51,22 +51,19 @@ std::string_view takeComponent(std::string_view& path) {
 bool matches(const PathShape& shape, Place& place) {
     std::string_view wanted = shape.text;
     std::string_view given = place.path;
-    if (shape.types.empty()) {
+    if (shape.types.empty())
         return wanted == given;
-    }
-    if (std::ranges::count(wanted, '/') != std::ranges::count(given, '/')) {
+    if (std::ranges::count(wanted, '/') != std::ranges::count(given, '/'))
         return false;
-    }
     while (!wanted.empty()) {
         const std::string_view name = takeComponent(wanted);
         const std::string_view component = takeComponent(given);
-        if (name == "VRF" && !component.empty()) {
+        if (name == "VRF" && !component.empty())
             place.vrf = component;
-        } else if (name == "TYPE" && std::ranges::find(shape.types, component) != shape.types.end()) {
+        else if (name == "TYPE" && std::ranges::find(shape.types, component) != shape.types.end())
             place.routeType = component;
-        } else if (name != component) {
+        else if (name != component)
             return false;
-        }
     }
     return true;
 }

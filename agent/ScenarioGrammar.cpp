@@ -20,13 +20,11 @@ namespace {
 
 std::vector<std::string> linesOf(const std::string& file) {
     std::ifstream in(file);
-    if (!in) {
+    if (!in)
         throw std::runtime_error(file + ": cannot be read");
-    }
     std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    }
     return lines;
 }
 
@@ -38,9 +36,8 @@ json answersJson(const Operations& operations, const std::vector<AnswerChange>& 
     json list = json::array();
     for (const AnswerChange& answer : answers) {
         json entry = toJson(answer);
-        if (const auto name = operations.vrfNameOf(entry["key"]["vrfId"].get<std::uint32_t>())) {
+        if (const auto name = operations.vrfNameOf(entry["key"]["vrfId"].get<std::uint32_t>()))
             entry["vrf"] = *name;
-        }
         list.push_back(std::move(entry));
     }
     return list;
@@ -56,9 +53,8 @@ ScenarioGrammar::ScenarioGrammar(Operations& operations, Hooks hooks, std::ostre
 
 json ScenarioGrammar::run(std::string_view line, bool raw) {
     auto words = splitWords(line);
-    if (words.empty()) {
+    if (words.empty())
         throw OperationError(RpcCode::invalidParams, "the line holds no command");
-    }
     std::vector<Change> changes;
     if (StateCommands(operations_).compile(words, raw, changes)) {
         const ApplyResult result = operations_.apply(changes);
@@ -81,9 +77,8 @@ json ScenarioGrammar::runOther(std::vector<std::string> given) {
     if (words.accept("show")) {
         const std::string what = words.word("what to show");
         words.expectEnd();
-        if (what == "status") {
+        if (what == "status")
             return {{"show", what}, {"status", hooks_.status ? hooks_.status() : json::object()}};
-        }
         if (!isShown(what)) {
             throw OperationError(
                 RpcCode::invalidParams,
@@ -92,12 +87,10 @@ json ScenarioGrammar::runOther(std::vector<std::string> given) {
         }
         return show(operations_, what);
     }
-    if (words.accept("get")) {
+    if (words.accept("get"))
         return get(words);
-    }
-    if (words.accept("trace")) {
+    if (words.accept("trace"))
         return trace(words);
-    }
     words.refuse("a command (vrf, route, request, group, egress, expect, mark, show, set, del, get, trace)");
 }
 
@@ -115,9 +108,8 @@ json ScenarioGrammar::get(WordReader& words) const {
         return {{"value", std::move(members)}};
     }
     std::optional<State::Datum> key;
-    if (kind != State::AttributeKind::value) {
+    if (kind != State::AttributeKind::value)
         key = datumOfWord(words.word("a key"));
-    }
     words.expectEnd();
     const auto value = operations_.value(path, attribute, key ? &*key : nullptr);
     if (!value) {
@@ -146,32 +138,27 @@ json ScenarioGrammar::trace(WordReader& words) const {
         State::traceLevelIs(facility, static_cast<int>(level));
     }
     json levels = json::object();
-    for (const State::TraceLevel& level : State::traceLevels()) {
+    for (const State::TraceLevel& level : State::traceLevels())
         levels[level.facility] = level.level;
-    }
     return {{"levels", std::move(levels)}};
 }
 
 std::string ScenarioGrammar::text(const json& result) const {
     std::string out;
     if (result.contains("status")) {
-        for (const auto& [name, value] : result["status"].items()) {
+        for (const auto& [name, value] : result["status"].items())
             out += name + ": " + (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";
-        }
     } else if (result.contains("rows")) {
         out = showText(result);
     } else if (result.contains("answers")) {
-        for (const json& answer : result["answers"]) {
+        for (const json& answer : result["answers"])
             out += answerText(answer) + "\n";
-        }
     } else if (result.contains("records")) {
-        for (const json& record : result["records"]) {
+        for (const json& record : result["records"])
             out += record.get<std::string>();
-        }
     } else if (result.contains("levels")) {
-        for (const auto& [facility, level] : result["levels"].items()) {
+        for (const auto& [facility, level] : result["levels"].items())
             out += facility + " " + level.dump() + "\n";
-        }
     } else if (result.contains("value")) {
         const json& value = result["value"];
         if (value.is_array()) {
@@ -193,18 +180,15 @@ LineChanges ScenarioGrammar::changes(std::span<const std::string> lines, bool ra
         std::string wrong;
         try {
             const auto words = splitWords(lines[at]);
-            if (words.empty()) {
+            if (words.empty())
                 continue;
-            }
-            if (!commands.compile(words, raw, made.changes)) {
+            if (!commands.compile(words, raw, made.changes))
                 wrong = "'" + words.front() + "' describes no state";
-            }
         } catch (const std::exception& error) {
             wrong = error.what();
         }
-        if (!wrong.empty()) {
+        if (!wrong.empty())
             throw RpcError(RpcCode::invalidParams, wrong, {{"line", at + 1}, {"text", lines[at]}});
-        }
         made.lines.resize(made.changes.size(), at + 1);
     }
     return made;
@@ -231,17 +215,14 @@ void ScenarioGrammar::check(const std::string& file) {
         try {
             const auto given = splitWords(lines[at]);
             changes.clear();
-            if (given.empty() || commands.compile(given, false, changes)) {
+            if (given.empty() || commands.compile(given, false, changes))
                 continue;
-            }
             WordReader words(given);
-            if (words.accept("expect")) {
+            if (words.accept("expect"))
                 continue; // names may be known only when the lines before it are carried out
-            }
             if (!words.accept("mark") && !words.accept("show") && !words.accept("get") &&
-                !words.accept("trace")) {
+                !words.accept("trace"))
                 words.refuse("a command");
-            }
         } catch (const std::exception& error) {
             throw std::runtime_error(place(file, at + 1) + error.what());
         }
@@ -251,9 +232,8 @@ void ScenarioGrammar::check(const std::string& file) {
 void ScenarioGrammar::play(const std::string& file, std::function<void(bool held)> done) {
     bool held = true;
     std::size_t number = 0;
-    for (const std::string& line : linesOf(file)) {
+    for (const std::string& line : linesOf(file))
         held = playLine(file, ++number, line) && held;
-    }
     hooks_.settle();
     out_.flush();
     done(held);
@@ -262,9 +242,8 @@ void ScenarioGrammar::play(const std::string& file, std::function<void(bool held
 // Prints the line, what it shows, and the answers that changed with it.
 bool ScenarioGrammar::playLine(const std::string& file, std::size_t number, const std::string& line) {
     out_ << line << '\n';
-    if (splitWords(line).empty()) {
+    if (splitWords(line).empty())
         return true;
-    }
     try {
         const std::string told = text(run(line, false));
         for (std::size_t begin = 0; begin < told.size();) {

@@ -99,15 +99,12 @@ std::string tablePath(const Operations& operations, const std::string& vrf, bool
 std::vector<std::string> vrfNames(const Operations& operations) {
     std::vector<std::string> names;
     for (const auto& [name, status] :
-         operations.members("routing/hardware/route/status", "vrfStatus").members) {
+         operations.members("routing/hardware/route/status", "vrfStatus").members)
         names.push_back(*name.text());
-    }
     for (const auto& [name, on] :
-         operations.members("routing/multicast/fibenabled/status", "vrfEnabled").members) {
-        if (std::find(names.begin(), names.end(), *name.text()) == names.end()) {
+         operations.members("routing/multicast/fibenabled/status", "vrfEnabled").members)
+        if (std::find(names.begin(), names.end(), *name.text()) == names.end())
             names.push_back(*name.text());
-        }
-    }
     return names;
 }
 
@@ -185,28 +182,24 @@ std::vector<json> groups(const Operations& operations) {
 // Addresses sort by number, whatever their text; "any" first.
 std::uint64_t addressRank(const json& row, const char* column) {
     const auto found = row.find(column);
-    if (found == row.end() || *found == "any") {
+    if (found == row.end() || *found == "any")
         return 0;
-    }
     const auto text = found->get<std::string>();
     return L3::IpGenAddr::fromString(text.substr(0, text.find('/'))).ipv4().value();
 }
 
 std::string cellText(const json& row, const std::string& column) {
     const auto found = row.find(column);
-    if (found == row.end() || found->is_null()) {
+    if (found == row.end() || found->is_null())
         return {};
-    }
     if (found->is_array()) {
         std::string list;
-        for (const json& each : *found) {
+        for (const json& each : *found)
             list += (list.empty() ? "" : " ") + each.get<std::string>();
-        }
         return list.empty() ? "none" : list;
     }
-    if (found->is_boolean()) {
+    if (found->is_boolean())
         return *found ? "yes" : "no";
-    }
     return found->is_string() ? found->get<std::string>() : found->dump();
 }
 
@@ -254,12 +247,10 @@ std::string showText(const json& shown) {
     TextTable table(heading);
     for (const json& row : shown["rows"]) {
         std::vector<std::string> cells;
-        for (const std::string& column : found->columns) {
+        for (const std::string& column : found->columns)
             cells.push_back(cellText(row, column));
-        }
-        if (row.contains("withdrawn")) {
+        if (row.contains("withdrawn"))
             cells.back() += " (withdrawn)";
-        }
         table.row(std::move(cells));
     }
     return table.text();

@@ -30,9 +30,8 @@ SoftwareChip::SoftwareChip(const Host& host, Defer defer)
           State::handleCast<MgroupColl>(host.tableStore()->entityIs(statusPath, MgroupColl::type().name())))
     , defer_(std::move(defer)) {
     config_->subscribe(this, &heard, State::maskOf(MrouteColl::mroutesAttribute));
-    for (const Key& key : config_->mroutesCollection().walk()) {
+    for (const Key& key : config_->mroutesCollection().walk())
         rowChanged(key);
-    }
 }
 
 SoftwareChip::~SoftwareChip() {
@@ -49,9 +48,8 @@ void SoftwareChip::rowChanged(const Key& key) {
         return;
     }
     pending_.push_back(key);
-    if (pending_.size() == 1) {
+    if (pending_.size() == 1)
         defer_([this] { workOff(); });
-    }
 }
 
 void SoftwareChip::workOff() {
@@ -62,9 +60,8 @@ void SoftwareChip::workOff() {
         settle(key);
         pending_.pop_front();
     }
-    if (!pending_.empty()) {
+    if (!pending_.empty())
         defer_([this] { workOff(); });
-    }
 }
 
 /// Brings the status of a key in line with whether its row is there now.
@@ -86,9 +83,8 @@ void SoftwareChip::settle(const Key& key) {
 }
 
 std::uint32_t SoftwareChip::freeId() {
-    if (freed_.empty()) {
+    if (freed_.empty())
         return ++lastId_;
-    }
     return freed_.extract(freed_.begin()).value();
 }
 

@@ -19,9 +19,8 @@ constexpr std::uint64_t nullIndex = 512;
 State::Datum::Record routeKey(WordReader& words) {
     const auto prefix = [&](const char* what) {
         std::string text = words.word(what);
-        if (text == "any") {
+        if (text == "any")
             return std::string("0.0.0.0/0");
-        }
         return text.find('/') == std::string::npos ? text + "/32" : text;
     };
     State::Datum::Record key;
@@ -36,12 +35,10 @@ std::string address(WordReader& words, const char* what) {
 }
 
 bool isSparse(WordReader& words) {
-    if (words.accept("sparse")) {
+    if (words.accept("sparse"))
         return true;
-    }
-    if (!words.accept("static")) {
+    if (!words.accept("static"))
         words.refuse("a route type, static or sparse");
-    }
     return false;
 }
 
@@ -57,25 +54,24 @@ bool StateCommands::compile(std::vector<std::string> given, bool raw, std::vecto
     changes_ = &changes;
     raw_ = raw;
     const bool isRemoval = words.accept("no");
-    if (words.accept("vrf")) {
+    if (words.accept("vrf"))
         isRemoval ? noVrf(words) : vrf(words);
-    } else if (words.accept("route")) {
+    else if (words.accept("route"))
         route(words, isRemoval);
-    } else if (words.accept("request")) {
+    else if (words.accept("request"))
         requestChange(words, isRemoval);
-    } else if (words.accept("group")) {
+    else if (words.accept("group"))
         group(words, isRemoval);
-    } else if (isRemoval) {
+    else if (isRemoval)
         words.refuse("vrf, route, request or group");
-    } else if (words.accept("egress")) {
+    else if (words.accept("egress"))
         egress(words);
-    } else if (words.accept("set")) {
+    else if (words.accept("set"))
         set(words);
-    } else if (words.accept("del")) {
+    else if (words.accept("del"))
         del(words);
-    } else {
+    else
         return false;
-    }
     words.expectEnd();
     return true;
 }
@@ -99,15 +95,12 @@ void StateCommands::vrf(WordReader& words) {
              .value = State::Datum(State::Datum::Record{{"vrfId", id}})});
         vrfIds_[name] = static_cast<std::uint32_t>(id);
     }
-    if (!words.accept("multicast")) {
+    if (!words.accept("multicast"))
         return;
-    }
     const bool isOn = words.onOff("multicast");
-    for (const bool sparse : {false, true}) {
-        if (isOn) {
+    for (const bool sparse : {false, true})
+        if (isOn)
             add({.path = tablePath(name, sparse)});
-        }
-    }
     add({.path = vrfEnabledPath, .attribute = "vrfEnabled", .key = key, .value = State::Datum(isOn)});
 }
 
@@ -135,9 +128,8 @@ void StateCommands::route(WordReader& words, bool isRemoval) {
             isReady = false;
             break;
         }
-        if (words.accept("none")) {
+        if (words.accept("none"))
             continue;
-        }
         const std::string intf = words.word("an interface");
         oifs.push_back(operations_.host().isLumen() ? State::Datum(intf)
                                                     : State::Datum(oifIndex(path, intf)));
@@ -165,13 +157,11 @@ std::uint64_t StateCommands::oifIndex(const std::string& path, const std::string
             indexes.byIndex.emplace(*index.number(), *name.text());
         }
     }
-    if (const auto found = indexes.byIntf.find(intf); found != indexes.byIntf.end()) {
+    if (const auto found = indexes.byIntf.find(intf); found != indexes.byIntf.end())
         return found->second;
-    }
     std::uint64_t free = 1;
-    while (indexes.byIndex.find(free) != indexes.byIndex.end()) {
+    while (indexes.byIndex.find(free) != indexes.byIndex.end())
         ++free;
-    }
     if (free >= nullIndex) {
         throw OperationError(RpcCode::limitReached, "the table has no index left for " + intf,
                              {.path = path});
@@ -185,9 +175,8 @@ std::uint64_t StateCommands::oifIndex(const std::string& path, const std::string
 NamedRequest StateCommands::request(WordReader& words) const {
     NamedRequest request;
     request.isMroute = words.accept("mroute");
-    if (!request.isMroute && !words.accept("mgroup")) {
+    if (!request.isMroute && !words.accept("mgroup"))
         words.refuse("mroute or mgroup");
-    }
     State::Datum::Record key;
     words.expect("intf");
     key.emplace_back("intf", words.word("an interface"));
@@ -245,12 +234,10 @@ void StateCommands::set(WordReader& words) {
     if (!words.atEnd()) {
         change.attribute = words.word("an attribute");
         const auto kind = operations_.attributeAt(change.path, change.attribute).kind();
-        if (kind != State::AttributeKind::value) {
+        if (kind != State::AttributeKind::value)
             change.key = datumOfWord(words.word("a key"));
-        }
-        if (kind == State::AttributeKind::value || !words.atEnd()) {
+        if (kind == State::AttributeKind::value || !words.atEnd())
             change.value = datumOfWord(words.word("a value"));
-        }
     }
     add(std::move(change));
 }
@@ -264,24 +251,20 @@ void StateCommands::del(WordReader& words) {
 
 std::uint32_t StateCommands::vrfId(const std::string& name) const {
     const auto given = vrfIds_.find(name);
-    if (given != vrfIds_.end() && (given->second != 0 || name == "default")) {
+    if (given != vrfIds_.end() && (given->second != 0 || name == "default"))
         return given->second;
-    }
     if (given == vrfIds_.end()) {
-        if (const auto id = operations_.vrfIdOf(name)) {
+        if (const auto id = operations_.vrfIdOf(name))
             return *id;
-        }
     }
-    if (name.find_first_not_of("0123456789") == std::string::npos) {
+    if (name.find_first_not_of("0123456789") == std::string::npos)
         return static_cast<std::uint32_t>(WordReader({name}).number("an identifier", UINT32_MAX));
-    }
     throw OperationError(RpcCode::invalidParams, "VRF '" + name + "' has no identifier");
 }
 
 std::string StateCommands::tablePath(const std::string& vrfName, bool isSparse) const {
-    if (operations_.host().isLumen()) {
+    if (operations_.host().isLumen())
         return std::string("lumen/multicast/fib/ipv4/") + (isSparse ? "sparsemode/" : "user/") + vrfName;
-    }
     return "routing/multicast/routestatus/" + vrfName + (isSparse ? "/sparsemode" : "/static");
 }
 

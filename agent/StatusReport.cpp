@@ -22,11 +22,9 @@ using Json = nlohmann::json;
 void forEachEntity(
     const Host& host,
     const std::function<void(const std::string&, const State::Handle<State::Entity>&)>& visit) {
-    for (const auto& store : {host.database(), host.tableStore(), host.entityStore()}) {
-        for (const auto& [path, entity] : store->entities()) {
+    for (const auto& store : {host.database(), host.tableStore(), host.entityStore()})
+        for (const auto& [path, entity] : store->entities())
             visit(path, entity);
-        }
-    }
 }
 
 using Sizes = std::map<std::string, std::map<std::string, std::uint64_t>>;
@@ -40,13 +38,11 @@ class SizeSum final : public State::MemberVisitor {
     void add(const std::string& path) {
         const Place place = paths_.at(path);
         auto& sums = sizes[std::string(place.shape.empty() ? place.path : place.shape)];
-        if (place.shape != place.path) {
+        if (place.shape != place.path)
             ++sums["entities"];
-        }
         for (const auto& attribute : place.type->attributes()) {
-            if (attribute->kind() == State::AttributeKind::value) {
+            if (attribute->kind() == State::AttributeKind::value)
                 continue;
-            }
             sums[std::string(attribute->name())] += attribute->size(*place.entity);
             if (place.kind == PathKind::lumenFibs) {
                 fibsPath_ = path;
@@ -56,9 +52,8 @@ class SizeSum final : public State::MemberVisitor {
     }
 
     bool member(const State::Datum& key, const State::Datum& /*value*/) override {
-        if (key.text()->find('/') == std::string::npos && !key.text()->empty()) {
+        if (key.text()->find('/') == std::string::npos && !key.text()->empty())
             add(fibsPath_ + "/" + *key.text());
-        }
         return true;
     }
 
@@ -100,14 +95,12 @@ Json tablesReport(const Host& host) {
     Json last;
     forEachEntity(host, [&](const std::string& path, const State::Handle<State::Entity>& entity) {
         const auto table = State::handleCast<State::ShmTable>(entity);
-        if (!table) {
+        if (!table)
             return;
-        }
         refused += table->refused();
         corruptions += table->corruptions();
-        if (table->corruptions() != 0) {
+        if (table->corruptions() != 0)
             last = {{"path", path}, {"message", table->lastCorruption()}};
-        }
     });
     return {{"refusedRows", refused}, {"corruptions", corruptions}, {"lastCorruption", last}};
 }

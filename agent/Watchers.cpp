@@ -37,9 +37,8 @@ bool Watchers::tell() {
     cutOffTheLost();
     for (std::size_t told = 0; told < sliceChanges; ++told) {
         const Watcher* watcher = furthestBehind();
-        if (watcher == nullptr) {
+        if (watcher == nullptr)
             return false;
-        }
         tellOne(watcher->next);
     }
     return furthestBehind() != nullptr;
@@ -48,9 +47,8 @@ bool Watchers::tell() {
 void Watchers::cutOffTheLost() {
     std::erase_if(watchers_, [this](const Watcher& watcher) {
         const bool isLost = watcher.next < log_.oldest();
-        if (isLost && server_ != nullptr) {
+        if (isLost && server_ != nullptr)
             server_->cutOff(watcher.client);
-        }
         return isLost;
     });
 }
@@ -63,11 +61,9 @@ bool Watchers::isOpen(const Watcher& watcher) const {
 
 const Watchers::Watcher* Watchers::furthestBehind() const {
     const Watcher* found = nullptr;
-    for (const Watcher& watcher : watchers_) {
-        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher)) {
+    for (const Watcher& watcher : watchers_)
+        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher))
             found = &watcher;
-        }
-    }
     return found;
 }
 
@@ -76,9 +72,8 @@ void Watchers::tellOne(std::uint64_t seq) {
     line_.clear();
     appendNotification(line_, seq, log_.change(seq).change());
     std::erase_if(watchers_, [&](Watcher& watcher) {
-        if (watcher.next != seq || !isOpen(watcher)) {
+        if (watcher.next != seq || !isOpen(watcher))
             return false;
-        }
         ++watcher.next;
         return !server_->notify(watcher.client, line_);
     });

@@ -9,9 +9,8 @@
 int main(int argc, char** argv) {
     using namespace Agent;
     const CommandLine line = readCommandLine(argc, argv, std::cout, std::cerr);
-    if (!line.options) {
+    if (!line.options)
         return line.exitStatus;
-    }
     lastWordsAre();
     try {
         Application application(*line.options, &makeKernelMirror);

@@ -27,9 +27,8 @@ constexpr std::size_t flows = 16'000; // as many requests as the services are ma
 class TemporaryFolder {
   public:
     TemporaryFolder() {
-        if (::mkdtemp(path_.data()) == nullptr) {
+        if (::mkdtemp(path_.data()) == nullptr)
             Bench::refuse("no temporary folder");
-        }
     }
     ~TemporaryFolder() {
         std::error_code ignored;
@@ -132,18 +131,16 @@ Pair roundTrips(Bench::LineClient& agent, Bench::LineClient& echo, std::size_t l
     std::vector<double> agentTimes(turn);
     std::vector<double> echoTimes(turn);
     for (std::size_t i = 0; i < turns; ++i) {
-        for (std::size_t j = 0; j < turn; ++j) {
+        for (std::size_t j = 0; j < turn; ++j)
             asked[j] = ask(i * turn + j);
-        }
         agent.exchange(wake, 1);
         for (std::size_t j = 0; j < turn; ++j) {
             agentTimes[j] =
                 Bench::timeEach<Bench::WallClock>(1, [&] { agent.exchange(asked[j], lines); }) / 1000;
         }
         echo.exchange(wake, 1);
-        for (std::size_t j = 0; j < turn; ++j) {
+        for (std::size_t j = 0; j < turn; ++j)
             echoTimes[j] = Bench::timeEach<Bench::WallClock>(1, [&] { echo.exchange(asked[j], 1); }) / 1000;
-        }
         pair.turnIs(agentTimes, echoTimes);
     }
     return pair;
@@ -166,9 +163,8 @@ void measureRoundTrips(const std::string& agentPath, Bench::LineClient& echo) {
 
     succeed(client, call("watch", ""));
     const Pair pair = roundTrips(client, echo, 2, asking);
-    if (client.received().find(R"("method":"changed")") == std::string::npos) {
+    if (client.received().find(R"("method":"changed")") == std::string::npos)
         Bench::refuse("no answer was told");
-    }
     pair.report(report, "request -> result and answer told", 2);
 }
 
@@ -187,9 +183,8 @@ struct Cost {
 std::chrono::nanoseconds processorTime(pid_t process) {
     clockid_t clock{};
     timespec time{};
-    if (::clock_getcpuclockid(process, &clock) != 0 || ::clock_gettime(clock, &time) != 0) {
+    if (::clock_getcpuclockid(process, &clock) != 0 || ::clock_gettime(clock, &time) != 0)
         Bench::refuse("a server is gone");
-    }
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
@@ -228,9 +223,8 @@ void measurePipelined(const Servers& servers) {
     Bench::LineClient client(servers.agentPath);
     const std::size_t count = 10'000;
     std::string lines;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i)
         lines += call(i % 2 == 0 ? "set" : "del", requestMember(i / 2));
-    }
     const Cost cost = reportBulk(
         report, 1e3, [&] { return costOf(servers.agent, count, [&] { succeed(client, lines, count); }); },
         [&] { return costOf(servers.echoPid, count, [&] { servers.echo.exchange(lines, count); }); });
@@ -247,9 +241,8 @@ void measureApply(const Servers& servers) {
         report, 1e6,
         [&] {
             const Cost pass = costOf(servers.agent, 1, [&] { succeed(client, ask); });
-            if (client.received().find("Ethernet1") == std::string::npos) {
+            if (client.received().find("Ethernet1") == std::string::npos)
                 Bench::refuse("apply told of no answers");
-            }
             succeed(client, withdraw);
             return pass;
         },

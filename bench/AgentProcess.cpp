@@ -14,13 +14,11 @@ namespace Bench {
 
 AgentProcess::AgentProcess(const std::string& socket) {
     std::array<int, 2> out{};
-    if (::pipe(out.data()) != 0) {
+    if (::pipe(out.data()) != 0)
         throw std::system_error(errno, std::generic_category(), "pipe");
-    }
     process_ = ::fork();
-    if (process_ < 0) {
+    if (process_ < 0)
         throw std::system_error(errno, std::generic_category(), "fork");
-    }
     if (process_ == 0) {
         ::dup2(out[1], STDOUT_FILENO);
         ::close(out[0]);

@@ -50,16 +50,13 @@ double changeTime(Bench::MrouteRig& rig, std::size_t vrfs, std::size_t flows, st
         const double each = Bench::timeEach(changes, [&] {
             while (made < changes) {
                 ++which; // the other interfaces for each round through the flows
-                for (std::size_t flow = 0; flow < flows && made < changes; ++flow) {
-                    for (std::size_t vrf = 1; vrf <= vrfs && made < changes; ++vrf, ++made) {
+                for (std::size_t flow = 0; flow < flows && made < changes; ++flow)
+                    for (std::size_t vrf = 1; vrf <= vrfs && made < changes; ++vrf, ++made)
                         rig.routeIs(static_cast<std::uint32_t>(vrf), Bench::flowOf(flow), which);
-                    }
-                }
             }
         });
-        if (rig.heard() - before != changes * answers) {
+        if (rig.heard() - before != changes * answers)
             Bench::refuse("another number of answers than was to come");
-        }
         return each;
     });
 }
@@ -94,9 +91,8 @@ void growVrfs() {
         std::size_t which = 0;
         const double allTime = Bench::leastOf(3, [&] {
             return Bench::timeEach(walks, [&] {
-                for (std::size_t i = 0; i < walks; ++i) {
+                for (std::size_t i = 0; i < walks; ++i)
                     rig.routeIs(1, Bench::flowOf(0), ++which);
-                }
             });
         });
         all.row(report, vrfs, "the same, answers from all VRFs", allTime, vrfs == 1);
@@ -115,9 +111,8 @@ void growRequesters() {
         rig.start();
         for (std::size_t i = 0; i < flows; ++i) {
             rig.routeIs(1, Bench::flowOf(i), 0);
-            for (std::uint16_t vlan = 1; vlan <= requesters; ++vlan) {
+            for (std::uint16_t vlan = 1; vlan <= requesters; ++vlan)
                 rig.requestIs(requestOf(1, Bench::flowOf(i), vlan));
-            }
         }
         const std::size_t changes = flows * ((Bench::quick ? 200 : 1'000) / requesters);
         const double time = changeTime(rig, 1, flows, changes, requesters);
@@ -142,9 +137,8 @@ void growRoutesOfGroup() {
             Bench::MrouteRig rig;
             rig.vrfIs(1);
             rig.start();
-            for (std::size_t i = 0; i < routes; ++i) {
+            for (std::size_t i = 0; i < routes; ++i)
                 rig.routeIs(1, member(i), 0);
-            }
             rig.requestIs(request);
             const bool isAny = request.sourceIp.isZero();
             const std::size_t changes = isAny ? (Bench::quick ? 200'000 : 2'000'000) / (routes + 50) : 50'000;
@@ -152,15 +146,13 @@ void growRoutesOfGroup() {
             return Bench::leastOf(Bench::quick ? 3 : 7, [&] {
                 const std::size_t before = rig.heard();
                 const double result = Bench::timeEach(changes, [&] {
-                    for (std::size_t i = 0; i < changes; ++i) {
+                    for (std::size_t i = 0; i < changes; ++i)
                         rig.routeIs(1, member(0), ++which);
-                    }
                 });
                 // The union is the same after two changes, and differs after one where no other route has
                 // those.
-                if (rig.heard() - before != changes) {
+                if (rig.heard() - before != changes)
                     Bench::refuse("not one answer a change");
-                }
                 return result;
             });
         };

@@ -38,16 +38,13 @@ inline void count(void* counter, const State::Notification& change) {
 inline void publish(benchmark::State& state) {
     const auto thing = State::makeHandle<Thing>();
     std::uint64_t counters[16] = {};
-    for (std::int64_t i = 0; i < state.range(0); ++i) {
+    for (std::int64_t i = 0; i < state.range(0); ++i)
         thing->subscribe(&counters[i], &count);
-    }
-    for (auto step : state) {
+    for (auto step : state)
         thing->publish(1);
-    }
     benchmark::DoNotOptimize(counters);
-    for (std::int64_t i = 0; i < state.range(0); ++i) {
+    for (std::int64_t i = 0; i < state.range(0); ++i)
         thing->unsubscribe(&counters[i], &count);
-    }
 }
 BENCHMARK(publish)->Name("publish/subscribers")->Arg(0)->Arg(1)->Arg(4)->Arg(16);
 
@@ -56,9 +53,8 @@ inline void call(benchmark::State& state) {
     std::uint64_t counter = 0;
     State::Dispatch dispatch = &count;
     benchmark::DoNotOptimize(dispatch);
-    for (auto step : state) {
+    for (auto step : state)
         dispatch(&counter, State::Notification{*thing, 1, nullptr});
-    }
     benchmark::DoNotOptimize(counter);
 }
 BENCHMARK(call)->Name("publish/peer: bare call");

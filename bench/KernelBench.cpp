@@ -63,9 +63,8 @@ class Feeder {
     Feeder() {
         void* memory = ::mmap(nullptr, sizeof(Clock::time_point), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()) != 0) {
+        if (memory == MAP_FAILED || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()) != 0)
             Bench::refuse("no memory or sockets to share");
-        }
         begun_ = static_cast<Clock::time_point*>(memory);
         process_ = ::fork();
         if (process_ == 0) {
@@ -110,14 +109,12 @@ class Feeder {
 
     void wait() const {
         char done = 0;
-        if (::read(ends_[0], &done, 1) != 1) {
+        if (::read(ends_[0], &done, 1) != 1)
             Bench::refuse("the process that sets routes is gone");
-        }
     }
     void send(const Command& command) const {
-        if (::write(ends_[0], &command, sizeof command) != static_cast<ssize_t>(sizeof command)) {
+        if (::write(ends_[0], &command, sizeof command) != static_cast<ssize_t>(sizeof command))
             Bench::refuse("the process that sets routes is gone");
-        }
     }
     void serve() const {
         MfcFeeder kernel(kernelTable);
@@ -130,13 +127,11 @@ class Feeder {
                 std::this_thread::sleep_for(moment);
                 *begun_ = Clock::now();
             }
-            for (std::size_t i = command.first; i < command.first + command.count; ++i) {
-                if (command.remove) {
+            for (std::size_t i = command.first; i < command.first + command.count; ++i)
+                if (command.remove)
                     kernel.routeDel(keyOf(i));
-                } else {
+                else
                     kernel.routeIs(keyOf(i), 0, {1});
-                }
-            }
         }
     }
 
@@ -147,9 +142,8 @@ class Feeder {
 
 Agent::Fd netlinkSocket() {
     Agent::Fd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-    if (!fd) {
+    if (!fd)
         Bench::refuse("no netlink socket");
-    }
     return fd;
 }
 
@@ -186,9 +180,8 @@ class Mirrored {
         const std::size_t answered = heard_ + std::min(routes, requests_);
         mirror_ = Agent::makeKernelMirror(operations_, loop_, config);
         const auto hook = loop_.turnHookIs([&] {
-            if (rows() == routes && heard_ == answered) {
+            if (rows() == routes && heard_ == answered)
                 loop_.stop();
-            }
             return false;
         });
         loop_.defer([] {}); // a turn to begin with
@@ -209,13 +202,11 @@ class Mirrored {
         auto& mirrored = *static_cast<Mirrored*>(self);
         const auto* answer =
             mirrored.answers_->mrouteRespCollection().find(change.keyAs<KestrelNat::NatMrouteKey>());
-        if (answer == nullptr || answer->empty()) {
+        if (answer == nullptr || answer->empty())
             return;
-        }
         mirrored.last_ = Clock::now();
-        if (++mirrored.heard_ == mirrored.wanted_) {
+        if (++mirrored.heard_ == mirrored.wanted_)
             mirrored.loop_.stop();
-        }
     }
     std::size_t rows() const {
         const char* const table = host_.isLumen() ? "lumen/multicast/fib/ipv4/sparsemode/default"
@@ -241,9 +232,8 @@ class BareReader {
     BareReader() {
         sockaddr_nl address{};
         address.nl_family = AF_NETLINK;
-        if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             Bench::refuse("the bare reader's socket can't be bound");
-        }
         loop_.fdIs(fd_.get(), Agent::EventLoop::readable, [this](unsigned /*ready*/) {
             if (::recv(fd_.get(), buffer_.data(), buffer_.size(), 0) > 0) {
                 last_ = Clock::now();
@@ -255,9 +245,8 @@ class BareReader {
     /// NETLINK_ADD_MEMBERSHIP or NETLINK_DROP_MEMBERSHIP.
     void membershipIs(int which) const {
         const int group = RTNLGRP_IPV4_MROUTE;
-        if (::setsockopt(fd_.get(), SOL_NETLINK, which, &group, sizeof group) != 0) {
+        if (::setsockopt(fd_.get(), SOL_NETLINK, which, &group, sizeof group) != 0)
             Bench::refuse("no subscription to the kernel's routes");
-        }
     }
     /// When the next notification was read; waits for it.
     Clock::time_point arrival() {
@@ -316,13 +305,11 @@ void dumpBare() {
     header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtmsg)))->rtm_family = RTNL_FAMILY_IPMR;
     mnl_attr_put_u32(header, RTA_TABLE, kernelTable);
-    if (::send(fd.get(), header, header->nlmsg_len, 0) < 0) {
+    if (::send(fd.get(), header, header->nlmsg_len, 0) < 0)
         Bench::refuse("the kernel's routes can't be dumped");
-    }
     do {
-        if (::recv(fd.get(), buffer.data(), bufferBytes, 0) <= 0) {
+        if (::recv(fd.get(), buffer.data(), bufferBytes, 0) <= 0)
             Bench::refuse("the kernel's routes can't be read");
-        }
     } while (header->nlmsg_type != NLMSG_DONE);
 }
 
@@ -356,9 +343,8 @@ void measureStart(Feeder& feeder, const std::string& config) {
 } // namespace
 
 int main() {
-    if (const std::string why = Agent::Kernel::Test::enterNetNamespace(); !why.empty()) {
+    if (const std::string why = Agent::Kernel::Test::enterNetNamespace(); !why.empty())
         Bench::refuse(("no network namespace: " + why).c_str());
-    }
     char config[] = "/tmp/kestrel-bench-XXXXXX";
     const Agent::Fd file(::mkstemp(config));
     std::ofstream(config) << R"({"vrfs": [{"name": "default"}]})" << std::flush;

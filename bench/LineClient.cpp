@@ -20,9 +20,8 @@ LineClient::LineClient(const std::string& path)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
-    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         throw std::system_error(errno, std::generic_category(), path);
-    }
 }
 
 LineClient::~LineClient() {
@@ -38,25 +37,21 @@ void LineClient::exchange(std::string_view lines, std::size_t count) {
             lines.remove_prefix(static_cast<std::size_t>(sent));
             continue;
         }
-        if (errno != EAGAIN) {
+        if (errno != EAGAIN)
             refuse("the server is gone");
-        }
         pollfd wait{.fd = socket_, .events = POLLIN | POLLOUT, .revents = 0};
         ::poll(&wait, 1, -1);
-        if ((wait.revents & POLLIN) != 0) {
+        if ((wait.revents & POLLIN) != 0)
             readSome();
-        }
     }
-    while (newlines_ < count) {
+    while (newlines_ < count)
         readSome();
-    }
 }
 
 void LineClient::readSome() {
     const ssize_t count = ::recv(socket_, buffer_.data(), buffer_.size(), 0);
-    if (count <= 0) {
+    if (count <= 0)
         refuse("the server is gone");
-    }
     const std::string_view came(buffer_.data(), static_cast<std::size_t>(count));
     newlines_ += static_cast<std::size_t>(std::ranges::count(came, '\n'));
     received_.append(came);

@@ -103,15 +103,13 @@ class Floor : public Stores {
     static void hearRequest(void* self, const State::Notification& change) {
         auto& floor = *static_cast<Floor*>(self);
         const auto& key = change.keyAs<NatMrouteKey>();
-        if (!floor.requests->mgroupReqHas(key)) {
+        if (!floor.requests->mgroupReqHas(key))
             return;
-        }
         floor.requesters_.is(VrfIdMrouteSourceAndGroup::of(key), MrouteIntfAndVlan::of(key));
         const IpMcastKey row = rowOf(key);
         floor.config->mroutesIs(MrouteItem(row));
-        if (floor.groups->mgroup(row) != nullptr) {
+        if (floor.groups->mgroup(row) != nullptr)
             Bench::refuse("a group is there already");
-        }
     }
     static void hearGroup(void* self, const State::Notification& change) {
         auto& floor = *static_cast<Floor*>(self);
@@ -120,9 +118,8 @@ class Floor : public Stores {
             .vrfId = row.vrfId, .sg = {.sourceIp = row.source.ipv4(), .groupIp = row.group.ipv4()}};
         const MrouteIntfAndVlan* requester = floor.requesters_.find(flow);
         const auto* item = floor.groups->mgroup(row);
-        if (requester == nullptr || item == nullptr) {
+        if (requester == nullptr || item == nullptr)
             return;
-        }
         floor.responses->mgroupIdIs({.intf = requester->intf,
                                      .vrfId = row.vrfId,
                                      .vlanId = requester->vlanId,
@@ -143,9 +140,8 @@ class Floor : public Stores {
 
 std::vector<NatMrouteKey> someRequests(std::uint32_t count) {
     std::vector<NatMrouteKey> keys;
-    for (std::uint32_t i = 0; i < count; ++i) {
+    for (std::uint32_t i = 0; i < count; ++i)
         keys.push_back(requestOf(i));
-    }
     std::shuffle(keys.begin(), keys.end(), std::mt19937(7));
     return keys;
 }
@@ -156,16 +152,13 @@ double requestTime(Subject& subject, const std::vector<NatMrouteKey>& keys, std:
     Bench::ThreadClock::duration time{};
     for (std::size_t round = 0; round < rounds; ++round) {
         const auto begin = Bench::ThreadClock::now();
-        for (const NatMrouteKey& key : keys) {
+        for (const NatMrouteKey& key : keys)
             subject.requestIs(key);
-        }
         time += Bench::ThreadClock::now() - begin;
-        if (subject.config->mroutesCollection().size() != keys.size()) {
+        if (subject.config->mroutesCollection().size() != keys.size())
             Bench::refuse("rows of the configuration are missing");
-        }
-        for (const NatMrouteKey& key : keys) {
+        for (const NatMrouteKey& key : keys)
             subject.requestDel(key);
-        }
     }
     return Bench::nanosecondsEach(time, rounds * keys.size());
 }
@@ -177,9 +170,8 @@ double groupTime(Subject& subject, const std::vector<NatMrouteKey>& keys, std::s
     return Bench::timeEach(rounds * keys.size(), [&] {
         for (std::size_t round = 0; round < rounds; ++round) {
             ++id;
-            for (const NatMrouteKey& key : keys) {
+            for (const NatMrouteKey& key : keys)
                 subject.groupIs(key, id);
-            }
         }
     });
 }
@@ -207,9 +199,8 @@ void measure(Bench::Report& report, std::uint32_t groups, const char* ringName, 
     const auto [group, groupFloor] = Bench::leastOfTwo(
         passes, [&] { return groupTime(system, keys, rounds, id); },
         [&] { return groupTime(floor, keys, rounds, floorId); });
-    if (system.heard() - before != static_cast<std::size_t>(passes) * rounds * groups) {
+    if (system.heard() - before != static_cast<std::size_t>(passes) * rounds * groups)
         Bench::refuse("answers are missing");
-    }
     report.atMost(("status change -> answer" + suffix).c_str(), group, groupFloor, goal);
 }
 

@@ -29,9 +29,8 @@ constexpr std::size_t hotFlows = 64;
 std::vector<std::uint32_t> changesOf(std::size_t flows, std::size_t count) {
     std::mt19937 random(7);
     std::vector<std::uint32_t> order(count);
-    for (auto& each : order) {
+    for (auto& each : order)
         each = static_cast<std::uint32_t>(random() % flows);
-    }
     return order;
 }
 
@@ -63,9 +62,8 @@ ChangeFigures measureChanges(std::size_t routes, const Interfaces& interfaces, s
     ChangeFigures figures{};
     {
         Floor floor(routes, requests, interfaces);
-        for (int hot = 0; hot < 2; ++hot) {
+        for (int hot = 0; hot < 2; ++hot)
             figures.floor[hot] = changeTime(floor, interfaces, orders[hot]);
-        }
     }
     System system(routes, requests, interfaces);
     system.start();
@@ -86,9 +84,8 @@ ChangeFigures measureChanges(std::size_t routes, const Interfaces& interfaces, s
     std::size_t sum = 0;
     figures.walk = Bench::leastOf(3, [&] {
         return Bench::timeEach(sought.size(), [&] {
-            for (const std::uint32_t route : sought) {
+            for (const std::uint32_t route : sought)
                 sum += dense.find(flowOf(route));
-            }
         });
     });
     std::fprintf(stderr, "%s", sum == 0 ? "\n" : ""); // the walks are not optimised away
@@ -138,9 +135,8 @@ void reportRowsVisited(const Interfaces& interfaces) {
         const auto mark = State::traceNext();
         system.change(7, interfaces, 1);
         std::size_t rows = 0;
-        for (const auto& record : State::traceRecordsSince(mark)) {
+        for (const auto& record : State::traceRecordsSince(mark))
             rows += record.message.starts_with("Iterating oifs for routeKey=") ? 1U : 0U;
-        }
         report.limit(routesText(routes).c_str(), static_cast<double>(rows), 1);
     }
 }
@@ -153,9 +149,8 @@ void reportStartAndInterface(const Interfaces& interfaces) {
         Bench::Report report("start-up over a table that is there, 16,384 requests", "ms", "");
         report.row(routesText(routes).c_str(), start / 1e6);
     }
-    if (lumen) {
+    if (lumen)
         return;
-    }
     Bench::Report report("one interface change, a route of the table", "ns", "");
     bool other = false;
     const double each = Bench::leastOf(5, [&] {
@@ -217,9 +212,8 @@ int runHere() {
     State::traceSinkIs([](void*, const State::TraceRecord&) {}, nullptr);
     const Interfaces interfaces;
     std::vector<std::size_t> sizes{100, 1'000, 10'000, 100'000, 1'000'000};
-    if (quick) {
+    if (quick)
         sizes = {100, 10'000, 100'000};
-    }
     reportChanges(sizes, interfaces);
     reportRowsVisited(interfaces);
     reportStartAndInterface(interfaces);
@@ -235,9 +229,8 @@ int main(int count, char** arguments) {
                    std::strtoul(arguments[4], nullptr, 10));
         return 0;
     }
-    if (count > 1) {
+    if (count > 1)
         return runHere();
-    }
     int status = 0;
     for (const char* source : {"true", "false"}) {
         std::string directory = "/tmp/kestrel-bench-toggle-";

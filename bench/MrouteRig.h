@@ -48,18 +48,15 @@ class MrouteRig {
             const bool isStatic = routeType == KestrelNat::staticRouteType();
             if (KestrelNat::toggleKestrelNatMfibLumenEnabled()) {
                 const auto fib = State::makeHandle<Fib>(routeType);
-                if (isStatic) {
+                if (isStatic)
                     fibs_[vrf] = fib;
-                }
                 routeMap_->mfibIs(key, fib);
             } else {
                 const auto table = State::makeHandle<Table>(routeType);
-                for (std::uint16_t i = 1; i <= 8; ++i) {
+                for (std::uint16_t i = 1; i <= 8; ++i)
                     table->oifIndexIntfIs(i, interface(i));
-                }
-                if (isStatic) {
+                if (isStatic)
                     tables_[vrf] = table;
-                }
                 routeMap_->mrouteRouteIs(key, table);
             }
         }
@@ -105,16 +102,14 @@ class MrouteRig {
     }
     static L3::IntfSet intfs(std::size_t which) {
         L3::IntfSet set;
-        for (const std::uint16_t index : interfacesOf(which)) {
+        for (const std::uint16_t index : interfacesOf(which))
             set.insert(interface(index));
-        }
         return set;
     }
     static Quill::Multicast::Fib::Route row(std::size_t which) {
         Quill::Multicast::Fib::Route route;
-        for (const std::uint16_t index : interfacesOf(which)) {
+        for (const std::uint16_t index : interfacesOf(which))
             route.oifs.insert(index);
-        }
         return route;
     }
 

@@ -55,9 +55,8 @@ class System {
     System(std::size_t routes, std::size_t requests, const Interfaces& interfaces) {
         const NatMcastRouteKey key{.vrfId = vrf, .routeName = staticRouteType()};
         map_->vrfNameToIdIs("red", vrf);
-        for (std::uint16_t i = 1; i <= 8; ++i) {
+        for (std::uint16_t i = 1; i <= 8; ++i)
             table_->oifIndexIntfIs(i, L3::IntfId("Ethernet" + std::to_string(i)));
-        }
         for (std::size_t i = 0; i < routes; ++i) {
             const auto flow = flowOf(i);
             const auto routeKey = IpGenRouteKey::host(flow.sourceIp, flow.groupIp);
@@ -65,21 +64,18 @@ class System {
                 auto route = makeHandle<LumenRoute>(routeKey);
                 route->intfIs(interfaces.sets[0]);
                 fib_->routeIs(route);
-                if (i < requests) {
+                if (i < requests)
                     changed_.push_back(std::move(route));
-                }
             } else {
                 table_->routeIs(routeKey, interfaces.rows[0]);
             }
         }
-        for (std::size_t i = 0; i < requests; ++i) {
+        for (std::size_t i = 0; i < requests; ++i)
             requests_->mrouteReqIs(requestOf(i));
-        }
-        if (lumen) {
+        if (lumen)
             map_->mfibIs(key, fib_);
-        } else {
+        else
             map_->mrouteRouteIs(key, table_);
-        }
     }
     static NatMrouteKey requestOf(std::size_t i) {
         const auto flow = flowOf(i);
@@ -145,9 +141,8 @@ class Floor {
         const NatMrouteKey key = System::requestOf(i);
         const auto sg = MrouteSourceAndGroup::of(key);
         if (!matcher_->matches(sg) || requesters_.find({.vrfId = vrf, .sg = sg}) == nullptr ||
-            routes_->routeCollection().find(IpGenRouteKey::host(sg.sourceIp, sg.groupIp)) == nullptr) {
+            routes_->routeCollection().find(IpGenRouteKey::host(sg.sourceIp, sg.groupIp)) == nullptr)
             std::abort();
-        }
         const NatMrouteOifSet answer(interfaces.sets[which]);
         own_->mrouteRespIs(key, answer);
         published_->mrouteRespIs(key, answer);
@@ -178,9 +173,8 @@ class DenseWalk {
         const auto key = IpGenRouteKey::host(flow.sourceIp, flow.groupIp);
         std::size_t at = 0;
         while (at < rows_.size() && rows_[at].key() != key &&
-               !(rows_[at].key().source.ipv4().isZero() && rows_[at].key().group.ipv4() == flow.groupIp)) {
+               !(rows_[at].key().source.ipv4().isZero() && rows_[at].key().group.ipv4() == flow.groupIp))
             ++at;
-        }
         return at;
     }
 

@@ -56,9 +56,8 @@ double timeEach(std::size_t count, Body body) {
 template <class Pass>
 double leastOf(int passes, Pass pass) {
     double least = std::numeric_limits<double>::max();
-    for (int i = 0; i < passes; ++i) {
+    for (int i = 0; i < passes; ++i)
         least = std::min(least, pass());
-    }
     return least;
 }
 
@@ -91,9 +90,8 @@ class Report {
                  reference);
     }
     ~Report() {
-        if (file_ != nullptr) {
+        if (file_ != nullptr)
             std::fclose(file_);
-        }
     }
     Report(const Report&) = delete;
     Report& operator=(const Report&) = delete;
@@ -128,9 +126,8 @@ class Report {
     static const char* yesNo(bool reached) { return reached ? "yes" : "no"; }
     template <class... Pieces>
     void markdown(const char* format, Pieces... pieces) {
-        if (file_ != nullptr) {
+        if (file_ != nullptr)
             std::fprintf(file_, format, pieces...); // NOLINT(clang-diagnostic-format-nonliteral)
-        }
     }
     void line(const char* name, double figure, double reference, double ratio, double goal, bool reached) {
         std::printf("%-58s %12.1f %12.1f %8.2fx", name, figure, reference, ratio);

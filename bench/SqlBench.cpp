@@ -37,13 +37,11 @@ const std::string& interfacesText(std::size_t which) {
 }
 
 std::string textOf(const NatMrouteOifSet* answer) {
-    if (answer == nullptr) {
+    if (answer == nullptr)
         return "absent";
-    }
     std::string text;
-    for (const L3::IntfId intf : *answer) {
+    for (const L3::IntfId intf : *answer)
         text += (text.empty() ? "" : " ") + intf.stringValue().substr(std::string("Ethernet").size());
-    }
     return text;
 }
 
@@ -107,16 +105,14 @@ void measure(Bench::Report& report, std::size_t routes, double goal) {
     const std::size_t sqlBefore = sql.heard();
     const auto [ours, peer] = Bench::leastOfTwo(
         Bench::quick ? 3 : 9, [&] { return ourChanges.time(); }, [&] { return sqlChanges.time(); });
-    if (rig.heard() - ourBefore != ourChanges.made() || sql.heard() - sqlBefore != sqlChanges.made()) {
+    if (rig.heard() - ourBefore != ourChanges.made() || sql.heard() - sqlBefore != sqlChanges.made())
         Bench::refuse("not one answer a change");
-    }
     for (std::size_t i = 0; i < requests; ++i) {
         rig.routeIs(vrf, Bench::flowOf(i), i);
         sql.routeIs(vrf, Bench::flowOf(i), interfacesText(i));
         const std::string answer = textOf(rig.answer(requestOf(i)));
-        if (answer != sql.answer(requestOf(i)) || answer != interfacesText(i)) {
+        if (answer != sql.answer(requestOf(i)) || answer != interfacesText(i))
             Bench::refuse("the two give different answers");
-        }
     }
     report.timesBetter(("change -> answer, " + std::to_string(routes) + " routes").c_str(), ours, peer, goal);
 }
@@ -126,14 +122,12 @@ void measure(Bench::Report& report, std::size_t routes, double goal) {
 int main() {
     State::traceRingIs({});
     State::traceSinkIs([](void*, const State::TraceRecord&) {}, nullptr);
-    for (std::uint16_t i = 1; i <= 8; ++i) {
+    for (std::uint16_t i = 1; i <= 8; ++i)
         Bench::interface(i); // their numbers follow their names in every program
-    }
     Bench::Report report("the mroute service, and SQL with triggers", "ns", "SQL ns");
     measure(report, 100, 0);
     measure(report, 10'000, 0);
     measure(report, 100'000, 25);
-    if (!Bench::quick) {
+    if (!Bench::quick)
         measure(report, 1'000'000, 0);
-    }
 }

@@ -51,17 +51,15 @@ constexpr const char* schema =
 
 void hear(void* heard, int /*operation*/, const char* /*database*/, const char* table,
           sqlite3_int64 /*row*/) {
-    if (std::string_view(table) == "answer") {
+    if (std::string_view(table) == "answer")
         ++*static_cast<std::size_t*>(heard);
-    }
 }
 
 } // namespace
 
 SqlRoutes::SqlRoutes() {
-    if (sqlite3_open(":memory:", &database_) != SQLITE_OK) {
+    if (sqlite3_open(":memory:", &database_) != SQLITE_OK)
         fail();
-    }
     execute(schema);
     changeRoute_ = prepare("UPDATE route SET oifs = ?4 WHERE vrf = ?1 AND source = ?2 AND grp = ?3");
     insertRoute_ = prepare("INSERT INTO route(vrf, source, grp, oifs) VALUES(?1, ?2, ?3, ?4)");
@@ -74,9 +72,8 @@ SqlRoutes::SqlRoutes() {
 }
 
 SqlRoutes::~SqlRoutes() {
-    for (sqlite3_stmt* statement : statements_) {
+    for (sqlite3_stmt* statement : statements_)
         sqlite3_finalize(statement);
-    }
     sqlite3_close(database_);
 }
 
@@ -88,9 +85,8 @@ void SqlRoutes::routeIs(std::uint32_t vrf, const KestrelNat::MrouteSourceAndGrou
         sqlite3_bind_int64(statement, 3, flow.groupIp.value());
         sqlite3_bind_text(statement, 4, oifs.data(), static_cast<int>(oifs.size()), SQLITE_STATIC);
         run(statement);
-        if (sqlite3_changes(database_) != 0) {
+        if (sqlite3_changes(database_) != 0)
             return;
-        }
     }
 }
 
@@ -125,23 +121,20 @@ std::string SqlRoutes::answer(const KestrelNat::NatMrouteKey& key) const {
 
 sqlite3_stmt* SqlRoutes::prepare(const char* sql) {
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v3(database_, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK) {
+    if (sqlite3_prepare_v3(database_, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK)
         fail();
-    }
     statements_.push_back(statement);
     return statement;
 }
 
 void SqlRoutes::run(sqlite3_stmt* statement) const {
-    if (sqlite3_step(statement) != SQLITE_DONE || sqlite3_reset(statement) != SQLITE_OK) {
+    if (sqlite3_step(statement) != SQLITE_DONE || sqlite3_reset(statement) != SQLITE_OK)
         fail();
-    }
 }
 
 void SqlRoutes::execute(const char* sql) const {
-    if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK)
         fail();
-    }
 }
 
 void SqlRoutes::fail() const {

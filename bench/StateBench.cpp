@@ -7,9 +7,8 @@
 
 int main(int count, char** arguments) {
     benchmark::Initialize(&count, arguments);
-    if (benchmark::ReportUnrecognizedArguments(count, arguments)) {
+    if (benchmark::ReportUnrecognizedArguments(count, arguments))
         return 1;
-    }
     TableBench::report();
     TraceBench::report();
     benchmark::RunSpecifiedBenchmarks();

@@ -52,9 +52,8 @@ class Ours {
     }
     std::uint32_t sum() const {
         std::uint32_t sum = 0;
-        for (const Entry& entry : table_.walk()) {
+        for (const Entry& entry : table_.walk())
             sum += entry.value.number;
-        }
         return sum;
     }
 
@@ -77,9 +76,8 @@ class Other {
     }
     std::uint32_t sum() const {
         std::uint32_t sum = 0;
-        for (const auto& entry : map_) {
+        for (const auto& entry : map_)
             sum += entry.second.number;
-        }
         return sum;
     }
 
@@ -96,9 +94,8 @@ using Keys = std::vector<Key>;
 // `count` keys in random order, different ones for different parts.
 inline Keys someKeys(std::size_t count, std::uint32_t part) {
     Keys keys;
-    for (std::uint32_t number = 0; number < count; ++number) {
+    for (std::uint32_t number = 0; number < count; ++number)
         keys.push_back({part, 0x0a000000 + number / 64, 0xef000000 + number % 64});
-    }
     std::shuffle(keys.begin(), keys.end(), std::mt19937(part));
     return keys;
 }
@@ -106,9 +103,8 @@ inline Keys someKeys(std::size_t count, std::uint32_t part) {
 template <class Map>
 void fill(Map& map, const Keys& keys) {
     std::uint32_t number = 0;
-    for (const Key& key : keys) {
+    for (const Key& key : keys)
         map.insert(key, {++number, 0});
-    }
     benchmark::DoNotOptimize(map);
 }
 
@@ -133,11 +129,9 @@ struct Find {
         double run() const {
             constexpr std::size_t rounds = (10'000 + members) / members;
             return timeEach(rounds * members, [&] {
-                for (std::size_t round = 0; round < rounds; ++round) {
-                    for (const Key& key : keys_) {
+                for (std::size_t round = 0; round < rounds; ++round)
+                    for (const Key& key : keys_)
                         benchmark::DoNotOptimize(map_.find(key));
-                    }
-                }
             });
         }
 
@@ -159,15 +153,13 @@ struct Iterate {
       public:
         In() {
             std::uint32_t part = 0;
-            for (Map& map : maps_) {
+            for (Map& map : maps_)
                 fill(map, someKeys(members, ++part));
-            }
         }
         double run() const {
             return timeEach(members * maps_.size(), [&] {
-                for (const Map& map : maps_) {
+                for (const Map& map : maps_)
                     benchmark::DoNotOptimize(map.sum());
-                }
             });
         }
 
@@ -201,9 +193,8 @@ struct Erase {
             fill(map, keys_);
             std::shuffle(keys_.begin(), keys_.end(), random_);
             return timeEach(members, [&] {
-                for (const Key& key : keys_) {
+                for (const Key& key : keys_)
                     map.erase(key);
-                }
             });
         }
 
@@ -324,15 +315,13 @@ inline void report() {
     const Figures longest = measure<LongestInsert<many>>("longest insert, 0 to 1M", 4);
 
     Bench::Report flat("hashed container (ns, bytes)", "ours", "flat map");
-    for (const Figures& figures : all) {
+    for (const Figures& figures : all)
         flat.atMost(figures.name, figures.ours, figures.flat, figures.goal);
-    }
     flat.atMost(longest.name, longest.ours, longest.flat);
     flat.atMost("longest insert, 0 to 1M, against 0.5 ms", longest.ours, 500'000, 1);
     Bench::Report standard("hashed container (ns, bytes)", "ours", "std");
-    for (const Figures& figures : all) {
+    for (const Figures& figures : all)
         standard.atMost(figures.name, figures.ours, figures.standard);
-    }
     standard.atMost(longest.name, longest.ours, longest.standard);
 }
 

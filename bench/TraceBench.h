@@ -98,9 +98,8 @@ inline void printfLog(const Values& values) {
 inline void record(benchmark::State& state) {
     const Setup setup(true, 0);
     Values values;
-    for (auto _ : state) {
+    for (auto _ : state)
         traceFour(step(values));
-    }
 }
 BENCHMARK(record)->Name("trace/record, 4 values");
 
@@ -117,34 +116,30 @@ BENCHMARK(recordWithText)->Name("trace/record, 1 string");
 inline void switchedOff(benchmark::State& state) {
     const Setup setup(false, 0);
     Values values;
-    for (auto _ : state) {
+    for (auto _ : state)
         traceFour(step(values));
-    }
 }
 BENCHMARK(switchedOff)->Name("trace/ring and text off");
 
 inline void noTrace(benchmark::State& state) {
     Values values;
-    for (auto _ : state) {
+    for (auto _ : state)
         step(values);
-    }
 }
 BENCHMARK(noTrace)->Name("trace/the loop alone");
 
 inline void textLine(benchmark::State& state) {
     const Setup setup(false, 8);
     Values values;
-    for (auto _ : state) {
+    for (auto _ : state)
         traceFour(step(values));
-    }
 }
 BENCHMARK(textLine)->Name("trace/text line to a null sink");
 
 inline void eventBegin(benchmark::State& state) {
     const Setup setup(true, 0);
-    for (auto _ : state) {
+    for (auto _ : state)
         State::traceEventBegin();
-    }
 }
 BENCHMARK(eventBegin)->Name("trace/time stamp of an event");
 
@@ -157,9 +152,8 @@ inline void report() {
     constexpr std::size_t calls = 20'000;
     const auto each = [&](auto log) {
         return Bench::timeEach(calls, [&] {
-            for (std::size_t i = 0; i < calls; ++i) {
+            for (std::size_t i = 0; i < calls; ++i)
                 log(step(values));
-            }
         });
     };
     double traced = std::numeric_limits<double>::max();

@@ -109,12 +109,11 @@ Json Client::call(const std::string& method, const Json& params) {
 }
 
 std::optional<Json> Client::notification(std::optional<Clock::time_point> deadline, int cancel) {
-    while (notifications_.empty()) {
+    while (notifications_.empty())
         if (std::optional<std::string> line = takeLine())
             notifications_.push_back(std::move(*line));
         else if (!receive(deadline, cancel))
             return std::nullopt;
-    }
     const Json message = Json::parse(notifications_.front(), nullptr, false);
     notifications_.pop_front();
     if (!message.is_object() || !message.contains("params"))

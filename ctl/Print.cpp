@@ -96,10 +96,9 @@ std::string changeText(const Json& change) {
     const Json& key = change.at("key");
     const std::string path = field(change, "path");
     std::string service = path;
-    for (const char* name : {"mroute", "mgroup"}) {
+    for (const char* name : {"mroute", "mgroup"})
         if (path == std::string("api/") + name + "/resp")
             service = name;
-    }
     return service + " (" + address(key, "sourceIp") + ", " + address(key, "groupIp") + ") in " +
            (change.contains("vrf") ? field(change, "vrf") : field(key, "vrfId")) + " for " +
            field(key, "intf") + " vlan " + field(key, "vlanId") + ": " + answerText(change.at("value"));
@@ -115,12 +114,11 @@ void printValue(std::ostream& out, const Json& value) {
         printOutline(out, value);
         return;
     }
-    for (const Json& entry : value) {
+    for (const Json& entry : value)
         if (isMapEntry(entry))
             out << plain(entry.at("key")) << " = " << plain(entry.at("value")) << '\n';
         else
             out << plain(entry) << '\n';
-    }
 }
 
 } // namespace Ctl

@@ -62,10 +62,9 @@ class Watcher {
             if (resumed && answer.value("lost", false))
                 output_.err << "kestrelctl: the changes since then are not known any more; these are all "
                                "answers now\n";
-            for (const char* list : {"snapshot", "changes"}) {
+            for (const char* list : {"snapshot", "changes"})
                 for (const Json& change : answer.value(list, Json::array()))
                     output_.out << changeText(change) << '\n';
-            }
         }
         seq_ = answer.at("seq").get<std::uint64_t>();
     }

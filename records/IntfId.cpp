@@ -34,25 +34,21 @@ IntfId::IntfId(std::string_view name) {
         number_ = known->second;
         return;
     }
-    if (name.size() > maxNameLength) {
+    if (name.size() > maxNameLength)
         throw State::RangeError(State::lengthErrorText(typeName, maxNameLength, name));
-    }
     const auto isRefused = [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; };
-    if (std::any_of(name.begin(), name.end(), isRefused)) {
+    if (std::any_of(name.begin(), name.end(), isRefused))
         refuse(name, "it holds a blank or a control byte");
-    }
-    if (names() == maxNames) {
+    if (names() == maxNames)
         refuse(name, "there are " + std::to_string(maxNames) + " names already");
-    }
     number_ = table.names.size();
     table.names.emplace_back(name);
     table.numbers.emplace(table.names.back(), number_);
 }
 
 IntfId IntfId::fromNumber(std::uint64_t number) {
-    if (number > names()) {
+    if (number > names())
         throw State::RangeError("L3::IntfId: there is no interface number " + std::to_string(number));
-    }
     return {Unchecked{}, number};
 }
 

@@ -26,9 +26,8 @@ void IntfSet::Holder::free(Array* array) noexcept {
 }
 
 IntfSet::IntfSet(std::initializer_list<IntfId> members) {
-    for (const IntfId member : members) {
+    for (const IntfId member : members)
         insert(member);
-    }
 }
 
 IntfSet::IntfSet(std::string_view) {
@@ -50,9 +49,8 @@ bool IntfSet::insert(IntfId member) {
         return true;
     }
     std::uint32_t* const place = std::lower_bound(array->ids(), array->idsEnd(), id);
-    if (place != array->idsEnd() && *place == id) {
+    if (place != array->idsEnd() && *place == id)
         return false;
-    }
     const auto before = static_cast<std::size_t>(place - array->ids());
     const std::size_t behind = array->count - before;
     if (array->holders == 1 && array->count < room(array->count)) {
@@ -70,9 +68,8 @@ bool IntfSet::insert(IntfId member) {
 }
 
 bool IntfSet::erase(IntfId member) {
-    if (!has(member)) {
+    if (!has(member))
         return false;
-    }
     Array* array = array_.get();
     if (array->count == 1) {
         array_ = Holder();
@@ -88,16 +85,14 @@ bool IntfSet::erase(IntfId member) {
 void IntfSet::insertAll(const IntfSet& other) {
     Array* mine = array_.get();
     Array* theirs = other.array_.get();
-    if (theirs == nullptr || theirs == mine) {
+    if (theirs == nullptr || theirs == mine)
         return;
-    }
     if (mine == nullptr || std::includes(theirs->ids(), theirs->idsEnd(), mine->ids(), mine->idsEnd())) {
         array_ = other.array_;
         return;
     }
-    if (std::includes(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd())) {
+    if (std::includes(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd()))
         return;
-    }
     Array* merged = allocate(mine->count + theirs->count);
     const auto* end =
         std::set_union(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd(), merged->ids());
@@ -123,37 +118,32 @@ std::size_t IntfSet::memoryBytes() const {
 void IntfUnion::addToMany(IntfId member) {
     if (isOnly_) {
         isOnly_ = false;
-        for (const IntfId earlier : std::exchange(only_, {})) {
+        for (const IntfId earlier : std::exchange(only_, {}))
             add(earlier);
-        }
         add(member);
         return;
     }
     const auto mark = [&](std::size_t number) {
         const std::size_t word = number / 64;
-        if (word >= bits_.size()) {
+        if (word >= bits_.size())
             bits_.resize(word + 1);
-        }
         bits_[word] |= std::uint64_t{1} << number % 64;
     };
-    for (const std::uint32_t earlier : std::span(few_, std::exchange(count_, 0))) {
+    for (const std::uint32_t earlier : std::span(few_, std::exchange(count_, 0)))
         mark(earlier);
-    }
     mark(member.number());
 }
 
 void IntfUnion::add(const IntfSet& set) {
-    if (set.empty() || (isOnly_ && set == only_)) {
+    if (set.empty() || (isOnly_ && set == only_))
         return;
-    }
     if (!isOnly_ && count_ == 0 && bits_.empty()) {
         only_ = set;
         isOnly_ = true;
         return;
     }
-    for (const IntfId member : set) {
+    for (const IntfId member : set)
         add(member);
-    }
 }
 
 IntfSet IntfUnion::take() {
@@ -170,9 +160,8 @@ IntfSet IntfUnion::take() {
         return set;
     }
     std::uint32_t count = 0;
-    for (const std::uint64_t word : bits_) {
+    for (const std::uint64_t word : bits_)
         count += static_cast<std::uint32_t>(std::popcount(word));
-    }
     IntfSet set;
     set.array_ = IntfSet::Holder(IntfSet::allocate(count));
     std::uint32_t* at = set.array_.get()->ids();

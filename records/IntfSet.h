@@ -74,9 +74,8 @@ class IntfSet {
             : array_(array) {} // takes over the one holder that it has
         Holder(const Holder& other) noexcept
             : array_(other.array_) {
-            if (array_ != nullptr) {
+            if (array_ != nullptr)
                 ++array_->holders;
-            }
         }
         Holder(Holder&& other) noexcept
             : array_(std::exchange(other.array_, nullptr)) {}
@@ -85,9 +84,8 @@ class IntfSet {
             return *this;
         }
         ~Holder() {
-            if (array_ != nullptr && --array_->holders == 0) {
+            if (array_ != nullptr && --array_->holders == 0)
                 free(array_);
-            }
         }
         Array* get() const { return array_; }
 
@@ -146,19 +144,16 @@ class IntfUnion {
         }
         const auto id = static_cast<std::uint32_t>(member.number());
         std::uint32_t at = count_;
-        while (at > 0 && few_[at - 1] > id) {
+        while (at > 0 && few_[at - 1] > id)
             --at;
-        }
-        if (at > 0 && few_[at - 1] == id) {
+        if (at > 0 && few_[at - 1] == id)
             return;
-        }
         if (count_ == mostFew) {
             addToMany(member);
             return;
         }
-        for (std::uint32_t moved = count_++; moved > at; --moved) {
+        for (std::uint32_t moved = count_++; moved > at; --moved)
             few_[moved] = few_[moved - 1];
-        }
         few_[at] = id;
     }
     void add(const IntfSet& set);

@@ -20,9 +20,8 @@ std::optional<std::uint32_t> decimal(std::string_view digits, std::uint32_t most
     std::uint32_t value = 0;
     const auto [stopped, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
     const bool whole = error == std::errc{} && stopped == digits.data() + digits.size();
-    if (!whole || value > most || (digits.size() > 1 && digits[0] == '0')) {
+    if (!whole || value > most || (digits.size() > 1 && digits[0] == '0'))
         return std::nullopt;
-    }
     return value;
 }
 
@@ -30,13 +29,11 @@ std::optional<std::uint32_t> dotted(std::string_view text) {
     std::uint32_t value = 0;
     for (int part = 0; part < 4; ++part) {
         const auto end = part < 3 ? text.find('.') : text.size();
-        if (end == std::string_view::npos) {
+        if (end == std::string_view::npos)
             return std::nullopt;
-        }
         const auto byte = decimal(text.substr(0, end), 255);
-        if (!byte) {
+        if (!byte)
             return std::nullopt;
-        }
         value = value << 8 | *byte;
         text.remove_prefix(part < 3 ? end + 1 : end);
     }
@@ -53,17 +50,14 @@ bool groups(std::string_view text, std::array<std::uint16_t, 8>& into, std::size
         const auto [stopped, error] =
             std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
         if (error != std::errc{} || stopped != digits.data() + digits.size() || digits.size() > 4 ||
-            count == into.size()) {
+            count == into.size())
             return false;
-        }
         into[count++] = value;
-        if (colon == text.size()) {
+        if (colon == text.size())
             return true;
-        }
         text.remove_prefix(colon + 1);
-        if (text.empty()) {
+        if (text.empty())
             return false; // a single trailing colon
-        }
     }
     return true;
 }
@@ -77,20 +71,17 @@ std::optional<std::array<std::uint8_t, 16>> ipv6(std::string_view text) {
     std::size_t backCount = 0;
     if (!groups(text.substr(0, gap), front, frontCount) ||
         !groups(hasGap ? text.substr(gap + 2) : std::string_view(), back, backCount) ||
-        (hasGap ? frontCount + backCount > 7 : frontCount != 8)) {
+        (hasGap ? frontCount + backCount > 7 : frontCount != 8))
         return std::nullopt;
-    }
     std::array<std::uint8_t, 16> bytes{};
     const auto put = [&](std::size_t at, std::uint16_t group) {
         bytes[at * 2] = static_cast<std::uint8_t>(group >> 8);
         bytes[at * 2 + 1] = static_cast<std::uint8_t>(group & 0xff);
     };
-    for (std::size_t i = 0; i < frontCount; ++i) {
+    for (std::size_t i = 0; i < frontCount; ++i)
         put(i, front[i]);
-    }
-    for (std::size_t i = 0; i < backCount; ++i) {
+    for (std::size_t i = 0; i < backCount; ++i)
         put(8 - backCount + i, back[i]);
-    }
     return bytes;
 }
 
@@ -101,9 +92,8 @@ std::string ipv6Text(const std::array<std::uint8_t, 16>& bytes) {
     std::size_t runLength = 1;
     for (std::size_t i = 0; i < 8; ++i) {
         std::size_t length = 0;
-        while (i + length < 8 && group(i + length) == 0) {
+        while (i + length < 8 && group(i + length) == 0)
             ++length;
-        }
         if (length > runLength) {
             runStart = i;
             runLength = length;
@@ -116,9 +106,8 @@ std::string ipv6Text(const std::array<std::uint8_t, 16>& bytes) {
             i += runLength - 1;
             continue;
         }
-        if (!text.empty() && text.back() != ':') {
+        if (!text.empty() && text.back() != ':')
             text += ':';
-        }
         char digits[4];
         const auto [end, error] = std::to_chars(digits, digits + sizeof digits, group(i), 16);
         text.append(digits, end);
@@ -130,9 +119,8 @@ std::string ipv6Text(const std::array<std::uint8_t, 16>& bytes) {
 
 IpAddr IpAddr::fromString(std::string_view text) {
     const auto value = dotted(text);
-    if (!value) {
+    if (!value)
         refuseText(typeName, text);
-    }
     return IpAddr(*value);
 }
 
@@ -146,12 +134,10 @@ std::string IpAddr::stringValue() const {
 }
 
 IpGenAddr IpGenAddr::fromString(std::string_view text) {
-    if (const auto value = dotted(text)) {
+    if (const auto value = dotted(text))
         return IpAddr(*value);
-    }
-    if (const auto bytes = ipv6(text)) {
+    if (const auto bytes = ipv6(text))
         return {AddressFamily::ipv6, *bytes};
-    }
     refuseText(typeName, text);
 }
 
@@ -177,13 +163,11 @@ std::uint32_t IpGenAddr::hash(std::uint32_t seed) const {
 
 IpGenPrefix IpGenPrefix::fromString(std::string_view text) {
     const auto slash = text.find('/');
-    if (slash == std::string_view::npos) {
+    if (slash == std::string_view::npos)
         refuseText(typeName, text);
-    }
     const auto length = decimal(text.substr(slash + 1), 255);
-    if (!length) {
+    if (!length)
         refuseText(typeName, text);
-    }
     return {IpGenAddr::fromString(text.substr(0, slash)), static_cast<std::uint8_t>(*length)};
 }
 

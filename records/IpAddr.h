@@ -89,9 +89,8 @@ class IpGenPrefix {
     constexpr IpGenPrefix(IpGenAddr address, std::uint8_t length)
         : address_(address)
         , length_(length) {
-        if (length > maxLength()) {
+        if (length > maxLength())
             refuse();
-        }
     }
     // The host prefix (/32) of an IPv4 address.
     static constexpr IpGenPrefix host(IpAddr address) { return {IpGenAddr(address), 32}; }

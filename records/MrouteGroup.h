@@ -50,9 +50,8 @@ class MrouteColl final : public State::ShmTable {
     void mroutes(Visit visit) const {
         for (const KestrelL3::IpMcastKey& key : mroutes_.walk()) {
             reading();
-            if (!visit(MrouteItem(key))) {
+            if (!visit(MrouteItem(key)))
                 return;
-            }
         }
     }
     const Rows& mroutesCollection() const { return mroutes_; }

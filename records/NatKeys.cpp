@@ -41,9 +41,8 @@ void NatMrouteOifSet::traceEncode(State::TraceWriter& writer) const {
     writer.raw(count);
     std::size_t kept = 0;
     for (const L3::IntfId member : oif_) {
-        if (kept++ == State::traceSetMembers) {
+        if (kept++ == State::traceSetMembers)
             break;
-        }
         writer.raw(static_cast<std::uint32_t>(member.number()));
     }
 }
@@ -56,14 +55,12 @@ void NatMrouteOifSet::traceDecode(State::TraceReader& reader, std::string& out) 
     for (std::size_t i = 0; i < kept && !reader.failed(); ++i) {
         std::uint32_t number = 0;
         reader.raw(number);
-        if (number <= L3::IntfId::names()) {
+        if (number <= L3::IntfId::names())
             set.oifIs(L3::IntfId::fromNumber(number));
-        }
     }
     out += set.stringValue();
-    if (kept < count) {
+    if (kept < count)
         out += " (" + std::to_string(kept) + " of " + std::to_string(count) + ")";
-    }
 }
 
 STATE_VALUE_TYPE(NatRequestType);

@@ -26,9 +26,8 @@ class OifIndex {
     // RangeError "Quill::Multicast::Fib::OifIndex::value < ...::min or > ...::null not allowed" above 512.
     constexpr OifIndex(std::uint16_t value)
         : value_(value) {
-        if (value > null) {
+        if (value > null)
             refuse();
-        }
     }
     static OifIndex fromNumber(std::uint64_t number);
     constexpr std::uint16_t value() const { return value_; }

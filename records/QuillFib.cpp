@@ -10,9 +10,8 @@
 namespace Quill::Multicast::Fib {
 
 OifIndex OifIndex::fromNumber(std::uint64_t number) {
-    if (number > null) {
+    if (number > null)
         refuse();
-    }
     return OifIndex(static_cast<std::uint16_t>(number));
 }
 
@@ -23,9 +22,8 @@ void OifIndex::refuse() {
 }
 
 OifIndexList::OifIndexList(std::initializer_list<std::uint16_t> indexes) {
-    for (const std::uint16_t index : indexes) {
+    for (const std::uint16_t index : indexes)
         insert(index);
-    }
 }
 
 OifIndexList::OifIndexList(std::string_view) {
@@ -35,9 +33,8 @@ OifIndexList::OifIndexList(std::string_view) {
 
 OifIndexList::OifIndexList(const OifIndexList& other)
     : words_(other.words_) {
-    if (size() > nearCount) {
+    if (size() > nearCount)
         farIs(std::copy_n(other.far(), size(), new std::uint16_t[std::bit_ceil(size())]) - size());
-    }
 }
 
 OifIndexList::OifIndexList(OifIndexList&& other) noexcept
@@ -51,15 +48,13 @@ OifIndexList& OifIndexList::operator=(OifIndexList other) noexcept {
 }
 
 OifIndexList::~OifIndexList() {
-    if (size() > nearCount) {
+    if (size() > nearCount)
         delete[] far();
-    }
 }
 
 void OifIndexList::insert(std::uint16_t index) {
-    if (std::find(begin(), end(), index) != end()) {
+    if (std::find(begin(), end(), index) != end())
         return;
-    }
     const std::size_t count = size();
     if (count == maxCount) {
         throw State::RangeError("Quill::Multicast::Fib::OifIndexList takes " + std::to_string(maxCount) +
@@ -71,9 +66,8 @@ void OifIndexList::insert(std::uint16_t index) {
         if (std::has_single_bit(count) || count == nearCount) { // the array's room is the count rounded up
             auto* grown = new std::uint16_t[std::bit_ceil(count + 1)];
             std::copy_n(indexes().data(), count, grown);
-            if (count > nearCount) {
+            if (count > nearCount)
                 delete[] far();
-            }
             farIs(grown);
         }
         far()[count] = index;

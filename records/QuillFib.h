@@ -74,9 +74,8 @@ class Status final : public State::ShmTable {
     // Reads the interface of an index: the empty one when absent. CorruptionError.
     L3::IntfId intf(OifIndex index) const {
         reading();
-        if (intfsAsOf_ != oifIndexIntfCollection().changes()) {
+        if (intfsAsOf_ != oifIndexIntfCollection().changes())
             fillIntfs();
-        }
         return index.value() < intfs_.size() ? intfs_[index.value()] : L3::IntfId();
     }
 

@@ -31,14 +31,12 @@ class RouteAttribute {
 
     bool is(const Key& key, Value value) {
         if constexpr (State::isHandle<Value>) {
-            if (!value) {
+            if (!value)
                 return erase(key, [](Value&&) {});
-            }
         }
         if (Row* row = rows_.find(key)) {
-            if (row->value() == value) {
+            if (row->value() == value)
                 return false;
-            }
             row->value() = std::move(value);
         } else {
             rows_.insert(Row(key, std::move(value)));
@@ -80,9 +78,8 @@ class RouteAttribute {
     template <class Consume>
     bool erase(const Key& given, Consume consume) {
         const Key key = given;
-        if (!rows_.extract(key, [&](Row&& row) { consume(std::move(row.value())); })) {
+        if (!rows_.extract(key, [&](Row&& row) { consume(std::move(row.value())); }))
             return false;
-        }
         owner_.publish(id_, &key);
         return true;
     }

@@ -62,9 +62,8 @@ class RouteRows {
     template <class Consume>
     bool extract(const IpGenRouteKey& key, Consume consume) {
         const std::uint32_t number = numberOf(key);
-        if (number == none) {
+        if (number == none)
             return false;
-        }
         foundLast_ = none;
         if (key.hasSource()) {
             unlink(sourcedByGroup_, key.group.ipv4(), number, groupSide);
@@ -83,18 +82,15 @@ class RouteRows {
     template <class Visit>
     void walk(Visit visit, const IpGenRouteKey* after = nullptr) const {
         const auto visitAll = [&](auto&& numbers) {
-            for (const std::uint32_t number : numbers) {
-                if (!visit(std::as_const(pool_[number].row))) {
+            for (const std::uint32_t number : numbers)
+                if (!visit(std::as_const(pool_[number].row)))
                     return false;
-                }
-            }
             return true;
         };
         const bool isInStarred = after != nullptr && starred_.find(*after) != nullptr;
         const auto starred = isInStarred ? starred_.walkAfter(*after) : starred_.walk();
-        if (isInStarred || visitAll(after != nullptr ? sourced_.walkAfter(*after) : sourced_.walk())) {
+        if (isInStarred || visitAll(after != nullptr ? sourced_.walkAfter(*after) : sourced_.walk()))
             visitAll(starred);
-        }
     }
 
     // Visits, in table order, every row that a request for (source, group) can match, with visit(const Row&)
@@ -109,9 +105,8 @@ class RouteRows {
                 chain(starredByGroup_, group, groupSide, visit);
         } else {
             const std::uint32_t exact = numberOf(IpGenRouteKey::host(source, group));
-            if (exact == none || visit(pool_[exact].row)) {
+            if (exact == none || visit(pool_[exact].row))
                 chain(starredByGroup_, group, groupSide, visit);
-            }
         }
     }
 
@@ -142,30 +137,25 @@ class RouteRows {
         Pool& operator=(const Pool&) = delete;
         ~Pool() {
             std::vector<bool> isFree(used_);
-            for (std::uint32_t number = free_; number != none; number = cell(number).nextFree) {
+            for (std::uint32_t number = free_; number != none; number = cell(number).nextFree)
                 isFree[number] = true;
-            }
-            for (std::uint32_t number = 0; number < used_; ++number) {
-                if (!isFree[number]) {
+            for (std::uint32_t number = 0; number < used_; ++number)
+                if (!isFree[number])
                     std::destroy_at(&cell(number).slot);
-                }
-            }
         }
 
         Slot& operator[](std::uint32_t number) { return cell(number).slot; }
         const Slot& operator[](std::uint32_t number) const { return cell(number).slot; }
 
         std::uint32_t take(Row&& row) {
-            if (free_ == none && used_ == blocks_.size() * blockSize) {
+            if (free_ == none && used_ == blocks_.size() * blockSize)
                 blocks_.push_back(std::make_unique_for_overwrite<Block>());
-            }
             const std::uint32_t number = free_ != none ? free_ : used_;
             Cell& place = cell(number);
-            if (free_ != none) {
+            if (free_ != none)
                 free_ = place.nextFree;
-            } else {
+            else
                 ++used_;
-            }
             std::construct_at(&place.slot, Slot{std::move(row), {}});
             return number;
         }
@@ -226,13 +216,11 @@ class RouteRows {
     // A changed route is looked up by its writer, by whoever checks it and by whoever resolves it, one after
     // the other: the row found last is tried first.
     std::uint32_t numberOf(const IpGenRouteKey& key) const {
-        if (foundLast_ != none && pool_[foundLast_].row.key() == key) {
+        if (foundLast_ != none && pool_[foundLast_].row.key() == key)
             return foundLast_;
-        }
         const std::uint32_t* found = part(key).find(key);
-        if (found == nullptr) {
+        if (found == nullptr)
             return none;
-        }
         foundLast_ = *found;
         return *found;
     }
@@ -274,9 +262,8 @@ class RouteRows {
         for (std::uint32_t number = head == nullptr ? none : *head; number != none;) {
             const Slot& slot = pool_[number];
             number = slot.links[side].next;
-            if (!visit(slot.row)) {
+            if (!visit(slot.row))
                 return false;
-            }
         }
         return true;
     }

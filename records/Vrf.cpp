@@ -10,15 +10,13 @@ namespace L3 {
 
 VrfName::VrfName(std::string_view name)
     : name_(name) {
-    if (name.size() > maxLength) {
+    if (name.size() > maxLength)
         throw State::RangeError(State::lengthErrorText(typeName, maxLength, name));
-    }
 }
 
 VrfId VrfId::fromNumber(std::uint64_t number) {
-    if (number > max) {
+    if (number > max)
         refuse();
-    }
     return VrfId(static_cast<std::uint32_t>(number));
 }
 

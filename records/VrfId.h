@@ -19,9 +19,8 @@ class VrfId {
     // RangeError "VrfId::value > 0x00ffffff not allowed".
     constexpr VrfId(std::uint32_t value)
         : value_(value) {
-        if (value > max) {
+        if (value > max)
             refuse();
-        }
     }
 
     // The same for any number.

@@ -51,21 +51,18 @@ class ValueAttributeOf final : public Attribute {
     bool set(Entity& entity, const Datum* key, const Datum* value) const override {
         V wanted = parse(key, value);
         auto& typed = static_cast<E&>(entity);
-        if ((typed.*get)() == wanted) {
+        if ((typed.*get)() == wanted)
             return false;
-        }
         (typed.*set_)(std::move(wanted));
         return true;
     }
 
   private:
     V parse(const Datum* key, const Datum* value) const {
-        if (key != nullptr) {
+        if (key != nullptr)
             unsupported("written by key");
-        }
-        if (value == nullptr) {
+        if (value == nullptr)
             unsupported("written without a value");
-        }
         return fromDatum<V>(*value);
     }
 };
@@ -91,9 +88,8 @@ class CollectionAttributeOf : public Attribute {
     static const Collection& of(const Entity& entity) { return Access{}(static_cast<const E&>(entity)); }
     static Collection& of(Entity& entity) { return Access{}(static_cast<E&>(entity)); }
     K keyOf(const Datum* key) const {
-        if (key == nullptr) {
+        if (key == nullptr)
             unsupported("written without a key");
-        }
         return fromDatum<K>(*key);
     }
     // Calls visit(key, ...) for each member behind `after`, if that is given, until it answers false.
@@ -135,9 +131,8 @@ class SetAttributeOf final : public CollectionAttributeOf<E, Access> {
     }
     void check(const Datum* key, const Datum* value) const override {
         Base::keyOf(key);
-        if (value != nullptr && !value->isNull()) {
+        if (value != nullptr && !value->isNull())
             Base::unsupported("written with a value: it is a set");
-        }
     }
     bool set(Entity& entity, const Datum* key, const Datum* value) const override {
         check(key, value);
@@ -173,9 +168,8 @@ class MapAttributeOf final : public CollectionAttributeOf<E, Access> {
 
   private:
     V valueOf(const Datum* value) const {
-        if (value == nullptr) {
+        if (value == nullptr)
             Base::unsupported("written without a value");
-        }
         return fromDatum<V>(*value);
     }
 };
@@ -211,9 +205,8 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
         const auto typedKey = Base::keyOf(key);
         const Datum fields = value == nullptr ? Datum() : *value;
         if (Handle<Entity> present = member(entity, *key)) {
-            if (!type().setFields(*present, fields)) {
+            if (!type().setFields(*present, fields))
                 return false;
-            }
             advance(*present);
             return true;
         }
@@ -229,9 +222,8 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     static const EntityType& type() { return M::type(); }
     // Tells the member's own readers last that it changed, where it carries a version for them.
     static void advance(Entity& entity) {
-        if constexpr (requires(M & member) { member.versionAdvance(); }) {
+        if constexpr (requires(M & member) { member.versionAdvance(); })
             static_cast<M&>(entity).versionAdvance();
-        }
     }
 };
 
@@ -253,11 +245,10 @@ AttributePointer membersAttribute(std::string_view name, AttributeId id, Access)
 // Creator of an entity type whose constructor takes a name, or nothing.
 template <class E>
 Handle<Entity> createEntity(std::string_view name) {
-    if constexpr (std::constructible_from<E, std::string_view>) {
+    if constexpr (std::constructible_from<E, std::string_view>)
         return makeHandle<E>(name);
-    } else {
+    else
         return makeHandle<E>();
-    }
 }
 
 } // namespace State

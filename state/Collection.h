@@ -21,9 +21,8 @@ namespace State {
 // "Namespace::Type::attribute" (Fowler, Noll, Vo; 32 bit).
 constexpr std::uint32_t seedConstant(std::string_view qualifiedName) {
     std::uint32_t hash = 2166136261U;
-    for (const char character : qualifiedName) {
+    for (const char character : qualifiedName)
         hash = (hash ^ static_cast<unsigned char>(character)) * 16777619U;
-    }
     return hash;
 }
 
@@ -64,9 +63,8 @@ class MapAttribute {
     // Inserts or replaces; true if something changed. A null handle removes.
     bool is(const K& key, V value) {
         if constexpr (isHandle<V>) {
-            if (!value) {
+            if (!value)
                 return erase(key, key, [](V&&) {});
-            }
         }
         return put(key, key, std::move(value));
     }
@@ -97,9 +95,8 @@ class MapAttribute {
             ++changes_;
             return;
         }
-        for (const Entry& entry : table_.walk()) {
+        for (const Entry& entry : table_.walk())
             del(entry.key);
-        }
     }
 
     // Changes a value in place, an absent one from its default: `change(V&)` says what became of it.
@@ -110,9 +107,8 @@ class MapAttribute {
         const Edited edited = change(entry->value);
         if (edited == Edited::remove) {
             table_.erase(key);
-            if (inserted) {
+            if (inserted)
                 return;
-            }
         } else if (edited == Edited::unchanged && !inserted) {
             return;
         }
@@ -124,11 +120,9 @@ class MapAttribute {
     // The same with visit(key, value) -> go on; behind `after`, if that is given and there.
     template <class Visit>
     void visit(const K* after, Visit visitor) const {
-        for (const Entry& entry : after == nullptr ? table_.walk() : table_.walkAfter(*after)) {
-            if (!visitor(entry.key, entry.value)) {
+        for (const Entry& entry : after == nullptr ? table_.walk() : table_.walkAfter(*after))
+            if (!visitor(entry.key, entry.value))
                 return;
-            }
-        }
     }
 
     std::size_t memoryBytes() const { return table_.memoryBytes(); }
@@ -144,9 +138,8 @@ class MapAttribute {
     bool put(const Given& given, const K& key, V&& value) {
         auto [entry, inserted] = table_.findOrInsert(given, [&] { return Entry{key, std::move(value)}; });
         if (!inserted) {
-            if (entry->value == value) {
+            if (entry->value == value)
                 return false;
-            }
             entry->value = std::move(value);
         }
         ++changes_;
@@ -156,13 +149,11 @@ class MapAttribute {
     template <class Given, class Consume>
     bool erase(const Given& given, const K& key, Consume consume) {
         ++changes_;
-        if (!owner_.hasSubscribers()) {
+        if (!owner_.hasSubscribers())
             return table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); });
-        }
         const K copy = key; // `key` may be the member's own
-        if (!table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); })) {
+        if (!table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); }))
             return false;
-        }
         owner_.publish(id_, &copy);
         return true;
     }
@@ -191,9 +182,8 @@ class SetAttribute {
 
     // Inserts if absent; true if something changed.
     bool is(const K& key) {
-        if (!table_.findOrInsert(key, [&] { return key; }).second) {
+        if (!table_.findOrInsert(key, [&] { return key; }).second)
             return false;
-        }
         owner_.publish(id_, &key);
         return true;
     }
@@ -201,9 +191,8 @@ class SetAttribute {
     // Removes; true if it was there.
     bool del(const K& given) {
         const K key = given;
-        if (!table_.erase(key)) {
+        if (!table_.erase(key))
             return false;
-        }
         owner_.publish(id_, &key);
         return true;
     }
@@ -214,20 +203,17 @@ class SetAttribute {
             table_.clear();
             return;
         }
-        for (const K& key : table_.walk()) {
+        for (const K& key : table_.walk())
             del(key);
-        }
     }
 
     auto walk() const { return table_.walk(); }
     // As MapAttribute::visit, with visit(key).
     template <class Visit>
     void visit(const K* after, Visit visitor) const {
-        for (const K& key : after == nullptr ? table_.walk() : table_.walkAfter(*after)) {
-            if (!visitor(key)) {
+        for (const K& key : after == nullptr ? table_.walk() : table_.walkAfter(*after))
+            if (!visitor(key))
                 return;
-            }
-        }
     }
 
     std::size_t memoryBytes() const { return table_.memoryBytes(); }

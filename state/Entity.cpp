@@ -62,24 +62,20 @@ const Attribute* EntityType::attribute(AttributeId id) const {
 }
 
 Handle<Entity> EntityType::create(std::string_view name) const {
-    if (creator_ == nullptr) {
+    if (creator_ == nullptr)
         throw CreationError(name_ + " is made only as a member of another entity");
-    }
     return creator_(name);
 }
 
 void EntityType::checkFields(const Datum& fields) const {
-    if (fields.isNull()) {
+    if (fields.isNull())
         return;
-    }
-    if (fields.record() == nullptr) {
+    if (fields.record() == nullptr)
         throw ParseError(name_ + " takes an object, not " + std::string(fields.kindName()));
-    }
     for (const auto& [given, content] : *fields.record()) {
         const Attribute* known = attribute(given);
-        if (known == nullptr) {
+        if (known == nullptr)
             throw ParseError(name_ + " has no attribute \"" + given + "\"");
-        }
         try {
             known->check(nullptr, &content);
         } catch (const Error& error) {
@@ -93,11 +89,9 @@ bool EntityType::setFields(Entity& entity, const Datum& fields) const {
     bool changed = false;
     if (fields.record() != nullptr) {
         for (const auto& attribute : attributes_) {
-            for (const auto& [given, content] : *fields.record()) {
-                if (given == attribute->name()) {
+            for (const auto& [given, content] : *fields.record())
+                if (given == attribute->name())
                     changed |= attribute->set(entity, nullptr, &content);
-                }
-            }
         }
     }
     return changed;
@@ -105,20 +99,16 @@ bool EntityType::setFields(Entity& entity, const Datum& fields) const {
 
 Datum EntityType::fields(const Entity& entity) const {
     Datum::Record record;
-    for (const auto& attribute : attributes_) {
-        if (attribute->kind() == AttributeKind::value) {
+    for (const auto& attribute : attributes_)
+        if (attribute->kind() == AttributeKind::value)
             record.emplace_back(std::string(attribute->name()), attribute->value(entity));
-        }
-    }
     return Datum(std::move(record));
 }
 
 const EntityType* EntityType::find(std::string_view name) {
-    for (const EntityType* type : registeredTypes()) {
-        if (type->name() == name) {
+    for (const EntityType* type : registeredTypes())
+        if (type->name() == name)
             return type;
-        }
-    }
     return nullptr;
 }
 

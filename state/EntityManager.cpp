@@ -7,18 +7,16 @@ namespace State {
 MountFlags mountFlags(std::string_view letters) {
     std::uint32_t word = 0;
     for (const char letter : letters) {
-        if (letter != 'r') {
+        if (letter != 'r')
             throw ParseError("mount flags \"" + std::string(letters) + "\": unknown flag '" + letter + "'");
-        }
         word |= static_cast<std::uint32_t>(MountFlags::readOnly);
     }
     return static_cast<MountFlags>(word);
 }
 
 void MountGroup::doMount(const Mount& mount) {
-    if (closed_) {
+    if (closed_)
         throw CreationError("mount of " + mount.path + ": the mount group is closed");
-    }
     mounts_.push_back(mount);
 }
 
@@ -38,11 +36,9 @@ MountGroup& EntityManager::getMountGroup(const KestrelLib::MounterBase& mounter)
 
 Handle<Entity> EntityManager::getEntity(std::string_view path) const {
     for (const auto& [mounter, group] : groups_) {
-        for (const Mount& mount : group.mounts()) {
-            if (mount.path == path && performed_.find(path) == performed_.end()) {
+        for (const Mount& mount : group.mounts())
+            if (mount.path == path && performed_.find(path) == performed_.end())
                 return {};
-            }
-        }
     }
     return database_->entity(path);
 }

@@ -6,9 +6,8 @@ namespace {
 
 std::string join(std::initializer_list<std::string_view> pieces) {
     std::string text;
-    for (const std::string_view piece : pieces) {
+    for (const std::string_view piece : pieces)
         text += piece;
-    }
     return text;
 }
 

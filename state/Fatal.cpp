@@ -41,9 +41,8 @@ class ErrorLine {
             used_ += taken;
             text += taken;
             left -= taken;
-            if (used_ == sizeof buffer_) {
+            if (used_ == sizeof buffer_)
                 flush();
-            }
         }
         return *this;
     }

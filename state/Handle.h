@@ -106,16 +106,14 @@ class Handle {
     void take() const noexcept {
         if (object_ != nullptr) {
             object_->reference();
-            if constexpr (requires { object_->useTaken(); }) {
+            if constexpr (requires { object_->useTaken(); })
                 object_->useTaken();
-            }
         }
     }
     void drop() const noexcept {
         if (object_ != nullptr) {
-            if constexpr (requires { object_->useReleased(); }) {
+            if constexpr (requires { object_->useReleased(); })
                 object_->useReleased();
-            }
             object_->unreference();
         }
     }

@@ -29,9 +29,8 @@ Hasher& Hasher::mix(std::string_view bytes) {
 
 std::uint32_t processHashSeed() {
     std::optional<std::uint32_t>& seed = seedOfProcess();
-    if (!seed) {
+    if (!seed)
         seed = std::random_device{}();
-    }
     return *seed;
 }
 

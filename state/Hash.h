@@ -51,13 +51,12 @@ void processHashSeedIs(std::uint32_t seed);
 template <class Key>
 struct HashOf {
     std::uint32_t operator()(const Key& key, std::uint32_t seed) const {
-        if constexpr (requires { key.hash(seed); }) {
+        if constexpr (requires { key.hash(seed); })
             return key.hash(seed);
-        } else if constexpr (std::unsigned_integral<Key>) {
+        else if constexpr (std::unsigned_integral<Key>)
             return Hasher(seed).mix(key).result();
-        } else {
+        else
             return Hasher(seed).mix(std::string_view(key)).result();
-        }
     }
 };
 

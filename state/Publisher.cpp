@@ -9,9 +9,8 @@
 namespace State {
 
 Publisher::~Publisher() {
-    if (storage_ == Storage::many) {
+    if (storage_ == Storage::many)
         ::operator delete(many_);
-    }
 }
 
 std::uint32_t Publisher::count() const {
@@ -28,9 +27,8 @@ std::uint32_t Publisher::positionOf(const void* subscriber, Dispatch dispatch) c
     std::uint32_t at = 0;
     for (; at < count(); ++at) {
         const Subscriber each = this->subscriber(at);
-        if (each.object == subscriber && each.dispatch == dispatch) {
+        if (each.object == subscriber && each.dispatch == dispatch)
             break;
-        }
     }
     return at;
 }
@@ -51,9 +49,8 @@ void Publisher::append(const Subscriber& subscriber) const {
             grown->subscribers()[at] = this->subscriber(at);
             grown->live += grown->subscribers()[at].dispatch != nullptr ? 1U : 0U;
         }
-        if (storage_ == Storage::many) {
+        if (storage_ == Storage::many)
             ::operator delete(many_);
-        }
         many_ = grown;
         storage_ = Storage::many;
     }
@@ -62,32 +59,28 @@ void Publisher::append(const Subscriber& subscriber) const {
 }
 
 void Publisher::subscribe(void* subscriber, Dispatch dispatch, AttributeMask attributes) const {
-    if (positionOf(subscriber, dispatch) == count()) {
+    if (positionOf(subscriber, dispatch) == count())
         append({.dispatch = dispatch, .object = subscriber, .attributes = attributes});
-    }
 }
 
 void Publisher::unsubscribe(const void* subscriber, Dispatch dispatch) const {
     const std::uint32_t at = positionOf(subscriber, dispatch);
-    if (at == count()) {
+    if (at == count())
         return;
-    }
     if (storage_ == Storage::one) {
         one_ = {};
     } else {
         many_->subscribers()[at] = {};
         --many_->live;
     }
-    if (depth_ == 0) {
+    if (depth_ == 0)
         sweep();
-    }
 }
 
 inline void Publisher::tell(Dispatch dispatch, void* subscriber, AttributeMask attributes,
                             const Notification& notification) {
-    if (dispatch == nullptr || (attributes & maskOf(notification.attribute)) == 0) {
+    if (dispatch == nullptr || (attributes & maskOf(notification.attribute)) == 0)
         return;
-    }
     try {
         dispatch(subscriber, notification);
     } catch (const std::exception& exception) {
@@ -109,9 +102,8 @@ void Publisher::deliver(const Notification& notification) const {
             tell(each.dispatch, each.object, each.attributes, notification);
         }
     }
-    if (--depth_ == 0) {
+    if (--depth_ == 0)
         sweep();
-    }
 }
 
 void Publisher::sweep() const {
@@ -119,9 +111,8 @@ void Publisher::sweep() const {
         storage_ = one_.dispatch == nullptr ? Storage::none : Storage::one;
         return;
     }
-    if (storage_ == Storage::none || many_->live == many_->count) {
+    if (storage_ == Storage::none || many_->live == many_->count)
         return;
-    }
     Subscriber* begin = many_->subscribers();
     static_cast<void>(std::remove_if(begin, begin + many_->count, [](const Subscriber& subscriber) {
         return subscriber.dispatch == nullptr;

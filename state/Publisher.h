@@ -55,9 +55,8 @@ class Publisher : public RefCounted {
     // and is still there when its turn comes is called once; this object outlives the delivery. An exception
     // that leaves a subscriber ends the process here, with its message.
     void publish(AttributeId attribute, const void* key = nullptr) const {
-        if (hasSubscribers()) {
+        if (hasSubscribers())
             deliver(Notification{*this, attribute, key});
-        }
     }
 
   protected:

@@ -14,9 +14,8 @@ ShmEntityManager::ShmEntityManager(Handle<Store> tableStore, Handle<Store> entit
 
 void ShmEntityManager::doMount(std::string_view path, std::string_view typeName, const TableMount& mount) {
     if (mount.mode == 0) {
-        if (const auto table = handleCast<ShmTable>(tableStore_->entityIs(path, typeName))) {
+        if (const auto table = handleCast<ShmTable>(tableStore_->entityIs(path, typeName)))
             table->sizingIs(mount);
-        }
     }
     mountedIs(path, {std::string(typeName), true});
     record({std::string(path), std::string(typeName), mount});
@@ -34,9 +33,8 @@ void ShmEntityManager::doUnmount(std::string_view path) {
 
 Handle<Entity> ShmEntityManager::getEntity(std::string_view path) const {
     const Entry* entry = mounted_.find(std::string(path));
-    if (entry == nullptr) {
+    if (entry == nullptr)
         return {};
-    }
     const Mounted& mount = entry->value;
     Handle<Entity> entity = (mount.table ? tableStore_ : entityStore_)->entity(path);
     return entity && entity->entityType().name() == mount.typeName ? entity : Handle<Entity>();
@@ -64,9 +62,8 @@ void ShmEntityManager::mountedIs(std::string_view path, Mounted mount) {
 }
 
 void ShmEntityManager::record(Record made) {
-    if (journal_.size() == journalLimit) {
+    if (journal_.size() == journalLimit)
         journal_.erase(journal_.begin(), journal_.begin() + journalLimit / 2);
-    }
     journal_.push_back(std::move(made));
 }
 

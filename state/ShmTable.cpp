@@ -9,11 +9,9 @@ TRACE_FACILITY("State");
 namespace State {
 
 void ShmTable::sizingIs(const TableMount& mount) {
-    for (const CollectionSizing& sizing : mount.collections) {
-        if (sizing.name == sizedCollection_) {
+    for (const CollectionSizing& sizing : mount.collections)
+        if (sizing.name == sizedCollection_)
             capacity_ = sizing.capacity;
-        }
-    }
 }
 
 void ShmTable::doCorruptionDetected(const std::string& message) const {

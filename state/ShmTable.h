@@ -44,9 +44,8 @@ class ShmTable : public Entity {
 
     // Called by every read of a row.
     void reading() const {
-        if (readsUntilFailure_ != 0 && --readsUntilFailure_ == 0) {
+        if (readsUntilFailure_ != 0 && --readsUntilFailure_ == 0)
             corrupted();
-        }
     }
     // Called before a new row: whether there is room in a collection that holds `rows`. Tells a refusal.
     bool roomFor(std::size_t rows) { return capacity_ == 0 || rows < capacity_ || refuse(); }

@@ -3,15 +3,13 @@
 namespace State {
 
 void Reactor::registeredIs(bool registered) {
-    if (registered == registered_ || !input_) {
+    if (registered == registered_ || !input_)
         return;
-    }
     registered_ = registered;
-    if (registered) {
+    if (registered)
         input_->subscribe(machine_, dispatch_, attributes_);
-    } else {
+    else
         input_->unsubscribe(machine_, dispatch_);
-    }
 }
 
 } // namespace State

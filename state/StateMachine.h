@@ -79,14 +79,12 @@ class NestedStateMachine : public RefCounted {
 
     // Registers with the notifier, if there is one.
     void attach() {
-        if (notifier_) {
+        if (notifier_)
             notifier_->subscribe(this, &dispatch, watched);
-        }
     }
     void detach() {
-        if (notifier_) {
+        if (notifier_)
             notifier_->unsubscribe(this, &dispatch);
-        }
     }
     // Makes `notifier` the watched one, without registering yet.
     void repoint(Handle<const Notifier> notifier) {
@@ -100,9 +98,8 @@ class NestedStateMachine : public RefCounted {
   private:
     static void dispatch(void* subscriber, const Notification& change) {
         const Handle<Machine> keepAlive(static_cast<Machine*>(static_cast<NestedStateMachine*>(subscriber)));
-        if (keepAlive->notificationActive()) {
+        if (keepAlive->notificationActive())
             keepAlive->onAttribute(change);
-        }
     }
 
     Handle<const Notifier> notifier_;

@@ -23,9 +23,8 @@ Handle<Entity> Store::entityIs(std::string_view path, std::string_view typeName)
         return present;
     }
     const EntityType* type = EntityType::find(typeName);
-    if (type == nullptr) {
+    if (type == nullptr)
         throw UnknownTypeError(typeName);
-    }
     Handle<Entity> made = type->create(path.substr(path.rfind('/') + 1));
     entityIs(path, made);
     return made;

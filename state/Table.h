@@ -174,9 +174,8 @@ class Table {
     };
     template <class Given>
     Entry* lookUp(const Given& given) const {
-        if (!index_.built()) {
+        if (!index_.built())
             return scan(given.key()).entry();
-        }
         Place place;
         const TableIndex::Slot slot = index_.find(given.hash(index_.seed()), matcher(given.key(), place));
         return slot.page == nullptr ? nullptr : entryAt(place.segment, place.offset);
@@ -246,11 +245,10 @@ class Table<Entry, KeyOf>::Walk {
     Walk(const Walk&) = delete;
     Walk& operator=(const Walk&) = delete;
     ~Walk() {
-        if (table_.walksOpen_ == 1 && table_.queue_ != nullptr) {
+        if (table_.walksOpen_ == 1 && table_.queue_ != nullptr)
             const_cast<Table&>(table_).sweep(); // what was removed was removed from no const table
-        } else {
+        else
             --table_.walksOpen_;
-        }
     }
 
     Iterator begin() const { return Iterator(range_); }
@@ -276,18 +274,16 @@ Table<Entry, KeyOf>& Table<Entry, KeyOf>::operator=(Table&& other) noexcept {
 template <class Entry, class KeyOf>
 Table<Entry, KeyOf> Table<Entry, KeyOf>::clone() const {
     Table made(index_.seed(), keyOf_);
-    for (const Entry& entry : walk()) {
+    for (const Entry& entry : walk())
         made.findOrInsert(keyOf_(entry), [&] { return Entry(entry); });
-    }
     return made;
 }
 
 template <class Entry, class KeyOf>
 std::size_t Table<Entry, KeyOf>::memoryBytes() const {
     std::size_t sum = index_.memoryBytes();
-    for (const Segment* segment = list_.first; segment != nullptr; segment = segment->next) {
+    for (const Segment* segment = list_.first; segment != nullptr; segment = segment->next)
         sum += Segment::bytes(segment->capacity, sizeof(Entry));
-    }
     return sum;
 }
 
@@ -295,9 +291,8 @@ std::size_t Table<Entry, KeyOf>::memoryBytes() const {
 
 template <class Entry, class KeyOf>
 auto Table<Entry, KeyOf>::locate(const Key& key, std::uint32_t hash) const -> Place {
-    if (!index_.built()) {
+    if (!index_.built())
         return scan(key);
-    }
     Place place;
     place.slot = index_.find(hash, matcher(key, place));
     return place.slot.page == nullptr ? Place{} : place;
@@ -309,9 +304,8 @@ auto Table<Entry, KeyOf>::scan(const Key& key) const -> Place {
     for (Segment* segment = list_.first; segment != nullptr; segment = segment->next) {
         const unsigned at =
             segment->findLive([&](unsigned it) { return keyOf_(*entryAt(segment, it)) == key; });
-        if (at != Segment::none) {
+        if (at != Segment::none)
             return {.segment = segment, .offset = at, .slot = {}};
-        }
     }
     return {};
 }
@@ -320,9 +314,8 @@ template <class Entry, class KeyOf>
 template <class E>
 auto Table<Entry, KeyOf>::walkBehind(const Key& key) const -> Walk<E> {
     const Place place = locate(key, index_.built() ? hashOf(key) : 0);
-    if (place.segment == nullptr) {
+    if (place.segment == nullptr)
         return {*this, list_.first, 0};
-    }
     return {*this, place.segment, place.offset + 1};
 }
 
@@ -334,9 +327,8 @@ void Table<Entry, KeyOf>::hashesAt(const void* table, const TableIndex::Position
         return entryAt(self.index_.segment(positions[at]), TableIndex::offset(positions[at]));
     };
     constexpr std::size_t ahead = 16;
-    for (std::size_t at = 0; at < std::min(count, ahead); ++at) {
+    for (std::size_t at = 0; at < std::min(count, ahead); ++at)
         __builtin_prefetch(entry(at));
-    }
     for (std::size_t at = 0; at < count; ++at) {
         __builtin_prefetch(entry(std::min(at + ahead, count - 1)));
         hashes[at] = self.hashOf(self.keyOf_(*entry(at)));

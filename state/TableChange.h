@@ -24,12 +24,10 @@ std::pair<Entry*, bool> Table<Entry, KeyOf>::addUnless(const Given& given, MakeE
     static_assert(std::is_nothrow_move_constructible_v<Entry>);
     static_assert(alignof(Entry) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
     if (!index_.built()) {
-        if (const Place place = scan(key); place.segment != nullptr) {
+        if (const Place place = scan(key); place.segment != nullptr)
             return {place.entry(), false};
-        }
-        if (outgrowsScan()) {
+        if (outgrowsScan())
             buildIndex();
-        }
     }
     TableIndex::Slot slot;
     std::uint32_t hash = 0;
@@ -37,9 +35,8 @@ std::pair<Entry*, bool> Table<Entry, KeyOf>::addUnless(const Given& given, MakeE
         hash = given.hash(index_.seed());
         Place place;
         const auto found = index_.findOrFree(hash, matcher(key, place));
-        if (found.second) {
+        if (found.second)
             return {place.entry(), false};
-        }
         slot = index_.hasRoom(found.first) ? found.first : index_.makeRoom(hash, size_, rehash());
     }
     Segment* tail = roomyTail();
@@ -51,27 +48,23 @@ std::pair<Entry*, bool> Table<Entry, KeyOf>::addUnless(const Given& given, MakeE
     ++tail->used;
     tail->fill(offset);
     ++size_;
-    if (slot.page != nullptr) {
+    if (slot.page != nullptr)
         index_.put(slot, hash, TableIndex::position(tail, offset));
-    }
     return {entry, true};
 }
 
 // The last segment, a new one if that is full: a new one holds as many as the table has members.
 template <class Entry, class KeyOf>
 TableSegment* Table<Entry, KeyOf>::roomyTail() {
-    if (list_.last != nullptr && list_.last->used < list_.last->capacity) {
+    if (list_.last != nullptr && list_.last->used < list_.last->capacity)
         return list_.last;
-    }
-    if (index_.built()) {
+    if (index_.built())
         index_.reserveId();
-    }
     const std::size_t capacity =
         size_ == 0 ? 1 : std::clamp<std::size_t>(size_, smallestNext, Segment::maxCapacity);
     Segment* made = Segment::make(capacity, sizeof(Entry), false);
-    if (index_.built()) {
+    if (index_.built())
         index_.takeId(made);
-    }
     list_.append(made);
     return made;
 }
@@ -81,9 +74,8 @@ TableSegment* Table<Entry, KeyOf>::roomyTail() {
 template <class Entry, class KeyOf>
 bool Table<Entry, KeyOf>::outgrowsScan() const {
     std::size_t segments = 0;
-    for (const Segment* segment = list_.first; segment != nullptr; segment = segment->next) {
+    for (const Segment* segment = list_.first; segment != nullptr; segment = segment->next)
         ++segments;
-    }
     return size_ >= mostScanned || segments > mostSegmentsScanned;
 }
 
@@ -109,12 +101,10 @@ template <class Given, class Consume>
 bool Table<Entry, KeyOf>::take(const Given& given, Consume& consume) {
     const std::uint32_t hash = index_.built() ? given.hash(index_.seed()) : 0;
     const Place place = locate(given.key(), hash);
-    if (place.segment == nullptr) {
+    if (place.segment == nullptr)
         return false;
-    }
-    if (index_.built()) {
+    if (index_.built())
         index_.remove(place.slot, hash, rehash());
-    }
     --size_;
     place.segment->remove(place.offset);
     if (walksOpen_ != 0) {
@@ -141,9 +131,8 @@ void Table<Entry, KeyOf>::clear() {
                 queue(segment);
             }
         }
-        if (index_.built()) {
+        if (index_.built())
             index_.clear();
-        }
         return;
     }
     index_.drop();
@@ -158,19 +147,17 @@ void Table<Entry, KeyOf>::clear() {
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::settle(Segment* segment) {
     const bool oversized = segment->capacity > oversize * size_;
-    if (segment->live == 0) {
-        if (segment == list_.last && !oversized) {
+    if (segment->live == 0)
+        if (segment == list_.last && !oversized)
             segment->used = 0;
-        } else {
+        else
             freeSegment(segment);
-        }
-    } else if (joins(segment->previous, segment)) {
+    else if (joins(segment->previous, segment))
         gather(segment->previous, segment);
-    } else if (joins(segment, segment->next)) {
+    else if (joins(segment, segment->next))
         gather(segment, segment->next);
-    } else if (oversized || (segment->capacity >= oversize * segment->live && !filling(segment))) {
+    else if (oversized || (segment->capacity >= oversize * segment->live && !filling(segment)))
         gather(segment, nullptr);
-    }
 }
 
 // Whether new members will go into this segment: it is best left alone, unless the table has become much
@@ -193,12 +180,10 @@ template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::gather(Segment* first, Segment* second) {
     const unsigned total = first->live + (second == nullptr ? 0U : second->live);
     Segment* made = Segment::make(total, sizeof(Entry), true);
-    if (made == nullptr) {
+    if (made == nullptr)
         return;
-    }
-    if (index_.built()) {
+    if (index_.built())
         index_.passId(first->id, made);
-    }
     moveMembers(first, made);
     if (second != nullptr) {
         moveMembers(second, made);
@@ -223,29 +208,26 @@ void Table<Entry, KeyOf>::moveMembers(Segment* from, Segment* to) {
         ::new (to->place(target, sizeof(Entry))) Entry(std::move(*entry));
         std::destroy_at(entry);
         to->fill(target);
-        if (index_.built()) {
+        if (index_.built())
             index_.move(hashes[at], TableIndex::position(from, at), TableIndex::position(to, target));
-        }
     });
 }
 
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::freeSegment(Segment* segment) {
     list_.unlink(segment);
-    if (index_.built()) {
+    if (index_.built())
         index_.returnId(segment->id);
-    }
     Segment::free(segment);
 }
 
 // After a removal: without members nothing is held, with a few no index.
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::trim() {
-    if (size_ == 0) {
+    if (size_ == 0)
         clear();
-    } else if (size_ <= mostScanned / 2) {
+    else if (size_ <= mostScanned / 2)
         index_.drop();
-    }
 }
 
 // ---- removed under a walk

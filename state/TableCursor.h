@@ -30,9 +30,8 @@ class TableCursor {
         , end_(range.end)
         , segment_(range.first)
         , word_(range.offset / TableSegment::wordBits) {
-        if (segment_ == nullptr) {
+        if (segment_ == nullptr)
             return;
-        }
         if (word_ < TableSegment::words(segment_->used)) {
             readWord();
             rest_ &= ~std::uint64_t{0} << range.offset % TableSegment::wordBits;
@@ -55,9 +54,8 @@ class TableCursor {
         while (rest_ == 0) {
             ++word_;
             if (word_ * TableSegment::wordBits >= (segment_ == last_ ? end_ : segment_->used)) {
-                if (segment_ == last_) {
+                if (segment_ == last_)
                     return;
-                }
                 segment_ = segment_->next;
                 word_ = 0;
             }
@@ -68,9 +66,8 @@ class TableCursor {
     void readWord() {
         rest_ = segment_->bits(word_).live;
         const std::size_t first = word_ * TableSegment::wordBits;
-        if (segment_ == last_ && end_ < first + TableSegment::wordBits) {
+        if (segment_ == last_ && end_ < first + TableSegment::wordBits)
             rest_ &= ~(~std::uint64_t{0} << (end_ - first));
-        }
     }
 
     TableSegment* last_;

@@ -46,9 +46,8 @@ void TableIndex::build() {
 }
 
 void TableIndex::drop() {
-    if (directory_ != nullptr) {
+    if (directory_ != nullptr)
         ::operator delete(freeOtherPages());
-    }
     ::operator delete(std::exchange(directory_, nullptr));
     ::operator delete(std::exchange(ids_, nullptr));
     shift_ = hashBits;
@@ -70,18 +69,16 @@ TableIndex::Page* TableIndex::freeOtherPages() {
     for (std::size_t at = 0; at < std::size_t{1} << directory_->bits;) {
         Page* page = pages[at];
         at += std::size_t{1} << (directory_->bits - page->depth);
-        if (page != pages[0]) {
+        if (page != pages[0])
             ::operator delete(page);
-        }
     }
     return pages[0];
 }
 
 std::size_t TableIndex::memoryBytes() const {
     std::size_t sum = 0;
-    if (ids_ != nullptr) {
+    if (ids_ != nullptr)
         sum += sizeof(Ids) + ids_->capacity * sizeof(IdCell);
-    }
     if (directory_ != nullptr) {
         const std::size_t count = std::size_t{1} << directory_->bits;
         sum += sizeof(Directory) + count * sizeof(void*);
@@ -97,9 +94,8 @@ std::size_t TableIndex::memoryBytes() const {
 // ---- segments
 
 void TableIndex::reserveId() {
-    if (ids_ != nullptr && (ids_->firstFree != 0 || ids_->used < ids_->capacity)) {
+    if (ids_ != nullptr && (ids_->firstFree != 0 || ids_->used < ids_->capacity))
         return;
-    }
     const std::uint32_t used = ids_ == nullptr ? 1 : ids_->used; // 0 is no id
     if (used == mostIds) {
         throw std::length_error(
@@ -108,19 +104,17 @@ void TableIndex::reserveId() {
     const std::uint32_t capacity = ids_ == nullptr ? firstIds : ids_->capacity * 2;
     void* memory = block(sizeof(Ids) + capacity * sizeof(IdCell), false);
     Ids* made = ::new (memory) Ids{.capacity = capacity, .used = used, .firstFree = 0, .unused = 0};
-    for (std::uint32_t id = 0; id < capacity; ++id) {
+    for (std::uint32_t id = 0; id < capacity; ++id)
         ::new (made->cells() + id) IdCell(ids_ != nullptr && id < used ? ids_->cells()[id] : IdCell{nullptr});
-    }
     ::operator delete(std::exchange(ids_, made));
 }
 
 void TableIndex::takeId(TableSegment* segment) {
     std::uint32_t id = ids_->firstFree;
-    if (id != 0) {
+    if (id != 0)
         ids_->firstFree = ids_->cells()[id].nextFree;
-    } else {
+    else
         id = ids_->used++;
-    }
     passId(id, segment);
 }
 
@@ -138,9 +132,8 @@ void TableIndex::returnId(std::uint32_t id) {
 
 TableIndex::Page* TableIndex::makePage(std::uint32_t capacity, std::uint32_t depth, bool orNull) {
     void* memory = block(pageBytes(capacity), orNull);
-    if (memory == nullptr) {
+    if (memory == nullptr)
         return nullptr;
-    }
     Page* page = ::new (memory) Page{.mask = capacity - 1, .live = 0, .removed = 0, .depth = depth};
     std::uninitialized_fill_n(page->slots(), capacity, free);
     return page;
@@ -176,9 +169,8 @@ void TableIndex::refill(const Page& from, Page& zero, Page& one, unsigned bit, R
 bool TableIndex::directoryIs(std::uint32_t bits, bool orNull) {
     const std::size_t count = std::size_t{1} << bits;
     void* memory = block(sizeof(Directory) + count * sizeof(void*), orNull);
-    if (memory == nullptr) {
+    if (memory == nullptr)
         return false;
-    }
     Directory* made = ::new (memory) Directory{.bits = bits, .deepest = 0};
     for (std::size_t at = 0; at < count; ++at) {
         Page* page = nullptr;
@@ -207,9 +199,8 @@ void TableIndex::pageIs(std::uint32_t hash, Page* page) {
 void TableIndex::split(std::uint32_t hash, Rehash rehash) {
     Page* old = pageOf(hash);
     const std::uint32_t depth = old->depth + 1;
-    if (depth > directory_->bits) {
+    if (depth > directory_->bits)
         directoryIs(depth, false);
-    }
     Page* zero = makePage(old->capacity(), depth, false);
     Page* one = makePage(old->capacity(), depth, true);
     if (one == nullptr) {
@@ -240,13 +231,11 @@ void TableIndex::join(std::uint32_t hash, Rehash rehash) {
     Page* page = pageOf(hash);
     Page* twin = pageOf(hash ^ std::uint32_t{1} << (hashBits - page->depth));
     const std::uint32_t capacity = std::max(page->capacity(), twin->capacity());
-    if (twin->depth != page->depth || page->live + twin->live > capacity / 2) {
+    if (twin->depth != page->depth || page->live + twin->live > capacity / 2)
         return;
-    }
     Page* made = makePage(capacity, page->depth - 1, true);
-    if (made == nullptr) {
+    if (made == nullptr)
         return;
-    }
     refill(*page, *made, *made, 0, rehash);
     refill(*twin, *made, *made, 0, rehash);
     directory_->deepest -= page->depth == directory_->bits ? 2 : 0;
@@ -265,13 +254,12 @@ TableIndex::Slot TableIndex::makeRoom(std::uint32_t hash, std::size_t members, R
         const std::uint32_t capacity = page->capacity();
         const bool splits = page->depth < directory_->bits ||
                             (std::size_t{2} << directory_->bits) * membersPerDirectoryEntry <= members;
-        if (page->live <= capacity / 2) {
+        if (page->live <= capacity / 2)
             remake(hash, capacity, false, rehash);
-        } else if (capacity == largestPage && splits) {
+        else if (capacity == largestPage && splits)
             split(hash, rehash);
-        } else {
+        else
             remake(hash, capacity * 2, false, rehash);
-        }
     }
     return freeSlot(pageOf(hash), hash);
 }
@@ -288,14 +276,12 @@ void TableIndex::remove(Slot slot, std::uint32_t hash, Rehash rehash) {
             --page->removed;
         }
     }
-    if (page->live > page->capacity() / 8) {
+    if (page->live > page->capacity() / 8)
         return;
-    }
-    if (page->depth > 0) {
+    if (page->depth > 0)
         join(hash, rehash);
-    } else if (page->capacity() > smallestPage) {
+    else if (page->capacity() > smallestPage)
         remake(hash, page->capacity() / 2, true, rehash);
-    }
 }
 
 } // namespace State

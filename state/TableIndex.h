@@ -122,9 +122,8 @@ class TableIndex {
         Page* page = pageOf(hash);
         const std::uint32_t tag = tagOf(hash);
         std::uint32_t at = hash & page->mask;
-        while (page->slots()[at] != (tag | from)) {
+        while (page->slots()[at] != (tag | from))
             at = (at + 1) & page->mask;
-        }
         page->slots()[at] = tag | to;
     }
     void prefetch(std::uint32_t hash) const {
@@ -158,9 +157,8 @@ class TableIndex {
 
     static Slot freeSlot(Page* page, std::uint32_t hash) {
         std::uint32_t at = hash & page->mask;
-        while (page->slots()[at] > removed) {
+        while (page->slots()[at] > removed)
             at = (at + 1) & page->mask;
-        }
         return {page, at};
     }
     static Page* makePage(std::uint32_t capacity, std::uint32_t depth, bool orNull);
@@ -184,12 +182,10 @@ inline TableIndex::Slot TableIndex::find(std::uint32_t hash, Same same) const {
     const std::uint32_t tag = tagOf(hash);
     for (std::uint32_t at = hash & page->mask;; at = (at + 1) & page->mask) {
         const std::uint32_t value = page->slots()[at];
-        if ((value ^ tag) >> positionBits == 0 && same(value ^ tag)) {
+        if ((value ^ tag) >> positionBits == 0 && same(value ^ tag))
             return {page, at};
-        }
-        if (value == free) {
+        if (value == free)
             return {};
-        }
     }
 }
 
@@ -200,15 +196,12 @@ inline std::pair<TableIndex::Slot, bool> TableIndex::findOrFree(std::uint32_t ha
     Slot reusable;
     for (std::uint32_t at = hash & page->mask;; at = (at + 1) & page->mask) {
         const std::uint32_t value = page->slots()[at];
-        if ((value ^ tag) >> positionBits == 0 && same(value ^ tag)) {
+        if ((value ^ tag) >> positionBits == 0 && same(value ^ tag))
             return {{page, at}, true};
-        }
-        if (value == free) {
+        if (value == free)
             return {reusable.page == nullptr ? Slot{page, at} : reusable, false};
-        }
-        if (value == removed && reusable.page == nullptr) {
+        if (value == removed && reusable.page == nullptr)
             reusable = {page, at};
-        }
     }
 }
 

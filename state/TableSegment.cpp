@@ -7,13 +7,11 @@ namespace State {
 TableSegment* TableSegment::make(std::size_t capacity, std::size_t entrySize, bool orNull) {
     const std::size_t size = bytes(capacity, entrySize);
     void* block = orNull ? ::operator new(size, std::nothrow) : ::operator new(size);
-    if (block == nullptr) {
+    if (block == nullptr)
         return nullptr;
-    }
     Bits* bits = static_cast<Bits*>(block);
-    for (std::size_t word = 0; word < words(capacity); ++word) {
+    for (std::size_t word = 0; word < words(capacity); ++word)
         ::new (bits++) Bits{0, 0};
-    }
     return ::new (bits) TableSegment{.next = nullptr,
                                      .previous = nullptr,
                                      .nextQueued = nullptr,

@@ -53,9 +53,8 @@ struct TableSegment {
         for (std::size_t word = 0; word < words(used); ++word) {
             for (std::uint64_t rest = bits(word).live; rest != 0; rest &= rest - 1) {
                 const unsigned offset = offsetOf(word, rest);
-                if (test(offset)) {
+                if (test(offset))
                     return offset;
-                }
             }
         }
         return none;
@@ -82,9 +81,8 @@ struct TableSegment {
         --live;
     }
     void removeAll() {
-        for (std::size_t word = 0; word < words(used); ++word) {
+        for (std::size_t word = 0; word < words(used); ++word)
             bits(word).live = 0;
-        }
         live = 0;
     }
     // The entry at this place, which was removed, is to be destroyed now.

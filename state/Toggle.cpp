@@ -68,18 +68,16 @@ ToggleValues ToggleReader::read() {
             expect(":", "expected ':'");
             skipBlanks();
             const bool value = skip("true");
-            if (!value && !skip("false")) {
+            if (!value && !skip("false"))
                 throw Malformed("expected true or false");
-            }
             values.emplace(std::move(name), value);
             skipBlanks();
         } while (skip(","));
         expect("}", "expected ',' or '}'");
     }
     skipBlanks();
-    if (at_ != text_.size()) {
+    if (at_ != text_.size())
         throw Malformed("unexpected text after the object");
-    }
     return values;
 }
 
@@ -91,26 +89,22 @@ bool ToggleReader::skip(std::string_view token) {
 
 void ToggleReader::expect(std::string_view token, const char* what) {
     skipBlanks();
-    if (!skip(token)) {
+    if (!skip(token))
         throw Malformed(what);
-    }
 }
 
 std::string ToggleReader::string() {
     expect("\"", "expected a name in quotes");
     std::string value;
     while (!skip("\"")) {
-        if (at_ == text_.size()) {
+        if (at_ == text_.size())
             throw Malformed("the name has no closing quote");
-        }
-        if (static_cast<unsigned char>(text_[at_]) < 0x20) {
+        if (static_cast<unsigned char>(text_[at_]) < 0x20)
             throw Malformed("control character in a name");
-        }
-        if (isAt("\\")) {
+        if (isAt("\\"))
             escape(value);
-        } else {
+        else
             value += text_[at_++];
-        }
     }
     return value;
 }
@@ -126,28 +120,25 @@ void ToggleReader::escape(std::string& out) {
         return;
     }
     unsigned code = hex4();
-    if (code >= 0xdc00 && code < 0xe000) {
+    if (code >= 0xdc00 && code < 0xe000)
         throw Malformed("half of a surrogate pair");
-    }
     if (code >= 0xd800 && code < 0xdc00) {
         const unsigned low = hex4();
-        if (low < 0xdc00 || low >= 0xe000) {
+        if (low < 0xdc00 || low >= 0xe000)
             throw Malformed("half of a surrogate pair");
-        }
         code = 0x10000 + ((code - 0xd800) << 10U) + (low - 0xdc00);
     }
     const auto continuation = [&](unsigned shift) {
         return static_cast<char>(0x80U | (code >> shift & 0x3fU));
     };
-    if (code < 0x80) {
+    if (code < 0x80)
         out += static_cast<char>(code);
-    } else if (code < 0x800) {
+    else if (code < 0x800)
         out += {static_cast<char>(0xc0U | code >> 6U), continuation(0)};
-    } else if (code < 0x10000) {
+    else if (code < 0x10000)
         out += {static_cast<char>(0xe0U | code >> 12U), continuation(6), continuation(0)};
-    } else {
+    else
         out += {static_cast<char>(0xf0U | code >> 18U), continuation(12), continuation(6), continuation(0)};
-    }
 }
 
 unsigned ToggleReader::hex4() {
@@ -156,9 +147,8 @@ unsigned ToggleReader::hex4() {
     const auto [end, error] = digits.size() == 6 && digits.starts_with("\\u")
                                   ? std::from_chars(digits.data() + 2, digits.data() + 6, code, 16)
                                   : std::from_chars_result{digits.data(), std::errc::invalid_argument};
-    if (error != std::errc{} || end != digits.data() + 6) {
+    if (error != std::errc{} || end != digits.data() + 6)
         throw Malformed("unknown escape");
-    }
     at_ += 6;
     return code;
 }
@@ -179,14 +169,12 @@ Registry& registry() {
 std::optional<std::string> textOf(const std::string& path) {
     errno = 0;
     std::ifstream stream(path, std::ios::binary);
-    if (!stream && errno == ENOENT) {
+    if (!stream && errno == ENOENT)
         return std::nullopt;
-    }
     std::string text;
     char block[4096];
-    while (stream.read(block, sizeof block) || stream.gcount() > 0) {
+    while (stream.read(block, sizeof block) || stream.gcount() > 0)
         text.append(block, static_cast<std::size_t>(stream.gcount()));
-    }
     if (!stream.eof()) {
         TRACE(0, "toggle file ", path, " ignored, it cannot be read: ", std::strerror(errno));
         return std::nullopt;
@@ -197,9 +185,8 @@ std::optional<std::string> textOf(const std::string& path) {
 std::optional<bool> valueInFile(std::string_view name, std::string_view file) {
     const std::string path = toggleDirectory() + "/" + std::string(file);
     const std::optional<std::string> text = textOf(path);
-    if (!text) {
+    if (!text)
         return std::nullopt;
-    }
     ToggleReader reader(*text);
     try {
         const ToggleValues values = reader.read();
@@ -226,11 +213,10 @@ bool getToggleState(std::string_view name, std::string_view file, bool defaultVa
     auto& asked = registry().asked;
     const auto known = std::ranges::find_if(
         asked, [&](const ToggleStatus& other) { return other.name == name && other.file == file; });
-    if (known == asked.end()) {
+    if (known == asked.end())
         asked.push_back(status);
-    } else {
+    else
         *known = status;
-    }
     return status.value;
 }
 
@@ -243,9 +229,8 @@ void toggleDirectoryIs(std::string_view path) {
 }
 
 std::string toggleDirectory() {
-    if (!registry().directory.empty()) {
+    if (!registry().directory.empty())
         return registry().directory;
-    }
     const char* const fromEnvironment = std::getenv("KESTREL_TOGGLE_DIR");
     const bool isSet = fromEnvironment != nullptr && *fromEnvironment != '\0';
     return isSet ? fromEnvironment : "/etc/kestrel-nat";

@@ -46,13 +46,11 @@ TraceRecord unreadable(const TraceRingWalk& walk, std::string why) {
 TraceRecord readRecord(const TraceRingWalk& walk) {
     const auto& sites = registry().sites;
     const std::size_t index = std::size_t{walk.event()} - traceFirstSiteEvent;
-    if (walk.event() < traceFirstSiteEvent || index >= sites.size()) {
+    if (walk.event() < traceFirstSiteEvent || index >= sites.size())
         return unreadable(walk, "(unknown event " + std::to_string(walk.event()) + ")");
-    }
     const Registry::Site& entry = sites[index];
-    if (entry.site == nullptr) {
+    if (entry.site == nullptr)
         return unreadable(walk, "(its module is not loaded any more)");
-    }
     TraceRecord record = recordOf(*entry.site, walk.number(), walk.time());
     TraceReader reader(walk.values().data(), walk.values().data() + walk.values().size());
     entry.decode(reader, record.message, entry.literals.data());
@@ -91,14 +89,11 @@ void appendPrintable(std::string& out, std::string_view text) {
 std::vector<TraceRecord> traceRecordsSince(std::uint64_t first) {
     std::vector<TraceRecord> records;
     TraceRingWalk walk(traceRing);
-    while (walk.next()) {
-        if (walk.number() >= first) {
+    while (walk.next())
+        if (walk.number() >= first)
             records.push_back(readRecord(walk));
-        }
-    }
-    if (walk.isDamaged()) {
+    if (walk.isDamaged())
         records.push_back(unreadable(walk, "(the trace ring is damaged here)"));
-    }
     return records;
 }
 
@@ -119,9 +114,8 @@ void appendTraceLine(std::string& out, const TraceRecord& record) {
     out += ' ';
     appendText(out, record.level);
     for (const std::string_view text :
-         {std::string_view(" "), record.facility, std::string_view(" "), record.file}) {
+         {std::string_view(" "), record.facility, std::string_view(" "), record.file})
         out += text;
-    }
     out += ':';
     appendText(out, record.line);
     out += ' ';
@@ -158,20 +152,17 @@ void traceLevelIs(std::string_view facility, int level) {
                          "\" not allowed, levels are 0 to 9");
     }
     registry().levels.insert_or_assign(std::string(facility), level);
-    for (TraceFacility* part = registry().facilities; part != nullptr; part = part->next) {
-        if (part->name == facility) {
+    for (TraceFacility* part = registry().facilities; part != nullptr; part = part->next)
+        if (part->name == facility)
             part->level = level;
-        }
-    }
 }
 
 std::vector<TraceLevel> traceLevels() {
     std::vector<TraceLevel> levels;
     for (const auto& [name, level] : registry().levels) {
         bool isLoaded = false;
-        for (const TraceFacility* part = registry().facilities; part != nullptr; part = part->next) {
+        for (const TraceFacility* part = registry().facilities; part != nullptr; part = part->next)
             isLoaded = isLoaded || part->name == name;
-        }
         levels.push_back({name, level, isLoaded});
     }
     return levels;
@@ -195,11 +186,9 @@ TraceFacilityEntry::~TraceFacilityEntry() {
             break;
         }
     }
-    for (Registry::Site& entry : registry().sites) {
-        if (entry.site != nullptr && &entry.site->facility == &facility_) {
+    for (Registry::Site& entry : registry().sites)
+        if (entry.site != nullptr && &entry.site->facility == &facility_)
             entry = {};
-        }
-    }
 }
 
 void registerTraceSite(TraceSite& site, TraceDecode decode,
@@ -212,9 +201,8 @@ void registerTraceSite(TraceSite& site, TraceDecode decode,
 void traceLine(const TraceSite& site, std::string message) {
     const bool isInRing = traceRing.isOn();
     TraceRecord record = recordOf(site, traceNext() - (isInRing ? 1 : 0), traceRing.time());
-    if (record.time == 0) {
+    if (record.time == 0)
         record.time = traceNow();
-    }
     record.message = std::move(message);
     const Registry& state = registry();
     if (state.sink != nullptr) {

@@ -119,9 +119,8 @@ consteval TracePieces tracePieces(std::string_view code) {
     for (std::size_t i = 0; i < code.size(); ++i) {
         const char c = code[i];
         if (c == '"' || (c == '\'' && (i == 0 || !isWord(code[i - 1])))) {
-            for (++i; i < code.size() && code[i] != c; ++i) {
+            for (++i; i < code.size() && code[i] != c; ++i)
                 i += code[i] == '\\' ? 1 : 0;
-            }
             literal = literal && c == '"';
         } else if (c == ',' && depth == 0) {
             pieces.literals |= std::uint64_t{literal} << (pieces.count - 1);
@@ -204,27 +203,24 @@ class TraceCall<pieces, std::index_sequence<indexes...>, Args...> {
 
     template <std::size_t piece, class Arg>
     static void put(TraceWriter& writer, const Arg& arg) {
-        if constexpr (!pieces.isLiteral(piece)) {
+        if constexpr (!pieces.isLiteral(piece))
             writer.value<Value<Arg>>(arg);
-        }
     }
 
     template <std::size_t piece, class Arg>
     static void append(std::string& message, const Arg& arg) {
-        if constexpr (pieces.isLiteral(piece)) {
+        if constexpr (pieces.isLiteral(piece))
             message += literal<piece>(arg);
-        } else {
+        else
             traceText<Value<Arg>>(message, arg);
-        }
     }
 
     template <std::size_t piece, class Arg>
     static std::string_view literal(const Arg& arg) {
-        if constexpr (pieces.isLiteral(piece)) {
+        if constexpr (pieces.isLiteral(piece))
             return std::string_view(arg, sizeof arg - 1);
-        } else {
+        else
             return {};
-        }
     }
 
     static void decode(TraceReader& reader, std::string& out, const std::string_view* literals) {
@@ -233,11 +229,10 @@ class TraceCall<pieces, std::index_sequence<indexes...>, Args...> {
 
     template <std::size_t piece, class Arg>
     static void decodePiece(TraceReader& reader, std::string& out, const std::string_view* literals) {
-        if constexpr (pieces.isLiteral(piece)) {
+        if constexpr (pieces.isLiteral(piece))
             out += literals[piece];
-        } else {
+        else
             reader.value<Value<Arg>>(out);
-        }
     }
 };
 
@@ -248,12 +243,10 @@ template <TracePieces pieces, int level, class... Args>
                   "put a piece with a comma in angle brackets into parentheses");
     static_assert(sizeof...(Args) <= 64 && level >= 0 && level <= 9);
     using Call = TraceCall<pieces, std::index_sequence_for<Args...>, Args...>;
-    if (traceRing.isOn()) [[likely]] {
+    if (traceRing.isOn()) [[likely]]
         Call::record(site, args...);
-    }
-    if (level <= facility.level) [[unlikely]] {
+    if (level <= facility.level) [[unlikely]]
         Call::line(site, args...);
-    }
 }
 
 } // namespace State

@@ -78,9 +78,8 @@ void TraceRing::memoryIs(std::span<std::byte> memory) {
 
 void TraceRing::timeIs(std::uint64_t time) {
     time_ = time;
-    if (space_ == nullptr) {
+    if (space_ == nullptr)
         return;
-    }
     // An event that traced nothing needs no time record: the next one takes its place.
     std::byte* const place = timeEnd_ == cursor_ ? cursor_ - timeRecordBytes : reserve(timeRecordBytes);
     const TraceRecordHead head{traceTimeEvent, timeRecordBytes};
@@ -93,15 +92,13 @@ void TraceRing::timeIs(std::uint64_t time) {
 
 std::byte* TraceRing::makeRoom(std::size_t size) {
     if (space_ == nullptr) {
-        if (time_ == 0) {
+        if (time_ == 0)
             time_ = traceNow();
-        }
         ownMemory_ = new std::byte[traceRingDefaultBytes];
         memoryIs({ownMemory_, traceRingDefaultBytes});
     } else {
-        if (size > static_cast<std::size_t>(space_ + capacity_ - cursor_)) {
+        if (size > static_cast<std::size_t>(space_ + capacity_ - cursor_))
             beginLap();
-        }
         beginSlice();
     }
     return cursor_;
@@ -125,9 +122,8 @@ void TraceRing::beginSlice() {
     const std::uint64_t left = lap_ + capacity_ - head();
     const std::uint64_t size = std::min(left, sliceBytes(capacity_));
     marks_[endMark_++ % markCapacity] = {head(), next_, time_};
-    while (tail().offset + capacity_ < head() + size) {
+    while (tail().offset + capacity_ < head() + size)
         ++firstMark_;
-    }
     limit_ = cursor_ + size;
     timeEnd_ = nullptr;
     header_->tail = tail().offset;

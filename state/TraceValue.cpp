@@ -5,9 +5,8 @@ namespace State {
 std::size_t TraceWriter::cutSize(std::string_view text) {
     // Never within a UTF-8 character: its later bytes are 10xxxxxx, at most three of them.
     std::size_t size = traceStringBytes;
-    while (size > traceStringBytes - 3 && (static_cast<unsigned char>(text[size]) & 0xc0U) == 0x80U) {
+    while (size > traceStringBytes - 3 && (static_cast<unsigned char>(text[size]) & 0xc0U) == 0x80U)
         --size;
-    }
     return size;
 }
 
@@ -16,12 +15,10 @@ std::string TraceReader::text() {
     raw(head);
     std::string text(head[0], '\0');
     bytes(text.data(), text.size());
-    if (failed_) {
+    if (failed_)
         return {};
-    }
-    if (head[1] != 0) {
+    if (head[1] != 0)
         text += "...";
-    }
     return text;
 }
 

@@ -56,9 +56,8 @@ class TraceWriter {
         }
         at_[0] = static_cast<std::byte>(size);
         at_[1] = static_cast<std::byte>(size < text.size());
-        if (size != 0) {
+        if (size != 0)
             std::memcpy(at_ + 2, text.data(), size);
-        }
         at_ += size + 2;
     }
     // A value of any type, in the way of its TraceValue.
@@ -70,14 +69,12 @@ class TraceWriter {
     template <class Set>
     void members(const Set& set) {
         std::uint32_t count = 0;
-        for (auto member = set.begin(); member != set.end(); ++member) {
+        for (auto member = set.begin(); member != set.end(); ++member)
             ++count;
-        }
         raw(count);
         count = 0;
-        for (auto member = set.begin(); count < traceSetMembers && member != set.end(); ++member, ++count) {
+        for (auto member = set.begin(); count < traceSetMembers && member != set.end(); ++member, ++count)
             value<std::remove_cvref_t<decltype(*member)>>(*member);
-        }
     }
 
     std::byte* position() const { return at_; }
@@ -144,11 +141,10 @@ class TraceReader {
 // The plain text of any value (see state/Text.h).
 template <class T>
 void traceText(std::string& out, const T& value) {
-    if constexpr (requires { appendText(out, value); }) {
+    if constexpr (requires { appendText(out, value); })
         appendText(out, value);
-    } else {
+    else
         ValueTraits<T>::print(out, value);
-    }
 }
 
 template <class T>
@@ -213,9 +209,8 @@ struct TraceValue {
             std::uint32_t count = 0;
             const std::size_t kept = readMembers(reader, set, count);
             traceText(out, set);
-            if (kept < count) {
+            if (kept < count)
                 out += " (" + std::to_string(kept) + " of " + std::to_string(count) + ")";
-            }
         }
     }
 
@@ -227,11 +222,10 @@ struct TraceValue {
         } else if constexpr (isRaw) {
             reader.raw(value);
         } else if constexpr (TraceString<T>) {
-            if constexpr (requires { T::fromString(std::string_view()); }) {
+            if constexpr (requires { T::fromString(std::string_view()); })
                 value = T::fromString(reader.text());
-            } else {
+            else
                 value = T(reader.text());
-            }
         } else if constexpr (TraceDescribed<T>) {
             const auto readField = [&]<class Member>(Member& member) {
                 TraceValue<Member>::read(reader, member);

@@ -26,18 +26,16 @@ auto findType(std::string_view typeName) {
 
 void registerFactory(std::string_view typeName, std::size_t arity, Factory factory) {
     const auto found = findType(typeName);
-    if (found != registry().end()) {
+    if (found != registry().end())
         *found = Registered{std::string(typeName), arity, std::move(factory)};
-    } else {
+    else
         registry().push_back(Registered{std::string(typeName), arity, std::move(factory)});
-    }
 }
 
 Handle<RefCounted> createByTypeName(std::string_view typeName, std::span<const Argument> arguments) {
     const auto found = findType(typeName);
-    if (found == registry().end()) {
+    if (found == registry().end())
         throw UnknownTypeError(typeName);
-    }
     if (arguments.size() != found->arity) {
         std::vector<std::string> given;
         for (const Argument& argument : arguments) {
@@ -51,9 +49,8 @@ Handle<RefCounted> createByTypeName(std::string_view typeName, std::span<const A
 
 std::vector<std::string> creatableTypes() {
     std::vector<std::string> names;
-    for (const Registered& type : registry()) {
+    for (const Registered& type : registry())
         names.push_back(type.typeName);
-    }
     return names;
 }
 

@@ -38,17 +38,15 @@ namespace Detail {
 template <class P>
 P argumentAs(std::string_view typeName, std::size_t position, const Argument& argument) {
     if constexpr (std::is_convertible_v<std::string_view, P>) {
-        if (const auto* text = std::get_if<std::string>(&argument)) {
+        if (const auto* text = std::get_if<std::string>(&argument))
             return P(std::string_view(*text));
-        }
     } else {
         using T = std::remove_reference_t<decltype(*std::declval<P>())>;
         if (const auto* object = std::get_if<Handle<const RefCounted>>(&argument)) {
             // Arguments travel as read-only handles; the factory's own signature says what it may write.
             const auto typed = handleCast<const T>(*object);
-            if (typed || !*object) {
+            if (typed || !*object)
                 return P(const_cast<T*>(typed.get()));
-            }
         }
     }
     throw CreationError(std::string(typeName) + ": argument " + std::to_string(position + 1) +

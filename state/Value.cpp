@@ -74,16 +74,14 @@ void TextReader::fail(std::string_view wanted) const {
 }
 
 void TextReader::expect(std::string_view literal) {
-    if (text_.substr(position_, literal.size()) != literal) {
+    if (text_.substr(position_, literal.size()) != literal)
         fail("'" + std::string(literal) + "'");
-    }
     position_ += literal.size();
 }
 
 void TextReader::expectEnd() const {
-    if (position_ != text_.size()) {
+    if (position_ != text_.size())
         fail("the end");
-    }
 }
 
 bool TextReader::boolean() {
@@ -104,9 +102,8 @@ std::uint64_t TextReader::number() {
     const char* end = text_.data() + text_.size();
     std::uint64_t value = 0;
     const auto [stopped, error] = std::from_chars(begin, end, value);
-    if (error != std::errc{}) {
+    if (error != std::errc{})
         fail("a number");
-    }
     position_ += static_cast<std::size_t>(stopped - begin);
     return value;
 }

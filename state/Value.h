@@ -91,11 +91,10 @@ concept SetValue = requires(T& set, const typename T::Element& element) {
 // The elements of a set value as a range, in order.
 template <class T>
 decltype(auto) elementsOf(const T& set) {
-    if constexpr (requires { set.elements(); }) {
+    if constexpr (requires { set.elements(); })
         return set.elements();
-    } else {
+    else
         return (set);
-    }
 }
 
 // An enumeration with a name and named enumerators (specialise for each): `typeName` and
@@ -125,11 +124,10 @@ void appendValue(std::string& out, const T& value) {
 // The form in which messages carry `value`: as the value form, plain strings unquoted.
 template <class T>
 void appendPlain(std::string& out, const T& value) {
-    if constexpr (std::convertible_to<const T&, std::string_view>) {
+    if constexpr (std::convertible_to<const T&, std::string_view>)
         out += std::string_view(value);
-    } else {
+    else
         ValueTraits<T>::print(out, value);
-    }
 }
 
 template <class T>
@@ -167,17 +165,16 @@ T fromDatum(const Datum& datum) {
 
 template <class T>
 void mixInto(Hasher& hasher, const T& value) {
-    if constexpr (requires { hasher.mix(value.hashBits()); }) {
+    if constexpr (requires { hasher.mix(value.hashBits()); })
         hasher.mix(value.hashBits()); // a scalar's own hash is its bits
-    } else if constexpr (requires { value.hash(0U); }) {
+    else if constexpr (requires { value.hash(0U); })
         hasher.mix(value.hash(0U)); // a nested value goes in as its hash under seed 0
-    } else if constexpr (std::is_enum_v<T>) {
+    else if constexpr (std::is_enum_v<T>)
         hasher.mix(static_cast<std::underlying_type_t<T>>(value));
-    } else if constexpr (std::convertible_to<const T&, std::string_view>) {
+    else if constexpr (std::convertible_to<const T&, std::string_view>)
         hasher.mix(std::string_view(value));
-    } else {
+    else
         hasher.mix(value);
-    }
 }
 
 // Hash of a structured value: its fields mixed in declared order, under `seed`.
@@ -204,9 +201,8 @@ struct ValueTraits<bool> {
     static void read(TextReader& reader, bool& value) { value = reader.boolean(); }
     static Datum toDatum(bool value) { return Datum(value); }
     static void fromDatum(const Datum& datum, bool& value) {
-        if (datum.boolean() == nullptr) {
+        if (datum.boolean() == nullptr)
             wrongKind(name(), "true or false", datum);
-        }
         value = *datum.boolean();
     }
 };
@@ -232,9 +228,8 @@ struct ValueTraits<T> {
     static void read(TextReader& reader, T& value) { value = narrow(reader.number()); }
     static Datum toDatum(T value) { return Datum(static_cast<std::uint64_t>(value)); }
     static void fromDatum(const Datum& datum, T& value) {
-        if (datum.number() == nullptr) {
+        if (datum.number() == nullptr)
             wrongKind(name(), "a number", datum);
-        }
         value = narrow(*datum.number());
     }
 };
@@ -247,9 +242,8 @@ struct ValueTraits<std::string> {
     static void read(TextReader& reader, std::string& value) { value = reader.quoted(); }
     static Datum toDatum(const std::string& value) { return Datum(value); }
     static void fromDatum(const Datum& datum, std::string& value) {
-        if (datum.text() == nullptr) {
+        if (datum.text() == nullptr)
             wrongKind(name(), "a string", datum);
-        }
         value = *datum.text();
     }
 };
@@ -261,24 +255,21 @@ struct ValueTraits<T> {
     // A string type (one that may hold any character) stands quoted; others end at a separator.
     static constexpr bool quoted = std::convertible_to<const T&, std::string_view>;
     static void print(std::string& out, const T& value) {
-        if constexpr (quoted) {
+        if constexpr (quoted)
             appendQuoted(out, value);
-        } else {
+        else
             out += value.stringValue();
-        }
     }
     static void read(TextReader& reader, T& value) {
-        if constexpr (quoted) {
+        if constexpr (quoted)
             value = T::fromString(reader.quoted());
-        } else {
+        else
             value = T::fromString(reader.word());
-        }
     }
     static Datum toDatum(const T& value) { return Datum(std::string(value.stringValue())); }
     static void fromDatum(const Datum& datum, T& value) {
-        if (datum.text() == nullptr) {
+        if (datum.text() == nullptr)
             wrongKind(name(), "a string", datum);
-        }
         value = T::fromString(*datum.text());
     }
 };
@@ -291,9 +282,8 @@ struct ValueTraits<T> {
     static void read(TextReader& reader, T& value) { value = T::fromNumber(reader.number()); }
     static Datum toDatum(const T& value) { return Datum(static_cast<std::uint64_t>(value.value())); }
     static void fromDatum(const Datum& datum, T& value) {
-        if (datum.number() == nullptr) {
+        if (datum.number() == nullptr)
             wrongKind(name(), "a number", datum);
-        }
         value = T::fromNumber(*datum.number());
     }
 };
@@ -314,11 +304,9 @@ struct ValueTraits<T> {
         out += std::to_string(static_cast<Number>(value));
     }
     static T fromText(std::string_view text) {
-        for (const auto& [number, known] : EnumNames<T>::enumerators) {
-            if (known == text) {
+        for (const auto& [number, known] : EnumNames<T>::enumerators)
+            if (known == text)
                 return number;
-            }
-        }
         throw ParseError(std::string(name()) + " has no enumerator \"" + std::string(text) + "\"");
     }
     static T fromNumber(std::uint64_t number) { return static_cast<T>(ValueTraits<Number>::narrow(number)); }
@@ -326,21 +314,18 @@ struct ValueTraits<T> {
         value = reader.atNumber() ? fromNumber(reader.number()) : fromText(reader.word());
     }
     static Datum toDatum(T value) {
-        for (const auto& [number, text] : EnumNames<T>::enumerators) {
-            if (number == value) {
+        for (const auto& [number, text] : EnumNames<T>::enumerators)
+            if (number == value)
                 return Datum(text);
-            }
-        }
         return Datum(static_cast<std::uint64_t>(value));
     }
     static void fromDatum(const Datum& datum, T& value) {
-        if (datum.text() != nullptr) {
+        if (datum.text() != nullptr)
             value = fromText(*datum.text());
-        } else if (datum.number() != nullptr) {
+        else if (datum.number() != nullptr)
             value = fromNumber(*datum.number());
-        } else {
+        else
             wrongKind(name(), "an enumerator's name or number", datum);
-        }
     }
 };
 
@@ -366,9 +351,8 @@ struct ValueTraits<T> {
             char separator = '(';
             eachField([&](const auto& field) {
                 out += separator;
-                if (separator == ',') {
+                if (separator == ',')
                     out += ' ';
-                }
                 separator = ',';
                 out += field.name;
                 out += '=';
@@ -406,9 +390,8 @@ struct ValueTraits<T> {
 
     // Fields that are left out keep their defaults; a field that the type does not have is refused.
     static void fromDatum(const Datum& datum, T& value) {
-        if (datum.record() == nullptr) {
+        if (datum.record() == nullptr)
             wrongKind(name(), "an object", datum);
-        }
         for (const auto& [given, content] : *datum.record()) {
             bool known = false;
             eachField([&, &givenName = given, &givenContent = content](const auto& field) {
@@ -422,9 +405,8 @@ struct ValueTraits<T> {
                     }
                 }
             });
-            if (!known) {
+            if (!known)
                 unknownField(name(), given);
-            }
         }
     }
 };
@@ -453,19 +435,16 @@ struct ValueTraits<T> {
     static void read(TextReader& reader, T& set) { set = T(reader.rest()); }
     static Datum toDatum(const T& set) {
         Datum::List list;
-        for (const auto& element : elementsOf(set)) {
+        for (const auto& element : elementsOf(set))
             list.push_back(State::toDatum(Element(element)));
-        }
         return Datum(std::move(list));
     }
     static void fromDatum(const Datum& datum, T& set) {
-        if (datum.list() == nullptr) {
+        if (datum.list() == nullptr)
             wrongKind(name(), "an array", datum);
-        }
         T built;
-        for (const Datum& element : *datum.list()) {
+        for (const Datum& element : *datum.list())
             built.insert(State::fromDatum<Element>(element));
-        }
         set = std::move(built);
     }
 };

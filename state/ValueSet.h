@@ -47,9 +47,8 @@ class ValueSet {
     ValueSet(const ValueSet& other) noexcept
         : content_(other.content_)
         , held_(other.held_) {
-        if (held_ == Held::rep) {
+        if (held_ == Held::rep)
             ++content_.rep->holders;
-        }
     }
     ValueSet(ValueSet&& other) noexcept
         : content_(other.content_)
@@ -63,24 +62,21 @@ class ValueSet {
 
     bool empty() const { return held_ == Held::nothing; }
     std::size_t size() const {
-        if (held_ == Held::rep) {
+        if (held_ == Held::rep)
             return content_.rep->large != nullptr ? content_.rep->large->size() : content_.rep->count;
-        }
         return held_ == Held::one ? 1 : 0;
     }
     bool has(const T& element) const {
-        if (held_ == Held::rep && content_.rep->large != nullptr) {
+        if (held_ == Held::rep && content_.rep->large != nullptr)
             return content_.rep->large->find(element) != nullptr;
-        }
         const auto members = shortMembers();
         return std::find(members.begin(), members.end(), element) != members.end();
     }
 
     // Inserts if absent; true if something changed.
     bool insert(const T& element) {
-        if (has(element)) {
+        if (has(element))
             return false;
-        }
         const std::size_t count = size();
         if (count == 0) {
             content_.one = element;
@@ -90,9 +86,8 @@ class ValueSet {
             content_.rep->large->findOrInsert(element, [&] { return element; });
         } else if (count == shortCount) {
             auto table = std::make_unique<Large>(processHashSeed() ^ constant);
-            for (const T& each : elements()) {
+            for (const T& each : elements())
                 table->findOrInsert(each, [&] { return each; });
-            }
             table->findOrInsert(element, [&] { return element; });
             Rep* grown = allocate(0);
             grown->large = table.release();
@@ -112,9 +107,8 @@ class ValueSet {
 
     // Removes if present; true if something changed.
     bool erase(const T& element) {
-        if (!has(element)) {
+        if (!has(element))
             return false;
-        }
         if (size() == 1) {
             clear();
             return true;
@@ -131,9 +125,8 @@ class ValueSet {
     }
 
     void clear() {
-        if (std::exchange(held_, Held::nothing) == Held::rep) {
+        if (std::exchange(held_, Held::nothing) == Held::rep)
             release(content_.rep);
-        }
     }
 
     // Calls visitor(element) -> go on, in order of insertion. The elements stay as they are meanwhile,
@@ -142,18 +135,14 @@ class ValueSet {
     void visit(Visit visitor) const {
         const ValueSet held = *this;
         if (held.held_ == Held::rep && held.content_.rep->large != nullptr) {
-            for (const T& element : std::as_const(*held.content_.rep->large).walk()) {
-                if (!visitor(element)) {
+            for (const T& element : std::as_const(*held.content_.rep->large).walk())
+                if (!visitor(element))
                     return;
-                }
-            }
             return;
         }
-        for (const T& element : held.shortMembers()) {
-            if (!visitor(element)) {
+        for (const T& element : held.shortMembers())
+            if (!visitor(element))
                 return;
-            }
-        }
     }
     // The same for all of them, with visitor(element).
     template <class Visit>
@@ -172,9 +161,8 @@ class ValueSet {
 
     // Same elements, in whatever order.
     bool operator==(const ValueSet& other) const {
-        if (held_ == Held::rep && other.held_ == Held::rep && content_.rep == other.content_.rep) {
+        if (held_ == Held::rep && other.held_ == Held::rep && content_.rep == other.content_.rep)
             return true;
-        }
         bool equal = size() == other.size();
         forEach([&](const T& element) { equal = equal && other.has(element); });
         return equal;
@@ -194,9 +182,8 @@ class ValueSet {
 
     // What this set holds, which all copies share.
     std::size_t memoryBytes() const {
-        if (held_ != Held::rep) {
+        if (held_ != Held::rep)
             return 0;
-        }
         const Rep& rep = *content_.rep;
         return sizeof(Rep) + rep.room * sizeof(T) +
                (rep.large == nullptr ? 0 : sizeof(Large) + rep.large->memoryBytes());
@@ -229,9 +216,8 @@ class ValueSet {
         return rep;
     }
     static void release(Rep* rep) {
-        if (--rep->holders == 0) {
+        if (--rep->holders == 0)
             destroy(rep);
-        }
     }
     // Apart, so that the compiler does not take a count that it cannot follow for a use after the end.
     [[gnu::noinline]] static void destroy(Rep* rep) {
@@ -241,9 +227,8 @@ class ValueSet {
     // Makes this the only holder of the Rep that it has.
     void own() {
         const Rep& shared = *content_.rep;
-        if (shared.holders == 1) {
+        if (shared.holders == 1)
             return;
-        }
         Rep* mine = nullptr;
         if (shared.large != nullptr) {
             auto copy = std::make_unique<Large>(shared.large->clone());

@@ -14,9 +14,8 @@ std::vector<const ValueType*>& registeredTypes() {
 } // namespace
 
 void registerValueType(const ValueType& type) {
-    if (findValueType(type.name) == nullptr) {
+    if (findValueType(type.name) == nullptr)
         registeredTypes().push_back(&type);
-    }
 }
 
 const std::vector<const ValueType*>& valueTypes() {

@@ -29,18 +29,16 @@ template <class T>
 const ValueType& valueType() {
     static const ValueType type = [] {
         ValueType made{ValueTraits<T>::name(), ValueTraits<T>::kind, {}, nullptr, {}};
-        if constexpr (SetValue<T>) {
+        if constexpr (SetValue<T>)
             made.element = &valueType<typename T::Element>();
-        } else if constexpr (Described<T>) {
+        else if constexpr (Described<T>)
             ValueTraits<T>::eachField([&](const auto& field) {
                 using Member = std::remove_cvref_t<decltype(std::declval<T>().*(field.member))>;
                 made.fields.emplace_back(field.name, &valueType<Member>());
             });
-        } else if constexpr (NamedEnum<T>) {
-            for (const auto& [number, text] : EnumNames<T>::enumerators) {
+        else if constexpr (NamedEnum<T>)
+            for (const auto& [number, text] : EnumNames<T>::enumerators)
                 made.enumerators.push_back(text);
-            }
-        }
         return made;
     }();
     registerValueType(type);

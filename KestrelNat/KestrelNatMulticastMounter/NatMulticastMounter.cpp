@@ -85,9 +85,8 @@ void NatMulticastMounter::doMountsComplete(const State::MountStatus&,
 }
 
 State::Handle<NatMrouteRouteMap> NatMulticastMounter::mrouteRouteMapIs() {
-    if (!mrouteRouteMap_) {
+    if (!mrouteRouteMap_)
         mrouteRouteMap_ = State::makeHandle<NatMrouteRouteMap>();
-    }
     return mrouteRouteMap_;
 }
 

@@ -24,11 +24,9 @@ NatVrfDirSm::NatVrfDirSm(State::Handle<State::ShmEntityManager> shmemEm,
         routeStatusReactor_.registeredIs(true);
         vrfEnabledReactor_.registeredIs(true);
         handleInitialized();
-        if (routingHwRouteStatus_) {
-            for (const auto& [vrfName, status] : routingHwRouteStatus_->vrfStatus()) {
+        if (routingHwRouteStatus_)
+            for (const auto& [vrfName, status] : routingHwRouteStatus_->vrfStatus())
                 vrfStatusIs(status);
-            }
-        }
     } catch (...) {
         routeStatusReactor_.registeredIs(false);
         vrfEnabledReactor_.registeredIs(false);
@@ -42,9 +40,8 @@ NatVrfDirSm::~NatVrfDirSm() {
     retire();
     routeStatusReactor_.registeredIs(false);
     vrfEnabledReactor_.registeredIs(false);
-    for (const auto& [vrfName, nested] : vrfStatus_.walk()) {
+    for (const auto& [vrfName, nested] : vrfStatus_.walk())
         nested->ownerDel();
-    }
     vrfStatus_.delAll();
     mrouteRouteMap_.reset();
     routingVrfEnabledStatus_.reset();
@@ -75,46 +72,39 @@ natVrfDirSmFactory(State::Handle<State::ShmEntityManager> shmemEm,
 STATE_FACTORY("KestrelNat::NatVrfDirSm", &natVrfDirSmFactory);
 
 void NatVrfDirSm::hasNotificationActiveIs(bool active) {
-    if (active == notificationActive_) {
+    if (active == notificationActive_)
         return;
-    }
     notificationActive_ = active;
     routeStatusReactor_.registeredIs(active);
     vrfEnabledReactor_.registeredIs(active);
-    for (const auto& [vrfName, nested] : vrfStatus_.walk()) {
+    for (const auto& [vrfName, nested] : vrfStatus_.walk())
         nested->hasNotificationActiveIs(active);
-    }
 }
 
 void NatVrfDirSm::retire() {
     retired_ = true;
-    for (const auto& [vrfName, nested] : vrfStatus_.walk()) {
+    for (const auto& [vrfName, nested] : vrfStatus_.walk())
         nested->retiredIs(true);
-    }
 }
 
 void NatVrfDirSm::routingVrfEnabledStatusDispatch(const State::Notification& change) {
-    if (!retired_) {
+    if (!retired_)
         handleVrf(L3::VrfName(change.keyAs<L3::VrfName>()));
-    }
 }
 
 void NatVrfDirSm::routingHwRouteStatusDispatch(const State::Notification& change) {
     const L3::VrfName vrfName = change.keyAs<L3::VrfName>();
-    if (!retired_) {
+    if (!retired_)
         handleVrf(vrfName);
-    }
-    if (const State::Handle<const VrfStatus> status = routingHwRouteStatus_->vrfStatus(vrfName)) {
+    if (const State::Handle<const VrfStatus> status = routingHwRouteStatus_->vrfStatus(vrfName))
         vrfStatusIs(status);
-    } else {
+    else
         vrfStatusDel(vrfName);
-    }
 }
 
 void NatVrfDirSm::vrfStatusIs(const State::Handle<const VrfStatus>& vrfStatus) {
-    if (!vrfStatus) {
+    if (!vrfStatus)
         throw State::NullArgumentError("NatVrfDirSm", "vrfStatus");
-    }
     State::Handle<NestedSm_VrfStatus> nested = vrfStatus_.get(vrfStatus->vrfName());
     if (nested) {
         nested->notifierIs(vrfStatus);
@@ -134,9 +124,8 @@ void NatVrfDirSm::vrfStatusDel(const L3::VrfName& vrfName) {
 }
 
 void NatVrfDirSm::vrfStatusDelAll() {
-    for (const auto& [vrfName, nested] : vrfStatus_.walk()) {
+    for (const auto& [vrfName, nested] : vrfStatus_.walk())
         vrfStatusDel(vrfName);
-    }
 }
 
 NatVrfDirSm::NestedSm_VrfStatus::NestedSm_VrfStatus(State::Handle<const VrfStatus> vrfStatus,
@@ -146,34 +135,29 @@ NatVrfDirSm::NestedSm_VrfStatus::NestedSm_VrfStatus(State::Handle<const VrfStatu
 }
 
 void NatVrfDirSm::NestedSm_VrfStatus::notifierIs(const State::Handle<const VrfStatus>& vrfStatus) {
-    if (vrfStatus == notifier()) {
+    if (vrfStatus == notifier())
         return;
-    }
     repoint(vrfStatus);
-    if (!retired_) {
+    if (!retired_)
         handleVrfStatusVrfId();
-    }
     attach();
 }
 
 void NatVrfDirSm::NestedSm_VrfStatus::retiredIs(bool retired) {
-    if (retired == retired_) {
+    if (retired == retired_)
         return;
-    }
     hasNotificationActiveIs(!retired);
     retired_ = retired;
 }
 
 void NatVrfDirSm::NestedSm_VrfStatus::onAttribute(const State::Notification& change) {
-    if (change.attribute == VrfStatus::vrfIdAttribute && !retired_) {
+    if (change.attribute == VrfStatus::vrfIdAttribute && !retired_)
         handleVrfStatusVrfId();
-    }
 }
 
 void NatVrfDirSm::NestedSm_VrfStatus::handleVrfStatusVrfId() {
-    if (owner() != nullptr) {
+    if (owner() != nullptr)
         owner()->handleVrf(notifier() ? notifier()->vrfName() : L3::VrfName());
-    }
 }
 
 } // namespace KestrelNat

@@ -53,12 +53,10 @@ State::Handle<Lumen::Multicast::Fib::Status> findLumenFib(const State::ShmEntity
 
 void NatVrfDirSm::handleInitialized() {
     TRACE(6, "NatVrfDirSm::", "handleInitialized");
-    if (!routingVrfEnabledStatus_) {
+    if (!routingVrfEnabledStatus_)
         return;
-    }
-    for (const auto& [vrfName, enabled] : routingVrfEnabledStatus_->vrfEnabled()) {
+    for (const auto& [vrfName, enabled] : routingVrfEnabledStatus_->vrfEnabled())
         handleVrf(vrfName);
-    }
 }
 
 void NatVrfDirSm::handleVrf(const L3::VrfName& vrfName) {
@@ -69,13 +67,11 @@ void NatVrfDirSm::handleVrf(const L3::VrfName& vrfName) {
         removeVrf(vrfName);
         return;
     }
-    if (!routingHwRouteStatus_) {
+    if (!routingHwRouteStatus_)
         return;
-    }
     const auto status = routingHwRouteStatus_->vrfStatus(vrfName);
-    if (!status || !mrouteRouteMap_ || !shmemEm_) {
+    if (!status || !mrouteRouteMap_ || !shmemEm_)
         return;
-    }
     const std::uint32_t vrfId = status->vrfId();
     if (vrfId == 0 && vrfName != "default") {
         TRACE(8, "NatVrfDirSm::", "handleVrf", " will wait for vrfId to be updated for vrfName=", vrfName);
@@ -89,18 +85,16 @@ void NatVrfDirSm::handleVrf(const L3::VrfName& vrfName) {
     if (toggleKestrelNatMfibLumenEnabled()) {
         const auto statusByVrf = mountLumenFibs(*shmemEm_, lumenStaticMode);
         FATAL_ASSERT(!!statusByVrf, "!!statusByVrf && \"statusByVrf not mounted\"");
-        if (const auto fib = findLumenFib(*shmemEm_, *statusByVrf, vrfName, lumenStaticMode)) {
+        if (const auto fib = findLumenFib(*shmemEm_, *statusByVrf, vrfName, lumenStaticMode))
             mrouteRouteMap_->mfibIs({.vrfId = id, .routeName = lumenStaticMode}, fib);
-        } else {
+        else
             TRACE(8, "Lumen mfib not found for static mode, vrfName=", vrfName);
-        }
         const auto statusByVrfSparse = mountLumenFibs(*shmemEm_, SPARSE_MODE);
         FATAL_ASSERT(!!statusByVrfSparse, "!!statusByVrfSparse && \"statusByVrfSparse not mounted\"");
-        if (const auto fib = findLumenFib(*shmemEm_, *statusByVrfSparse, vrfName, SPARSE_MODE)) {
+        if (const auto fib = findLumenFib(*shmemEm_, *statusByVrfSparse, vrfName, SPARSE_MODE))
             mrouteRouteMap_->mfibIs({.vrfId = id, .routeName = SPARSE_MODE}, fib);
-        } else {
+        else
             TRACE(8, "Lumen mfib not found for sparsemode, vrfName=", vrfName);
-        }
     } else {
         const auto mcastRouteStatic = mountQuillTable(*shmemEm_, vrfName, STATIC_MODE);
         FATAL_ASSERT(!!mcastRouteStatic, "!!mcastRouteStatic && \"mcastRouteStatic not mounted\"");
@@ -112,9 +106,8 @@ void NatVrfDirSm::handleVrf(const L3::VrfName& vrfName) {
 }
 
 void NatVrfDirSm::removeVrf(const L3::VrfName& vrfName) {
-    if (!mrouteRouteMap_ || !mrouteRouteMap_->vrfNameToIdHas(vrfName)) {
+    if (!mrouteRouteMap_ || !mrouteRouteMap_->vrfNameToIdHas(vrfName))
         return;
-    }
     TRACE(8, "NatVrfDirSm::", "handleVrf", " removing vrfName=", vrfName);
     const L3::VrfId id = mrouteRouteMap_->vrfNameToIdDel(vrfName);
     if (toggleKestrelNatMfibLumenEnabled()) {

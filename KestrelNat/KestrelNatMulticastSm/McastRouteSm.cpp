@@ -16,45 +16,37 @@ NatMrouteSm::McastRouteSm::McastRouteSm(QuillRoutes table, const NatMcastRouteKe
     : NestedStateMachine(std::move(table), owner)
     , key_(key) {
     attach();
-    if (!notifier()) {
+    if (!notifier())
         return;
-    }
-    if (owner != nullptr) {
+    if (owner != nullptr)
         owner->handleMcastRouteUpdateAll(key_);
-    }
-    if (notifier()) {
+    if (notifier())
         handleMcastOifUpdate();
-    }
 }
 
 void NatMrouteSm::McastRouteSm::notifierIs(const State::Handle<const State::RefCounted>& node) {
     QuillRoutes table = State::handleCast<const Quill::Multicast::Fib::Status>(node);
-    if (table == notifier()) {
+    if (table == notifier())
         return;
-    }
     repoint(std::move(table));
     attach();
 }
 
 void NatMrouteSm::McastRouteSm::retiredIs(bool retired) {
-    if (retired == retired_) {
+    if (retired == retired_)
         return;
-    }
-    if (notifier()) {
+    if (notifier())
         hasNotificationActiveIs(!retired);
-    }
     // Reviving deletes the answers as retiring does. This is meant: whoever revives a watcher answers anew.
-    if (owner() != nullptr) {
+    if (owner() != nullptr)
         owner()->handleDeletion(key_);
-    }
     retired_ = retired;
 }
 
 void NatMrouteSm::McastRouteSm::onAttribute(const State::Notification& change) {
     using Quill::Multicast::Fib::Status;
-    if (retired_ || owner() == nullptr) {
+    if (retired_ || owner() == nullptr)
         return;
-    }
     if (change.attribute == Status::routeAttribute) {
         const State::Handle<NatMrouteSm> mrouteSm(owner());
         mrouteSm->handleMcastRouteUpdate(IpGenRouteKey(change.keyAs<IpGenRouteKey>()), key_);
@@ -65,9 +57,8 @@ void NatMrouteSm::McastRouteSm::onAttribute(const State::Notification& change) {
 
 void NatMrouteSm::McastRouteSm::handleMcastOifUpdate(OifIndex oifIndex) {
     const QuillRoutes table = notifier();
-    if (!table) {
+    if (!table)
         return;
-    }
     try {
         const L3::IntfId intf = table->intf(oifIndex);
         TRACE(8, "handleMcastOifUpdate", " handling update for oif (id=", oifIndex, " intf=", intf,
@@ -80,9 +71,8 @@ void NatMrouteSm::McastRouteSm::handleMcastOifUpdate(OifIndex oifIndex) {
 
 void NatMrouteSm::McastRouteSm::handleMcastOifUpdate() {
     const QuillRoutes table = notifier();
-    if (!table) {
+    if (!table)
         return;
-    }
     TRACE(8, "handleMcastOifUpdate", " handling all known oifs of type ", table->tableName());
     try {
         handleRoutes(table);
@@ -95,9 +85,8 @@ void NatMrouteSm::McastRouteSm::handleMcastOifUpdate() {
 // index, and nothing leads from an index to the rows that use it.
 void NatMrouteSm::McastRouteSm::handleRoutes(const QuillRoutes& table) {
     const State::Handle<NatMrouteSm> mrouteSm(owner());
-    if (!mrouteSm) {
+    if (!mrouteSm)
         return;
-    }
     table->routes([&](const IpGenRouteKey& key) {
         const IpGenRouteKey routeKey = key; // the row may go while it is handled
         mrouteSm->handleMcastRouteUpdate(routeKey, key_);

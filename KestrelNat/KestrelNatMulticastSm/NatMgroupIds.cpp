@@ -55,9 +55,8 @@ void NatMgroupSm::handleMcastGroupIds(const KestrelL3::IpMcastKey& key) {
 
 void NatMgroupSm::handleMcastGroupIds() {
     TRACE(8, "handleMcastGroupIds", " handling all watched mcast groups");
-    if (!l3MgroupConfig_) {
+    if (!l3MgroupConfig_)
         return;
-    }
     try {
         l3MgroupConfig_->mroutes([&](const MrouteItem& item) {
             handleMcastGroupIds(item.key());
@@ -69,9 +68,8 @@ void NatMgroupSm::handleMcastGroupIds() {
 }
 
 std::optional<MgroupItem> NatMgroupSm::statusItem(const KestrelL3::IpMcastKey& key) const {
-    if (!l3MgroupStatus_) {
+    if (!l3MgroupStatus_)
         return std::nullopt;
-    }
     try {
         const MgroupItem* item = l3MgroupStatus_->mgroup(key);
         return item == nullptr ? std::nullopt : std::optional(*item);

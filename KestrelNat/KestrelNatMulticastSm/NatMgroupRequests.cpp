@@ -23,24 +23,20 @@ KestrelL3::IpMcastKey groupKeyOf(const NatMrouteKey& key) {
 void NatMgroupSm::handleMgroupReq(const NatMrouteKey& key) {
     const bool isPresent = mgroupRequestSet_ && mgroupRequestSet_->mgroupReqHas(key);
     TRACE(8, "handleMgroupReq", isPresent ? " adding " : " deleting ", "group ", key);
-    if (isPresent) {
+    if (isPresent)
         addRequest(key);
-    } else {
+    else
         deleteRequest(key);
-    }
 }
 
 void NatMgroupSm::handleMgroupReq() {
     TRACE(8, "handleMgroupReq", " checking all mgroups being watched");
-    if (mgroupRequestSet_) {
+    if (mgroupRequestSet_)
         for (const NatMrouteKey key :
-             mgroupRequestSet_->mgroupReq()) { // a copy: reactors may change the requests
+             mgroupRequestSet_->mgroupReq()) // a copy: reactors may change the requests
             handleMgroupReq(key);
-        }
-    }
-    if (multicastSmStatus_) {
+    if (multicastSmStatus_)
         multicastSmStatus_->mgroupSmReadyIs(true);
-    }
 }
 
 void NatMgroupSm::addRequest(const NatMrouteKey& key) {
@@ -52,13 +48,11 @@ void NatMgroupSm::addRequest(const NatMrouteKey& key) {
                                         return isNew ? State::Edited::changed : State::Edited::unchanged;
                                     });
     const KestrelL3::IpMcastKey groupKey = groupKeyOf(key);
-    if (l3MgroupConfig_) {
+    if (l3MgroupConfig_)
         l3MgroupConfig_->mroutesIs(KestrelCommon::MrouteGroup::MrouteItem(groupKey));
-    }
     const auto item = statusItem(groupKey);
-    if (item && mgroupResponseMap_) {
+    if (item && mgroupResponseMap_)
         mgroupResponseMap_->mgroupIdIs(key, item->groupId);
-    }
 }
 
 void NatMgroupSm::deleteRequest(const NatMrouteKey& key) {
@@ -71,14 +65,12 @@ void NatMgroupSm::deleteRequest(const NatMrouteKey& key) {
                                                : isThere   ? State::Edited::changed
                                                            : State::Edited::unchanged;
                                     });
-    if (mgroupResponseMap_) {
+    if (mgroupResponseMap_)
         mgroupResponseMap_->mgroupIdDel(key);
-    }
     // Meant: the row goes although a request that differs only in its interface may still want it. The next
     // request for the row writes it again.
-    if (l3MgroupConfig_) {
+    if (l3MgroupConfig_)
         l3MgroupConfig_->mroutesDel(groupKeyOf(key));
-    }
 }
 
 } // namespace KestrelNat

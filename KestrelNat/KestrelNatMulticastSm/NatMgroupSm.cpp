@@ -65,24 +65,21 @@ natMgroupSmFactory(State::Handle<const NatMgroupRequestSet> mgroupRequestSet,
 STATE_FACTORY("KestrelNat::NatMgroupSm", &natMgroupSmFactory);
 
 void NatMgroupSm::hasNotificationActiveIs(bool active) {
-    if (active == notificationActive_) {
+    if (active == notificationActive_)
         return;
-    }
     notificationActive_ = active;
     requestReactor_.registeredIs(active);
     statusReactor_.registeredIs(active);
 }
 
 void NatMgroupSm::mgroupRequestSetDispatch(const State::Notification& change) {
-    if (!retired_ && change.attribute == NatMgroupRequestSet::mgroupReqAttribute) {
+    if (!retired_ && change.attribute == NatMgroupRequestSet::mgroupReqAttribute)
         handleMgroupReq(NatMrouteKey(change.keyAs<NatMrouteKey>()));
-    }
 }
 
 void NatMgroupSm::l3MgroupStatusDispatch(const State::Notification& change) {
-    if (!retired_ && change.attribute == MgroupColl::mgroupsAttribute) {
+    if (!retired_ && change.attribute == MgroupColl::mgroupsAttribute)
         handleMcastGroupIds(KestrelL3::IpMcastKey(change.keyAs<KestrelL3::IpMcastKey>()));
-    }
 }
 
 } // namespace KestrelNat

@@ -36,9 +36,8 @@ struct RouteMatch {
         const L3::IpAddr itsSource = candidate.source.ipv4();
         const L3::IpAddr itsGroup = candidate.group.ipv4();
         const bool starG = itsSource.isZero() && itsGroup == group;
-        if (starG || candidate == routeKey) {
+        if (starG || candidate == routeKey)
             return true;
-        }
         return group.isZero() ? itsSource == source : source.isZero() && itsGroup == group;
     }
 };
@@ -47,9 +46,8 @@ struct RouteMatch {
 template <class Routes, class Collect>
 void eachMatch(const RouteMatch& match, const Routes& routes, Collect collect) {
     routes.candidates(match.source, match.group, [&](const IpGenRouteKey& routeKey, const auto& row) {
-        if (!match.matches(routeKey)) {
+        if (!match.matches(routeKey))
             return true;
-        }
         collect(routeKey, row);
         return !match.isFirstOnly();
     });
@@ -62,9 +60,8 @@ void eachMatch(const RouteMatch& match, const Routes& routes, Collect collect) {
 L3::IntfSet egressOf(const Lumen::Multicast::Fib::Route& route) {
     TRACE(8, "Iterating oifs for routeKey=", route.key());
     L3::IntfSet intfs = route.intf();
-    for (const L3::IntfId intf : route.intf()) {
+    for (const L3::IntfId intf : route.intf())
         TRACE(9, "oif intf: ", intf);
-    }
     intfs.erase(L3::IntfId());
     return intfs;
 }
@@ -98,14 +95,12 @@ void addEgressOf(const Quill::Multicast::Fib::Status& table, const IpGenRouteKey
     TRACE(8, "Iterating oifs for routeKey=", routeKey);
     for (const std::uint16_t number : readRoute(table, routeKey).oifs) {
         const Quill::Multicast::Fib::OifIndex oifIndex(number);
-        if (oifIndex.isNull()) {
+        if (oifIndex.isNull())
             return;
-        }
         const L3::IntfId intf = readIntf(table, oifIndex);
         TRACE(9, "oifIndex: ", oifIndex, ", oifIndexIntf: ", intf);
-        if (!intf.isEmpty()) {
+        if (!intf.isEmpty())
             egress.add(intf);
-        }
     }
 }
 
@@ -117,9 +112,8 @@ NatMrouteOifSet NatMrouteSm::getEgressIntfsForMrouteKey(const NatMrouteKey& reqK
     TRACE(8, "getEgressIntfsForMrouteKey", " reqKey=", reqKey);
     FATAL_ASSERT(!lumenMfib != !quillRoutes,
                  "( !!lumenMfib ^ !!quillRoutes ) && \"Only one mfib must be True\"");
-    if (capabilityConfig_ && capabilityConfig_->egressFromAllVrfs()) {
+    if (capabilityConfig_ && capabilityConfig_->egressFromAllVrfs())
         return getEgressIntfsFromAllVrfs(reqKey);
-    }
     NatMrouteOifSet egressIntfs;
     getEgressIntfsFromCurrentVrf(reqKey, quillRoutes, lumenMfib, egressIntfs);
     return egressIntfs;
@@ -127,9 +121,8 @@ NatMrouteOifSet NatMrouteSm::getEgressIntfsForMrouteKey(const NatMrouteKey& reqK
 
 NatMrouteOifSet NatMrouteSm::getEgressIntfsFromAllVrfs(const NatMrouteKey& reqKey) const {
     NatMrouteOifSet egressIntfs;
-    if (!mrouteRouteMap_) {
+    if (!mrouteRouteMap_)
         return egressIntfs;
-    }
     for (const auto& member : mrouteRouteMap_->vrfNameToId()) {
         for (const std::string& routeType : routeTypes()) {
             const RouteTable table = routeTable({.vrfId = member.value, .routeName = routeType});

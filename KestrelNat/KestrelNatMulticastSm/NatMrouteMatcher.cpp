@@ -31,9 +31,8 @@ void NatMrouteMatcher::remove(const MrouteSourceAndGroup& sg, const NatMrouteKey
     edit(sg, [&](MrouteKeySet& keys) {
         const std::size_t before = keys.mrouteKey().size();
         keys.mrouteKeyDel(key);
-        if (!keys) {
+        if (!keys)
             return State::Edited::remove;
-        }
         return keys.mrouteKey().size() == before ? State::Edited::unchanged : State::Edited::changed;
     });
 }
@@ -43,13 +42,12 @@ void NatMrouteMatcher::remove(const MrouteSourceAndGroup& sg, const NatMrouteKey
 // same precedence.
 template <class Change>
 void NatMrouteMatcher::edit(const MrouteSourceAndGroup& sg, Change change) {
-    if (sg.sourceIp.isZero()) {
+    if (sg.sourceIp.isZero())
         groupsWithAnySource_.edit(sg.groupIp, change);
-    } else if (sg.groupIp.isZero()) {
+    else if (sg.groupIp.isZero())
         sourcesWithAnyGroup_.edit(sg.sourceIp, change);
-    } else {
+    else
         sourceGroups_.edit(sg, change);
-    }
 }
 
 bool NatMrouteMatcher::matches(const MrouteSourceAndGroup& sg) const {

@@ -23,9 +23,8 @@ void NatMrouteSm::handleMrouteReq(const NatMrouteKey& req) {
         forgetRequester(req);
     }
 
-    for (const std::string& routeType : routeTypes()) {
+    for (const std::string& routeType : routeTypes())
         updateMrouteResponseMap(req, routeType, added);
-    }
 }
 
 void NatMrouteSm::recordRequester(const NatMrouteKey& req) {
@@ -42,9 +41,8 @@ void NatMrouteSm::forgetRequester(const NatMrouteKey& req) {
         VrfIdMrouteSourceAndGroup::of(req), [&](MrouteIntfAndVlanSet& requesters) {
             const std::size_t before = requesters.iv().size();
             requesters.ivDel(MrouteIntfAndVlan::of(req));
-            if (!requesters) {
+            if (!requesters)
                 return State::Edited::remove;
-            }
             return requesters.iv().size() == before ? State::Edited::unchanged : State::Edited::changed;
         });
 }
@@ -55,14 +53,11 @@ void NatMrouteSm::handleMrouteReq() {
         return;
     }
     TRACE(8, "handleMrouteReq", " checking all mroutes being watched");
-    if (mrouteRequestSet_) {
-        for (const NatMrouteKey& req : mrouteRequestSet_->mrouteReq()) {
+    if (mrouteRequestSet_)
+        for (const NatMrouteKey& req : mrouteRequestSet_->mrouteReq())
             handleMrouteReq(NatMrouteKey(req)); // a copy: a subscriber may withdraw it
-        }
-    }
-    if (multicastSmStatus_) {
+    if (multicastSmStatus_)
         multicastSmStatus_->mrouteSmReadyIs(true);
-    }
 }
 
 } // namespace KestrelNat

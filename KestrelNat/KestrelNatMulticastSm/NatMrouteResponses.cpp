@@ -50,12 +50,10 @@ NatMrouteSm::ResponsePlace NatMrouteSm::responsePlace(const NatMrouteKey& key,
     const ResponsePlace place{.key = NatMrouteResponseMap::hashed(key),
                               .own = isKnown ? typeMap(isStatic) : mrouteResponseMapByRoute_.find(routeType),
                               .isStatic = isStatic};
-    if (place.own != nullptr) {
+    if (place.own != nullptr)
         (*place.own)->mrouteRespCollection().prefetch(place.key);
-    }
-    if (mrouteResponseMap_) {
+    if (mrouteResponseMap_)
         mrouteResponseMap_->mrouteRespCollection().prefetch(place.key);
-    }
     return place;
 }
 
@@ -66,23 +64,20 @@ void NatMrouteSm::writeResponse(const NatMrouteOifSet& egressIntfs, const Respon
 
     // A route update brings its table's own name, and a table need not be named by its route type: then there
     // is no own map, its write is left out, and the other type is the static one.
-    if (own == nullptr) {
+    if (own == nullptr)
         TRACE(0, "updateResponseMap", " no response map for routeType=", routeType);
-    } else if (egressIntfs) {
+    else if (egressIntfs)
         (*own)->mrouteRespCollection().is(key, egressIntfs);
-    } else {
+    else
         (*own)->mrouteRespCollection().drop(key);
-    }
 
     const TypeMap other = typeMap(!isStatic);
-    if (other == nullptr && !egressIntfs) {
+    if (other == nullptr && !egressIntfs)
         return;
-    }
     NatMrouteOifSet answer;
     if (other != nullptr && (*other)->mrouteRespCollection().size() != 0) {
-        if (const NatMrouteOifSet* theirs = (*other)->mrouteRespCollection().find(key)) {
+        if (const NatMrouteOifSet* theirs = (*other)->mrouteRespCollection().find(key))
             answer = *theirs;
-        }
     }
     answer.oifIs(egressIntfs);
     publishResponse(key, std::move(answer), removeEmpty);
@@ -90,14 +85,12 @@ void NatMrouteSm::writeResponse(const NatMrouteOifSet& egressIntfs, const Respon
 
 void NatMrouteSm::publishResponse(const State::HashedKey<NatMrouteKey>& key, NatMrouteOifSet answer,
                                   bool removeEmpty) {
-    if (!mrouteResponseMap_) {
+    if (!mrouteResponseMap_)
         return;
-    }
-    if (!answer && removeEmpty) {
+    if (!answer && removeEmpty)
         mrouteResponseMap_->mrouteRespCollection().drop(key);
-    } else {
+    else
         mrouteResponseMap_->mrouteRespCollection().is(key, std::move(answer));
-    }
 }
 
 // All answers of the VRF go, from the published map and from both private ones, though one of its tables
@@ -114,9 +107,8 @@ void NatMrouteSm::handleDeletion(const NatMcastRouteKey& routeKey) {
 }
 
 void deleteMrouteResponsesWithVrfId(const State::Handle<NatMrouteResponseMap>& map, L3::VrfId vrfId) {
-    if (!map) {
+    if (!map)
         return;
-    }
     for (const auto& member : map->mrouteResp()) {
         if (member.key.vrfId == vrfId) {
             TRACE(8, "deleteMrouteResponsesWithVrfId", " removing resp=", member.value);

@@ -63,15 +63,13 @@ State::Handle<NatMrouteSm> natMrouteSmFactory(State::Handle<const NatMrouteReque
 STATE_FACTORY("KestrelNat::NatMrouteSm", &natMrouteSmFactory);
 
 void NatMrouteSm::handleInitialized() {
-    for (const std::string& routeType : routeTypes()) {
+    for (const std::string& routeType : routeTypes())
         mrouteResponseMapByRouteIs(routeType, State::makeHandle<NatMrouteResponseMap>(routeType));
-    }
 }
 
 void NatMrouteSm::watchPresentTables() {
-    if (!mrouteRouteMap_) {
+    if (!mrouteRouteMap_)
         return;
-    }
     for (const auto& member : mrouteRouteMap_->mrouteRoute()) {
         const auto [key, table] = member; // the pass may change the route map
         mcastRouteIs(key, table);
@@ -88,65 +86,54 @@ NatMrouteSm::~NatMrouteSm() {
     retire();
     requestReactor_.registeredIs(false);
     routeMapReactor_.registeredIs(false);
-    for (const auto& member : mcastRoute_.walk()) {
+    for (const auto& member : mcastRoute_.walk())
         member.value->ownerDel();
-    }
-    for (const auto& member : mfibApp_.walk()) {
+    for (const auto& member : mfibApp_.walk())
         member.value->ownerDel();
-    }
 }
 
 void NatMrouteSm::retire() {
     retired_ = true;
-    for (const auto& member : mcastRoute_.walk()) {
+    for (const auto& member : mcastRoute_.walk())
         member.value->retiredIs(true);
-    }
-    for (const auto& member : mfibApp_.walk()) {
+    for (const auto& member : mfibApp_.walk())
         member.value->retiredIs(true);
-    }
 }
 
 // ---- reactors
 
 void NatMrouteSm::hasNotificationActiveIs(bool active) {
-    if (active == notificationActive_) {
+    if (active == notificationActive_)
         return;
-    }
     notificationActive_ = active;
     requestReactor_.registeredIs(active);
     routeMapReactor_.registeredIs(active);
-    for (const auto& member : mcastRoute_.walk()) {
+    for (const auto& member : mcastRoute_.walk())
         member.value->hasNotificationActiveIs(active);
-    }
-    for (const auto& member : mfibApp_.walk()) {
+    for (const auto& member : mfibApp_.walk())
         member.value->hasNotificationActiveIs(active);
-    }
 }
 
 void NatMrouteSm::mrouteRequestSetDispatch(const State::Notification& change) {
-    if (!retired_ && change.attribute == NatMrouteRequestSet::mrouteReqAttribute) {
+    if (!retired_ && change.attribute == NatMrouteRequestSet::mrouteReqAttribute)
         handleMrouteReq(NatMrouteKey(change.keyAs<NatMrouteKey>()));
-    }
 }
 
 void NatMrouteSm::mrouteRouteMapDispatch(const State::Notification& change) {
-    if (retired_) {
+    if (retired_)
         return;
-    }
     if (change.attribute == NatMrouteRouteMap::mrouteRouteAttribute) {
         const auto key = change.keyAs<NatMcastRouteKey>();
-        if (const QuillRoutes table = mrouteRouteMap_->mrouteRoute(key)) {
+        if (const QuillRoutes table = mrouteRouteMap_->mrouteRoute(key))
             mcastRouteIs(key, table);
-        } else {
+        else
             mcastRouteDel(key);
-        }
     } else if (change.attribute == NatMrouteRouteMap::mfibAttribute) {
         const auto key = change.keyAs<NatMcastRouteKey>();
-        if (const LumenMfib mfib = mrouteRouteMap_->mfib(key)) {
+        if (const LumenMfib mfib = mrouteRouteMap_->mfib(key))
             mfibAppIs(key, mfib);
-        } else {
+        else
             mfibAppDel(key);
-        }
     }
 }
 
@@ -157,23 +144,19 @@ template <class Watcher, class Table>
 void NatMrouteSm::watcherIs(State::MapAttribute<NatMcastRouteKey, State::Handle<Watcher>>& watchers,
                             const NatMcastRouteKey& key, const State::Handle<const Table>& table) {
     if (const State::Handle<Watcher> watcher = watchers.get(key)) {
-        if (watcher->notifier() == table) {
+        if (watcher->notifier() == table)
             return;
-        }
-        if (table) {
+        if (table)
             watcher->notifierIs(table);
-        } else {
+        else
             watchers.del(key); // without retiring the watcher, so that the answers stay: this is meant
-        }
         watcher->retiredIs(retired_);
-        if (!table) {
+        if (!table)
             watcher->ownerDel();
-        }
         return;
     }
-    if (!table) {
+    if (!table)
         return;
-    }
     const auto watcher = State::makeHandle<Watcher>(table, key, this);
     watcher->hasNotificationActiveIs(true);
     watchers.is(key, watcher);
@@ -185,9 +168,8 @@ template <class Watcher>
 auto NatMrouteSm::watcherDel(State::MapAttribute<NatMcastRouteKey, State::Handle<Watcher>>& watchers,
                              const NatMcastRouteKey& key) {
     const State::Handle<Watcher> watcher = watchers.del(key);
-    if (!watcher) {
+    if (!watcher)
         return std::remove_cvref_t<decltype(watcher->notifier())>();
-    }
     watcher->retiredIs(true);
     watcher->hasNotificationActiveIs(false);
     watcher->ownerDel();
@@ -207,9 +189,8 @@ NatMrouteSm::QuillRoutes NatMrouteSm::mcastRouteDel(const NatMcastRouteKey& key)
 }
 
 void NatMrouteSm::mcastRouteDelAll() {
-    for (const auto& member : mcastRoute_.walk()) {
+    for (const auto& member : mcastRoute_.walk())
         mcastRouteDel(NatMcastRouteKey(member.key));
-    }
 }
 
 State::Handle<NatMrouteSm::McastMfibSm> NatMrouteSm::mfibApp(const NatMcastRouteKey& key) const {
@@ -225,9 +206,8 @@ NatMrouteSm::LumenMfib NatMrouteSm::mfibAppDel(const NatMcastRouteKey& key) {
 }
 
 void NatMrouteSm::mfibAppDelAll() {
-    for (const auto& member : mfibApp_.walk()) {
+    for (const auto& member : mfibApp_.walk())
         mfibAppDel(NatMcastRouteKey(member.key));
-    }
 }
 
 } // namespace KestrelNat

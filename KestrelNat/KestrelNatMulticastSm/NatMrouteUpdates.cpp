@@ -16,12 +16,10 @@ namespace KestrelNat {
 NatMrouteSm::RouteTable NatMrouteSm::routeTable(const NatMcastRouteKey& key) const {
     RouteTable table;
     if (mrouteRouteMap_) {
-        if (const auto* quillRoutes = mrouteRouteMap_->mrouteRouteCollection().find(key)) {
+        if (const auto* quillRoutes = mrouteRouteMap_->mrouteRouteCollection().find(key))
             table.quillRoutes = *quillRoutes;
-        }
-        if (const auto* lumenMfib = mrouteRouteMap_->mfibCollection().find(key)) {
+        if (const auto* lumenMfib = mrouteRouteMap_->mfibCollection().find(key))
             table.lumenMfib = *lumenMfib;
-        }
     }
     return table;
 }
@@ -78,13 +76,11 @@ NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSour
                                                NatMrouteMatcher::Waiting waiting) const {
     Flows flows;
     const auto appendIf = [&](bool waits, const MrouteSourceAndGroup& flow) {
-        if (!waits) {
+        if (!waits)
             return;
-        }
         const VrfIdMrouteSourceAndGroup vsg{.vrfId = vrfId, .sg = flow};
-        if (const auto* requesters = vrfIdSourceAndGroupToIntf_.find(vsg)) {
+        if (const auto* requesters = vrfIdSourceAndGroupToIntf_.find(vsg))
             flows.append({.vsg = vsg, .requesters = requesters});
-        }
     };
     if (sg.sourceIp.isZero()) {
         const VrfIdMrouteSourceAndGroup vsg{.vrfId = vrfId, .sg = sg};
@@ -150,13 +146,11 @@ State::Handle<NatMrouteMatcher> NatMrouteSm::watchedMroutesWrap(L3::VrfId vrfId)
 void NatMrouteSm::removeWatchedMroute(L3::VrfId vrfId, const MrouteSourceAndGroup& sg,
                                       const NatMrouteKey& key) {
     const State::Handle<NatMrouteMatcher> matcher = watchedMroutes(vrfId);
-    if (!matcher) {
+    if (!matcher)
         return;
-    }
     matcher->remove(sg, key);
-    if (matcher->empty()) {
+    if (matcher->empty())
         watchedMroutesDel(vrfId);
-    }
 }
 
 } // namespace KestrelNat

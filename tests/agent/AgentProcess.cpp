@@ -28,9 +28,8 @@ std::string textOf(const std::string& file) {
 /// Starts the agent with its standard streams on these descriptors.
 pid_t start(const std::vector<std::string>& options, int in, int out, int err) {
     std::vector<char*> arguments{const_cast<char*>(program)};
-    for (const std::string& option : options) {
+    for (const std::string& option : options)
         arguments.push_back(const_cast<char*>(option.c_str()));
-    }
     arguments.push_back(nullptr);
     const pid_t process = ::fork();
     if (process == 0) {
@@ -57,9 +56,8 @@ std::string readUntil(int fd, const std::string& end, std::chrono::milliseconds 
            ::poll(&wait, 1, static_cast<int>(patience.count())) > 0) {
         std::array<char, 65536> block{};
         const ssize_t count = ::read(fd, block.data(), block.size());
-        if (count <= 0) {
+        if (count <= 0)
             break;
-        }
         text.append(block.data(), static_cast<std::size_t>(count));
     }
     return text;
@@ -114,9 +112,8 @@ AgentProcess::AgentProcess(const TemporaryFolder& folder, const std::vector<std:
     : socket_(folder.file("agent.sock"))
     , errors_(folder.file("agent.err")) {
     std::array<int, 2> out{};
-    if (::pipe2(out.data(), O_CLOEXEC) != 0) {
+    if (::pipe2(out.data(), O_CLOEXEC) != 0)
         throw std::runtime_error("pipe2");
-    }
     const Agent::Fd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     const Agent::Fd err(::open(errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     const Agent::Fd ownEnd(out[0]);

@@ -31,11 +31,9 @@ const char* const state = "vrf red id 3 multicast on\n"
 
 Json answersOf(RpcClient& client) {
     Json answers = client.result("watch").at("snapshot");
-    for (Json& answer : answers) {
-        if (answer.at("value").is_array()) {
+    for (Json& answer : answers)
+        if (answer.at("value").is_array())
             std::sort(answer.at("value").begin(), answer.at("value").end());
-        }
-    }
     std::sort(answers.begin(), answers.end());
     return answers;
 }
@@ -70,9 +68,8 @@ TEST(ApplicationTest, WrongOptionsAreNamed) {
     EXPECT_EQ(help.status, 0);
     for (const char* option :
          {"--socket", "--stdio", "--preload", "--play", "--exit", "--kernel", "--software-chip", "--toggle",
-          "--toggle-dir", "--trace", "--plugin", "--check"}) {
+          "--toggle-dir", "--trace", "--plugin", "--check"})
         EXPECT_NE(help.out.find(option), std::string::npos) << option;
-    }
 }
 
 TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
@@ -100,9 +97,8 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
         for (const bool checkOnly : {false, true}) {
             std::vector<std::string> options = wrong.options;
             options.insert(options.end(), {"--socket", folder.file("s")});
-            if (checkOnly) {
+            if (checkOnly)
                 options.emplace_back("--check");
-            }
             const Finished finished = runAgent(options);
             EXPECT_EQ(finished.status, 1) << wrong.text;
             EXPECT_NE(finished.err.find(wrong.text), std::string::npos) << finished.err;
@@ -119,9 +115,8 @@ TEST(ApplicationTest, CheckSaysWhatWouldHappenAndLeaves) {
                                         "--toggle-dir", folder.file(""), "--software-chip"});
     EXPECT_EQ(finished.status, 0) << finished.err;
     for (const std::string& text :
-         {folder.file("s"), preload, std::string("Quill"), std::string("off, from the toggle file")}) {
+         {folder.file("s"), preload, std::string("Quill"), std::string("off, from the toggle file")})
         EXPECT_NE(finished.out.find(text), std::string::npos) << finished.out;
-    }
     EXPECT_FALSE(std::filesystem::exists(folder.file("s")));
     EXPECT_EQ(finished.out.find("ready"), std::string::npos);
 }
@@ -186,9 +181,8 @@ TEST(ApplicationTest, KilledAndStartedOverItsStateItAnswersAsIfItHadStartedAfres
         for (std::istringstream lines(state); !lines.eof();) {
             std::string line;
             std::getline(lines, line);
-            if (!line.empty()) {
+            if (!line.empty())
                 client.result("command", {{"line", line}});
-            }
         }
         const Json expected = answersOf(client);
         EXPECT_EQ(expected.size(), 3U);

@@ -65,9 +65,8 @@ TEST_F(ControlServiceTest, GetReadsByKeyByAttributeAndAll) {
         {{{"path", "routing/multicast/routestatus/blue/static"}},
          {{"route", Json::array()}, {"oifIndexIntf", Json::array()}}},
     };
-    for (const auto& [params, result] : cases) {
+    for (const auto& [params, result] : cases)
         EXPECT_EQ(client.result("get", params), result) << params;
-    }
     Json lines{requestChange(requestKey(1)), requestChange(requestKey(2)), requestChange(requestKey(3))};
     client.result("apply", {{"changes", lines}});
     const Json page{
@@ -207,17 +206,15 @@ TEST_F(ControlServiceTest, TheSchemaTellsWhatRequestsAreHeldAgainst) {
     for (const Json& method : schema.at("methods")) {
         for (const Json& parameter : method.at("parameters")) {
             const Json error = client.error(method.at("name"), {{parameter.at("name"), Json(nullptr)}});
-            if (parameter.at("type") != "any") {
+            if (parameter.at("type") != "any")
                 EXPECT_EQ(error.at("data").at("field"), parameter.at("name")) << error;
-            }
         }
     }
     // Every type that is named is described.
     std::set<std::string> types;
-    for (const char* list : {"entityTypes", "valueTypes"}) {
+    for (const char* list : {"entityTypes", "valueTypes"})
         for (const Json& type : schema.at(list))
             EXPECT_TRUE(types.insert(type.at("name")).second) << type;
-    }
     for (const Json& path : schema.at("paths"))
         EXPECT_TRUE(types.contains(path.at("type"))) << path;
     for (const Json& type : schema.at("entityTypes")) {

@@ -17,9 +17,8 @@ const char* const capability = "hardware/kestrel/nat/capability/config";
 
 Json member(const std::string& path, const std::string& attribute, const Json& key, const Json& value = {}) {
     Json change{{"op", "set"}, {"path", path}, {"attribute", attribute}, {"key", key}};
-    if (!value.is_null()) {
+    if (!value.is_null())
         change["value"] = value;
-    }
     return change;
 }
 
@@ -64,9 +63,8 @@ std::string tablePath(bool isLumen, const std::string& name, bool isStatic = tru
 }
 
 void addTables(std::vector<Json>& changes, bool isLumen, const std::string& name) {
-    for (const bool isStatic : {true, false}) {
+    for (const bool isStatic : {true, false})
         changes.push_back({{"op", "set"}, {"path", tablePath(isLumen, name, isStatic)}});
-    }
 }
 
 /// A VRF with tables and multicast.
@@ -99,9 +97,8 @@ class GuardsTest : public testing::TestWithParam<bool> {
     }
 
     void check(const Case& given) const {
-        if (isLumen() ? !given.isForLumen : !given.isForQuill) {
+        if (isLumen() ? !given.isForLumen : !given.isForQuill)
             return;
-        }
         SCOPED_TRACE(given.change.dump());
         const TemporaryFolder folder;
         AgentProcess agent(folder, options());

@@ -24,9 +24,8 @@ class InProcessAgent {
 
     Json get(const std::string& path, const std::string& attribute) const {
         Json all = Json::array();
-        for (const auto& [key, value] : operations.members(path, attribute).members) {
+        for (const auto& [key, value] : operations.members(path, attribute).members)
             all.push_back({Agent::toJson(key), Agent::toJson(value)});
-        }
         return all;
     }
 
@@ -37,12 +36,10 @@ class InProcessAgent {
 inline Agent::Change setOf(const std::string& path, const std::string& attribute, const Json& key,
                            const Json& value = {}) {
     Agent::Change change{.path = path, .attribute = attribute};
-    if (!key.is_null()) {
+    if (!key.is_null())
         change.key = Agent::toDatum(key);
-    }
-    if (!value.is_null()) {
+    if (!value.is_null())
         change.value = Agent::toDatum(value);
-    }
     return change;
 }
 

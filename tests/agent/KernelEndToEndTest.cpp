@@ -12,9 +12,8 @@ std::string outputOf(const std::string& command) {
     std::string output;
     FILE* pipe = popen((command + " 2>&1; echo status=$?").c_str(), "r");
     char buffer[4096];
-    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
+    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr)
         output += buffer;
-    }
     pclose(pipe);
     return output;
 }
@@ -23,9 +22,8 @@ class KernelEndToEnd : public testing::TestWithParam<const char*> {};
 
 TEST_P(KernelEndToEnd, AnswersFollowTheKernel) {
     if (std::getenv("KESTREL_REQUIRE_NETNS") == nullptr &&
-        outputOf("unshare -rn true").find("status=0") == std::string::npos) {
+        outputOf("unshare -rn true").find("status=0") == std::string::npos)
         GTEST_SKIP() << "network namespaces cannot be made here";
-    }
     const std::string output =
         outputOf(std::string("unshare -rn sh ") + KESTREL_SOURCE_DIR + "/tests/agent/kernel-end-to-end.sh " +
                  KESTREL_BIN_DIR + " " + GetParam());

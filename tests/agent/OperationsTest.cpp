@@ -107,9 +107,8 @@ TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
                                 {.path = std::string(userFibs) + "/red"},
                                 {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
                                 setOf(enabled, "vrfEnabled", "red", true)};
-    for (unsigned i = 0; i < 16000; ++i) {
+    for (unsigned i = 0; i < 16000; ++i)
         changes.push_back(setOf("api/mroute/req", "mrouteReq", requestKey(i)));
-    }
     const auto begin = std::chrono::steady_clock::now();
     const auto result = agent.operations.apply(changes);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
@@ -185,9 +184,8 @@ Json picture(const InProcessAgent& agent) {
                 agent.get("api/mroute/req", "mrouteReq"), agent.get("api/mroute/resp", "mrouteResp")};
     for (const char* type : {"user", "sparsemode"}) {
         const std::string fibs = std::string("lumen/multicast/fib/ipv4/") + type;
-        for (const auto& fib : agent.get(fibs, "status")) {
+        for (const auto& fib : agent.get(fibs, "status"))
             all.push_back(agent.get(fibs + "/" + fib[0].get<std::string>(), "route"));
-        }
     }
     return all;
 }
@@ -218,9 +216,8 @@ TEST(OperationsTest, AListIsJudgedAsItsChangesOneByOneWouldBe) {
     std::size_t refusals = 0;
     for (int round = 0; round < 1500; ++round) {
         std::vector<Change> changes(1 + draw.below(8));
-        for (Change& change : changes) {
+        for (Change& change : changes)
             change = draw.change();
-        }
         const std::size_t fit = carryOutSingly(single, changes);
         if (fit < changes.size()) {
             ++refusals;

@@ -16,23 +16,18 @@ using nlohmann::json;
 
 // Whether `actual` has all that `wanted` says; "..." stands for anything.
 bool holds(const json& wanted, const json& actual) {
-    if (wanted == "...") {
+    if (wanted == "...")
         return true;
-    }
     if (wanted.is_object() && actual.is_object()) {
-        for (const auto& [name, value] : wanted.items()) {
-            if (!actual.contains(name) || !holds(value, actual[name])) {
+        for (const auto& [name, value] : wanted.items())
+            if (!actual.contains(name) || !holds(value, actual[name]))
                 return false;
-            }
-        }
         return true;
     }
     if (wanted.is_array() && actual.is_array() && wanted.size() == actual.size()) {
-        for (std::size_t i = 0; i < wanted.size(); ++i) {
-            if (!holds(wanted[i], actual[i])) {
+        for (std::size_t i = 0; i < wanted.size(); ++i)
+            if (!holds(wanted[i], actual[i]))
                 return false;
-            }
-        }
         return true;
     }
     return wanted == actual;
@@ -44,22 +39,19 @@ struct Transcript {
     std::vector<json> notifications;
 
     void take(const json& message) {
-        if (!message.contains("id")) {
+        if (!message.contains("id"))
             notifications.push_back(message);
-        } else {
+        else
             (message.contains("method") ? requests : answers)[message["id"].get<int>()] = message;
-        }
     }
 };
 
 Transcript documented() {
     Transcript transcript;
     std::ifstream file(std::string(KESTREL_SOURCE_DIR) + "/docs/control-protocol.md");
-    for (std::string line; std::getline(file, line);) {
-        if (line.starts_with("-> ") || line.starts_with("<- ")) {
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with("-> ") || line.starts_with("<- "))
             transcript.take(json::parse(line.substr(3)));
-        }
-    }
     return transcript;
 }
 
@@ -84,9 +76,8 @@ TEST(ControlProtocolDocument, ItsExamplesAreWhatTheAgentAnswers) {
             << request << "\ndocumented " << wanted.answers.at(id) << "\nanswered   " << actual.answers[id];
     }
     ASSERT_EQ(actual.notifications.size(), wanted.notifications.size());
-    for (std::size_t i = 0; i < wanted.notifications.size(); ++i) {
+    for (std::size_t i = 0; i < wanted.notifications.size(); ++i)
         EXPECT_TRUE(holds(wanted.notifications[i], actual.notifications[i])) << actual.notifications[i];
-    }
 }
 
 } // namespace

@@ -26,20 +26,17 @@ std::vector<Play> plays() {
                           {fs::path(KESTREL_SOURCE_DIR) / "examples/tour.scn", false}};
     for (const auto& entry : fs::directory_iterator(fs::path(KESTREL_SOURCE_DIR) / "tests/scenarios")) {
         const std::string only = entry.path().stem().extension().string();
-        for (const bool isLumen : {true, false}) {
-            if (entry.path().extension() == ".scn" && only != (isLumen ? ".quill" : ".lumen")) {
+        for (const bool isLumen : {true, false})
+            if (entry.path().extension() == ".scn" && only != (isLumen ? ".quill" : ".lumen"))
                 all.push_back({entry.path(), isLumen});
-            }
-        }
     }
     return all;
 }
 
 std::string nameOf(const testing::TestParamInfo<Play>& info) {
     std::string name = info.param.file.stem().string() + (info.param.isLumen ? "_on_Lumen" : "_on_Quill");
-    for (char& c : name) {
+    for (char& c : name)
         c = c == '-' || c == '.' ? '_' : c;
-    }
     return name;
 }
 
@@ -71,9 +68,8 @@ TEST(ScenarioPlay, GoesOnAfterAnExpectationThatFailsAndNamesEachFaultyLine) {
     const AgentTest::Finished play = played(file, true);
     EXPECT_NE(play.status, 0);
     for (const char* text :
-         {".scn:3: mroute answer: expected E1 E2, but it is none", ".scn:4: ", ".scn:5: ", "frobnicate"}) {
+         {".scn:3: mroute answer: expected E1 E2, but it is none", ".scn:4: ", ".scn:5: ", "frobnicate"})
         EXPECT_NE(play.err.find(text), std::string::npos) << play.err;
-    }
 }
 
 } // namespace

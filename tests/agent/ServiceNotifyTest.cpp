@@ -47,9 +47,8 @@ TEST(ServiceNotify, ReachesTheManagerThatAskedAndNobodyElse) {
         EXPECT_EQ(::recv(manager.get(), received.data(), received.size(), MSG_DONTWAIT), 7);
         EXPECT_STREQ(received.data(), "READY=1");
     }
-    for (const char* name : {"", "relative", "/absent/manager"}) {
+    for (const char* name : {"", "relative", "/absent/manager"})
         EXPECT_FALSE(notifies(name)) << name;
-    }
     EXPECT_FALSE(notifies("/" + std::string(sizeof(sockaddr_un), 'x')));
     EXPECT_FALSE(Agent::notifyService("READY=1"));
 }

@@ -37,9 +37,8 @@ class SoftwareChipTest : public testing::Test {
     }
     std::size_t turn() {
         const std::deque<std::function<void()>> due = std::exchange(deferred, {});
-        for (const auto& task : due) {
+        for (const auto& task : due)
             task();
-        }
         return due.size();
     }
 
@@ -53,15 +52,13 @@ class SoftwareChipTest : public testing::Test {
 TEST_F(SoftwareChipTest, GroupsComeOnTheNextTurnAndFreedOnesComeAgainLowestFirst) {
     Agent::SoftwareChip chip(agent.host, defer);
     agent.host.start();
-    for (unsigned group = 1; group <= 4; ++group) {
+    for (unsigned group = 1; group <= 4; ++group)
         ask(group);
-    }
     EXPECT_EQ(answer(1), 0U) << "the chip did not wait for its turn";
     EXPECT_EQ(chip.pending(), 4U);
     EXPECT_EQ(turn(), 1U);
-    for (unsigned group = 1; group <= 4; ++group) {
+    for (unsigned group = 1; group <= 4; ++group)
         EXPECT_EQ(answer(group), group);
-    }
     withdraw(3);
     withdraw(2);
     turn();
@@ -108,15 +105,13 @@ TEST_F(SoftwareChipTest, ManyRowsAreWorkedOffInSeveralTasks) {
         agent.operations.change(setOf("api/mgroup/req", "mgroupReq", key));
     }
     std::size_t turns = 0;
-    while (turn() > 0) {
+    while (turn() > 0)
         ++turns;
-    }
     EXPECT_GT(turns, 1U);
     EXPECT_EQ(chip.pending(), 0U);
     std::set<Json> ids;
-    for (const Json& row : agent.get("l3/mroutegroup/status", "mgroups")) {
+    for (const Json& row : agent.get("l3/mroutegroup/status", "mgroups"))
         ids.insert(row[1]);
-    }
     EXPECT_EQ(ids.size(), count) << "a group was given twice";
 }
 

@@ -76,10 +76,9 @@ class ToyDispatcher : public Agent::Dispatcher {
   private:
     void tell(int count, std::size_t bytes) {
         const std::string line = Agent::JsonRpc::notification("told", std::string(bytes, 't'));
-        for (int i = 0; i < count; ++i) {
+        for (int i = 0; i < count; ++i)
             for (const Agent::ClientId follower : followers_)
                 server->notify(follower, line);
-        }
     }
 
     std::set<Agent::ClientId> followers_;

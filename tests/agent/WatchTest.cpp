@@ -21,11 +21,10 @@ using Picture = std::map<std::string, Json>;
 
 void take(Picture& picture, const Json& change) {
     const std::string name = change.at("path").get<std::string>() + " " + change.at("key").dump();
-    if (change.at("value").is_null()) {
+    if (change.at("value").is_null())
         picture.erase(name);
-    } else {
+    else
         picture[name] = change.at("value");
-    }
 }
 
 class WatchTest : public testing::Test {
@@ -44,9 +43,8 @@ class WatchTest : public testing::Test {
     /// Many requests for one flow, so that a change of its route changes as many answers.
     void askOften(unsigned requests) {
         Json lines = Json::array();
-        for (unsigned i = 0; i < requests; ++i) {
+        for (unsigned i = 0; i < requests; ++i)
             lines.push_back(request(i));
-        }
         client.result("apply", {{"lines", lines}});
     }
 
@@ -55,9 +53,8 @@ class WatchTest : public testing::Test {
         RpcClient fresh = agent->client();
         Picture picture;
         const Json begun = fresh.result("watch");
-        for (const Json& answer : begun.at("snapshot")) {
+        for (const Json& answer : begun.at("snapshot"))
             take(picture, answer);
-        }
         return picture;
     }
 
@@ -140,9 +137,8 @@ TEST_F(WatchTest, WhoComesBackHasThePictureOfWhoStayed) {
     hear(staying, stayed, heardStaying, lastSeq());
     RpcClient coming = agent->client();
     const Json missed = coming.result("watch", {{"since", since}});
-    for (const Json& change : missed.at("changes")) {
+    for (const Json& change : missed.at("changes"))
         take(returned, change);
-    }
     EXPECT_EQ(returned, stayed);
     EXPECT_EQ(stayed, shown());
 }
@@ -166,9 +162,8 @@ TEST_F(WatchTest, ARestartedAgentShowsEverythingAnew) {
         "watch", {{"since", {{"instance", begun.at("instance")}, {"seq", begun.at("seq").get<int>() + 1}}}});
     EXPECT_EQ(ahead.value("lost", false), true);
     for (const Json& wrong : {Json{{"instance", "x"}}, Json{{"instance", 1}, {"seq", 1}},
-                              Json{{"instance", "x"}, {"seq", 1}, {"x", 1}}}) {
+                              Json{{"instance", "x"}, {"seq", 1}, {"x", 1}}})
         EXPECT_EQ(again.error("watch", {{"since", wrong}}).at("code"), -32602);
-    }
 }
 
 TEST_F(WatchTest, AFloodIsHeardWholeByWhoReadsAndCutsOffWhoDoesNot) {

@@ -39,23 +39,19 @@ bool vrfIdIsFree(const Stores& stores, const std::string& vrf, std::uint32_t vrf
 }
 
 bool vrfStatusAllowed(const Operation& op, const Stores& stores) {
-    if (op.vrf.empty() || op.vrfId > greatestVrfId || !vrfIdIsFree(stores, op.vrf, op.vrfId)) {
+    if (op.vrf.empty() || op.vrfId > greatestVrfId || !vrfIdIsFree(stores, op.vrf, op.vrfId))
         return false;
-    }
-    if (addedVrf(stores, op.vrf)) {
+    if (addedVrf(stores, op.vrf))
         return op.kind == Kind::vrfStatusIs && stores.vrfStatus.at(op.vrf) == op.vrfId;
-    }
     const bool adds = enabled(stores, op.vrf) && identified(op.vrf, op.vrfId);
-    if (op.kind == Kind::vrfStatusReplaced) {
+    if (op.kind == Kind::vrfStatusReplaced)
         return stores.vrfStatus.has(op.vrf) && !adds; // it would be added twice
-    }
     return !adds || mayAddVrf(stores);
 }
 
 bool vrfEnabledAllowed(const Operation& op, const Stores& stores) {
-    if (!op.flag || enabled(stores, op.vrf)) {
+    if (!op.flag || enabled(stores, op.vrf))
         return true;
-    }
     return hasBothTables(stores, op.vrf) && mayAddVrf(stores);
 }
 
@@ -67,9 +63,8 @@ bool allVrfsAllowed(const Stores& stores) {
 
 bool requestAllowed(const RequestKey& request, const OrderedSet<RequestKey>& requests) {
     if (request.intf.empty() || request.vlan == 0 || request.vrfId > greatestVrfId ||
-        (request.source == 0 && request.group == 0)) {
+        (request.source == 0 && request.group == 0))
         return false;
-    }
     return std::none_of(requests.begin(), requests.end(), [&request](RequestKey present) {
         const bool sameType = present.type == request.type;
         present.type = request.type;

@@ -18,23 +18,20 @@ namespace {
 
 std::optional<std::uint64_t> numberFromEnvironment(const char* name) {
     const char* given = std::getenv(name);
-    if (given == nullptr) {
+    if (given == nullptr)
         return std::nullopt;
-    }
     char* end = nullptr;
     const std::uint64_t number = std::strtoull(given, &end, 10);
-    if (*given < '0' || *given > '9' || *end != '\0') {
+    if (*given < '0' || *given > '9' || *end != '\0')
         throw std::invalid_argument(std::string(name) + " is not a number: \"" + given + "\"");
-    }
     return number;
 }
 
 std::string listed(const std::vector<Operation>& operations, std::size_t last) {
     const std::size_t skipped = operations.size() - std::min(last, operations.size());
     std::string result = skipped == 0 ? "" : "  ... " + std::to_string(skipped) + " before\n";
-    for (std::size_t at = skipped; at < operations.size(); ++at) {
+    for (std::size_t at = skipped; at < operations.size(); ++at)
         result += "  " + text(operations[at]) + "\n";
-    }
     return result;
 }
 
@@ -132,9 +129,8 @@ std::optional<ModelDriver::Operations> ModelDriver::failingEpisode(std::uint64_t
     const AbortReport onAbort(seed, operations);
     while (operations.size() < length) {
         operations.push_back(source.draw(pair.model()));
-        if (!pair.agreeAfter(operations.back())) {
+        if (!pair.agreeAfter(operations.back()))
             return operations;
-        }
     }
     return std::nullopt;
 }
@@ -144,14 +140,12 @@ std::optional<ModelDriver::Operations> ModelDriver::failingReplay(const Operatio
     Pair pair(source_, makeSystem_());
     Operations done;
     for (const Operation& operation : operations) {
-        if (!allowed(operation, pair.model())) {
+        if (!allowed(operation, pair.model()))
             continue;
-        }
         done.push_back(operation);
         if (!pair.agreeAfter(operation)) {
-            if (disagreement != nullptr) {
+            if (disagreement != nullptr)
                 *disagreement = pair.disagreement();
-            }
             return done;
         }
     }
@@ -164,11 +158,10 @@ ModelDriver::Operations ModelDriver::thinnedOut(Operations operations) {
             const std::size_t to = std::min(from + chunk, operations.size());
             Operations fewer = operations;
             fewer.erase(fewer.begin() + std::ptrdiff_t(from), fewer.begin() + std::ptrdiff_t(to));
-            if (std::optional<Operations> failing = failingReplay(fewer)) {
+            if (std::optional<Operations> failing = failingReplay(fewer))
                 operations = *std::move(failing);
-            } else {
+            else
                 from = to;
-            }
         }
     }
     return operations;

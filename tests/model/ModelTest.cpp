@@ -40,18 +40,15 @@ TEST(Model, TheOperationsReachTheSituationsThatMatter) {
                                  ? 1
                                  : 0;
             }
-            for (const auto& [vrfId, watched] : seen.watched) {
+            for (const auto& [vrfId, watched] : seen.watched)
                 emptyMatcher += watched == Watched() ? 1 : 0;
-            }
             allVrfs +=
                 model.stores().egressFromAllVrfs && seen.vrfIds.size() > 1 && !seen.mrouteAnswers.empty();
-            for (const auto& [flow, requesters] : seen.mgroupRequesters) {
+            for (const auto& [flow, requesters] : seen.mgroupRequesters)
                 sharedGroup += requesters.size() > 1 ? 1 : 0;
-            }
         }
-        for (const std::size_t times : {full, bothTypes, outlived, emptyMatcher, allVrfs, sharedGroup}) {
+        for (const std::size_t times : {full, bothTypes, outlived, emptyMatcher, allVrfs, sharedGroup})
             EXPECT_GT(times, 500U);
-        }
     }
 }
 

@@ -8,14 +8,12 @@ NaiveMgroup::NaiveMgroup(const Stores& stores, Observation& seen)
 
 void NaiveMgroup::start() {
     const OrderedSet<RequestKey> requests = stores_.mgroupRequests;
-    for (const RequestKey& request : requests) {
+    for (const RequestKey& request : requests)
         requestChanged(request);
-    }
     seen_.mgroupReady = true;
     const OrderedSet<GroupKey> config = seen_.groupConfig;
-    for (const GroupKey& group : config) {
+    for (const GroupKey& group : config)
         statusChanged(group);
-    }
 }
 
 void NaiveMgroup::stop() {
@@ -31,17 +29,15 @@ void NaiveMgroup::requestChanged(const RequestKey& request) {
         requesters.put({request.intf, request.vlan});
         seen_.mgroupRequesters.put(flow, requesters);
         seen_.groupConfig.put(group);
-        if (const std::uint32_t* groupId = stores_.groupStatus.find(group)) {
+        if (const std::uint32_t* groupId = stores_.groupStatus.find(group))
             seen_.groupIds.put(request, *groupId);
-        }
         return;
     }
     requesters.erase({request.intf, request.vlan});
-    if (requesters.empty()) {
+    if (requesters.empty())
         seen_.mgroupRequesters.erase(flow);
-    } else {
+    else
         seen_.mgroupRequesters.put(flow, requesters);
-    }
     seen_.groupIds.erase(request);
     seen_.groupConfig.erase(group);
 }

@@ -37,11 +37,9 @@ struct Table {
 inline std::vector<RouteKey> tableOrder(const Table& table) {
     std::vector<RouteKey> keys;
     for (const bool withSource : {true, false}) {
-        for (const auto& [key, route] : table.routes) {
-            if ((key.source.address != 0) == withSource) {
+        for (const auto& [key, route] : table.routes)
+            if ((key.source.address != 0) == withSource)
                 keys.push_back(key);
-            }
-        }
     }
     return keys;
 }

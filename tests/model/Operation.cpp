@@ -79,9 +79,8 @@ std::string text(const Operation& op) {
         return "no table " + text(op.table);
     case Kind::quillRouteIs: {
         std::string oifs;
-        for (const std::uint16_t oif : op.oifs) {
+        for (const std::uint16_t oif : op.oifs)
             oifs += " " + std::to_string(oif);
-        }
         return "route " + row + " oifs" + oifs;
     }
     case Kind::oifIndexIntfIs:

@@ -27,42 +27,32 @@ constexpr std::size_t statusLevel = 10;
 Operation OperationSource::draw(const NaiveModel& model) {
     for (;;) {
         Operation operation = drawAny(model);
-        if (allowed(operation, model)) {
+        if (allowed(operation, model))
             return operation;
-        }
     }
 }
 
 Operation OperationSource::drawAny(const NaiveModel& model) {
-    if (!model.started() && oneIn(25)) {
+    if (!model.started() && oneIn(25))
         return {.kind = Kind::start};
-    }
-    if (model.started() && oneIn(500)) {
+    if (model.started() && oneIn(500))
         return {.kind = Kind::stop};
-    }
     const Stores& stores = model.stores();
     const std::size_t lot = below(100);
-    if (lot < 5) {
+    if (lot < 5)
         return drawVrf();
-    }
-    if (lot < 8) {
+    if (lot < 8)
         return drawTable(model);
-    }
-    if (lot < 40) {
+    if (lot < 40)
         return drawRoute(model);
-    }
-    if (lot < 46) {
+    if (lot < 46)
         return drawOif();
-    }
-    if (lot < 70) {
+    if (lot < 70)
         return drawRequest(stores.mrouteRequests, Kind::mrouteRequestIs, Kind::mrouteRequestDel);
-    }
-    if (lot < 85) {
+    if (lot < 85)
         return drawRequest(stores.mgroupRequests, Kind::mgroupRequestIs, Kind::mgroupRequestDel);
-    }
-    if (lot < 99) {
+    if (lot < 99)
         return drawGroup(model);
-    }
     return {.kind = Kind::egressFromAllVrfsIs, .flag = oneIn(3)};
 }
 
@@ -92,17 +82,14 @@ Operation OperationSource::drawTable(const NaiveModel& model) {
 Operation OperationSource::drawRoute(const NaiveModel& model) {
     Operation operation = {.kind = Kind::routeDel, .table = anyTable(), .route = anyRouteKey()};
     const Table* table = model.stores().tables.find(operation.table);
-    if (table == nullptr) {
+    if (table == nullptr)
         return {.kind = Kind::tableIs, .table = operation.table};
-    }
     // A row that is there is changed or removed more often than chance would have it.
     const bool present = !table->routes.empty() && oneIn(2);
-    if (present) {
+    if (present)
         operation.route = oneOf(table->routes).first;
-    }
-    if (enough(table->routes.size(), routeLevel)) {
+    if (enough(table->routes.size(), routeLevel))
         return operation;
-    }
     if (model.source() == Source::quill) {
         operation.kind = Kind::quillRouteIs;
         for (std::uint16_t index = 0; index < oifIndexes; ++index) {
@@ -114,9 +101,8 @@ Operation OperationSource::drawRoute(const NaiveModel& model) {
         return operation;
     }
     operation.kind = Kind::lumenRouteIs;
-    if (present && oneIn(4)) {
+    if (present && oneIn(4))
         operation.kind = oneIn(2) ? Kind::lumenRouteUntold : Kind::lumenRouteReplaced;
-    }
     operation.intfs = anyIntfs();
     operation.ready = oneIn(4) ? static_cast<std::uint32_t>(below(3)) : 1;
     return operation;
@@ -127,30 +113,26 @@ Operation OperationSource::drawOif() {
                            .table = anyTable(),
                            .index = static_cast<std::uint16_t>(below(oifIndexes)),
                            .intf = oneOf(outgoing)};
-    if (oneIn(6)) {
+    if (oneIn(6))
         operation.kind = Kind::oifIndexIntfDel;
-    } else if (oneIn(8)) {
+    else if (oneIn(8))
         operation.intf.clear();
-    }
     return operation;
 }
 
 Operation OperationSource::drawRequest(const OrderedSet<RequestKey>& present, Kind is, Kind del) {
-    if (!present.empty() && enough(present.size(), requestLevel)) {
+    if (!present.empty() && enough(present.size(), requestLevel))
         return {.kind = del, .request = oneOf(present)};
-    }
     return {.kind = is, .request = anyRequest()};
 }
 
 Operation OperationSource::drawGroup(const NaiveModel& model) {
     const auto& status = model.stores().groupStatus;
-    if (!status.empty() && enough(status.size(), statusLevel)) {
+    if (!status.empty() && enough(status.size(), statusLevel))
         return {.kind = Kind::groupStatusDel, .group = oneOf(status).first};
-    }
     RequestKey request = anyRequest();
-    if (!model.stores().mgroupRequests.empty() && !oneIn(4)) {
+    if (!model.stores().mgroupRequests.empty() && !oneIn(4))
         request = oneOf(model.stores().mgroupRequests); // a row that somebody asked for
-    }
     const GroupKey group = {static_cast<std::uint16_t>(request.vrfId & 0xffffU), request.source,
                             request.group, oneIn(3) ? oneOf(vlans) : request.vlan};
     return {.kind = Kind::groupStatusIs, .group = group, .groupId = static_cast<std::uint32_t>(below(4))};
@@ -166,22 +148,18 @@ RouteKey OperationSource::anyRouteKey() {
 }
 
 Prefix OperationSource::prefixOf(Address address) {
-    if ((address & 0xffffU) != 0 || !oneIn(12)) {
+    if ((address & 0xffffU) != 0 || !oneIn(12))
         return {address, 32};
-    }
     return {address, static_cast<std::uint8_t>(address == 0 ? 0 : 16)};
 }
 
 Names OperationSource::anyIntfs() {
     Names names;
-    for (const std::string& name : outgoing) {
-        if (oneIn(3)) {
+    for (const std::string& name : outgoing)
+        if (oneIn(3))
             names.insert(name);
-        }
-    }
-    if (oneIn(10)) {
+    if (oneIn(10))
         names.insert("");
-    }
     return names;
 }
 

@@ -32,9 +32,8 @@ class OrderedMap {
     /// The member's value. Throws std::out_of_range where there is no such member.
     const Value& at(const Key& key) const {
         const Value* value = find(key);
-        if (value == nullptr) {
+        if (value == nullptr)
             throw std::out_of_range("OrderedMap::at: no such member");
-        }
         return *value;
     }
     Value& at(const Key& key) { return const_cast<Value&>(std::as_const(*this).at(key)); }
@@ -48,9 +47,8 @@ class OrderedMap {
     /// Inserts or overwrites. Returns whether anything changed.
     bool put(const Key& key, const Value& value) {
         if (Value* present = find(key)) {
-            if (*present == value) {
+            if (*present == value)
                 return false;
-            }
             *present = value;
             return true;
         }
@@ -85,9 +83,8 @@ class OrderedSet {
 
     /// Inserts if absent. Returns whether the set changed.
     bool put(const Key& key) {
-        if (has(key)) {
+        if (has(key))
             return false;
-        }
         members_.push_back(key);
         return true;
     }

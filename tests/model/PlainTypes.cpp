@@ -11,9 +11,8 @@ std::string text(const Prefix& prefix) {
 } // namespace
 
 std::string routeTypeName(Source source, RouteType type) {
-    if (type == RouteType::sparse) {
+    if (type == RouteType::sparse)
         return "sparsemode";
-    }
     return source == Source::lumen ? "user" : "static";
 }
 
@@ -36,9 +35,8 @@ std::string text(const std::string& value) {
 
 std::string text(const Names& names) {
     std::string result = "{";
-    for (const std::string& name : names) {
+    for (const std::string& name : names)
         result += (result.size() > 1 ? " " : "") + text(name);
-    }
     return result + "}";
 }
 

@@ -51,9 +51,8 @@ KestrelL3::IpMcastKey product(const GroupKey& key) {
 
 L3::IntfSet product(const Names& names) {
     L3::IntfSet set;
-    for (const std::string& name : names) {
+    for (const std::string& name : names)
         set.insert(L3::IntfId(name));
-    }
     return set;
 }
 
@@ -98,9 +97,8 @@ Answers plain(const NatMrouteResponseMap& map) {
     Answers answers;
     for (const auto& [key, oifs] : map.mrouteResp()) {
         Names names;
-        for (const L3::IntfId intf : oifs) {
+        for (const L3::IntfId intf : oifs)
             names.insert(intf.stringValue());
-        }
         answers.put(plain(key), names);
     }
     return answers;
@@ -111,9 +109,8 @@ Requesters plainRequesters(Walk&& walk) {
     Requesters requesters;
     for (const auto& [flow, set] : walk) {
         OrderedSet<Requester> plainSet;
-        for (const MrouteIntfAndVlan& requester : set.elements()) {
+        for (const MrouteIntfAndVlan& requester : set.elements())
             plainSet.put({.intf = requester.intf.stringValue(), .vlan = requester.vlanId});
-        }
         requesters.put({.vrfId = flow.vrfId.value(),
                         .source = flow.sg.sourceIp.value(),
                         .group = flow.sg.groupIp.value()},
@@ -124,23 +121,19 @@ Requesters plainRequesters(Walk&& walk) {
 
 OrderedSet<RequestKey> plain(const NatMrouteMatcher::MrouteKeySet& set) {
     OrderedSet<RequestKey> keys;
-    for (const NatMrouteKey& key : set.elements()) {
+    for (const NatMrouteKey& key : set.elements())
         keys.put(plain(key));
-    }
     return keys;
 }
 
 Watched plain(const NatMrouteMatcher& matcher) {
     Watched watched;
-    for (const auto& [group, keys] : matcher.groupsWithAnySource()) {
+    for (const auto& [group, keys] : matcher.groupsWithAnySource())
         watched.groupsWithAnySource.put(group.value(), plain(keys));
-    }
-    for (const auto& [source, keys] : matcher.sourcesWithAnyGroup()) {
+    for (const auto& [source, keys] : matcher.sourcesWithAnyGroup())
         watched.sourcesWithAnyGroup.put(source.value(), plain(keys));
-    }
-    for (const auto& [sg, keys] : matcher.sourceGroups()) {
+    for (const auto& [sg, keys] : matcher.sourceGroups())
         watched.sourceGroups.put({sg.sourceIp.value(), sg.groupIp.value()}, plain(keys));
-    }
     return watched;
 }
 
@@ -167,9 +160,8 @@ ProductUnderTest::ProductUnderTest()
     for (const RouteType type : routeTypes) {
         tables_->entityIs(formatMulticastRoutePath("default", quillType(type)),
                           "Quill::Multicast::Fib::Status");
-        if (lumen) {
+        if (lumen)
             entities_->entityIs(lumenPath(type), "Lumen::Multicast::Fib::StatusByVrf");
-        }
     }
 }
 
@@ -186,11 +178,10 @@ void ProductUnderTest::stop() {
 }
 
 void ProductUnderTest::vrfStatusIs(const std::string& vrf, std::uint32_t vrfId) {
-    if (const auto present = inDatabase<RouteStatus>("routing/hardware/route/status")->vrfStatus(vrf)) {
+    if (const auto present = inDatabase<RouteStatus>("routing/hardware/route/status")->vrfStatus(vrf))
         present->vrfIdIs(vrfId);
-    } else {
+    else
         vrfStatusReplaced(vrf, vrfId);
-    }
 }
 
 void ProductUnderTest::vrfStatusReplaced(const std::string& vrf, std::uint32_t vrfId) {
@@ -245,9 +236,8 @@ void ProductUnderTest::tableDel(const TableName& table) {
 void ProductUnderTest::quillRouteIs(const TableName& table, const RouteKey& key,
                                     const std::vector<std::uint16_t>& oifs) {
     Quill::Multicast::Fib::Route route;
-    for (const std::uint16_t index : oifs) {
+    for (const std::uint16_t index : oifs)
         route.oifs.insert(index);
-    }
     quillTable(table)->routeIs(product(key), route);
 }
 
@@ -268,9 +258,8 @@ void ProductUnderTest::lumenRouteIs(const TableName& table, const RouteKey& key,
     }
     const bool differs = route->intf() != product(intfs) || route->ready() != ready;
     lumenRouteUntold(table, key, intfs, ready);
-    if (differs) {
+    if (differs)
         route->versionAdvance();
-    }
 }
 
 void ProductUnderTest::lumenRouteUntold(const TableName& table, const RouteKey& key, const Names& intfs,
@@ -328,9 +317,8 @@ TableName ProductUnderTest::nameOf(const void* table) const {
             TableName name{.vrf = vrf, .type = type};
             const void* candidate =
                 lumen ? static_cast<const void*>(lumenFib(name).get()) : quillTable(name).get();
-            if (candidate == table) {
+            if (candidate == table)
                 return name;
-            }
         }
     }
     return {};
@@ -339,17 +327,15 @@ TableName ProductUnderTest::nameOf(const void* table) const {
 const Observation& ProductUnderTest::observe() {
     seen_ = Observation();
     observePublished();
-    if (mounter_) {
+    if (mounter_)
         observePrivate();
-    }
     return seen_;
 }
 
 void ProductUnderTest::observePublished() {
     seen_.mrouteAnswers = plain(*inDatabase<NatMrouteResponseMap>("api/mroute/resp"));
-    for (const auto& [key, id] : inDatabase<NatMgroupResponseMap>("api/mgroup/resp")->mgroupId()) {
+    for (const auto& [key, id] : inDatabase<NatMgroupResponseMap>("api/mgroup/resp")->mgroupId())
         seen_.groupIds.put(plain(key), id);
-    }
     if (const auto config = State::handleCast<GroupConfig>(tables_->entity("l3/mroutegroup/config"))) {
         config->mroutes([&](const auto& item) {
             seen_.groupConfig.put(plain(item.key()));
@@ -360,45 +346,36 @@ void ProductUnderTest::observePublished() {
     seen_.mrouteReady = status->mrouteSmReady();
     seen_.mgroupReady = status->mgroupSmReady();
     const auto see = [&](const std::string& path) {
-        if (shmem_->mounted(path)) {
+        if (shmem_->mounted(path))
             seen_.mounted.insert(path);
-        }
     };
     for (const RouteType type : routeTypes) {
         see(lumenPath(type));
-        for (const std::string& vrf : vrfs_) {
+        for (const std::string& vrf : vrfs_)
             see(formatMulticastRoutePath(vrf, quillType(type)));
-        }
     }
 }
 
 void ProductUnderTest::observePrivate() {
     const NatMrouteRouteMap& routeMap = *mounter_->mrouteRouteMap();
-    for (const auto& [name, id] : routeMap.vrfNameToId()) {
+    for (const auto& [name, id] : routeMap.vrfNameToId())
         seen_.vrfIds.put(name.stringValue(), id.value());
-    }
-    for (const auto& [key, table] : routeMap.mrouteRoute()) {
+    for (const auto& [key, table] : routeMap.mrouteRoute())
         seen_.routeMap.put(plain(key), nameOf(table.get()));
-    }
-    for (const auto& [key, fib] : routeMap.mfib()) {
+    for (const auto& [key, fib] : routeMap.mfib())
         seen_.routeMap.put(plain(key), nameOf(fib.get()));
-    }
     const NatMrouteSm& mroute = *mounter_->mrouteSm();
-    for (const auto& [type, map] : mroute.mrouteResponseMapByRoute()) {
+    for (const auto& [type, map] : mroute.mrouteResponseMapByRoute())
         seen_.answersByType.put(type, plain(*map));
-    }
     seen_.mrouteRequesters = plainRequesters(mroute.vrfIdSourceAndGroupToIntf());
-    for (const auto& [vrfId, matcher] : mroute.watchedMroutes()) {
+    for (const auto& [vrfId, matcher] : mroute.watchedMroutes())
         seen_.watched.put(vrfId.value(), plain(*matcher));
-    }
-    for (const auto& [key, watcher] : mroute.mcastRouteCollection().walk()) {
+    for (const auto& [key, watcher] : mroute.mcastRouteCollection().walk())
         seen_.watchers.put(plain(key), {});
-    }
     for (const auto& [key, watcher] : mroute.mfibAppCollection().walk()) {
         std::set<RouteKey> routes;
-        for (const auto& nested : watcher->lumenRoute()) {
+        for (const auto& nested : watcher->lumenRoute())
             routes.insert(plain(nested->routeKey()));
-        }
         seen_.watchers.put(plain(key), routes);
     }
     seen_.mgroupRequesters = plainRequesters(mounter_->mgroupSm()->vrfIdSourceAndGroupToIntf());

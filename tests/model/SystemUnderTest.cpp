@@ -11,50 +11,43 @@ std::string shown(const Value& value) {
 
 std::string shown(const std::set<RouteKey>& routes) {
     std::string result = "{";
-    for (const RouteKey& route : routes) {
+    for (const RouteKey& route : routes)
         result += text(route);
-    }
     return result + "}";
 }
 
 template <class Key>
 std::string shown(const OrderedSet<Key>& set) {
     std::string result = "{";
-    for (const Key& member : set) {
+    for (const Key& member : set)
         result += (result.size() > 1 ? ", " : "") + text(member);
-    }
     return result + "}";
 }
 
 std::string shown(const Watched& watched) {
     std::string result;
-    for (const auto& [group, keys] : watched.groupsWithAnySource) {
+    for (const auto& [group, keys] : watched.groupsWithAnySource)
         result += " (*, " + dotted(group) + ")" + shown(keys);
-    }
-    for (const auto& [source, keys] : watched.sourcesWithAnyGroup) {
+    for (const auto& [source, keys] : watched.sourcesWithAnyGroup)
         result += " (" + dotted(source) + ", *)" + shown(keys);
-    }
-    for (const auto& [pair, keys] : watched.sourceGroups) {
+    for (const auto& [pair, keys] : watched.sourceGroups)
         result += " (" + dotted(pair.first) + ", " + dotted(pair.second) + ")" + shown(keys);
-    }
     return result.empty() ? "empty" : result;
 }
 
 template <class Key, class Value>
 std::string shown(const OrderedMap<Key, Value>& map) {
     std::string result;
-    for (const auto& [key, value] : map) {
+    for (const auto& [key, value] : map)
         result += "\n      " + text(key) + " = " + shown(value);
-    }
     return result;
 }
 
 template <class Key, class Value>
 std::string part(const char* name, const OrderedMap<Key, Value>& expected,
                  const OrderedMap<Key, Value>& actual) {
-    if (expected == actual) {
+    if (expected == actual)
         return "";
-    }
     std::string result = std::string("  ") + name + ":\n";
     const std::size_t bare = result.size();
     for (const auto& [key, value] : expected) {
@@ -64,11 +57,9 @@ std::string part(const char* name, const OrderedMap<Key, Value>& expected,
                       (found == nullptr ? "absent" : shown(*found)) + "\n";
         }
     }
-    for (const auto& [key, value] : actual) {
-        if (!expected.has(key)) {
+    for (const auto& [key, value] : actual)
+        if (!expected.has(key))
             result += "    " + text(key) + ": expected absent, is " + shown(value) + "\n";
-        }
-    }
     if (result.size() == bare) {
         result += "    same members in another order; expected order:" + shown(expected) +
                   "\n    is:" + shown(actual) + "\n";
@@ -78,9 +69,8 @@ std::string part(const char* name, const OrderedMap<Key, Value>& expected,
 
 template <class Value>
 std::string whole(const char* name, const Value& expected, const Value& actual) {
-    if (expected == actual) {
+    if (expected == actual)
         return "";
-    }
     return std::string("  ") + name + ": expected " + shown(expected) + ", is " + shown(actual) + "\n";
 }
 

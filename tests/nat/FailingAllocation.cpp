@@ -28,9 +28,8 @@ void* operator new(std::size_t size) {
         hasFailed = true;
         throw std::bad_alloc();
     }
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+    if (void* memory = std::malloc(size == 0 ? 1 : size))
         return memory;
-    }
     throw std::bad_alloc();
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {

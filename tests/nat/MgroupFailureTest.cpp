@@ -69,13 +69,11 @@ TEST_F(MgroupTest, ADamagedStatusRowReadsAsGroupIdZero) {
 TEST_F(MgroupTest, DamageEndsAWalkOverTheConfiguration) {
     const std::vector<std::uint16_t> vrfs{3, 4, 5};
     start();
-    for (const std::uint16_t vrf : vrfs) {
+    for (const std::uint16_t vrf : vrfs)
         requests->mgroupReqIs(request({.vrf = vrf}));
-    }
     machine->hasNotificationActiveIs(false);
-    for (const std::uint16_t vrf : vrfs) {
+    for (const std::uint16_t vrf : vrfs)
         groupIs(row(10, vrf), vrf);
-    }
     config->failReadAfter(1);
     machine->handleMcastGroupIds();
     EXPECT_EQ(answer(request({.vrf = 3})), 3U);
@@ -105,9 +103,8 @@ TEST_F(MgroupTest, AFullConfigurationRefusesAndServesTheRequestThatIsMadeAgain) 
 }
 
 TEST_F(MgroupTest, AnAbandonedConstructionLeavesNothingAttached) {
-    for (const char* intf : {"Ethernet1", "Ethernet2", "Ethernet3"}) {
+    for (const char* intf : {"Ethernet1", "Ethernet2", "Ethernet3"})
         requests->mgroupReqIs(request({.intf = intf}));
-    }
     groupIs(row(), 17);
     start(); // from here on, all its trace statements are known
     machine.reset();

@@ -70,11 +70,9 @@ class MgroupTest : public ::testing::Test {
     // Lines of the service since `mark`, as "LEVEL MESSAGE".
     std::vector<std::string> traced() const {
         std::vector<std::string> lines;
-        for (const State::TraceRecord& record : State::traceRecordsSince(mark)) {
-            if (record.facility == "KestrelNatMulticastSm") {
+        for (const State::TraceRecord& record : State::traceRecordsSince(mark))
+            if (record.facility == "KestrelNatMulticastSm")
                 lines.push_back(std::to_string(record.level) + " " + record.message);
-            }
-        }
         return lines;
     }
     std::size_t tracedCount(std::string_view line) const {

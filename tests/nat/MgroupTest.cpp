@@ -14,9 +14,8 @@ TEST_F(MgroupTest, GroupIdsGoByFlowAndConfigurationRowsByTheLatestWithdrawal) {
     const NatMrouteKey second = request({.intf = "Ethernet2"});
     const NatMrouteKey otherVlan = request({.vlan = 20});
     start();
-    for (const NatMrouteKey& key : {first, second, otherVlan}) {
+    for (const NatMrouteKey& key : {first, second, otherVlan})
         requests->mgroupReqIs(key);
-    }
     EXPECT_EQ(configRows(), (Rows{row(), row(20)}));
     groupIs(row(), 17); // answers every VLAN of the flow
     EXPECT_EQ(answer(first), 17U);

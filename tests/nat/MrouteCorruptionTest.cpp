@@ -11,18 +11,16 @@ namespace {
 class MrouteCorruption : public NatFixture {
   protected:
     void SetUp() override {
-        if (lumen) {
+        if (lumen)
             GTEST_SKIP() << "only the table store reports corruption";
-        }
         requests->mrouteReqIs(request());
         requests->mrouteReqIs(request({.group = "239.2.2.2"}));
         routesAre("Ethernet1", "Ethernet2");
     }
     // One route for each request, index 7 and 8.
     void routesAre(std::string_view first, std::string_view second) {
-        if (quillTables.empty()) {
+        if (quillTables.empty())
             tableIs(3, plain);
-        }
         table()->routeIs(routeKey("10.0.0.1", "239.1.1.1"), {{7}});
         table()->routeIs(routeKey("10.0.0.1", "239.2.2.2"), {{8}});
         table()->oifIndexIntfIs(7, L3::IntfId(first));

@@ -21,9 +21,8 @@ class MrouteLife : public NatFixture {
     }
     bool isAnythingRegistered() const {
         bool registered = requests->hasSubscribers() || routeMap->publisher().hasSubscribers();
-        for (const auto& [key, table] : quillTables) {
+        for (const auto& [key, table] : quillTables)
             registered = registered || table->hasSubscribers();
-        }
         for (const auto& [key, fib] : lumenFibs) {
             registered = registered || fib->hasSubscribers();
             fib->routes([&](const auto& route) {
@@ -126,11 +125,10 @@ TEST_F(MrouteLife, AWatcherIsRetiredByItsFlagAndLeftSilentlyByItsTable) {
     start();
     oneOfEach();
     const auto retire = [&](bool retired) {
-        if (lumen) {
+        if (lumen)
             machine->mfibApp(tableKey(3, plain))->retiredIs(retired);
-        } else {
+        else
             machine->mcastRoute(tableKey(3, plain))->retiredIs(retired);
-        }
     };
     retire(true);
     EXPECT_EQ(answer(), "none");
@@ -143,11 +141,10 @@ TEST_F(MrouteLife, AWatcherIsRetiredByItsFlagAndLeftSilentlyByItsTable) {
     EXPECT_EQ(answer(), "none");
     EXPECT_EQ(countOf(traced(), "handleDeletion key="), 2U) << "reviving deletes the answers as well";
     routeIs(3, plain, "10.0.0.1", "239.1.1.1", {"Ethernet3"});
-    if (lumen) {
+    if (lumen)
         machine->mfibAppIs(tableKey(3, plain), nullptr);
-    } else {
+    else
         machine->mcastRouteIs(tableKey(3, plain), nullptr);
-    }
     EXPECT_FALSE(isWatched(3, plain));
     EXPECT_EQ(answer(), "{Ethernet3}") << "a null table removes the watcher and keeps the answers";
     EXPECT_EQ(countOf(traced(), "handleDeletion"), 0U);
@@ -185,9 +182,8 @@ TEST_F(MrouteLife, AWatcherFollowsItsMemberToAnotherTable) {
 }
 
 TEST_F(MrouteLife, RouteAndAnswersShareOneArrayOfInterfaces) {
-    if (!lumen) {
+    if (!lumen)
         GTEST_SKIP() << "a Quill row names its interfaces by index";
-    }
     start();
     oneOfEach();
     const auto route = lumenFibs[tableKey(3, plain)]->route(routeKey("10.0.0.1", "239.1.1.1"));

@@ -57,9 +57,8 @@ TEST_F(MrouteReentrancy, ARequesterWithdrawnWhileItsFlowIsAnsweredIsAnsweredAgai
 
 TEST_F(MrouteReentrancy, RequestsAddedInAFullPassAreAnsweredOnceEach) {
     start();
-    for (std::uint16_t vlan = 1; vlan <= 5; ++vlan) {
+    for (std::uint16_t vlan = 1; vlan <= 5; ++vlan)
         requests->mrouteReqIs(request({.vlan = vlan}));
-    }
     listener.reaction = [&](const NatMrouteKey& key) {
         if (key.vlanId < 100) {
             NatMrouteKey more = key;
@@ -79,9 +78,8 @@ TEST_F(MrouteReentrancy, RequestsAddedInAFullPassAreAnsweredOnceEach) {
 }
 
 TEST_F(MrouteReentrancy, RoutesMayChangeUnderAPassOverTheirTable) {
-    for (const char* source : {"10.0.0.1", "10.0.0.2", "10.0.0.3"}) {
+    for (const char* source : {"10.0.0.1", "10.0.0.2", "10.0.0.3"})
         routeIs(3, plain, source, "239.1.1.1", {"Ethernet1"});
-    }
     requests->mrouteReqIs(request({.source = "0.0.0.0"}));
     int changes = 0;
     listener.reaction = [&](const NatMrouteKey& key) {
@@ -138,11 +136,10 @@ TEST_F(MrouteReentrancyDeathTest, AVrfDisabledInsideThePassOverItsTableIsFatal) 
     requests->mrouteReqIs(request());
     atNextAnswer(disable);
     const auto enable = [&] {
-        if (lumen) {
+        if (lumen)
             routeMap->mfibIs(tableKey(3, plain), lumenFibs[tableKey(3, plain)]);
-        } else {
+        else
             routeMap->mrouteRouteIs(tableKey(3, plain), quillTables[tableKey(3, plain)]);
-        }
     };
     EXPECT_DEATH(enable(), "handleMcastRouteUpdate\\(.*Only one mfib must be True");
 }

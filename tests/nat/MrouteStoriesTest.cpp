@@ -35,9 +35,8 @@ TEST_F(Mroute, AnExactRequestFollowsItsRouteAndEachChangeIsHeardOnce) {
 TEST_F(Mroute, OneRouteServesExactThenAnySourceThenAnyGroupRequests) {
     start();
     tableIs(3, plain);
-    for (const Ask& ask : {Ask{.group = any}, Ask{.source = any}, Ask{}, Ask{.vrf = 4}}) {
+    for (const Ask& ask : {Ask{.group = any}, Ask{.source = any}, Ask{}, Ask{.vrf = 4}})
         requests->mrouteReqIs(request(ask));
-    }
     AnswerListener listener(answers);
     routeIs(3, plain, "10.0.0.1", "239.1.1.1", {"Ethernet1"});
     routeIs(3, plain, "0.0.0.0/0", "239.1.1.1", {"Ethernet2"}); // refreshes the (*,G) requests alone

@@ -22,9 +22,8 @@ class MrouteTrace : public NatFixture {
     Lines resolving(const Names& intfs) const {
         Lines lines{"8 getEgressIntfsForMrouteKey reqKey=" + key,
                     "8 getEgressIntfsFromCurrentVrf reqKey=" + key};
-        if (intfs.size() != 0) {
+        if (intfs.size() != 0)
             lines.push_back("8 Iterating oifs for routeKey=" + row);
-        }
         for (const std::string_view intf : intfs) {
             const std::string name(intf);
             const std::string index = std::to_string(100 + L3::IntfId(intf).number());
@@ -35,9 +34,8 @@ class MrouteTrace : public NatFixture {
     }
     static Lines joined(const std::vector<Lines>& parts) {
         Lines all;
-        for (const Lines& part : parts) {
+        for (const Lines& part : parts)
             all.insert(all.end(), part.begin(), part.end());
-        }
         return all;
     }
 };
@@ -61,9 +59,8 @@ TEST_F(MrouteTrace, ARequestFromFirstToLast) {
                 resolving({}),
                 assigned,
                 {noRoute, "8 handleMcastRouteUpdateAll handling all known mroutes of type " + type}});
-    if (!lumen) {
+    if (!lumen)
         expected.push_back("8 handleMcastOifUpdate handling all known oifs of type static");
-    }
     EXPECT_EQ(traced(), expected);
 
     requests->mrouteReqDel(request());
@@ -199,9 +196,8 @@ TEST_F(MrouteDeathTest, ARouteUpdateNeedsItsTableAndTheRequestersOfItsFlows) {
 }
 
 TEST_F(MrouteDeathTest, AnInvalidInterfaceIndexEndsAReactorAndAConstruction) {
-    if (lumen) {
+    if (lumen)
         GTEST_SKIP() << "Quill rows alone name interfaces by index";
-    }
     const char* text = "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
                        "Quill::Multicast::Fib::OifIndex::null not allowed";
     tableIs(3, plain);

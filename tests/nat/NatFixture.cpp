@@ -10,9 +10,8 @@ namespace {
 
 std::string text(const L3::IntfSet& intfs) {
     std::string out = "{";
-    for (const L3::IntfId intf : intfs) {
+    for (const L3::IntfId intf : intfs)
         out += (out == "{" ? "" : ", ") + intf.stringValue();
-    }
     return out + "}";
 }
 
@@ -60,17 +59,15 @@ void AnswerListener::hear(void* self, const State::Notification& change) {
     listener.heard.push_back(key.intf.stringValue() + " " + key.sourceIp.stringValue() + " " +
                              key.groupIp.stringValue() + " " +
                              (found == nullptr ? "gone" : text(found->oif())));
-    if (listener.reaction) {
+    if (listener.reaction)
         listener.reaction(key);
-    }
 }
 
 // Interfaces are numbered once for all tests, so that sets print in one order.
 NatFixture::NatFixture()
     : mark(State::traceNext()) {
-    for (const char* intf : {"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet4"}) {
+    for (const char* intf : {"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet4"})
         L3::IntfId{std::string_view(intf)};
-    }
 }
 
 void NatFixture::start() {
@@ -106,21 +103,18 @@ void NatFixture::routeIs(std::uint32_t vrf, Type type, std::string_view source, 
                          Names intfs) {
     const NatMcastRouteKey table = tableKey(vrf, type);
     const IpGenRouteKey key = routeKey(source, group);
-    if (!lumenFibs.contains(table) && !quillTables.contains(table)) {
+    if (!lumenFibs.contains(table) && !quillTables.contains(table))
         tableIs(vrf, type);
-    }
     if (!lumen) {
         Quill::Multicast::Fib::Route row;
-        for (const std::string_view intf : intfs) {
+        for (const std::string_view intf : intfs)
             row.oifs.insert(oifIndex(*quillTables[table], intf));
-        }
         quillTables[table]->routeIs(key, row);
         return;
     }
     L3::IntfSet set;
-    for (const std::string_view intf : intfs) {
+    for (const std::string_view intf : intfs)
         set.insert(L3::IntfId(intf));
-    }
     LumenFib& fib = *lumenFibs[table];
     if (const Handle<LumenRoute> present = fib.route(key)) {
         present->intfIs(set);
@@ -134,11 +128,10 @@ void NatFixture::routeIs(std::uint32_t vrf, Type type, std::string_view source, 
 
 void NatFixture::routeDel(std::uint32_t vrf, Type type, std::string_view source, std::string_view group) {
     const NatMcastRouteKey table = tableKey(vrf, type);
-    if (lumen) {
+    if (lumen)
         lumenFibs[table]->routeDel(routeKey(source, group));
-    } else {
+    else
         quillTables[table]->routeDel(routeKey(source, group));
-    }
 }
 
 std::uint16_t NatFixture::oifIndex(QuillTable& table, std::string_view intf) {
@@ -164,11 +157,9 @@ std::size_t NatFixture::requesters(const Ask& ask) const {
 
 Lines NatFixture::traced() {
     Lines lines;
-    for (const State::TraceRecord& record : State::traceRecordsSince(mark)) {
-        if (record.facility == "KestrelNatMulticastSm") {
+    for (const State::TraceRecord& record : State::traceRecordsSince(mark))
+        if (record.facility == "KestrelNatMulticastSm")
             lines.push_back(std::to_string(record.level) + " " + record.message);
-        }
-    }
     mark = State::traceNext();
     return lines;
 }

@@ -70,12 +70,10 @@ TEST(Matcher, TellsByTheZerosOfItsRequestsWhichRoutesConcernThem) {
                                                   {"10.0.0.2", "239.2.2.2", true},
                                                   {any, "239.2.2.2", true},
                                                   {"10.0.0.3", "239.9.9.9", true},
-                                                  {"10.0.0.4", "239.9.9.9", false}}) {
+                                                  {"10.0.0.4", "239.9.9.9", false}})
         EXPECT_EQ(matcher->matches(flow(source, group)), concerns) << source << " " << group;
-    }
-    for (const NatMrouteKey& key : keys) {
+    for (const NatMrouteKey& key : keys)
         matcher->remove(MrouteSourceAndGroup::of(key), key);
-    }
     EXPECT_TRUE(matcher->empty());
 
     const NatMrouteKey everything = request({.source = any, .group = any}); // is filed under group zero

@@ -79,11 +79,9 @@ class VrfDir : public ::testing::Test {
     }
     // Makes the VRF's tables, or its FIBs, in the stores.
     void tablesIs(const std::string& name) {
-        for (const char* mode : {STATIC_MODE, SPARSE_MODE}) {
-            if (!lumen) {
+        for (const char* mode : {STATIC_MODE, SPARSE_MODE})
+            if (!lumen)
                 tables->entityIs(formatMulticastRoutePath(name, mode), "Quill::Multicast::Fib::Status");
-            }
-        }
         for (const std::string& path :
              lumen ? std::vector{lumenUser, lumenSparse} : std::vector<std::string>()) {
             const auto byVrf = State::handleCast<Lumen::Multicast::Fib::StatusByVrf>(entities->entity(path));
@@ -103,11 +101,9 @@ class VrfDir : public ::testing::Test {
     // Messages of the facility since the mark, and the mark set anew.
     std::vector<std::string> traced() {
         std::vector<std::string> messages;
-        for (const auto& record : State::traceRecordsSince(mark)) {
-            if (record.facility == "KestrelNatMulticastMounter") {
+        for (const auto& record : State::traceRecordsSince(mark))
+            if (record.facility == "KestrelNatMulticastMounter")
                 messages.push_back(std::to_string(record.level) + " " + record.message);
-            }
-        }
         mark = State::traceNext();
         return messages;
     }
@@ -120,9 +116,8 @@ TEST_F(VrfDir, EntersWhatIsReadyAtStartInOrderAndMountsItsTables) {
         tablesIs(name);
         vrfStatusIs(name, id);
     }
-    for (const char* name : {"default", "blue", "red"}) {
+    for (const char* name : {"default", "blue", "red"})
         enabled->vrfEnabledIs(name, true);
-    }
     start();
     EXPECT_EQ(listener.heard, (Lines{"+vrf default", "+" + table(0, 0), "+" + table(0, 1), "+vrf red",
                                      "+" + table(3, 0), "+" + table(3, 1)}));
@@ -164,9 +159,8 @@ TEST_F(VrfDir, RemovesByTheFlagAloneAndSilentlyWhatWasNeverAdded) {
 }
 
 TEST_F(VrfDir, TheRouteMapUsesTheFibItHolds) {
-    if (!lumen) {
+    if (!lumen)
         GTEST_SKIP() << "only FIBs of the entity store count uses";
-    }
     tablesIs("red");
     vrfStatusIs("red", 3);
     enabled->vrfEnabledIs("red", true);
@@ -180,9 +174,8 @@ TEST_F(VrfDir, TheRouteMapUsesTheFibItHolds) {
 }
 
 TEST_F(VrfDir, AMissingLumenFibIsTracedAndTheVrfEntered) {
-    if (!lumen) {
+    if (!lumen)
         GTEST_SKIP() << "Quill tables are asserted, not looked for";
-    }
     vrfStatusIs("red", 3);
     enabled->vrfEnabledIs("red", true);
     start();

@@ -49,12 +49,10 @@ using Rows = std::vector<Row>;
 bool matches(const IpGenRouteKey& route, IpAddr source, IpAddr group) {
     const bool exact = route == IpGenRouteKey::host(source, group);
     const bool starG = route.source.ipv4().isZero() && route.group.ipv4() == group;
-    if (group.isZero()) {
+    if (group.isZero())
         return starG || exact || route.source.ipv4() == source;
-    }
-    if (source.isZero()) {
+    if (source.isZero())
         return route.group.ipv4() == group || starG || exact;
-    }
     return starG || exact;
 }
 
@@ -88,12 +86,10 @@ class RandomTable {
         Rows seen;
         source_.table->routeCollection().visit(nullptr, [&](const IpGenRouteKey& key, const auto& value) {
             seen.push_back({key, Source::markOf(value)});
-            if (pick(3) == 0) {
+            if (pick(3) == 0)
                 remove(IpGenRouteKey(seen.back().key));
-            }
-            for (unsigned changes = pick(3); changes > 0; --changes) {
+            for (unsigned changes = pick(3); changes > 0; --changes)
                 change();
-            }
             return true;
         });
         // Only rows that were there when it began are seen, in order, and all of those that stayed.
@@ -127,11 +123,9 @@ class RandomTable {
     }
     void expectCandidates(IpAddr source, IpAddr group) const {
         Rows literal;
-        for (const Row& row : rows_) {
-            if (matches(row.key, source, group)) {
+        for (const Row& row : rows_)
+            if (matches(row.key, source, group))
                 literal.push_back(row);
-            }
-        }
         const auto& routes = source_.table->routeCollection();
         Rows found = collect([&](auto visit) { routes.candidates(source, group, visit); });
         std::erase_if(found, [&](const Row& row) { return !matches(row.key, source, group); });
@@ -190,9 +184,8 @@ class RandomTable {
         removed_.push_back(key);
         source_.table->routeDel(key);
         const auto found = find(key);
-        if (found != rows_.end()) {
+        if (found != rows_.end())
             rows_.erase(found);
-        }
     }
     // Removes the first or the last row of a group's or a source's chain.
     void removeAtAnEnd() {
@@ -203,11 +196,10 @@ class RandomTable {
                    (byGroup ? row.key.group.ipv4() == key.group.ipv4()
                             : row.key.source.ipv4() == key.source.ipv4());
         };
-        if (pick(2) == 0) {
+        if (pick(2) == 0)
             remove(std::find_if(rows_.begin(), rows_.end(), isInChain)->key);
-        } else {
+        else
             remove(std::find_if(rows_.rbegin(), rows_.rend(), isInChain)->key);
-        }
     }
     Rows::iterator find(const IpGenRouteKey& key) {
         return std::find_if(rows_.begin(), rows_.end(), [&](const Row& row) { return row.key == key; });
@@ -239,19 +231,17 @@ TYPED_TEST(CandidateChains, YieldWhatAWalkOfTheWholeTableWould) {
     RandomTable<TypeParam> table(seed);
     std::size_t largest = 0;
     for (int step = 0; step < 3000; ++step) {
-        if (step % 50 == 49) {
+        if (step % 50 == 49)
             table.changingWalk();
-        } else if (step % 1000 == 500) {
+        else if (step % 1000 == 500)
             table.removeAll();
-        } else {
+        else
             table.change();
-        }
         largest = std::max(largest, table.size());
         table.expectTableOrder();
         table.expectAllCandidates();
-        if (this->HasFatalFailure()) {
+        if (this->HasFatalFailure())
             FAIL() << "at step " << step;
-        }
     }
     EXPECT_GT(largest, 20U);
 }

@@ -21,17 +21,15 @@ using Quill::Multicast::Fib::OifIndexList;
 
 // Interfaces number 1 to `count`.
 IntfId interface(std::uint64_t number) {
-    while (IntfId::names() < number) {
+    while (IntfId::names() < number)
         IntfId{"Set" + std::to_string(IntfId::names())};
-    }
     return IntfId::fromNumber(number);
 }
 
 std::vector<std::uint64_t> numbers(const IntfSet& set) {
     std::vector<std::uint64_t> list;
-    for (const IntfId member : set) {
+    for (const IntfId member : set)
         list.push_back(member.number());
-    }
     return list;
 }
 
@@ -59,9 +57,8 @@ TEST_F(IntfSetTest, BehavesAsASortedSetThatIsCopied) {
             break;
         case 1:
             sets[at].insertAll(sets[from]);
-            for (const std::uint64_t each : Model(models[from])) {
+            for (const std::uint64_t each : Model(models[from]))
                 models[at].insert(each);
-            }
             break;
         case 2:
             if (pick(10) == 0) {
@@ -103,13 +100,11 @@ TEST_F(IntfSetTest, AUnionIsThatOfAllThatWasAdded) { // few and many
                 continue;
             }
             IntfSet set = !added.empty() && pick(3) == 0 ? added.back() : IntfSet();
-            for (unsigned count = pick(4); count > 0; --count) {
+            for (unsigned count = pick(4); count > 0; --count)
                 set.insert(interface(1 + pick(200)));
-            }
             collected.add(set);
-            for (const std::uint64_t number : numbers(set)) {
+            for (const std::uint64_t number : numbers(set))
                 model.insert(number);
-            }
             added.push_back(set);
         }
         const auto members = numbers(collected.take());
@@ -141,9 +136,8 @@ TEST_F(IntfSetTest, AnIndexListBehavesAsAListWithoutDuplicates) {
             break;
         default:
             lists[at].insert(index);
-            if (std::find(models[at].begin(), models[at].end(), index) == models[at].end()) {
+            if (std::find(models[at].begin(), models[at].end(), index) == models[at].end())
                 models[at].push_back(index);
-            }
         }
         for (std::size_t i = 0; i < lists.size(); ++i) {
             ASSERT_TRUE(std::equal(lists[i].begin(), lists[i].end(), models[i].begin(), models[i].end()))

@@ -32,9 +32,8 @@ TEST(ShmTables, AFullOneRefusesNewRowsAndKeepsTheOthers) {
     config->mroutesIs(MrouteItem(row(1)));
     config->sizingIs(sized("mroutes", 3));
     config->sizingIs(sized("others", 1)); // not its collection
-    for (const std::uint16_t vlan : std::vector<std::uint16_t>{2, 3, 4, 4, 1, 2}) {
+    for (const std::uint16_t vlan : std::vector<std::uint16_t>{2, 3, 4, 4, 1, 2})
         config->mroutesIs(MrouteItem(row(vlan)));
-    }
     EXPECT_EQ(config->mroutesCollection().size(), 3U);
     EXPECT_FALSE(config->mroutesCollection().has(row(4)));
     EXPECT_EQ(config->refused(), 2U); // rewriting a row that is there is none
@@ -49,9 +48,8 @@ TEST(ShmTables, AFullOneRefusesNewRowsAndKeepsTheOthers) {
     EXPECT_TRUE(mroutes.set(*config, &fourth, nullptr));
 
     const auto unlimited = State::makeHandle<MrouteColl>("config");
-    for (std::uint16_t vlan = 0; vlan < 4095; ++vlan) {
+    for (std::uint16_t vlan = 0; vlan < 4095; ++vlan)
         unlimited->mroutesIs(MrouteItem(row(vlan)));
-    }
     EXPECT_EQ(unlimited->mroutesCollection().size(), 4095U);
 }
 

@@ -110,9 +110,8 @@ TEST(ValueForms, OfAddressesReadBackAndNormalise) {
         {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
         {"ff0e:0:0:0:0:0:1:0", "ff0e::1:0"},
     };
-    for (const auto& [given, shown] : forms) {
+    for (const auto& [given, shown] : forms)
         EXPECT_EQ(IpGenAddr::fromString(given).stringValue(), shown);
-    }
     const std::uint32_t seed = testSeed();
     SCOPED_TRACE(seedText(seed));
     std::mt19937 random(seed);
@@ -136,9 +135,8 @@ std::string parseRefusal(const std::string& text) {
 
 TEST(RefusedValues, AreNamedWithTheirTypeAndTheRule) {
     for (const char* text : {"", "10.0.0", "10.0.0.256", "10.0.0.01", "10.0.0.1 ", " 10.0.0.1", "10.0.0.1.",
-                             "10.0.0.-1", "10..0.1", "0x10.0.0.1", "10.0.0.1/32"}) {
+                             "10.0.0.-1", "10..0.1", "0x10.0.0.1", "10.0.0.1/32"})
         EXPECT_EQ(refusal([&] { IpAddr{text}; }), "L3::IpAddr: '" + std::string(text) + "' is none");
-    }
     for (const char* text :
          {"", ":", "1", "1::2::3", "12345::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9",
           "1:2:3:4:5:6:7:8::", ":1:2:3:4:5:6:7", "1:2:3:4:5:6:7:", ":::", "g::", "::1%eth0"}) {
@@ -154,12 +152,10 @@ TEST(RefusedValues, AreNamedWithTheirTypeAndTheRule) {
         EXPECT_EQ(refusal([&] { IntfId{name}; }), "L3::IntfId: name '" + std::string(name) +
                                                       "' not allowed: it holds a blank or a control byte");
     }
-    for (const char* text : {"red", "\"red", "\"a\\q\"", "\"a\\x1\"", "\"a\\xg0\"", "\"a\"b", "\"a\\"}) {
+    for (const char* text : {"red", "\"red", "\"a\\q\"", "\"a\\x1\"", "\"a\\xg0\"", "\"a\"b", "\"a\\"})
         EXPECT_NE(parseRefusal<L3::VrfName>(text), "") << text;
-    }
-    for (const char* text : {"", "-1", "+1", "x", "1x", "18446744073709551616"}) {
+    for (const char* text : {"", "-1", "+1", "x", "1x", "18446744073709551616"})
         EXPECT_NE(parseRefusal<L3::VrfId>(text), "") << text;
-    }
     const std::string a64(64, 'a');
     const std::string a101(101, 'a');
     const std::uint64_t names = IntfId::names();
@@ -181,9 +177,8 @@ TEST(RefusedValues, AreNamedWithTheirTypeAndTheRule) {
         {parseRefusal<NatRequestType>("mcastRequest"),
          "KestrelNat::NatRequestType has no enumerator \"mcastRequest\""},
     };
-    for (const auto& [refused, text] : texts) {
+    for (const auto& [refused, text] : texts)
         EXPECT_EQ(refused, text);
-    }
     EXPECT_NE(refusal([] { OifIndex::fromNumber(65536); }), "");
     EXPECT_NE(parseRefusal<NatRequestType>("256"), "");
     EXPECT_EQ(IntfId::names(), names); // a refused name takes no number
@@ -204,9 +199,8 @@ TEST(RefusedValues, OfRecordsAreNamedByAttributeAndPlace) {
                     .starts_with(type + ", attribute group: " + type + ": expected ', ' at column "));
     const std::string whole = State::valueText(IpGenRouteKey{});
     EXPECT_TRUE(parse(whole + " ").starts_with(type + ": expected the end at column "));
-    for (std::size_t length = 0; length < whole.size(); ++length) {
+    for (std::size_t length = 0; length < whole.size(); ++length)
         EXPECT_NE(parse(whole.substr(0, length)), "") << length;
-    }
 
     using State::Datum;
     const std::string key = "KestrelNat::NatMrouteKey";
@@ -245,9 +239,8 @@ TEST(RefusedValues, OfRecordsAreNamedByAttributeAndPlace) {
 TEST(RefusedValues, OfAnInterfaceNameTooMany) {
     // In a child, because names are never given back.
     const auto fill = [] {
-        for (std::uint64_t i = IntfId::names(); i < IntfId::maxNames; ++i) {
+        for (std::uint64_t i = IntfId::names(); i < IntfId::maxNames; ++i)
             IntfId{"full" + std::to_string(i)};
-        }
         const bool isRefused = !refusal([] { IntfId("one more"); }).empty() &&
                                refusal([] { IntfId("onemore"); }) ==
                                    "L3::IntfId: name 'onemore' not allowed: there are 65536 names already";

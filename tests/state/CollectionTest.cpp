@@ -30,16 +30,14 @@ class CollectionTest : public ::testing::Test {
     void listen() { owner->subscribe(this, &hear); }
     std::vector<std::string> colours() const {
         std::vector<std::string> list;
-        for (const auto& [key, value] : owner->colour()) {
+        for (const auto& [key, value] : owner->colour())
             list.push_back(key + "=" + std::to_string(value));
-        }
         return list;
     }
     std::vector<std::string> names() const {
         std::vector<std::string> list;
-        for (const std::string& name : owner->name()) {
+        for (const std::string& name : owner->name())
             list.push_back(name);
-        }
         return list;
     }
 
@@ -63,9 +61,8 @@ class CollectionTest : public ::testing::Test {
             line = key + (value == nullptr ? " gone" : "=" + std::to_string(*value));
         }
         test.heard.push_back(line);
-        if (test.reaction) {
+        if (test.reaction)
             test.reaction(line);
-        }
     }
 };
 
@@ -182,9 +179,8 @@ TEST_F(CollectionTest, AWalkMayRemoveByTheMembersOwnKeyWhileReadersReact) {
         visited.push_back(key);
         owner->colourDel(key);
     }
-    for (const std::string& key : owner->name()) {
+    for (const std::string& key : owner->name())
         owner->nameDel(key);
-    }
     EXPECT_EQ(visited, (Lines{"a", "b", "d"}));
     EXPECT_EQ(colours(), Lines{"e=1"});
     EXPECT_TRUE(names().empty());

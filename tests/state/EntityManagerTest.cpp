@@ -72,9 +72,8 @@ TEST_F(EntityManagerTest, DeclaredPathsAreSeenOnceTheirMountsArePerformed) {
     const auto present = database->entityIs("present", boxType);
     const auto own = database->entityIs("own", boxType); // the agent's, which nobody mounts
     State::MountGroup& group = manager->getMountGroup(*mounter);
-    for (const char* path : {"absent", "present", "other"}) {
+    for (const char* path : {"absent", "present", "other"})
         group.doMount({path, boxType, State::MountFlags::readOnly});
-    }
     database->entityIs("other", sheetType);
     EXPECT_EQ(manager->getEntity("own"), own);
     EXPECT_EQ(manager->getEntity("present"), nullptr);
@@ -106,9 +105,8 @@ TEST_F(EntityManagerTest, AStoreMakesAnEntityOnceAndRefusesAnotherTypeAtItsPath)
     }
     EXPECT_THROW(database->entityIs("a/new", "EntityManagerTests::Nothing"), State::UnknownTypeError);
     std::vector<std::string> paths;
-    for (const auto& item : database->entities()) {
+    for (const auto& item : database->entities())
         paths.push_back(item.key);
-    }
     EXPECT_EQ(paths, (std::vector<std::string>{"a/box", "a/sheet"}));
     database->entityIs("a/box", Handle<State::Entity>());
     EXPECT_EQ(database->entity("a/box"), nullptr);
@@ -118,9 +116,8 @@ class ShmEntityManagerTest : public ::testing::Test {
   protected:
     static State::TableMount table(std::uint32_t mode, std::uint32_t capacity = 0) {
         State::TableMount mount{.mode = mode, .collections = {}};
-        if (capacity != 0) {
+        if (capacity != 0)
             mount.collections.push_back({.name = "rows", .capacity = capacity, .reserve = 0});
-        }
         return mount;
     }
     static constexpr State::EntityMount reader{.writer = false, .recursive = true, .notify = true};
@@ -177,9 +174,8 @@ TEST_F(ShmEntityManagerTest, UnmountingIsAbsoluteAndTakesNothingFromTheStore) {
 
 TEST_F(ShmEntityManagerTest, KeepsTheLatestOfWhatWasAskedFor) {
     constexpr std::size_t limit = State::ShmEntityManager::journalLimit;
-    for (std::size_t i = 0; i < 2 * limit; ++i) {
+    for (std::size_t i = 0; i < 2 * limit; ++i)
         manager->doUnmount(std::to_string(i));
-    }
     EXPECT_LE(manager->journal().size(), limit);
     EXPECT_EQ(manager->journal().back().path, std::to_string(2 * limit - 1));
 }

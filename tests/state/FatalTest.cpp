@@ -35,9 +35,8 @@ const std::string assertionText = std::string(__FILE__) + ":" + std::to_string(a
 std::string exactly(const std::string& text) {
     std::string pattern = "^";
     for (const char c : text) {
-        if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos) {
+        if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos)
             pattern += '\\';
-        }
         pattern += c;
     }
     return pattern + "$";

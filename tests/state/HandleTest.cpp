@@ -21,9 +21,8 @@ struct Object : Base {
 
     Object() { ++alive; }
     ~Object() override {
-        if (onEnd) {
+        if (onEnd)
             onEnd(*this);
-        }
         --alive;
     }
 };

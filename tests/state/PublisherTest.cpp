@@ -37,9 +37,8 @@ class PublisherTest : public ::testing::Test {
     Subscriber named(const std::string& name, const std::function<void()>& then = {}) {
         return {[this, name, then](const Notification& change) {
             heard.push_back(name + std::to_string(change.attribute));
-            if (then) {
+            if (then)
                 then();
-            }
         }};
     }
     void subscribe(Subscriber& subscriber, State::AttributeMask mask = State::allAttributes) {
@@ -99,9 +98,8 @@ class RandomDelivery {
   public:
     explicit RandomDelivery(std::uint32_t seed)
         : random_(seed) {
-        for (Subscriber& subscriber : subscribers_) {
+        for (Subscriber& subscriber : subscribers_)
             subscriber.body = [this, &subscriber](const Notification&) { heard(subscriber); };
-        }
     }
 
     void round() {
@@ -136,9 +134,8 @@ class RandomDelivery {
     void publish(unsigned depth) {
         Delivery& delivery = deliveries_.emplace_back();
         delivery.depth = depth;
-        for (const auto& [subscriber, serial] : serials_) {
+        for (const auto& [subscriber, serial] : serials_)
             delivery.expected[serial] = false;
-        }
         source_->publish(0);
         for (const auto& [subscriber, serial] : serials_) {
             const auto found = deliveries_.back().expected.find(serial);

@@ -53,12 +53,10 @@ class Nested final : public State::NestedStateMachine<Nested, Input, Owner, Stat
     }
     void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
     void onAttribute(const State::Notification& change) {
-        if (reaction) {
+        if (reaction)
             reaction();
-        }
-        if (owner() != nullptr) {
+        if (owner() != nullptr)
             owner()->heard.push_back(change.attribute);
-        }
     }
     std::function<void()> reaction;
 };

@@ -106,9 +106,8 @@ TEST(TableWithoutMemory, FailedMakeEntryChangesNothing) {
 
 TEST(TableWithoutMemory, RemovingSucceeds) {
     Map map(1);
-    for (std::uint32_t key = 0; key < members; ++key) {
+    for (std::uint32_t key = 0; key < members; ++key)
         map.insert({key, std::make_unique<std::uint32_t>(key)});
-    }
     failures = 0;
     std::uint32_t from = 0;
     for (; from < members - 1; ++from) {

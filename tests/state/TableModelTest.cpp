@@ -60,12 +60,10 @@ class Model {
     }
     // Adds or removes until there are about `members`.
     void fillTo(std::size_t members) {
-        while (members_.size() < members) {
+        while (members_.size() < members)
             add();
-        }
-        while (members_.size() > members) {
+        while (members_.size() > members)
             remove(K{below(keys_)});
-        }
     }
     void check() {
         ASSERT_EQ(table_.size(), members_.size());
@@ -96,9 +94,8 @@ class Model {
         const K after{below(keys_)};
         const auto start = serials_.find(after.number);
         const bool behind = oneIn(3);
-        if (behind && start != serials_.end()) {
+        if (behind && start != serials_.end())
             last = start->second;
-        }
         std::uint32_t visits = 1 + below(oneIn(4) ? keys_ : 40);
         for (auto& entry : behind ? table_.walkAfter(after) : table_.walk()) {
             const auto next = members_.upper_bound(last);
@@ -106,13 +103,11 @@ class Model {
             ASSERT_EQ(entry.key.number, next->second.key);
             ASSERT_EQ(*entry.value, next->second.value);
             last = next->first;
-            if (oneIn(3)) {
+            if (oneIn(3))
                 change(entry.key, depth);
-            }
             if (--visits == 0) {
-                if (oneIn(8)) {
+                if (oneIn(8))
                     throw Thrown{};
-                }
                 return;
             }
         }
@@ -136,9 +131,8 @@ class Model {
                 add();
                 break;
             case 4:
-                if (depth < 3) {
+                if (depth < 3)
                     walk(depth + 1);
-                }
                 break;
             default:
                 table_.clear();
@@ -170,9 +164,8 @@ class Model {
                                : table_.extract(key, [&](auto&& entry) { taken = std::move(entry.value); });
         ASSERT_EQ(there, serial != serials_.end());
         if (there) {
-            if (taken != nullptr) {
+            if (taken != nullptr)
                 ASSERT_EQ(*taken, members_[serial->second].value);
-            }
             members_.erase(serial->second);
             serials_.erase(serial);
         }
@@ -193,13 +186,11 @@ void holdAgainstModel(std::uint32_t keys, unsigned rounds, unsigned checkEvery) 
     Model<K> model(seed, keys);
     std::mt19937 random(seed);
     for (unsigned round = 1; round <= rounds && !testing::Test::HasFailure(); ++round) {
-        if (round % 50 == 1) {
+        if (round % 50 == 1)
             model.fillTo(random() % keys);
-        }
         model.round();
-        if (round % checkEvery == 0) {
+        if (round % checkEvery == 0)
             model.check();
-        }
     }
 }
 

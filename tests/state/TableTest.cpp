@@ -20,25 +20,22 @@ struct Itself {
 using Numbers = State::Table<std::uint32_t, Itself>;
 
 void add(Numbers& numbers, std::uint32_t from, std::uint32_t to) {
-    for (std::uint32_t number = from; number < to; ++number) {
+    for (std::uint32_t number = from; number < to; ++number)
         ASSERT_TRUE(numbers.insert(std::uint32_t{number}).second);
-    }
 }
 
 std::vector<std::uint32_t> inOrder(const Numbers& numbers) {
     std::vector<std::uint32_t> order;
-    for (const std::uint32_t& number : numbers.walk()) {
+    for (const std::uint32_t& number : numbers.walk())
         order.push_back(number);
-    }
     return order;
 }
 
 TEST(Table, CopiesAndMovedOnesKeepTheOrder) {
     Numbers numbers(1);
     add(numbers, 0, 1000);
-    for (std::uint32_t number = 0; number < 1000; number += 3) {
+    for (std::uint32_t number = 0; number < 1000; number += 3)
         numbers.erase(number);
-    }
     add(numbers, 0, 1);
     const auto order = inOrder(numbers);
     Numbers copy = numbers.clone();
@@ -52,16 +49,14 @@ TEST(Table, CopiesAndMovedOnesKeepTheOrder) {
 TEST(Table, AddingMovesNothing) {
     Numbers numbers(1);
     std::vector<const std::uint32_t*> places;
-    for (std::uint32_t number = 0; number < 5000; ++number) {
+    for (std::uint32_t number = 0; number < 5000; ++number)
         places.push_back(numbers.insert(std::uint32_t{number}).first);
-    }
     for (const std::uint32_t& number : numbers.walk()) { // nor does removing, under a walk
         ASSERT_EQ(&number, places[number]);
-        if (number % 8 != 0) {
+        if (number % 8 != 0)
             numbers.erase(number);
-        } else {
+        else
             add(numbers, 5000 + number, 5001 + number);
-        }
         ASSERT_EQ(numbers.find(4992), places[4992]);
     }
     EXPECT_EQ(numbers.size(), 2 * 625U);
@@ -79,15 +74,12 @@ TEST(Table, MemoryIsThatOfTheMembersHoweverManyCameAndWent) {
         add(numbers, 100000 + number, 100001 + number);
     }
     EXPECT_LE(numbers.memoryBytes(), full + full / 4);
-    for (std::uint32_t number = 300000; number < 400000; ++number) { // every 100th stays
-        if (number % 100 != 0) {
+    for (std::uint32_t number = 300000; number < 400000; ++number) // every 100th stays
+        if (number % 100 != 0)
             numbers.erase(number);
-        }
-    }
     EXPECT_LE(numbers.memoryBytes(), 1000U * 64);
-    for ([[maybe_unused]] const std::uint32_t& number : numbers.walk()) {
+    for ([[maybe_unused]] const std::uint32_t& number : numbers.walk())
         numbers.clear();
-    }
     EXPECT_EQ(numbers.memoryBytes(), 0U);
 }
 
@@ -117,13 +109,11 @@ struct KeyOfShared {
 TEST(Table, OutermostWalkDestroysWhatWasRemoved) {
     State::Table<Shared, KeyOfShared> table(1);
     const auto value = std::make_shared<int>(1);
-    for (std::uint32_t key = 0; key < 100; ++key) {
+    for (std::uint32_t key = 0; key < 100; ++key)
         table.insert({key, value});
-    }
     for (const Shared& outer : table.walk()) {
-        for (const Shared& inner : table.walk()) {
+        for (const Shared& inner : table.walk())
             table.erase(inner.key);
-        }
         EXPECT_EQ(value.use_count(), 101) << "only marked, as long as a walk is open";
         table.insert({outer.key, value});
         EXPECT_TRUE(table.extract(outer.key, [&](Shared&& entry) { EXPECT_EQ(entry.value, value); }));
@@ -158,9 +148,8 @@ struct Chained {
     ~Chained() {
         if (chain != nullptr) {
             chain->erase(key + 1);
-            for (const Chained& entry : chain->walk()) {
+            for (const Chained& entry : chain->walk())
                 chain->erase(entry.key + 7);
-            }
         }
     }
     std::uint32_t key;
@@ -169,9 +158,8 @@ struct Chained {
 
 TEST(Table, DestructorsMayUseTheTable) {
     const auto fill = [](Chained::Chain& chain) {
-        for (std::uint32_t key = 0; key < 600; ++key) {
+        for (std::uint32_t key = 0; key < 600; ++key)
             chain.insert({key, &chain});
-        }
     };
     Chained::Chain chain(1);
     fill(chain);
@@ -203,11 +191,9 @@ TEST(Table, KeyOfARemovedMemberIsNotRead) {
         table.insert(std::uint32_t{number});
     }
     const auto removeAllBut = [&](std::uint32_t every) {
-        for (std::uint32_t number = 0; number < pool.size(); ++number) {
-            if (number % every != 0 && table.erase(number * 3)) {
+        for (std::uint32_t number = 0; number < pool.size(); ++number)
+            if (number % every != 0 && table.erase(number * 3))
                 pool[number].reset();
-            }
-        }
     };
     for (const std::uint32_t& number : table.walk()) {
         removeAllBut(2 + number);
@@ -234,9 +220,8 @@ TEST(TableDeathTest, MisuseEndsTheProcess) {
         {
             auto numbers = std::make_unique<Numbers>(1);
             numbers->insert(1);
-            for ([[maybe_unused]] const std::uint32_t& number : numbers->walk()) {
+            for ([[maybe_unused]] const std::uint32_t& number : numbers->walk())
                 numbers.reset();
-            }
         },
         "a table outlives its walks");
 }

@@ -15,9 +15,8 @@ using Texts = std::vector<std::string>;
 
 inline Texts messages(const std::vector<State::TraceRecord>& records) {
     Texts texts;
-    for (const auto& record : records) {
+    for (const auto& record : records)
         texts.push_back(record.message);
-    }
     return texts;
 }
 

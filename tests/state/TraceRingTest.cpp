@@ -27,9 +27,8 @@ TEST_F(TraceRingTest, RingKeepsTheLatestRecords) {
         std::vector<std::pair<std::string, std::uint64_t>> all; // message and time
         const std::uint64_t first = State::traceNext();
         for (int step = 0; step < 6000; ++step) {
-            if (step == 0 || upTo(3) == 0) {
+            if (step == 0 || upTo(3) == 0)
                 State::traceTimeIs(++time);
-            }
             const std::string text(upTo(step % 50 == 0 ? 150 : 20), static_cast<char>('a' + upTo(25)));
             const std::string kept = text.size() <= 100 ? text : text.substr(0, 100) + "...";
             if (const auto kind = upTo(3); kind == 0) {
@@ -44,13 +43,11 @@ TEST_F(TraceRingTest, RingKeepsTheLatestRecords) {
             } else {
                 TRACE(8, text, text, text, text, text);
                 all.emplace_back("", time);
-                for (int i = 0; i < 5; ++i) {
+                for (int i = 0; i < 5; ++i)
                     all.back().first += kept;
-                }
             }
-            if (step % 97 != 0 && step < 5990) {
+            if (step % 97 != 0 && step < 5990)
                 continue;
-            }
             const auto records = State::traceRecordsSince(0);
             ASSERT_EQ(State::traceNext(), first + all.size());
             ASSERT_EQ(State::traceOldest(), State::traceNext() - records.size());
@@ -89,13 +86,11 @@ TEST_F(TraceRingTest, RecordsMeetInEveryWay) {
                 State::traceTimeIs(1);
                 ringIs(8192);
                 const std::uint64_t change = State::traceNext() + count;
-                for (std::size_t i = 0; i < count; ++i) {
+                for (std::size_t i = 0; i < count; ++i)
                     before.trace();
-                }
                 State::traceTimeIs(2);
-                for (std::size_t i = 0; i < more; ++i) {
+                for (std::size_t i = 0; i < more; ++i)
                     after.trace();
-                }
                 const auto records = State::traceRecordsSince(0);
                 ASSERT_EQ(records.size(), State::traceNext() - State::traceOldest());
                 for (const State::TraceRecord& record : records) {
@@ -111,9 +106,8 @@ TEST_F(TraceRingTest, RecordsMeetInEveryWay) {
 TEST_F(TraceRingTest, IdleEventsTakeNoRoom) {
     ringIs(8192);
     TRACE(8, "before");
-    for (std::uint64_t time = 1; time < 10000; ++time) {
+    for (std::uint64_t time = 1; time < 10000; ++time)
         State::traceTimeIs(time);
-    }
     TRACE(8, "after");
     const auto records = State::traceRecordsLast(2);
     EXPECT_EQ(messages(records), Texts({"before", "after"}));
@@ -148,10 +142,9 @@ TEST_F(TraceRingTest, DamagedRingIsReadAsFarAsItMakesSense) {
     State::traceLevelIs("TraceTest", 0);
     std::mt19937 random(7);
     const auto fill = [](int count) {
-        for (int i = 0; i < count; ++i) {
+        for (int i = 0; i < count; ++i)
             TRACE(8, "i=", i, " ", std::string(static_cast<std::size_t>(i % 120), 't'), std::string_view("x"),
                   i % 2 == 0);
-        }
     };
     const auto read = [&] {
         State::TraceRingWalk walk(State::traceRing);
@@ -187,9 +180,8 @@ TEST_F(TraceRingTest, DamagedRingIsReadAsFarAsItMakesSense) {
     for (const std::uint32_t size : {0U, 8U, 1000U}) {
         const State::TraceRecordHead head{1000000, size};
         for (std::size_t at = sizeof(State::TraceRingHeader); at + sizeof head <= ring_.size();
-             at += sizeof head) {
+             at += sizeof head)
             std::memcpy(&ring_[at], &head, sizeof head);
-        }
         const auto records = read();
         EXPECT_EQ(records.back().message, "(the trace ring is damaged here)");
         EXPECT_EQ(records.back().n - State::traceOldest(), records.size() - 1);

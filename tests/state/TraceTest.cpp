@@ -118,11 +118,9 @@ TEST_F(TraceTest, LinesUpToTheFacilitysLevelAreWritten) {
 
 // "level loaded?" of a facility; nothing where it is unknown.
 std::string levelOf(std::string_view facility) {
-    for (const auto& [name, level, isLoaded] : State::traceLevels()) {
-        if (name == facility) {
+    for (const auto& [name, level, isLoaded] : State::traceLevels())
+        if (name == facility)
             return std::to_string(level) + (isLoaded ? " loaded" : "");
-        }
-    }
     return "";
 }
 
@@ -197,9 +195,8 @@ struct Range {
     }
 };
 void appendText(std::string& out, const Range& range) {
-    for (const int value : range.values) {
+    for (const int value : range.values)
         out += "<" + std::to_string(value) + ">";
-    }
 }
 
 TEST_F(TraceTest, SetsDescribedValuesAndOwnCodingsComeBack) {

@@ -27,9 +27,8 @@ struct Thing : State::RefCounted {
 };
 
 Handle<Thing> thingFactory(std::string_view name, Handle<const Input> read, Handle<Input> written) {
-    if (name.empty()) {
+    if (name.empty())
         throw State::RangeError("a thing needs a name");
-    }
     auto thing = State::makeHandle<Thing>();
     thing->name = name;
     thing->readOnly = std::move(read);

@@ -73,15 +73,13 @@ TEST(ValueSet, BehavesAsAListWithoutDuplicatesThatIsCopied) {
         case 5:
         case 6:
             ASSERT_EQ(sets[at].erase(number), isThere);
-            if (isThere) {
+            if (isThere)
                 models[at].erase(place);
-            }
             break;
         default:
             ASSERT_EQ(sets[at].insert(number), !isThere);
-            if (!isThere) {
+            if (!isThere)
                 models[at].push_back(number);
-            }
         }
         for (std::size_t i = 0; i < sets.size(); ++i) { // all of them: a copy must not have changed
             ASSERT_EQ(elementsOf(sets[i]), models[i]) << "step " << step;
@@ -101,9 +99,8 @@ TEST(ValueSet, BehavesAsAListWithoutDuplicatesThatIsCopied) {
 
 TEST(ValueSet, ACopySharesTheElementsUntilOneSideChanges) {
     Set set;
-    for (std::uint32_t i = 0; i < 1000; ++i) {
+    for (std::uint32_t i = 0; i < 1000; ++i)
         set.insert({i});
-    }
     const Set copy = set;
     EXPECT_EQ(copy.memoryBytes(), set.memoryBytes());
     set.erase({500});
