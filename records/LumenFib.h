@@ -7,6 +7,7 @@
 
 #include "records/IntfSet.h"
 #include "records/RouteAttribute.h"
+#include "records/RouteModes.h"
 #include "records/VrfName.h"
 #include "state/Collection.h"
 #include "state/Entity.h"
@@ -69,7 +70,7 @@ class Status final : public State::Entity, public State::ShmObject {
     using RouteCollection = Routing::Multicast::Fib::RouteAttribute<RouteRow>;
     static constexpr State::AttributeId routeAttribute = 0;
 
-    // `name` is the route type, "user" or "sparsemode".
+    // `name` is the route type, userMode or sparseMode (RouteModes.h).
     explicit Status(std::string_view name)
         : name_(name) {}
     static const State::EntityType& type();

@@ -28,6 +28,8 @@ class MrouteColl final : public State::ShmTable {
   public:
     explicit MrouteColl(std::string_view tableName)
         : ShmTable(tableName, "mroutes") {}
+    static constexpr const char* path = "l3/mroutegroup/config";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
@@ -78,6 +80,8 @@ class MgroupColl final : public State::ShmTable {
   public:
     explicit MgroupColl(std::string_view tableName)
         : ShmTable(tableName, "") {}
+    static constexpr const char* path = "l3/mroutegroup/status";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 

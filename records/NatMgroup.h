@@ -12,6 +12,8 @@ namespace KestrelNat {
 
 class NatMgroupRequestSet final : public State::Entity {
   public:
+    static constexpr const char* path = "api/mgroup/req";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
@@ -20,6 +22,8 @@ class NatMgroupRequestSet final : public State::Entity {
 
 class NatMgroupResponseMap final : public State::Entity {
   public:
+    static constexpr const char* path = "api/mgroup/resp";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 

@@ -14,6 +14,8 @@ namespace KestrelNat {
 
 class NatMrouteRequestSet final : public State::Entity {
   public:
+    static constexpr const char* path = "api/mroute/req";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
@@ -25,6 +27,9 @@ class NatMrouteResponseMap final : public State::Entity {
   public:
     explicit NatMrouteResponseMap(std::string_view name)
         : name_(name) {}
+
+    static constexpr const char* path = "api/mroute/resp";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 

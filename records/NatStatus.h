@@ -14,6 +14,8 @@ class MulticastSmStatus final : public State::Entity {
     static constexpr State::AttributeId mrouteSmReadyAttribute = 0;
     static constexpr State::AttributeId mgroupSmReadyAttribute = 1;
 
+    static constexpr const char* path = "api/multicastSmStatus";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
@@ -30,6 +32,8 @@ class MulticastSmStatus final : public State::Entity {
 class CapabilityConfig final : public State::Entity {
   public:
     static constexpr State::AttributeId egressFromAllVrfsAttribute = 0;
+
+    static constexpr const char* path = "hardware/kestrel/nat/capability/config";
 
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }

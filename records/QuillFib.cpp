@@ -92,6 +92,14 @@ void Status::fillIntfs() const {
     intfsAsOf_ = oifIndexIntfCollection().changes();
 }
 
+std::string Status::mountPath(std::string_view vrfName, std::string_view mode) {
+    std::string path = "routing/multicast/routestatus/";
+    path += vrfName;
+    path += '/';
+    path += mode;
+    return path;
+}
+
 const State::EntityType& Status::type() {
     static const State::EntityType made(
         "Quill::Multicast::Fib::Status", &State::createEntity<Status>,

@@ -7,8 +7,10 @@
 #include "records/IntfId.h"
 #include "records/OifIndex.h"
 #include "records/RouteAttribute.h"
+#include "records/RouteModes.h"
 #include "state/ShmTable.h"
 
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -48,6 +50,8 @@ class Status final : public State::ShmTable {
 
     explicit Status(std::string_view tableName)
         : ShmTable(tableName, "") {}
+    // "routing/multicast/routestatus/VRF/MODE"; `mode` is staticMode or sparseMode (RouteModes.h).
+    static std::string mountPath(std::string_view vrfName, std::string_view mode);
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 

@@ -34,6 +34,8 @@ class VrfStatus final : public State::Entity {
 
 class RouteStatus final : public State::Entity {
   public:
+    static constexpr const char* path = "routing/hardware/route/status";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
@@ -47,6 +49,8 @@ namespace Routing::Multicast::Fib {
 
 class VrfEnabledStatus final : public State::Entity {
   public:
+    static constexpr const char* path = "routing/multicast/fibenabled/status";
+
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 

@@ -32,6 +32,9 @@ class VrfName {
     }
     auto operator<=>(const VrfName&) const = default;
 
+    // Why a name can't be that of a VRF in use, which is a component of paths; empty: it can be.
+    static std::string whyUnusable(std::string_view name);
+
   private:
     std::string name_;
 };

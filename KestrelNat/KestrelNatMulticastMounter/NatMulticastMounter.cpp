@@ -1,5 +1,6 @@
 #include "KestrelNat/KestrelNatMulticastMounter/NatMulticastMounter.h"
 
+#include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 #include "state/Trace.h"
 #include "state/TypeRegistry.h"
 
@@ -9,11 +10,16 @@ namespace KestrelNat {
 
 namespace {
 
-constexpr const char* capabilityConfigPath = "hardware/kestrel/nat/capability/config";
-constexpr const char* routeStatusPath = "routing/hardware/route/status";
-constexpr const char* vrfEnabledPath = "routing/multicast/fibenabled/status";
-constexpr const char* groupConfigPath = "l3/mroutegroup/config";
-constexpr const char* groupStatusPath = "l3/mroutegroup/status";
+using KestrelCommon::MrouteGroup::MgroupColl;
+using KestrelCommon::MrouteGroup::MrouteColl;
+using Routing::Hardware::RouteStatus;
+using Routing::Multicast::Fib::VrfEnabledStatus;
+
+template <class T>
+void declare(State::MountGroup& group) {
+    group.doMount(
+        {.path = T::path, .typeName = std::string(T::type().name()), .flags = State::mountFlags("r")});
+}
 
 State::Handle<NatMulticastMounter> makeMounter(std::string_view name) {
     return State::makeHandle<NatMulticastMounter>(name);
@@ -33,23 +39,19 @@ NatMulticastMounter::~NatMulticastMounter() {
 void NatMulticastMounter::doInit() {
     TRACE(6, "NatMulticastMounter::", "doInit");
     State::MountGroup& group = stateEm()->getMountGroup(*this);
-    const auto declare = [&](const char* path, const char* typeName) {
-        group.doMount({.path = path, .typeName = typeName, .flags = State::mountFlags("r")});
-    };
-    declare(capabilityConfigPath, "KestrelNat::CapabilityConfig");
-    declare(routeStatusPath, "Routing::Hardware::RouteStatus");
-    declare(vrfEnabledPath, "Routing::Multicast::Fib::VrfEnabledStatus");
+    declare<CapabilityConfig>(group);
+    declare<RouteStatus>(group);
+    declare<VrfEnabledStatus>(group);
 
     // The default VRF's route tables are mounted whatever the toggle says, the static one as "static" always.
-    for (const char* path : {"routing/multicast/routestatus/default/static",
-                             "routing/multicast/routestatus/default/sparsemode"}) {
-        shmemEm()->doMount(path, "Quill::Multicast::Fib::Status",
+    using QuillTable = Quill::Multicast::Fib::Status;
+    for (const char* mode : {STATIC_MODE, SPARSE_MODE})
+        shmemEm()->doMount(QuillTable::mountPath("default", mode), QuillTable::type().name(),
                            State::TableMount{.mode = 3, .collections = {}});
-    }
     shmemEm()->doMount(
-        groupConfigPath, "KestrelCommon::MrouteGroup::MrouteColl",
+        MrouteColl::path, MrouteColl::type().name(),
         State::TableMount{.mode = 0, .collections = {{.name = "mroutes", .capacity = 16000, .reserve = 0}}});
-    shmemEm()->doMount(groupStatusPath, "KestrelCommon::MrouteGroup::MgroupColl",
+    shmemEm()->doMount(MgroupColl::path, MgroupColl::type().name(),
                        State::TableMount{.mode = 1, .collections = {}});
     group.doClose(false, "", std::chrono::seconds(0));
 }
@@ -58,29 +60,27 @@ void NatMulticastMounter::doMountsComplete(const State::MountStatus&,
                                            const State::Handle<State::EntityManager>& em) {
     // The status is not looked at: a mount that failed shows as a null handle, with which its reader copes.
     TRACE(6, "NatMulticastMounter::", "doMountsComplete");
-    const auto groupConfig = shmemEm()->entity<KestrelCommon::MrouteGroup::MrouteColl>(groupConfigPath);
-    const State::Handle<const KestrelCommon::MrouteGroup::MgroupColl> groupStatus =
-        shmemEm()->entity<KestrelCommon::MrouteGroup::MgroupColl>(groupStatusPath);
+    const auto groupConfig = shmemEm()->entity<MrouteColl>(MrouteColl::path);
+    const State::Handle<const MgroupColl> groupStatus = shmemEm()->entity<MgroupColl>(MgroupColl::path);
 
-    const State::Handle<const Routing::Hardware::RouteStatus> routeStatus =
-        em->entity<Routing::Hardware::RouteStatus>(routeStatusPath);
-    const State::Handle<const Routing::Multicast::Fib::VrfEnabledStatus> vrfEnabled =
-        em->entity<Routing::Multicast::Fib::VrfEnabledStatus>(vrfEnabledPath);
+    const State::Handle<const RouteStatus> routeStatus = em->entity<RouteStatus>(RouteStatus::path);
+    const State::Handle<const VrfEnabledStatus> vrfEnabled =
+        em->entity<VrfEnabledStatus>(VrfEnabledStatus::path);
     const State::Handle<const NatMrouteRequestSet> mrouteRequests =
-        em->entity<NatMrouteRequestSet>("api/mroute/req");
-    const auto mrouteResponses = em->entity<NatMrouteResponseMap>("api/mroute/resp");
-    const auto smStatus = em->entity<MulticastSmStatus>("api/multicastSmStatus");
+        em->entity<NatMrouteRequestSet>(NatMrouteRequestSet::path);
+    const auto mrouteResponses = em->entity<NatMrouteResponseMap>(NatMrouteResponseMap::path);
+    const auto smStatus = em->entity<MulticastSmStatus>(MulticastSmStatus::path);
 
     mrouteRouteMapIs();
     natVrfDirSmIs(NatVrfDirSm::NatVrfDirSmIs(shmemEm(), routeStatus, vrfEnabled, mrouteRouteMap_));
     const State::Handle<const CapabilityConfig> capabilityConfig =
-        em->entity<CapabilityConfig>(capabilityConfigPath);
+        em->entity<CapabilityConfig>(CapabilityConfig::path);
     mrouteSmIs(
         natMrouteSmFactory(mrouteRequests, mrouteResponses, smStatus, mrouteRouteMap_, capabilityConfig));
 
     const State::Handle<const NatMgroupRequestSet> mgroupRequests =
-        em->entity<NatMgroupRequestSet>("api/mgroup/req");
-    const auto mgroupResponses = em->entity<NatMgroupResponseMap>("api/mgroup/resp");
+        em->entity<NatMgroupRequestSet>(NatMgroupRequestSet::path);
+    const auto mgroupResponses = em->entity<NatMgroupResponseMap>(NatMgroupResponseMap::path);
     mgroupSmIs(natMgroupSmFactory(mgroupRequests, mgroupResponses, smStatus, groupConfig, groupStatus));
 }
 

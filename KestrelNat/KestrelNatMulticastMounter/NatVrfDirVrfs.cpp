@@ -21,7 +21,7 @@ using LumenStatusByVrf = Lumen::Multicast::Fib::StatusByVrf;
 using QuillStatus = Quill::Multicast::Fib::Status;
 
 // The Lumen source's static mode; the route map's keys then agree with the route-type list (RouteTypes.h).
-constexpr const char* lumenStaticMode = "user";
+constexpr const char* lumenStaticMode = Routing::Multicast::Fib::userMode;
 
 std::string lumenPath(std::string_view mode) {
     return LumenStatusByVrf::mountPath(L3::AddressFamily::ipv4, mode);

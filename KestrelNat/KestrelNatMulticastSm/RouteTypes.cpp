@@ -1,11 +1,12 @@
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 
+#include "records/RouteModes.h"
 #include "state/Toggle.h"
 
 namespace KestrelNat {
 
-const char STATIC_MODE[] = "static";
-const char SPARSE_MODE[] = "sparsemode";
+const char* const STATIC_MODE = Routing::Multicast::Fib::staticMode;
+const char* const SPARSE_MODE = Routing::Multicast::Fib::sparseMode;
 
 bool toggleKestrelNatMfibLumenEnabled() {
     static const bool enabled = State::getToggleState("KestrelNatMfibLumen", "KestrelNat.json", true);
@@ -15,7 +16,8 @@ bool toggleKestrelNatMfibLumenEnabled() {
 namespace {
 
 // Asks for the toggle while the library loads.
-const RouteTypeList loadedRouteTypes{toggleKestrelNatMfibLumenEnabled() ? "user" : STATIC_MODE, SPARSE_MODE};
+const RouteTypeList loadedRouteTypes{
+    toggleKestrelNatMfibLumenEnabled() ? Routing::Multicast::Fib::userMode : STATIC_MODE, SPARSE_MODE};
 
 } // namespace
 

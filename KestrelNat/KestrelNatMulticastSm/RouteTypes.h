@@ -11,8 +11,8 @@
 
 namespace KestrelNat {
 
-extern const char STATIC_MODE[]; // "static"
-extern const char SPARSE_MODE[]; // "sparsemode"
+extern const char* const STATIC_MODE; // "static"
+extern const char* const SPARSE_MODE; // "sparsemode"
 
 // Whether the Lumen FIB is the source of routes (toggle "KestrelNatMfibLumen" in "KestrelNat.json", default
 // on); otherwise the Quill tables are.
