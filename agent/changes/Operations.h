@@ -1,0 +1,92 @@
+// The one set of operations behind everything: the control socket, scenario files, preloaded state, the kernel
+// source and tests all change and read the agent's stores through it and get the same typed results.
+//
+// Every change is held against types and guards before anything happens; what is refused changes nothing and says
+// where and why (Refusal). The guards are the same for everybody. Values are plain data (state/Datum.h). The
+// application owns it beside the Host; it is used on the loop's thread only and never from inside a reactor.
+//
+// Read next: host/Paths.h, what can be addressed; Guards.h, what is refused.
+#pragma once
+
+#include "agent/changes/Change.h"
+#include "agent/changes/Guards.h"
+#include "agent/host/Host.h"
+#include "agent/host/Paths.h"
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string_view>
+
+namespace Agent {
+
+/// What a dry run foretells: its result as the caller told it, or the end that the process would come to.
+struct DryRunResult {
+    std::optional<std::string> told;
+    std::string fatal; // without `told`: what would be said on standard error
+};
+
+class Operations {
+  public:
+    /// @param host outlives it; the plug-in has been loaded. Listens to the host's requests from now on.
+    explicit Operations(Host& host);
+
+    /// What kind of entity stands, or would stand, at the path. @throws Refusal for an unknown path.
+    const State::EntityType& typeAt(std::string_view path) const;
+    /// The attribute's description. @throws Refusal for an unknown path or attribute.
+    const State::Attribute& attributeAt(std::string_view path, std::string_view attribute) const;
+    /// The value of a value attribute (no key), or of one member; nothing when it, or the entity at the path, is
+    /// not there. A set's member has the value null.
+    /// @throws Refusal for an unknown path or attribute, or a key that is none.
+    std::optional<State::Datum> value(std::string_view path, std::string_view attribute,
+                                      const State::Datum* key = nullptr) const;
+    /// Members in iteration order, at most `limit`, from the first or from the one behind `after`. None when there
+    /// is no entity at the path.
+    /// @throws Refusal for an unknown path or attribute, or when `after` is no member.
+    Page members(std::string_view path, std::string_view attribute, const State::Datum* after = nullptr,
+                 std::size_t limit = SIZE_MAX) const;
+
+    /// Checks and carries out one change; true if something changed. @throws Refusal
+    bool change(const Change& change);
+    /// Checks all, each against the state as the earlier ones leave it, and carries out none.
+    /// @throws Refusal with the index of the first that is refused.
+    void check(std::span<const Change> changes);
+    /// Checks all, then carries out all in order in one turn.
+    /// @throws Refusal with the index of the first that is refused; nothing was changed then.
+    ApplyResult apply(std::span<const Change> changes);
+    /// The same in a forked child with the real plug-in; this process is not touched, but waits for it.
+    /// @param tell makes a text of the result, in the child.
+    /// @throws Refusal as apply() does, and when the child does not end within dryRunLimitMs.
+    DryRunResult dryRun(std::span<const Change> changes,
+                        const std::function<std::string(const ApplyResult&)>& tell);
+    static constexpr int dryRunLimitMs = 10'000;
+
+    /// The identifier of a VRF's entry, and the name of the VRF that has an identifier; nothing when there is
+    /// none. An identifier of 0 is none, except for the VRF "default".
+    std::optional<std::uint32_t> vrfIdOf(std::string_view vrfName) const;
+    std::optional<std::string> vrfNameOf(std::uint32_t vrfId) const;
+
+    Host& host() const { return host_; }
+
+    /// Since the start.
+    struct Counters {
+        std::uint64_t changes = 0; // carried out that changed something
+        std::uint64_t refused = 0; // by a guard
+    };
+    const Counters& counters() const { return counters_; }
+    /// Counts a change that a writer carried out itself, as no guard could have refused it.
+    void changedDirectly(bool changed) { counters_.changes += changed ? 1 : 0; }
+
+  private:
+    GuardFacts checkAll(std::span<const Change> changes);
+    void checkOne(const Change& change, GuardFacts& facts);
+    bool carryOut(const Change& change);
+    ApplyResult carryOutAll(std::span<const Change> changes);
+
+    Host& host_;
+    Paths paths_;
+    Guards guards_;
+    Counters counters_;
+};
+
+} // namespace Agent

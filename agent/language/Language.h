@@ -1,0 +1,69 @@
+// The one grammar of scenario files, preloaded state and the client's lines: a table of verbs (Verb.h), by which
+// lines are read, checked and carried out. State commands, which become changes, are in StateCommands.h.
+//
+// The application owns it. Read next: Queries.h, Show.h, Expectations.h.
+#pragma once
+
+#include "agent/changes/Operations.h"
+#include "agent/language/Expectations.h"
+#include "agent/language/Verb.h"
+
+#include <functional>
+#include <iosfwd>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+/// A list of changes that lines stand for.
+struct LineChanges {
+    std::vector<Change> changes;
+    std::vector<std::size_t> lines; // beside changes: the number of the line, from 1, that each comes from
+
+    /// Adds to a refusal that the line of its change is meant.
+    void place(Refusal& refusal) const;
+};
+
+class Language {
+  public:
+    /// @param operations outlives it.
+    /// @param settle does deferred work (the software chip's) before an expectation is held against the state.
+    Language(Operations& operations, std::function<void()> settle);
+
+    /// Adds a verb of somebody else's.
+    void addVerb(Verb verb);
+    /// Adds something that `show` can show.
+    void addShown(std::string name, Text::Tell tell);
+
+    /// Carries out one line. A state command replies with what changed: {"changed", "answers"}.
+    /// @param raw whether its changes pass the guards.
+    /// @throws Refusal
+    void run(std::string_view line, bool raw, const Text::Reply& reply);
+
+    /// The changes that lines of state commands stand for, each judged by the state as the earlier ones leave it;
+    /// comments and blank lines are none.
+    /// @throws Refusal with its line, for a line that is no state command.
+    LineChanges changes(std::span<const std::string> lines, bool raw);
+
+    /// Puts the state that a file describes into the stores; the plug-in has not been started.
+    /// @throws std::runtime_error naming file and line; nothing was put there then.
+    void preload(const std::string& file);
+    /// Holds a scenario file against grammar, types and guards without playing it: what the play would refuse, but
+    /// for expectations that don't hold.
+    /// @throws std::runtime_error naming file and line.
+    void check(const std::string& file);
+    /// Plays a scenario file.
+    /// @param out where it tells what happens; what fails is told on standard error.
+    /// @return whether every line was carried out and every expectation held.
+    /// @throws std::runtime_error when it can't be read.
+    bool play(const std::string& file, std::ostream& out);
+
+  private:
+    Operations& operations_;
+    Expectations expectations_;
+    std::vector<Verb> verbs_;
+};
+
+} // namespace Agent

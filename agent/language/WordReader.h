@@ -1,0 +1,43 @@
+// The words of one line (text/Words.h), taken one by one. What is wrong is told as a Refusal whose text names the
+// word it stumbled over, and whose place is the number of that word.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+class WordReader {
+  public:
+    explicit WordReader(std::vector<std::string> words)
+        : words_(std::move(words)) {}
+
+    bool atEnd() const { return next_ == words_.size(); }
+    /// Takes the next word. @param what names it in the error when there is none.
+    std::string word(std::string_view what);
+    /// Takes the next word if it is this one.
+    bool accept(std::string_view keyword);
+    /// Takes the next word, which must be this one.
+    void expect(std::string_view keyword);
+    /// Takes the next word, which must be one of these; its place among them. The refusal suggests the nearest.
+    /// @param what names them: "a route type".
+    std::size_t oneOf(std::string_view what, std::span<const std::string_view> words);
+    std::uint64_t number(std::string_view what, std::uint64_t most);
+    /// "on" or "off".
+    bool onOff(std::string_view what);
+    /// Nothing may follow.
+    void expectEnd() const;
+    [[noreturn]] void refuse(std::string_view wanted) const;
+    /// Refuses the word taken last, with a text of its own.
+    [[noreturn]] void refuseLast(const std::string& message) const;
+
+  private:
+    std::vector<std::string> words_;
+    std::size_t next_ = 0;
+};
+
+} // namespace Agent
