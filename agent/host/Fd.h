@@ -24,6 +24,8 @@ class Fd {
     ~Fd() { close(); }
 
     int get() const { return fd_; }
+    /// Gives the descriptor up: it is the caller's to close.
+    int release() { return std::exchange(fd_, -1); }
     explicit operator bool() const { return fd_ >= 0; }
 
     void close() {

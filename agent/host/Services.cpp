@@ -23,6 +23,8 @@ Service row(Service row, RequestsOf, AnswersOf) {
     };
     row.answerPath = Answers::path;
     row.answerEntity = &Answers::type;
+    using Value = std::remove_cvref_t<decltype(*AnswersOf{}(std::declval<const Answers&>()).find({}))>;
+    row.answersInterfaces = std::is_same_v<Value, NatMrouteOifSet>;
     row.answer = [](const State::Entity& entity, const RequestKey& key) {
         const auto* answer = AnswersOf{}(static_cast<const Answers&>(entity)).find(key);
         return answer == nullptr ? Answer() : Answer(*answer);

@@ -43,6 +43,7 @@ struct Service {
     const State::EntityType& (*requestEntity)() = nullptr;
     const RequestSet& (*requests)(const State::Entity& entity) = nullptr;
     const char* answerPath = nullptr;
+    bool answersInterfaces = false; // else with a number
     const State::EntityType& (*answerEntity)() = nullptr;
     Answer (*answer)(const State::Entity& entity, const RequestKey& key) = nullptr;
     void (*eachAnswer)(const State::Entity& entity, const AnswerVisitor& visit) = nullptr;

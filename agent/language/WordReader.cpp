@@ -1,35 +1,12 @@
-#include "agent/ScenarioWords.h"
+#include "agent/language/WordReader.h"
 
-#include "agent/JsonRpc.h"
-#include "agent/OperationError.h"
+#include "agent/host/Refusal.h"
+#include "text/Nearest.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace Agent {
-
-std::vector<std::string> splitWords(std::string_view line) {
-    std::vector<std::string> words;
-    std::size_t at = 0;
-    while (at < line.size() && line[at] != '#') {
-        if (line[at] == ' ' || line[at] == '\t' || line[at] == '\r') {
-            ++at;
-            continue;
-        }
-        std::string& word = words.emplace_back();
-        bool quoted = false;
-        for (; at < line.size() && (quoted || (line[at] != ' ' && line[at] != '\t' && line[at] != '\r'));
-             ++at)
-            if (line[at] == '"')
-                quoted = !quoted;
-            else if (quoted && line[at] == '\\' && at + 1 < line.size())
-                word += line[++at];
-            else
-                word += line[at];
-        if (quoted)
-            throw OperationError(RpcCode::invalidParams, "the quote before '" + word + "' has no end");
-    }
-    return words;
-}
 
 std::string WordReader::word(std::string_view what) {
     if (atEnd())
@@ -47,6 +24,22 @@ bool WordReader::accept(std::string_view keyword) {
 void WordReader::expect(std::string_view keyword) {
     if (!accept(keyword))
         refuse("'" + std::string(keyword) + "'");
+}
+
+std::size_t WordReader::oneOf(std::string_view what, std::span<const std::string_view> words) {
+    const std::string given = atEnd() ? std::string() : words_[next_];
+    const auto found = std::ranges::find(words, given);
+    if (!atEnd() && found != words.end()) {
+        ++next_;
+        return static_cast<std::size_t>(found - words.begin());
+    }
+    std::string wanted(what);
+    wanted += ": ";
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        wanted += i == 0 ? "" : i + 1 == words.size() ? " or " : ", ";
+        wanted += words[i];
+    }
+    refuse(wanted, Text::suggestion(given, words));
 }
 
 std::uint64_t WordReader::number(std::string_view what, std::uint64_t most) {
@@ -72,12 +65,17 @@ void WordReader::expectEnd() const {
         refuse("the end of the line");
 }
 
-void WordReader::refuse(std::string_view wanted) const {
+void WordReader::refuse(std::string_view wanted, std::string_view more) const {
     std::string message = "expected " + std::string(wanted);
     if (next_ > 0)
         message += " behind '" + words_[next_ - 1] + "'";
     message += atEnd() ? ", not the end of the line" : ", not '" + words_[next_] + "'";
-    throw OperationError(RpcCode::invalidParams, message);
+    message += more;
+    throw Refusal(message, {.word = next_ + 1});
+}
+
+void WordReader::refuseLast(const std::string& message) const {
+    throw Refusal(message, {.word = next_});
 }
 
 } // namespace Agent

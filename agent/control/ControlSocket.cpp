@@ -1,4 +1,4 @@
-#include "agent/ControlSocket.h"
+#include "agent/control/ControlSocket.h"
 
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -122,15 +122,6 @@ void ControlSocket::bindAndListen() {
     }
     device_ = made.st_dev;
     inode_ = made.st_ino;
-}
-
-std::string defaultSocketPath() {
-    if (::geteuid() == 0)
-        return "/run/kestrel-nat.sock";
-    const char* directory = std::getenv("XDG_RUNTIME_DIR"); // NOLINT(concurrency-mt-unsafe): one thread
-    if (directory == nullptr || *directory == '\0')
-        throw std::runtime_error("XDG_RUNTIME_DIR is not set: name the control socket with --socket");
-    return std::string(directory) + "/kestrel-nat.sock";
 }
 
 } // namespace Agent

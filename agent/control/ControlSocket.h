@@ -4,10 +4,10 @@
 // socket that accepts is respected, one that a dead agent left is replaced. The file has mode 0600 from its
 // first moment, and is removed on close only while it is still this one.
 //
-// LineServer owns one. Read next: LineServer.h.
+// Sessions owns one. Read next: Sessions.h.
 #pragma once
 
-#include "agent/Fd.h"
+#include "agent/host/Fd.h"
 
 #include <sys/types.h>
 
@@ -37,10 +37,5 @@ class ControlSocket {
     dev_t device_ = 0;
     ino_t inode_ = 0;
 };
-
-/// Where the agent listens unless told otherwise: /run/kestrel-nat.sock as root, else
-/// $XDG_RUNTIME_DIR/kestrel-nat.sock.
-/// @throws std::runtime_error when XDG_RUNTIME_DIR is needed and not set.
-std::string defaultSocketPath();
 
 } // namespace Agent
