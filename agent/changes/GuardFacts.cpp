@@ -1,9 +1,5 @@
-#include "agent/GuardFacts.h"
+#include "agent/changes/GuardFacts.h"
 
-#include "agent/Operations.h"
-#include "records/LumenFib.h"
-#include "records/NatMgroup.h"
-#include "records/NatMroute.h"
 #include "state/Value.h"
 
 #include <algorithm>
@@ -11,38 +7,20 @@
 
 namespace Agent {
 
-namespace {
-
-using KestrelNat::NatMrouteKey;
-using Lumen::Multicast::Fib::StatusByVrf;
-
-bool hasFib(const Host& host, std::string_view type, std::string_view vrf) {
-    const auto fibs = State::handleCast<StatusByVrf>(
-        host.entityStore()->entity(StatusByVrf::mountPath(L3::AddressFamily::ipv4, type)));
-    return fibs && fibs->statusHas(Lumen::Multicast::Fib::MfibVrfName(L3::VrfName(vrf)));
-}
-
-bool hasTable(const Host& host, std::string_view type, std::string_view vrf) {
-    const std::string path = "routing/multicast/routestatus/" + std::string(vrf) + "/" + std::string(type);
-    return static_cast<bool>(host.tableStore()->entity(path));
-}
-
-} // namespace
-
-RequestsByType::RequestsByType(State::Handle<const State::Publisher> publisher, const Members& members)
-    : publisher_(std::move(publisher))
-    , members_(members) {
-    for (const NatMrouteKey& key : members_.walk())
+RequestsByType::RequestsByType(const Stores& stores, const Service& service)
+    : entity_(stores.database->entity(service.requestPath))
+    , members_(service.requests(*entity_)) {
+    for (const RequestKey& key : members_.walk())
         ++count_[static_cast<std::uint8_t>(key.type)];
-    publisher_->subscribe(this, &heard);
+    entity_->subscribe(this, &notified);
 }
 
 RequestsByType::~RequestsByType() {
-    publisher_->unsubscribe(this, &heard);
+    entity_->unsubscribe(this, &notified);
 }
 
-void RequestsByType::heard(void* self, const State::Notification& change) {
-    const auto& key = change.keyAs<NatMrouteKey>();
+void RequestsByType::notified(void* self, const State::Notification& change) {
+    const auto& key = change.keyAs<RequestKey>();
     auto& requests = *static_cast<RequestsByType*>(self);
     std::uint32_t& count = requests.count_[static_cast<std::uint8_t>(key.type)];
     if (requests.members_.has(key))
@@ -51,28 +29,14 @@ void RequestsByType::heard(void* self, const State::Notification& change) {
         --count;
 }
 
-namespace {
-
-template <class Set>
-auto requestsOf(const Host& host, const char* path,
-                const RequestsByType::Members& (Set::*collection)() const) {
-    const auto set = host.inDatabase<Set>(path);
-    return std::pair<State::Handle<const State::Publisher>, const RequestsByType::Members&>(
-        set, ((*set).*collection)());
-}
-
-} // namespace
-
 GuardInputs::GuardInputs(const Host& from)
     : host(from)
-    , vrfs(from.inDatabase<Routing::Hardware::RouteStatus>("routing/hardware/route/status"))
-    , vrfEnabled(
-          from.inDatabase<Routing::Multicast::Fib::VrfEnabledStatus>("routing/multicast/fibenabled/status"))
-    , capability(from.inDatabase<KestrelNat::CapabilityConfig>("hardware/kestrel/nat/capability/config"))
-    , mrouteRequests(std::make_from_tuple<RequestsByType>(requestsOf<KestrelNat::NatMrouteRequestSet>(
-          from, "api/mroute/req", &KestrelNat::NatMrouteRequestSet::mrouteReqCollection)))
-    , mgroupRequests(std::make_from_tuple<RequestsByType>(requestsOf<KestrelNat::NatMgroupRequestSet>(
-          from, "api/mgroup/req", &KestrelNat::NatMgroupRequestSet::mgroupReqCollection))) {}
+    , vrfs(from.stores().inDatabase<Routing::Hardware::RouteStatus>())
+    , vrfEnabled(from.stores().inDatabase<Routing::Multicast::Fib::VrfEnabledStatus>())
+    , capability(from.stores().inDatabase<KestrelNat::CapabilityConfig>()) {
+    for (const Service& service : services())
+        requests.emplace_back(from.stores(), service);
+}
 
 GuardFacts::Vrf GuardFacts::vrf(std::string_view name) const {
     const auto found = vrfs_.find(name);
@@ -85,9 +49,8 @@ GuardFacts::Vrf GuardFacts::vrfInStores(std::string_view name) const {
     if (const auto entry = inputs_.vrfs->vrfStatus(key))
         vrf.id = entry->vrfId();
     vrf.enabled = inputs_.vrfEnabled->vrfEnabled(key);
-    const bool isLumen = inputs_.host.isLumen();
-    vrf.hasStatic = isLumen ? hasFib(inputs_.host, "user", name) : hasTable(inputs_.host, "static", name);
-    vrf.hasSparse = (isLumen ? &hasFib : &hasTable)(inputs_.host, "sparsemode", name);
+    for (const RouteType type : routeTypes)
+        vrf.hasTable[static_cast<std::size_t>(type)] = inputs_.host.routes().hasTable(name, type);
     return vrf;
 }
 
@@ -142,37 +105,44 @@ bool GuardFacts::egressFromAllVrfs() const {
     return egressFromAllVrfs_.value_or(inputs_.capability->egressFromAllVrfs());
 }
 
-bool GuardFacts::hasRequest(NatService service, const NatMrouteKey& key) const {
-    const auto& touched = over(service).present;
+bool GuardFacts::hasRequest(const Service& service, const RequestKey& key) const {
+    const auto& touched = requests_[service.index()].present;
     const auto found = touched.find(key);
     return found == touched.end() ? base(service).members().has(key) : found->second;
 }
 
-bool GuardFacts::hasTwin(NatService service, NatMrouteKey key) const {
+bool GuardFacts::hasDuplicate(const Service& service, RequestKey key) const {
     const auto own = static_cast<unsigned>(key.type);
     for (unsigned type = 0; type < 256; ++type) {
         const auto number = static_cast<std::uint8_t>(type);
-        if (type != own && (base(service).anyOfType(number) || over(service).types.contains(number))) {
-            key.type = static_cast<KestrelNat::NatRequestType>(number);
-            if (hasRequest(service, key))
-                return true;
-        }
+        if (type == own ||
+            (!base(service).anyOfType(number) && !requests_[service.index()].types.contains(number)))
+            continue;
+        key.type = static_cast<KestrelNat::NatRequestType>(number);
+        if (hasRequest(service, key))
+            return true;
     }
     return false;
 }
 
-bool GuardFacts::hasMrouteRequests() const {
-    const auto present = static_cast<std::ptrdiff_t>(base(NatService::mroute).members().size());
-    return present + over(NatService::mroute).more != 0;
+bool GuardFacts::hasRequestsForRoutes() const {
+    return std::ranges::any_of(services(), [this](const Service& service) {
+        const auto present = static_cast<std::ptrdiff_t>(base(service).members().size());
+        return service.readsRoutes && present + requests_[service.index()].more != 0;
+    });
 }
 
-void GuardFacts::noteRequest(NatService service, const NatMrouteKey& key, bool present) {
-    if (hasRequest(service, key) != present) {
-        Requests& requests = requests_[static_cast<std::size_t>(service)];
-        requests.present.insert_or_assign(key, present);
-        requests.types.insert(static_cast<std::uint8_t>(key.type));
-        requests.more += present ? 1 : -1;
-    }
+void GuardFacts::noteRequest(const Service& service, const RequestKey& key, bool present) {
+    if (hasRequest(service, key) == present)
+        return;
+    Requests& requests = requests_[service.index()];
+    requests.present.insert_or_assign(key, present);
+    requests.types.insert(static_cast<std::uint8_t>(key.type));
+    requests.more += present ? 1 : -1;
+}
+
+bool GuardFacts::isOfSource(const Place& place) const {
+    return place.shape != nullptr && place.shape->source == inputs_.host.routes().name();
 }
 
 template <class Edit>
@@ -204,22 +174,20 @@ void GuardFacts::editVrf(std::string_view name, Edit edit) {
 
 void GuardFacts::note(const Change& change, const Place& place) {
     const bool isSet = change.op == Change::Op::set;
-    const bool isLumen = inputs_.host.isLumen();
-    const auto tableIs = [&](std::string_view vrfName, bool present) {
-        editVrf(vrfName, [&](Vrf& vrf) {
-            (place.routeType == "sparsemode" ? vrf.hasSparse : vrf.hasStatic) = present;
-        });
+    const auto noteTable = [&](std::string_view vrfName, bool present) {
+        if (isOfSource(place))
+            editVrf(vrfName,
+                    [&](Vrf& vrf) { vrf.hasTable[static_cast<std::size_t>(place.routeType)] = present; });
     };
-    if (place.kind == PathKind::quillTable || place.kind == PathKind::lumenFib) {
-        const bool isSource = isLumen == (place.kind == PathKind::lumenFib);
-        if (isSet && isSource && (!place.entity || vrfs_.contains(place.vrf)))
-            tableIs(place.vrf, true);
+    if (place.kind() == PathKind::routeTable) {
+        if (isSet && (!place.entity || vrfs_.contains(place.vrf)))
+            noteTable(place.vrf, true);
         return;
     }
     if (change.attribute.empty())
         return;
     const auto vrfKey = [&] { return State::fromDatum<L3::VrfName>(*change.key); };
-    switch (place.kind) {
+    switch (place.kind()) {
     case PathKind::vrfs:
         editVrf(vrfKey(), [&](Vrf& vrf) {
             vrf.id = isSet ? std::optional(writtenId(change, vrf.id.value_or(0))) : std::nullopt;
@@ -228,17 +196,14 @@ void GuardFacts::note(const Change& change, const Place& place) {
     case PathKind::vrfEnabled:
         editVrf(vrfKey(), [&](Vrf& vrf) { vrf.enabled = isSet && State::fromDatum<bool>(*change.value); });
         break;
-    case PathKind::lumenFibs:
-        if (isLumen)
-            tableIs(vrfKey(), isSet);
+    case PathKind::routeTables:
+        noteTable(vrfKey(), isSet);
         break;
     case PathKind::capability:
         egressFromAllVrfs_ = State::fromDatum<bool>(*change.value);
         break;
-    case PathKind::mrouteRequests:
-    case PathKind::mgroupRequests:
-        noteRequest(place.kind == PathKind::mrouteRequests ? NatService::mroute : NatService::mgroup,
-                    State::fromDatum<NatMrouteKey>(*change.key), isSet);
+    case PathKind::requests:
+        noteRequest(*place.shape->service, State::fromDatum<RequestKey>(*change.key), isSet);
         break;
     default:
         break;

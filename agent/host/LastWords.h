@@ -10,9 +10,9 @@ namespace Agent {
 constexpr std::size_t lastWordsRecords = 50;
 
 /// Has the last words said from now on.
-void lastWordsAre();
+void sayLastWords();
 /// Not any more: for a forked child, whose end is its parent's to tell.
-void lastWordsDel();
+void dropLastWords();
 /// Prints the last trace records on standard error.
 void printLastRecords();
 

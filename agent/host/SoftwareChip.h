@@ -6,7 +6,7 @@
 // the next turn of the event loop, as hardware would; else inside the write of the row.
 #pragma once
 
-#include "agent/Host.h"
+#include "agent/host/Stores.h"
 #include "records/MrouteGroup.h"
 
 #include <cstdint>
@@ -19,20 +19,17 @@ namespace Agent {
 
 class SoftwareChip {
   public:
-    using Defer = std::function<void(std::function<void()>)>;
-
     /// Makes the configuration table if it is not there yet and follows it, from the rows that it has on.
-    /// @param defer puts a task off to the next turn of the event loop; empty: the chip works inside writes.
-    /// No task may run after the chip has gone.
-    SoftwareChip(const Host& host, Defer defer);
+    /// @param wake sees to it that work() is called on a turn of its own; empty: the chip works inside writes.
+    SoftwareChip(const Stores& stores, std::function<void()> wake);
     ~SoftwareChip();
     SoftwareChip(const SoftwareChip&) = delete;
     SoftwareChip& operator=(const SoftwareChip&) = delete;
 
-    /// Rows that wait for their turn.
-    std::size_t pending() const { return pending_.size(); }
-    /// Groups allocated now.
-    std::size_t groups() const { return groups_.size(); }
+    /// Does a part of what was put off, and wakes itself again for more.
+    void work();
+    /// Does now all that was put off, for who needs it settled.
+    void settleAll();
 
   private:
     using Key = KestrelL3::IpMcastKey;
@@ -40,15 +37,14 @@ class SoftwareChip {
         std::size_t operator()(const Key& key) const { return key.hash(0); }
     };
 
-    static void heard(void* self, const State::Notification& change);
+    static void notified(void* self, const State::Notification& change);
     void rowChanged(const Key& key);
-    void workOff();
     void settle(const Key& key);
     std::uint32_t freeId();
 
     State::Handle<const KestrelCommon::MrouteGroup::MrouteColl> config_;
     State::Handle<KestrelCommon::MrouteGroup::MgroupColl> status_;
-    Defer defer_;
+    std::function<void()> wake_;
     std::deque<Key> pending_;
     std::unordered_map<Key, std::uint32_t, KeyHash> groups_;
     std::set<std::uint32_t> freed_;

@@ -1,16 +1,13 @@
 // The agent's guards: what a client must not do, because the plug-in would end the process or answers would
 // go wrong. One function a rule; each says in its error which rule it is and what to do instead.
 //
-// Operations owns them and asks before every change that is not raw. In a list of changes each is judged by
+// Operations.h owns them and asks before every change that is not raw. In a list of changes each is judged by
 // the state as the earlier ones leave it, which GuardFacts.h works out.
 #pragma once
 
-#include "agent/GuardFacts.h"
-#include "agent/Paths.h"
+#include "agent/changes/GuardFacts.h"
 
 namespace Agent {
-
-struct Change;
 
 class Guards {
   public:
@@ -20,7 +17,7 @@ class Guards {
 
     /// The facts as they are now, to be fed with changes; they hold until something is changed.
     GuardFacts facts() const { return GuardFacts(inputs_, vrfOddities_); }
-    /// Refuses a change whose types are in order. @throws OperationError (RpcCode::refused)
+    /// Refuses a change whose types are in order. @throws Refusal of kind guard
     void check(const Change& change, const Place& place, const GuardFacts& facts) const;
     /// The changes that the facts were fed with have been carried out.
     void carriedOut(const GuardFacts& facts) { vrfOddities_ = facts.vrfOddities(); }

@@ -1,4 +1,4 @@
-#include "agent/LastWords.h"
+#include "agent/host/LastWords.h"
 
 #include "state/Fatal.h"
 #include "state/Trace.h"
@@ -36,12 +36,12 @@ void onFatal(void* /*context*/) {
 
 } // namespace
 
-void lastWordsAre() {
+void sayLastWords() {
     State::fatalHookIs(&onFatal, nullptr);
     usualEnd = std::set_terminate(&onTerminate);
 }
 
-void lastWordsDel() {
+void dropLastWords() {
     State::fatalHookDel(&onFatal, nullptr);
     if (usualEnd != nullptr) {
         std::set_terminate(usualEnd);

@@ -1,9 +1,8 @@
-#include "agent/Operations.h"
+#include "agent/changes/Operations.h"
 
-#include "agent/Answers.h"
-#include "agent/JsonRpc.h"
-#include "agent/OperationError.h"
-#include "records/RouteStatus.h"
+#include "agent/changes/Answers.h"
+#include "agent/changes/ForkedRun.h"
+#include "agent/host/Refusal.h"
 #include "state/Errors.h"
 #include "state/Trace.h"
 
@@ -18,8 +17,8 @@ using State::Datum;
 
 [[noreturn]] void refuse(std::string_view path, std::string_view attribute, std::string_view field,
                          const std::string& message) {
-    throw OperationError(
-        RpcCode::invalidParams, message,
+    throw Refusal(
+        message,
         {.path = std::string(path), .attribute = std::string(attribute), .field = std::string(field)});
 }
 
@@ -38,22 +37,23 @@ const State::Attribute& attributeOf(const Place& place, std::string_view name) {
     refuse(place.path, name, "attribute", message);
 }
 
-/// Finds a member; what is wrong with the key comes out as an error.
-std::optional<Datum> findMember(const Place& place, const State::Attribute& attribute, const Datum& key) {
+// Finds a member; what is wrong with the key comes out as an error.
+std::optional<Datum> findMember(const Paths& paths, const Place& place, const State::Attribute& attribute,
+                                const Datum& key) {
     // An entity that is not there holds nothing, but the key is held against its type all the same.
-    const State::Handle<State::Entity> entity = place.entity ? place.entity : Paths::made(place);
+    const State::Handle<State::Entity> entity = place.entity ? place.entity : paths.made(place);
     return attribute.find(*entity, key);
 }
 
-/// Which part of a change the types refuse.
-std::string fieldOf(const Place& place, const State::Attribute& attribute, const Change& change,
-                    const State::Error& error) {
+// Which part of a change the types refuse.
+std::string fieldOf(const Paths& paths, const Place& place, const State::Attribute& attribute,
+                    const Change& change, const State::Error& error) {
     const auto* parseError = dynamic_cast<const State::ParseError*>(&error);
     if (parseError != nullptr && !parseError->attribute().empty())
         return parseError->attribute();
     if (change.key) {
         try {
-            findMember(place, attribute, *change.key);
+            findMember(paths, place, attribute, *change.key);
         } catch (const State::Error&) {
             return "key";
         }
@@ -61,7 +61,7 @@ std::string fieldOf(const Place& place, const State::Attribute& attribute, const
     return "value";
 }
 
-/// Holds a change against the shape of its attribute: what must be given, and what must not.
+// Holds a change against the shape of its attribute: what must be given, and what must not.
 void checkParts(const Change& change, const State::Attribute& attribute) {
     const bool isSet = change.op == Change::Op::set;
     const bool isCollection = attribute.kind() != AttributeKind::value;
@@ -105,7 +105,7 @@ class PageReader final : public State::MemberVisitor {
 
 Operations::Operations(Host& host)
     : host_(host)
-    , paths_(host)
+    , paths_(host.stores())
     , guards_(host) {}
 
 const State::EntityType& Operations::typeAt(std::string_view path) const {
@@ -128,9 +128,9 @@ std::optional<Datum> Operations::value(std::string_view path, std::string_view n
     if (!isCollection)
         return place.entity ? std::optional(attribute.value(*place.entity)) : std::nullopt;
     try {
-        return findMember(place, attribute, *key);
+        return findMember(paths_, place, attribute, *key);
     } catch (const State::Error& error) {
-        refuse(path, name, fieldOf(place, attribute, {.key = *key}, error), error.what());
+        refuse(path, name, fieldOf(paths_, place, attribute, {.key = *key}, error), error.what());
     }
 }
 
@@ -141,7 +141,7 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
     if (attribute.kind() == AttributeKind::value)
         refuse(path, name, "attribute", std::string(name) + " is a single value, no collection");
     try {
-        if (after != nullptr && !findMember(place, attribute, *after))
+        if (after != nullptr && !findMember(paths_, place, attribute, *after))
             refuse(path, name, "after", "there is no such member any more to go on after: begin again");
     } catch (const State::Error& error) {
         refuse(path, name, "after", error.what());
@@ -160,8 +160,7 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
 void Operations::checkOne(const Change& change, GuardFacts& facts) {
     const Place place = paths_.at(change.path);
     if (change.attribute.empty()) {
-        const bool isTable = place.kind == PathKind::quillTable || place.kind == PathKind::lumenFib ||
-                             place.kind == PathKind::lumenFibs;
+        const bool isTable = place.kind() == PathKind::routeTable || place.kind() == PathKind::routeTables;
         if (!isTable || change.op != Change::Op::set || change.key || change.value)
             attributeOf(place, change.attribute); // refuses it
     } else {
@@ -171,15 +170,16 @@ void Operations::checkOne(const Change& change, GuardFacts& facts) {
             if (change.op == Change::Op::set)
                 attribute.check(pointerTo(change.key), pointerTo(change.value));
             else
-                findMember(place, attribute, *change.key);
+                findMember(paths_, place, attribute, *change.key);
         } catch (const State::Error& error) {
-            refuse(change.path, change.attribute, fieldOf(place, attribute, change, error), error.what());
+            refuse(change.path, change.attribute, fieldOf(paths_, place, attribute, change, error),
+                   error.what());
         }
     }
     if (!change.raw) {
         try {
             guards_.check(change, place, facts);
-        } catch (const OperationError& error) {
+        } catch (const Refusal& error) {
             ++counters_.refused;
             TRACE(8, "Operations::", "checkOne", " refused: ", std::string(error.what()));
             throw;
@@ -193,8 +193,8 @@ GuardFacts Operations::checkAll(std::span<const Change> changes) {
     for (std::size_t i = 0; i < changes.size(); ++i) {
         try {
             checkOne(changes[i], facts);
-        } catch (OperationError& error) {
-            error.indexIs(i);
+        } catch (Refusal& error) {
+            error.where().index = i;
             throw;
         }
     }
@@ -211,7 +211,7 @@ bool Operations::carryOut(const Change& change) {
         changed = attribute != nullptr &&
                   attribute->set(*place.entity, pointerTo(change.key), pointerTo(change.value));
     } else {
-        const State::Handle<State::Entity> made = Paths::made(place);
+        const State::Handle<State::Entity> made = paths_.made(place);
         if (attribute != nullptr)
             attribute->set(*made, pointerTo(change.key), pointerTo(change.value));
         paths_.enter(place, made);
@@ -236,13 +236,29 @@ ApplyResult Operations::apply(std::span<const Change> changes) {
     return result;
 }
 
+void Operations::check(std::span<const Change> changes) {
+    checkAll(changes);
+}
+
 ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
-    const AnswerCollector collector(host_);
+    const AnswerCollector collector(host_.stores());
     ApplyResult result;
     for (const Change& change : changes)
         result.changed += carryOut(change) ? 1 : 0;
     result.answers = collector.changes();
     return result;
+}
+
+DryRunResult Operations::dryRun(std::span<const Change> changes,
+                                const std::function<std::string(const ApplyResult&)>& tell) {
+    checkAll(changes);
+    ForkedResult run =
+        runForked([&] { return tell(carryOutAll(changes)); }, std::chrono::milliseconds(dryRunLimitMs));
+    if (run.isOverdue)
+        throw Refusal(RefusalKind::limit, "the dry run took more than " +
+                                              std::to_string(dryRunLimitMs / 1000) +
+                                              " seconds and was ended");
+    return {.told = std::move(run.result), .fatal = std::move(run.end)};
 }
 
 std::optional<std::uint32_t> Operations::vrfIdOf(std::string_view vrfName) const {

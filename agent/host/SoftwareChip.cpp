@@ -1,8 +1,7 @@
-#include "agent/SoftwareChip.h"
+#include "agent/host/SoftwareChip.h"
 
 #include "state/Trace.h"
 
-#include <memory>
 #include <utility>
 
 TRACE_FACILITY("Agent");
@@ -15,56 +14,59 @@ using KestrelCommon::MrouteGroup::MgroupColl;
 using KestrelCommon::MrouteGroup::MgroupItem;
 using KestrelCommon::MrouteGroup::MrouteColl;
 
-constexpr const char* configPath = "l3/mroutegroup/config";
-constexpr const char* statusPath = "l3/mroutegroup/status";
+// Rows done at a time, so that the loop comes to others in between.
+constexpr std::size_t rowsAtATime = 256;
 
-/// Rows per task, so that the loop comes to others in between.
-constexpr std::size_t rowsPerTask = 256;
+template <class T>
+State::Handle<T> tableOf(const Stores& stores) {
+    return State::handleCast<T>(stores.tables->entityIs(T::path, T::type().name()));
+}
 
 } // namespace
 
-SoftwareChip::SoftwareChip(const Host& host, Defer defer)
-    : config_(
-          State::handleCast<MrouteColl>(host.tableStore()->entityIs(configPath, MrouteColl::type().name())))
-    , status_(
-          State::handleCast<MgroupColl>(host.tableStore()->entityIs(statusPath, MgroupColl::type().name())))
-    , defer_(std::move(defer)) {
-    config_->subscribe(this, &heard, State::maskOf(MrouteColl::mroutesAttribute));
+SoftwareChip::SoftwareChip(const Stores& stores, std::function<void()> wake)
+    : config_(tableOf<MrouteColl>(stores))
+    , status_(tableOf<MgroupColl>(stores))
+    , wake_(std::move(wake)) {
+    config_->subscribe(this, &notified, State::maskOf(MrouteColl::mroutesAttribute));
     for (const Key& key : config_->mroutesCollection().walk())
         rowChanged(key);
 }
 
 SoftwareChip::~SoftwareChip() {
-    config_->unsubscribe(this, &heard);
+    config_->unsubscribe(this, &notified);
 }
 
-void SoftwareChip::heard(void* self, const State::Notification& change) {
+void SoftwareChip::notified(void* self, const State::Notification& change) {
     static_cast<SoftwareChip*>(self)->rowChanged(Key(change.keyAs<Key>()));
 }
 
 void SoftwareChip::rowChanged(const Key& key) {
-    if (!defer_) {
+    if (!wake_) {
         settle(key);
         return;
     }
     pending_.push_back(key);
-    if (pending_.size() == 1)
-        defer_([this] { workOff(); });
+    wake_();
 }
 
-void SoftwareChip::workOff() {
+void SoftwareChip::work() {
     State::traceEventBegin();
-    for (std::size_t i = 0; i < rowsPerTask && !pending_.empty(); ++i) {
-        // It stays in the queue meanwhile, so that what its settling causes puts off no second task.
+    for (std::size_t rows = 0; rows < rowsAtATime && !pending_.empty(); ++rows) {
         const Key key = pending_.front();
-        settle(key);
         pending_.pop_front();
+        settle(key);
     }
     if (!pending_.empty())
-        defer_([this] { workOff(); });
+        wake_();
 }
 
-/// Brings the status of a key in line with whether its row is there now.
+void SoftwareChip::settleAll() {
+    while (!pending_.empty())
+        work();
+}
+
+// Brings the status of a key in line with whether its row is there now.
 void SoftwareChip::settle(const Key& key) {
     const bool isWanted = config_->mroutesCollection().has(key);
     const auto own = groups_.find(key);

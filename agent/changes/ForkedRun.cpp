@@ -1,7 +1,7 @@
-#include "agent/ForkedRun.h"
+#include "agent/changes/ForkedRun.h"
 
-#include "agent/Fd.h"
-#include "agent/LastWords.h"
+#include "agent/host/Fd.h"
+#include "agent/host/LastWords.h"
 #include "state/Trace.h"
 
 #include <poll.h>
@@ -53,7 +53,7 @@ void isolate(int resultFd, int errorFd, int resultTo) {
     ::dup2(errorFd, STDERR_FILENO);
     ::dup2(resultFd, resultTo);
     ::close_range(static_cast<unsigned>(resultTo) + 1, ~0U, 0);
-    lastWordsDel();
+    dropLastWords();
     State::traceSinkIs([](void*, const State::TraceRecord&) {}, nullptr);
     State::traceRingIs({});
 }
@@ -70,7 +70,7 @@ void isolate(int resultFd, int errorFd, int resultTo) {
     ::_exit(status);
 }
 
-/// Reads both pipes until the child has closed them; false when the time ran out.
+// Reads both pipes until the child has closed them; false when the time ran out.
 bool readBoth(const Fd& first, std::string& firstText, const Fd& second, std::string& secondText,
               Clock::time_point deadline) {
     std::array<pollfd, 2> waits{pollfd{first.get(), POLLIN, 0}, pollfd{second.get(), POLLIN, 0}};

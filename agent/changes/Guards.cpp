@@ -1,10 +1,8 @@
-#include "agent/Guards.h"
+#include "agent/changes/Guards.h"
 
-#include "agent/JsonRpc.h"
-#include "agent/OperationError.h"
-#include "agent/Operations.h"
+#include "agent/host/Refusal.h"
 #include "records/IpGenRouteKey.h"
-#include "records/OifIndex.h"
+#include "records/NatMroute.h"
 #include "records/VrfId.h"
 #include "records/VrfName.h"
 #include "state/Value.h"
@@ -15,11 +13,7 @@ namespace Agent {
 
 namespace {
 
-using KestrelNat::NatMrouteKey;
-using Quill::Multicast::Fib::OifIndex;
-using Routing::Multicast::Fib::IpGenRouteKey;
-
-/// One change and what it is judged by.
+// One change and what it is judged by.
 struct Case {
     const Change& change;
     const Place& place;
@@ -31,12 +25,12 @@ struct Case {
         return State::fromDatum<T>(*change.key);
     }
 
-    /// @param rule what is not allowed.
-    /// @param wayOut what to do instead; `raw` is added.
+    // @param rule what is not allowed.
+    // @param wayOut what to do instead; `raw` is added.
     [[noreturn]] void refuse(std::string_view field, const std::string& rule,
                              const std::string& wayOut) const {
-        throw OperationError(
-            RpcCode::refused, rule + "; " + wayOut + " (raw lets it through)",
+        throw Refusal(
+            RefusalKind::guard, rule + "; " + wayOut + " (raw lets it through)",
             {.path = std::string(place.path), .attribute = change.attribute, .field = std::string(field)});
     }
 };
@@ -47,10 +41,10 @@ std::string quoted(std::string_view name) {
 
 // ---- requests -------------------------------------------------------------------------------------------
 
-void checkRequest(const Case& given, NatService service) {
+void checkRequest(const Case& given) {
     if (!given.isSet())
         return;
-    const auto key = given.key<NatMrouteKey>();
+    const auto key = given.key<RequestKey>();
     if (key.sourceIp.isZero() && key.groupIp.isZero()) {
         given.refuse("sourceIp", "a request for any source and any group, (*,*), has no answer",
                      "name a source, a group or both");
@@ -63,7 +57,7 @@ void checkRequest(const Case& given, NatService service) {
         given.refuse("vlanId", "a request with VLAN 0 ends the plug-in's process",
                      "name the VLAN of the request");
     }
-    if (given.facts.hasTwin(service, key)) {
+    if (given.facts.hasDuplicate(*given.place.shape->service, key)) {
         given.refuse(
             "type",
             "there is a request that differs by its type alone, and the plug-in can't tell them apart",
@@ -74,20 +68,18 @@ void checkRequest(const Case& given, NatService service) {
 // ---- VRFs -----------------------------------------------------------------------------------------------
 
 void checkVrfName(const Case& given, std::string_view name, std::string_view field) {
-    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
     if (name.empty())
         given.refuse(field, "a VRF has a name of at least one byte", "name it");
-    if (name.find('/') != std::string_view::npos || std::ranges::any_of(name, isControl)) {
+    if (!L3::VrfName::whyUnusable(name).empty())
         given.refuse(field,
                      "a VRF's name, " + State::valueText(std::string(name)) +
                          ", is part of paths: it holds no '/' and no control bytes",
                      "choose another name");
-    }
 }
 
-/// A VRF is about to be added by the plug-in.
+// A VRF is about to be added by the plug-in.
 void checkAddition(const Case& given, std::string_view name, std::string_view field) {
-    if (given.facts.egressFromAllVrfs() && given.facts.hasMrouteRequests()) {
+    if (given.facts.egressFromAllVrfs() && given.facts.hasRequestsForRoutes()) {
         given.refuse(field,
                      "VRF " + quoted(name) +
                          " can't be added while egressFromAllVrfs is set and there are mroute requests: for "
@@ -145,10 +137,12 @@ void checkVrfEnabled(const Case& given) {
     if (!State::fromDatum<bool>(*given.change.value) || vrf.enabled)
         return;
     if (!vrf.hasBoth()) {
-        given.refuse("key",
-                     "multicast can't be turned on in VRF " + quoted(name) + ": there is no " +
-                         std::string(vrf.hasStatic ? "sparse" : "static") + " route table or FIB for it",
-                     "make both first (a set of their paths alone, or of a route below them)");
+        given.refuse(
+            "key",
+            "multicast can't be turned on in VRF " + quoted(name) + ": there is no " +
+                std::string(routeTypeText(vrf.hasTable[0] ? RouteType::sparse : RouteType::staticRoutes)) +
+                " route table or FIB for it",
+            "make both first (a set of their paths alone, or of a route below them)");
     }
     if (GuardFacts::isIdentified(name, vrf.id))
         checkAddition(given, name, "key");
@@ -158,7 +152,7 @@ void checkFibEntry(const Case& given) {
     const std::string name = given.key<L3::VrfName>().stringValue();
     if (given.isSet()) {
         checkVrfName(given, name, "key");
-    } else if (given.facts.usesFibOf(name)) {
+    } else if (given.facts.usesTables(given.place, name)) {
         given.refuse("key", "VRF " + quoted(name) + " is enabled: the plug-in would keep its FIB",
                      "turn multicast off in it first");
     }
@@ -177,61 +171,44 @@ void checkAllVrfs(const Case& given) {
 
 // ---- routes ---------------------------------------------------------------------------------------------
 
-void checkRouteKey(const Case& given) {
-    const auto key = given.key<IpGenRouteKey>();
-    const bool isSource = !key.source.address().isIpv4();
-    if (isSource || !key.group.address().isIpv4()) {
-        given.refuse(isSource ? "source" : "group", "routes have IPv4 keys: others would be taken for IPv4",
-                     "leave it out");
+void checkRouteRow(const Case& given) {
+    if (given.change.attribute == "route") {
+        const auto key = given.key<RouteKey>();
+        const bool isSource = !key.source.address().isIpv4();
+        if (isSource || !key.group.address().isIpv4())
+            given.refuse(isSource ? "source" : "group",
+                         "routes have IPv4 keys: others would be taken for IPv4", "leave it out");
     }
-}
-
-void checkQuillRow(const Case& given) {
-    const auto refuseIndex = [&](const char* field, std::uint64_t index) {
-        given.refuse(field,
-                     "the OIF index " + std::to_string(index) + " is none: " +
-                         std::to_string(OifIndex::null) + " ends a list, larger ones end the process",
-                     "use indexes up to " + std::to_string(OifIndex::null - 1));
-    };
-    if (given.change.attribute == "oifIndexIntf") {
-        if (const OifIndex index = given.key<OifIndex>(); index.isNull())
-            refuseIndex("key", index.value());
+    if (given.place.shape->rowFault == nullptr)
         return;
-    }
-    checkRouteKey(given);
-    for (const auto& [name, content] : *given.change.value->record()) {
-        for (const State::Datum& index : *content.list())
-            if (*index.number() >= OifIndex::null)
-                refuseIndex("oifs", *index.number());
-    }
+    const State::Datum nothing;
+    const State::Datum& value = given.change.value ? *given.change.value : nothing;
+    if (const auto fault = given.place.shape->rowFault(given.change.attribute, *given.change.key, value))
+        given.refuse(fault->field, fault->rule, fault->wayOut);
 }
 
 } // namespace
 
 void Guards::check(const Change& change, const Place& place, const GuardFacts& facts) const {
     const Case given{change, place, facts};
-    const bool isTable = place.kind == PathKind::quillTable || place.kind == PathKind::lumenFib;
+    const bool isTable = place.kind() == PathKind::routeTable;
     if (isTable && given.isSet())
         checkVrfName(given, place.vrf, "path");
     if (change.attribute.empty())
         return;
-    switch (place.kind) {
-    case PathKind::mrouteRequests:
-        return checkRequest(given, NatService::mroute);
-    case PathKind::mgroupRequests:
-        return checkRequest(given, NatService::mgroup);
+    switch (place.kind()) {
+    case PathKind::requests:
+        return checkRequest(given);
     case PathKind::vrfs:
         return checkVrfEntry(given);
     case PathKind::vrfEnabled:
         return checkVrfEnabled(given);
-    case PathKind::lumenFibs:
+    case PathKind::routeTables:
         return checkFibEntry(given);
     case PathKind::capability:
         return checkAllVrfs(given);
-    case PathKind::quillTable:
-        return given.isSet() ? checkQuillRow(given) : void();
-    case PathKind::lumenFib:
-        return given.isSet() ? checkRouteKey(given) : void();
+    case PathKind::routeTable:
+        return given.isSet() ? checkRouteRow(given) : void();
     case PathKind::plugInOutput:
         given.refuse(change.key ? "key" : "value",
                      std::string(place.path) + " is written by the plug-in alone",
