@@ -1,9 +1,12 @@
-// Lines as words, and the words that somebody may have meant.
+// Lines as words, the words that somebody may have meant, the verbs with which lines begin, and the socket's path.
 #include "text/Words.h"
 #include "text/Nearest.h"
+#include "text/SocketPath.h"
+#include "text/Verbs.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -41,6 +44,27 @@ TEST(Nearest, IsTheWordThatWasMeantOrNone) {
     EXPECT_EQ(nearest(std::string(4'000'000, 's')), "");
     EXPECT_EQ(Text::suggestion("shwo", known), "; did you mean \"show\"?");
     EXPECT_EQ(Text::suggestion("frobnicate", known), "");
+}
+
+TEST(Verbs, HaveASummaryAndFormsThatBeginWithThem) {
+    for (const Text::VerbHelp& verb : Text::verbs()) {
+        SCOPED_TRACE(verb.name);
+        EXPECT_EQ(Text::verb(verb.name), &verb) << "no other has its name";
+        EXPECT_FALSE(verb.summary.empty() || verb.summary.ends_with('.'));
+        ASSERT_TRUE(verb.forms.ends_with('\n'));
+        for (std::string_view forms = verb.forms; !forms.empty(); forms.remove_prefix(forms.find('\n') + 1))
+            EXPECT_EQ(Text::splitWords(forms.substr(0, forms.find('\n'))).at(0), verb.name);
+    }
+    EXPECT_EQ(Text::verb("vr"), nullptr);
+}
+
+TEST(SocketPath, IsTheUsersOwnUnlessItIsRoots) {
+    ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+    EXPECT_EQ(Text::defaultSocketPath(true), "/run/kestrel-nat.sock");
+    EXPECT_EQ(Text::defaultSocketPath(false), "/run/user/7/kestrel-nat.sock");
+    ::unsetenv("XDG_RUNTIME_DIR");
+    EXPECT_THROW(Text::defaultSocketPath(false), std::runtime_error);
+    EXPECT_EQ(Text::defaultSocketPath(true), "/run/kestrel-nat.sock");
 }
 
 } // namespace
