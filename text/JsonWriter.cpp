@@ -15,14 +15,14 @@ constexpr std::array<bool, 256> makeAsItIs() {
     return asItIs;
 }
 
-/// Whether a byte stands in a JSON string as it is, whatever stands around it.
+// Whether a byte stands in a JSON string as it is, whatever stands around it.
 constexpr std::array<bool, 256> asItIs = makeAsItIs();
 
 unsigned char byteAt(std::string_view text, std::size_t at) {
     return static_cast<unsigned char>(text[at]);
 }
 
-/// Bytes of the character of more than one byte with which the text begins; 0 where it is no UTF-8.
+// Bytes of the character of more than one byte with which the text begins; 0 where it is no UTF-8.
 std::size_t characterLength(std::string_view text) {
     const unsigned char lead = byteAt(text, 0);
     const std::size_t length = lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf5 ? 4 : 0;

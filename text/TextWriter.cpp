@@ -8,7 +8,7 @@ namespace Text {
 
 namespace {
 
-/// Places that a text takes in a line: its characters, as far as bytes tell.
+// Places that a text takes in a line: its characters, as far as bytes tell.
 std::size_t widthOf(std::string_view text) {
     return static_cast<std::size_t>(std::count_if(
         text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; }));
