@@ -19,10 +19,12 @@ std::string answerWords(const Answer& answer, std::string_view absent);
 /// "mroute (10.0.0.1, 239.1.1.1) in red for Ethernet5 vlan 10: Ethernet1 Ethernet2"; "gone" where there is none any
 /// more.
 std::string answerLine(const Operations& operations, const AnswerChange& change);
-/// The members of an open record: path, attribute, vrf (where the identifier belongs to one), key, value.
-void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change);
-/// The changes as a list: for people of lines, else of records.
-/// @param withText whether the records have the line as well, as `text`.
+/// The members of an open record: path, attribute, key, value.
+void writeAnswerMembers(Text::Writer& writer, const AnswerChange& change);
+/// More of them: `vrf`, the name of the VRF that has the identifier (where one has it), and with text the line.
+void writeAnswerNames(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
+                      bool withText);
+/// The changes as a list: for people of lines, else of records with their names.
 void writeAnswers(Text::Writer& writer, const Operations& operations,
                   const std::vector<AnswerChange>& changes, bool withText = false);
 

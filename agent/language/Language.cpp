@@ -102,14 +102,27 @@ void Language::addShown(std::string name, Text::Tell tell) {
 }
 
 Action Language::mark() {
-    return told([this](Text::Writer& writer) {
+    return [this](const Text::Reply& reply) {
         const std::uint64_t next = expectations_.mark();
-        if (writer.isForPeople())
-            return;
-        writer.beginRecord();
-        writer.member("marked", next);
-        writer.end();
-    });
+        reply([next](Text::Writer& writer) {
+            if (writer.isForPeople())
+                return;
+            writer.beginRecord();
+            writer.member("marked", next);
+            writer.end();
+        });
+    };
+}
+
+const Text::Tell& Language::shown(const std::string& name) const {
+    std::vector<std::string_view> names;
+    for (const auto& [known, tell] : shown_) {
+        if (known == name)
+            return tell;
+        names.push_back(known);
+    }
+    throw Refusal("there is nothing called \"" + name + "\" to show" + Text::suggestion(name, names),
+                  {.field = "what"});
 }
 
 Action Language::readShow(WordReader& words) {
@@ -145,7 +158,7 @@ Action Language::readTrace(WordReader& words) {
         query.level = words.number("a level", TraceQuery::maxLevel);
     }
     checkQuery(query);
-    return told([query](Text::Writer& writer) { trace(query, writer); });
+    return [query](const Text::Reply& reply) { trace(query, reply); };
 }
 
 // Reads a line that is no state command.

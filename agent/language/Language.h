@@ -45,6 +45,9 @@ class Language {
     /// Adds something that `show` can show.
     void addShown(std::string name, Text::Tell tell);
 
+    /// What writes one of the things that `show` shows. @throws Refusal for another name.
+    const Text::Tell& shown(const std::string& name) const;
+
     /// Carries out one line. A state command replies with what changed: {"changed", "answers"}.
     /// @param raw whether its changes pass the guards.
     /// @throws Refusal

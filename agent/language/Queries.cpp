@@ -143,20 +143,22 @@ void checkQuery(const TraceQuery& query) {
                "facility");
 }
 
-void trace(const TraceQuery& query, Text::Writer& writer) {
+void trace(const TraceQuery& query, const Text::Reply& reply) {
     checkQuery(query);
     if (query.level)
         State::traceLevelIs(*query.facility, static_cast<int>(*query.level));
-    if (!writer.isForPeople()) {
-        writer.beginRecord();
-        writer.field(query.last ? "records" : "levels");
-    }
-    if (query.last)
-        writeRecords(writer, *query.last);
-    else
-        writeLevels(writer, query);
-    if (!writer.isForPeople())
-        writer.end();
+    reply([&](Text::Writer& writer) {
+        if (!writer.isForPeople()) {
+            writer.beginRecord();
+            writer.field(query.last ? "records" : "levels");
+        }
+        if (query.last)
+            writeRecords(writer, *query.last);
+        else
+            writeLevels(writer, query);
+        if (!writer.isForPeople())
+            writer.end();
+    });
 }
 
 } // namespace Agent

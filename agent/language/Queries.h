@@ -38,8 +38,8 @@ struct TraceQuery {
 
 /// @throws Refusal for a facility that there is not, a level that is none, or what does not go together.
 void checkQuery(const TraceQuery& query);
-/// Sets the level, if one is given, and writes the levels, or the records.
+/// Sets the level, if one is given, and replies with the levels, or the records.
 /// @throws Refusal as checkQuery() does.
-void trace(const TraceQuery& query, Text::Writer& writer);
+void trace(const TraceQuery& query, const Text::Reply& reply);
 
 } // namespace Agent
