@@ -3,9 +3,7 @@
 //
 // A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is
 // gone, if nothing went meanwhile. Mirror owns it, brings the messages, and tells the sink and the VRFs what
-// follows; OifSets marks the interfaces that the sink is told of, or would be if they had a name. Names stay in
-// place while their interface exists; version() advances when one may have changed, so that lists of names can be
-// kept.
+// follows; MirrorShared marks the interfaces that the sink is told of.
 #pragma once
 
 #include "agent/kernel/KernelMessage.h"
@@ -33,19 +31,12 @@ class Interfaces {
     bool isInternal(int ifindex) const;
     /// "#7" for an interface that isn't known.
     std::string nameOf(int ifindex) const;
-    /// Never 0.
-    std::uint64_t version() const { return version_; }
 
-    /// What a message about an interface changed for routes that have it.
-    struct Change {
-        bool toInternal = false; // it must leave their OIFs
-        bool toKnown = false;    // they were told without it, as it had no name
-    };
-    Change learnFromEvent(const Link& link);
-    Change learnFromDump(const Link& link);
+    /// @return whether routes that have the interface look otherwise now: they were told without it, as it had no
+    /// name, or must be, as it turned out to be internal.
+    bool learnFromEvent(const Link& link);
+    bool learnFromDump(const Link& link);
     void remove(int ifindex);
-    /// Routes are told without the interface, as it isn't known.
-    void noteMissing(int ifindex) { missing_.insert(ifindex); }
 
     void beginDump();
     void disturbDump() { disturbed_ = true; }
@@ -60,13 +51,11 @@ class Interfaces {
     std::set<int>& toForget() { return toForget_; }
 
   private:
-    Change learn(const Link& link);
+    bool learn(const Link& link);
 
     std::unordered_map<int, Interface> map_;
-    std::uint64_t version_ = 1;
     std::uint32_t dump_ = 0; // the number of the latest
     bool disturbed_ = false;
-    std::set<int> missing_;
     std::set<int> toRename_;
     std::set<int> toForget_;
 };

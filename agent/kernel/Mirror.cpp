@@ -15,17 +15,9 @@ constexpr Mirror::Clock::duration failurePause = std::chrono::seconds(1);
 
 // What a query asks for.
 std::string queryText(const KernelQuery& query) {
-    switch (query.kind) {
-    case Kind::links:
-        return "interfaces";
-    case Kind::vifs:
-        return "VIFs";
-    case Kind::routes:
-        return "routes of table " + std::to_string(query.table);
-    case Kind::route:
-        return "a route of table " + std::to_string(query.table);
-    }
-    return "";
+    static constexpr const char* texts[] = {"interfaces", "VIFs", "routes of table ", "a route of table "};
+    return texts[static_cast<std::size_t>(query.kind)] +
+           (query.table == 0 ? "" : std::to_string(query.table));
 }
 
 Mirror::VrfList::iterator named(Mirror::VrfList& list, const std::string& name) {
@@ -65,7 +57,8 @@ void Mirror::takeEvent(const KernelMessage& message) {
         routeEvent(message.route, message.kind == MessageKind::routeGone);
         break;
     case MessageKind::link:
-        linkChanged(message.link.ifindex, shared_.interfaces.learnFromEvent(message.link));
+        if (shared_.interfaces.learnFromEvent(message.link))
+            linkChanged(message.link.ifindex);
         break;
     case MessageKind::linkGone:
         linkGone(message.link.ifindex);
@@ -110,13 +103,9 @@ void Mirror::routeEvent(const MfcRoute& route, bool gone) {
         vrf->kernel().learn(route);
 }
 
-void Mirror::linkChanged(int ifindex, Interfaces::Change change) {
-    for (const auto& vrf : vrfs_) {
-        if (change.toInternal)
-            vrf->kernel().linkInternal(ifindex);
-        if (change.toKnown)
-            vrf->kernel().linkKnown(ifindex);
-    }
+void Mirror::linkChanged(int ifindex) {
+    for (const auto& vrf : vrfs_)
+        vrf->kernel().linkChanged(ifindex);
 }
 
 // An answer under way may still have the interface among the VIFs.
@@ -193,7 +182,8 @@ void Mirror::takeAnswer(const KernelMessage& message) {
         noteMalformed("an answer", message);
         answerMalformed_ = true;
     } else if (query_->kind == Kind::links && message.kind == MessageKind::link) {
-        linkChanged(message.link.ifindex, shared_.interfaces.learnFromDump(message.link));
+        if (shared_.interfaces.learnFromDump(message.link))
+            linkChanged(message.link.ifindex);
     } else if (query_->kind == Kind::vifs && message.kind == MessageKind::vifTable) {
         const std::vector<Vif>& part = message.vifTable.vifs;
         std::vector<Vif>& vifs = vifAnswer_[message.vifTable.table];
@@ -299,14 +289,28 @@ void Mirror::publishRenames() {
     }
 }
 
-// Only when no route, known or told, has the interface any more: one whose removal the sink refused may still.
+// Only when no route, known or told, has the interface any more: one whose change the sink refused may still.
 void Mirror::publishGoneInterfaces() {
-    std::erase_if(shared_.interfaces.toForget(), [&](int ifindex) {
-        if (shared_.oifSets.uses(ifindex))
+    std::set<int>& toForget = shared_.interfaces.toForget();
+    if (!toForget.empty() || shared_.oifSets.size() > sweepAt_)
+        sweepOifSets();
+    std::erase_if(toForget, [&](int ifindex) {
+        if (std::ranges::any_of(shared_.oifSets,
+                                [&](const auto& set) { return std::ranges::binary_search(set, ifindex); }))
             return false;
         shared_.sink.forgetInterface(ifindex);
         return shared_.retry = true;
     });
+}
+
+void Mirror::sweepOifSets() {
+    std::set<OifSet> used;
+    for (const VrfList* list : {&leaving_, &vrfs_})
+        for (const auto& vrf : *list)
+            for (const RouteEntry& entry : vrf->kernel().routes().all())
+                used.insert({entry.oifs, entry.installedOifs});
+    std::erase_if(shared_.oifSets, [&](const auto& set) { return !used.contains(&set); });
+    sweepAt_ = 2 * shared_.oifSets.size() + 1000;
 }
 
 bool Mirror::synced() const {

@@ -95,7 +95,7 @@ class Mirror {
 
   private:
     void routeEvent(const MfcRoute& route, bool gone);
-    void linkChanged(int ifindex, Interfaces::Change change);
+    void linkChanged(int ifindex);
     void linkGone(int ifindex);
     MirroredVrf* vrfOf(std::uint32_t table) const;
     bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
@@ -105,10 +105,12 @@ class Mirror {
     void noteError(std::string text);
     void publishRenames();
     void publishGoneInterfaces();
+    void sweepOifSets();
 
     MirrorShared shared_;
     VrfList vrfs_;
     VrfList leaving_;
+    std::size_t sweepAt_ = 1000; // sets of OIFs
 
     bool linksWanted_ = true;
     bool vifsWanted_ = true;

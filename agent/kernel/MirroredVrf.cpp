@@ -2,6 +2,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -117,15 +118,12 @@ void MirroredVrf::settle(RouteEntry& entry) {
 // A route without an IIF forwards nothing; one that was installed before stays, without OIFs.
 void MirroredVrf::install(RouteEntry& entry) {
     const RouteType type = entry.iif ? typeOf(entry) : entry.installedType;
-    OifSet oifs = entry.iif ? entry.oifs : OifSet();
-    const std::span<const Oif> named = shared_.oifSets.named(oifs, shared_.interfaces);
-    if (named.size() < oifs.members().size())
-        oifs = shared_.oifSets.get(named);
+    const OifSet oifs = entry.iif ? shared_.known(entry.oifs) : &noOifs;
     if (entry.installed && type == entry.installedType && oifs == entry.installedOifs && !entry.again) {
         refused_.erase(entry.key);
         return;
     }
-    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, named); !why.empty()) {
+    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, shared_.named(oifs)); !why.empty()) {
         ++shared_.counters.refused;
         refused_[entry.key] = std::move(why);
         return;
@@ -135,7 +133,7 @@ void MirroredVrf::install(RouteEntry& entry) {
         shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = true;
     entry.installedType = type;
-    entry.installedOifs = std::move(oifs);
+    entry.installedOifs = oifs;
     entry.again = false;
     ++shared_.counters.changes;
     refused_.erase(entry.key);
@@ -148,7 +146,7 @@ void MirroredVrf::withdraw(RouteEntry& entry) {
     shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = false;
     entry.again = false;
-    entry.installedOifs = {};
+    entry.installedOifs = &noOifs;
     rowsFreed_ = true;
     ++shared_.counters.changes;
 }
@@ -168,7 +166,7 @@ void MirroredVrf::retry() {
 
 void MirroredVrf::repeatRoutesWith(int ifindex) {
     kernel_.routes().queueIf([&](RouteEntry& entry) {
-        entry.again = entry.again || entry.installedOifs.contains(ifindex);
+        entry.again = entry.again || std::ranges::binary_search(*entry.installedOifs, ifindex);
         return entry.again;
     });
 }
@@ -179,12 +177,7 @@ WhyNot MirroredVrf::whyPending(const MfcKey& key) const {
 }
 
 void MirroredVrf::status(Text::Writer& writer) const {
-    std::size_t routes = 0;
-    std::size_t rows = 0;
-    kernel_.routes().each([&](const RouteEntry& entry) {
-        routes += entry.present;
-        rows += entry.installed;
-    });
+    const auto& entries = kernel_.routes().all();
     writer.beginRecord();
     writer.member("vrf", config_.name);
     writer.member("id", config_.id);
@@ -195,8 +188,8 @@ void MirroredVrf::status(Text::Writer& writer) const {
     writer.member("synced", kernel_.synced());
     writer.member("resyncWanted", kernel_.resyncPending());
     writer.member("leaving", leaving_);
-    writer.member("routes", routes);
-    writer.member("rows", rows);
+    writer.member("routes", std::ranges::count_if(entries, &RouteEntry::present));
+    writer.member("rows", std::ranges::count_if(entries, &RouteEntry::installed));
     writer.field("vifs");
     writer.beginList();
     for (const Vif& vif : kernel_.vifs())

@@ -47,10 +47,8 @@ class TableLearner {
     void wantDump() { dumpWanted_ = true; }
     /// The interface has gone: it has left every route and every VIF without an event of theirs.
     void linkGone(int ifindex);
-    /// The interface, which routes may have had for a while, is known by now.
-    void linkKnown(int ifindex);
-    /// The interface turned out to be internal.
-    void linkInternal(int ifindex);
+    /// The interface, which routes may have had for a while, has got a name, or turned out to be internal.
+    void linkChanged(int ifindex);
     /// Takes the VIFs of the table, as read just now.
     /// @param added interfaces that became a VIF, in this or another table, since they were read before.
     void takeVifs(std::vector<Vif> vifs, const std::set<int>& added);
@@ -85,7 +83,7 @@ class TableLearner {
     void eraseGone();
     bool merge(RouteEntry& entry, const MfcRoute& route);
     void addTo(RouteEntry& entry, const MfcRoute& route);
-    OifSet oifsOf(const MfcRoute& route, const OifSet& more);
+    OifSet oifsOf(const MfcRoute& route, std::vector<int> more);
     template <class Gone>
     bool dropOifs(RouteEntry& entry, Gone gone);
     template <class Gone>
@@ -104,7 +102,6 @@ class TableLearner {
     Clock::time_point dumpBegan_{};
     Clock::time_point notBefore_{};
     std::vector<MfcKey> missing_; // the last one is asked for first
-    std::vector<int> scratch_;    // members of the set at hand
 };
 
 } // namespace Agent::Kernel

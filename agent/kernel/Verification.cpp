@@ -66,13 +66,14 @@ void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
                 .tables = onOff(*inTables),
                 .pending = whyPending({})});
     RouteEntries& routes = vrf.kernel().routes();
-    routes.each([](RouteEntry& entry) { entry.installed = false; });
+    for (RouteEntry& entry : routes.all())
+        entry.installed = false;
     for (RouteType type : routeTypes)
         tables_.eachRoute(config, type, [&](const MfcKey& key, std::span<const std::string_view> names) {
             compareRow(vrf, known, type, key, names);
         });
     // An entry without an IIF is a row only where it was one before it lost it.
-    routes.each([&](const RouteEntry& entry) {
+    for (const RouteEntry& entry : routes.all()) {
         result_.routes += entry.present;
         if (entry.present && entry.iif != 0 && !entry.installed)
             differ({.vrf = config.name,
@@ -80,7 +81,7 @@ void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
                     .route = routeText(vrf.typeOf(entry), entry.key),
                     .kernel = namesOf(entry),
                     .pending = whyPending(entry.key)});
-    });
+    }
 }
 
 // Marks the entry that the row belongs to as installed: this mirror installs nothing itself.
@@ -108,7 +109,7 @@ void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteT
 std::string Verification::namesOf(const RouteEntry& entry) const {
     std::vector<std::string> names;
     if (entry.iif != 0)
-        for (int ifindex : entry.oifs.members())
+        for (int ifindex : *entry.oifs)
             names.push_back(fresh_.interfaces().nameOf(ifindex));
     return sortedList(std::move(names));
 }
