@@ -152,9 +152,8 @@ void MirroredVrf::withdraw(RouteEntry& entry) {
 }
 
 RouteType MirroredVrf::typeOf(const RouteEntry& entry) const {
-    const bool isStatic = config_.routeType == RouteTypeRule::staticRoutes ||
-                          (config_.routeType == RouteTypeRule::byProtocol && entry.protocol == RTPROT_STATIC);
-    return isStatic ? RouteType::staticRoutes : RouteType::sparse;
+    return config_.routeType.value_or(entry.protocol == RTPROT_STATIC ? RouteType::staticRoutes
+                                                                      : RouteType::sparse);
 }
 
 void MirroredVrf::retry() {
@@ -182,7 +181,7 @@ void MirroredVrf::status(Text::Writer& writer) const {
     writer.member("vrf", config_.name);
     writer.member("id", config_.id);
     writer.member("table", config_.table);
-    writer.member("routeType", routeTypeRuleText(config_.routeType));
+    writer.member("routeType", routeTypeText(config_));
     writer.member("entered", entered());
     writer.member("multicast", enabled_);
     writer.member("synced", kernel_.synced());

@@ -19,12 +19,9 @@ constexpr TableLearner::Clock::duration failurePause = 1s;
 
 void TableLearner::startOver() {
     vifs_.clear();
-    missing_.clear();
-    dumpOpen_ = false;
     synced_ = false;
-    dumpWanted_ = true;
+    failDump({});
     notBefore_ = {};
-    eraseGone();
 }
 
 void TableLearner::learn(const MfcRoute& route) {

@@ -58,13 +58,9 @@ void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
     const bool multicast = !vrf.kernel().vifs().empty();
     const std::optional<bool> inTables = tables_.multicastEnabled(config);
     if (!inTables)
-        return differ({.vrf = config.name, .what = "VRF missing", .pending = whyPending({})});
+        return differ({config.name, "VRF missing", "", "", "", whyPending({})});
     if (*inTables != multicast)
-        differ({.vrf = config.name,
-                .what = "multicast",
-                .kernel = onOff(multicast),
-                .tables = onOff(*inTables),
-                .pending = whyPending({})});
+        differ({config.name, "multicast", "", onOff(multicast), onOff(*inTables), whyPending({})});
     RouteEntries& routes = vrf.kernel().routes();
     for (RouteEntry& entry : routes.all())
         entry.installed = false;
@@ -76,11 +72,8 @@ void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
     for (const RouteEntry& entry : routes.all()) {
         result_.routes += entry.present;
         if (entry.present && entry.iif != 0 && !entry.installed)
-            differ({.vrf = config.name,
-                    .what = "missing",
-                    .route = routeText(vrf.typeOf(entry), entry.key),
-                    .kernel = namesOf(entry),
-                    .pending = whyPending(entry.key)});
+            differ({config.name, "missing", routeText(vrf.typeOf(entry), entry.key), namesOf(entry), "",
+                    whyPending(entry.key)});
     }
 }
 
@@ -90,10 +83,8 @@ void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteT
     ++result_.rows;
     RouteEntry* entry = vrf.kernel().routes().find(key);
     const bool isPresent = entry && entry->present;
-    Difference difference{.vrf = vrf.config().name,
-                          .what = "extra",
-                          .route = routeText(type, key),
-                          .tables = sortedList({names.begin(), names.end()})};
+    Difference difference{
+        vrf.config().name, "extra", routeText(type, key), "", sortedList({names.begin(), names.end()}), ""};
     if (!isPresent)
         extras_.emplace_back(&vrf, key);
     if (!isPresent || (entry->iif != 0 && vrf.typeOf(*entry) != type))
