@@ -10,8 +10,6 @@
 
 #include <map>
 #include <memory>
-#include <string>
-#include <utility>
 
 namespace Agent::Kernel {
 

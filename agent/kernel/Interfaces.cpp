@@ -19,21 +19,13 @@ std::string Interfaces::nameOf(int ifindex) const {
     return at == map_.end() ? "#" + std::to_string(ifindex) : at->second.name;
 }
 
-bool Interfaces::learnFromEvent(const Link& link) {
-    const bool changes = learn(link);
-    map_[link.ifindex].touched = dump_;
-    return changes;
-}
-
-bool Interfaces::learnFromDump(const Link& link) {
-    const Interface* known = find(link.ifindex);
-    return (!known || known->touched != dump_) && learn(link);
-}
-
-bool Interfaces::learn(const Link& link) {
+bool Interfaces::learn(const Link& link, bool isFromDump) {
     const auto [at, isNew] = map_.try_emplace(link.ifindex);
     Interface& known = at->second;
+    if (isFromDump && known.touched == dump_)
+        return false;
     known.seen = dump_;
+    known.touched = isFromDump ? known.touched : dump_;
     // Where another interface took the index before the sink heard that the first went, the sink sees a rename.
     if (toForget_.erase(link.ifindex) > 0)
         known.told = true;

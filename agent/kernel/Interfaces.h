@@ -1,9 +1,9 @@
 // The network interfaces by ifindex: their names, which of them are never reported as OIFs, and what the sink has
 // to hear of them.
 //
-// A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is
-// gone, if nothing went meanwhile. Mirror owns it, brings the messages, and tells the sink and the VRFs what
-// follows; MirrorShared marks the interfaces that the sink is told of.
+// A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is gone,
+// if nothing went meanwhile. Mirror changes it and tells the sink and the VRFs what follows; MirrorShared, its
+// owner, marks the interfaces that the sink is told of.
 #pragma once
 
 #include "agent/kernel/KernelMessage.h"
@@ -34,8 +34,7 @@ class Interfaces {
 
     /// @return whether routes that have the interface look otherwise now: they were told without it, as it had no
     /// name, or must be, as it turned out to be internal.
-    bool learnFromEvent(const Link& link);
-    bool learnFromDump(const Link& link);
+    bool learn(const Link& link, bool isFromDump);
     void remove(int ifindex);
 
     void beginDump();
@@ -51,8 +50,6 @@ class Interfaces {
     std::set<int>& toForget() { return toForget_; }
 
   private:
-    bool learn(const Link& link);
-
     std::unordered_map<int, Interface> map_;
     std::uint32_t dump_ = 0; // the number of the latest
     bool disturbed_ = false;

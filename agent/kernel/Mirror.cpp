@@ -57,7 +57,7 @@ void Mirror::takeEvent(const KernelMessage& message) {
         routeEvent(message.route, message.kind == MessageKind::routeGone);
         break;
     case MessageKind::link:
-        if (shared_.interfaces.learnFromEvent(message.link))
+        if (shared_.interfaces.learn(message.link, false))
             linkChanged(message.link.ifindex);
         break;
     case MessageKind::linkGone:
@@ -182,7 +182,7 @@ void Mirror::takeAnswer(const KernelMessage& message) {
         noteMalformed("an answer", message);
         answerMalformed_ = true;
     } else if (query_->kind == Kind::links && message.kind == MessageKind::link) {
-        if (shared_.interfaces.learnFromDump(message.link))
+        if (shared_.interfaces.learn(message.link, true))
             linkChanged(message.link.ifindex);
     } else if (query_->kind == Kind::vifs && message.kind == MessageKind::vifTable) {
         const std::vector<Vif>& part = message.vifTable.vifs;

@@ -1,8 +1,8 @@
 // The mirror of the kernel's multicast forwarding: follows events, asks for dumps where events can't tell, and
 // keeps the agent's tables equal to what it knows.
 //
-// It has no socket and no clock, so that a test can be its kernel. Who has them (NetlinkSource) gives it all events
-// that wait, lets it publish(), and carries out its queries one after the other:
+// It has no socket and no clock, so that a test can be its kernel. Who has them gives it all events that wait, lets
+// it publish(), and carries out its queries one after the other:
 //
 //     query = nextQuery(now); takeAnswer(message)...; endAnswer(error, interrupted, now)
 //
@@ -13,21 +13,12 @@
 // - A VIF that comes or goes is told only as a number per interface: the VIF tables are read, and those tables
 //   dumped where an interface came.
 //
-// NetlinkSource owns one, and each Verification another; the sink outlives them. Read next: TableLearner.h,
-// MirroredVrf.h.
+// NetlinkSource owns one, each Verification another; the sink outlives them. Read next: MirroredVrf.h.
 #pragma once
 
 #include "agent/kernel/MirroredVrf.h"
 
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <map>
 #include <memory>
-#include <optional>
-#include <set>
-#include <string>
-#include <vector>
 
 namespace Agent::Kernel {
 

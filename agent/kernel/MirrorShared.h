@@ -6,10 +6,7 @@
 #include "agent/kernel/RouteEntries.h"
 #include "agent/kernel/TableSink.h"
 
-#include <cstdint>
 #include <set>
-#include <span>
-#include <vector>
 
 namespace Agent::Kernel {
 

@@ -1,20 +1,14 @@
-// The two ways to hear from the kernel: a subscription to its events, and a socket for questions.
+// The two ways to hear from the kernel: a subscription to its events, and a socket for questions. Neither needs a
+// privilege. NetlinkSource owns one of each; a Verification has a socket of its own for its questions.
 //
-// Neither needs a privilege. A subscription is drained in batches of datagrams by one system call each, as one that
-// has fallen behind loses events. Answers to questions are there when the question has been sent, part by part: the
-// kernel makes the next part of a dump while the one before is read. NetlinkSource owns the subscription;
-// NetlinkSource and Verification each own a socket for the questions of their mirrors.
+// A subscription is drained in batches of datagrams by one system call each, as one that has fallen behind loses
+// events. Answers come part by part: the kernel makes the next part of a dump while the one before is read.
 #pragma once
 
 #include "agent/host/Fd.h"
 #include "agent/kernel/Mirror.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <functional>
-#include <memory>
-#include <span>
-#include <vector>
 
 namespace Agent::Kernel {
 

@@ -1,15 +1,13 @@
-// The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and
-// which wait to be told to the sink.
+// The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and which
+// wait to be told to the sink. Entries stay in place from get() to erase().
 //
-// Entries stay in place from get() to erase(). Owned by a TableLearner, which changes what the kernel has of an entry; MirroredVrf changes what is installed, and
+// A TableLearner owns it and changes what the kernel has of an entry; MirroredVrf changes what is installed, and
 // Verification, which installs nothing, marks there which entries it found.
 #pragma once
 
 #include "agent/host/RouteSource.h"
 #include "agent/kernel/KernelMessage.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <list>
 #include <unordered_map>

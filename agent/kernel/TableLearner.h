@@ -1,6 +1,6 @@
 // What one table of the kernel holds, as far as events and dumps have told: its routes and its VIFs.
 //
-// It only learns: an entry that changes is queued in the RouteEntries, and MirroredVrf tells the sink from there.
+// It only learns: an entry that changes is queued in RouteEntries.h, and MirroredVrf tells the sink from there.
 //
 // A dump is not one moment of the kernel: routes change, come and go while it runs, and a route deleted during it
 // makes it miss another. Therefore:
@@ -8,18 +8,14 @@
 // - a route that a dump didn't have is removed only when the kernel, asked for that one, denies it;
 // - a dump during which something happened that could have made it miss or misstate a route (disturbed) is
 //   repeated, soon a few times, then at a distance in proportion to its length.
-// So the mirror follows the kernel also under churn that never lets a dump be clean.
-//
-// A MirroredVrf owns it; Mirror brings the messages. Read next: RouteEntries.h for an entry's fields.
+// So the mirror follows the kernel also under churn that never lets a dump be clean. A MirroredVrf owns it; Mirror
+// brings the messages.
 #pragma once
 
 #include "agent/kernel/MirrorShared.h"
-#include "agent/kernel/RouteEntries.h"
 
 #include <chrono>
 #include <optional>
-#include <set>
-#include <vector>
 
 namespace Agent::Kernel {
 
@@ -34,8 +30,7 @@ class TableLearner {
     const RouteEntries& routes() const { return routes_; }
     const std::vector<Vif>& vifs() const { return vifs_; }
 
-    /// From now on the messages of another table are given, or again those of this one after a gap. What is known
-    /// stands until the next dump confirms or changes it.
+    /// Messages of another table follow, or of this one after a gap. What is known stands until the next dump.
     void startOver();
 
     /// @param route neither unresolved nor with group zero.
@@ -55,9 +50,10 @@ class TableLearner {
 
     // A dump begins, brings entries, and ends when the kernel has said so and all events from before that moment
     // have been given; then the routes that it lacks are asked for one by one.
-
     bool dumpDue(Clock::time_point now) const { return dumpWanted_ && now >= notBefore_; }
-    std::optional<Clock::time_point> dumpWaitsUntil() const;
+    std::optional<Clock::time_point> dumpWaitsUntil() const {
+        return dumpWanted_ ? std::optional(notBefore_) : std::nullopt;
+    }
     bool dumpOpen() const { return dumpOpen_; }
     void beginDump(Clock::time_point now);
     void learnFromDump(const MfcRoute& route);
