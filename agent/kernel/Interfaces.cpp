@@ -39,7 +39,6 @@ bool Interfaces::learn(const Link& link, bool isFromDump) {
 }
 
 void Interfaces::remove(int ifindex) {
-    disturbed_ = true;
     toRename_.erase(ifindex);
     const auto at = map_.find(ifindex);
     if (at == map_.end())
@@ -47,11 +46,6 @@ void Interfaces::remove(int ifindex) {
     if (at->second.told)
         toForget_.insert(ifindex);
     map_.erase(at);
-}
-
-void Interfaces::beginDump() {
-    ++dump_;
-    disturbed_ = false;
 }
 
 std::vector<int> Interfaces::unseen() const {

@@ -37,10 +37,8 @@ class Interfaces {
     bool learn(const Link& link, bool isFromDump);
     void remove(int ifindex);
 
-    void beginDump();
-    void disturbDump() { disturbed_ = true; }
-    /// Whether the dump has to be repeated; if not, unseen() are gone.
-    bool dumpDisturbed() const { return disturbed_; }
+    void beginDump() { ++dump_; }
+    /// Those that the dump didn't have: gone, if nothing else went meanwhile.
     std::vector<int> unseen() const;
 
     /// Interfaces that the sink knows by another name, and those that it need not know any more; who tells it
@@ -52,7 +50,6 @@ class Interfaces {
   private:
     std::unordered_map<int, Interface> map_;
     std::uint32_t dump_ = 0; // the number of the latest
-    bool disturbed_ = false;
     std::set<int> toRename_;
     std::set<int> toForget_;
 };

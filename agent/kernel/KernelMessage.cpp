@@ -212,24 +212,17 @@ void readEnd(const nlmsghdr* header, KernelMessage& message) {
 }
 
 void readBody(const nlmsghdr* header, KernelMessage& message) {
-    switch (header->nlmsg_type) {
-    case RTM_NEWROUTE:
-    case RTM_DELROUTE:
-        return readRoute(header, message);
-    case RTM_NEWLINK:
-    case RTM_DELLINK:
-        return readLink(header, message);
-    case RTM_NEWNETCONF:
-        return readNetconf(header, message);
-    case NLMSG_DONE:
-    case NLMSG_ERROR:
-        return readEnd(header, message);
-    case NLMSG_OVERRUN:
+    const unsigned type = header->nlmsg_type;
+    if (type == RTM_NEWROUTE || type == RTM_DELROUTE)
+        readRoute(header, message);
+    else if (type == RTM_NEWLINK || type == RTM_DELLINK)
+        readLink(header, message);
+    else if (type == RTM_NEWNETCONF)
+        readNetconf(header, message);
+    else if (type == NLMSG_DONE || type == NLMSG_ERROR)
+        readEnd(header, message);
+    else if (type == NLMSG_OVERRUN)
         message.kind = MessageKind::overrun;
-        break;
-    default:
-        break;
-    }
 }
 
 } // namespace

@@ -51,38 +51,27 @@ void Mirror::reconfigure(const KernelConfig& config) {
 
 void Mirror::takeEvent(const KernelMessage& message) {
     ++shared_.counters.events;
-    switch (message.kind) {
-    case MessageKind::route:
-    case MessageKind::routeGone:
+    if (message.kind == MessageKind::route || message.kind == MessageKind::routeGone) {
         routeEvent(message.route, message.kind == MessageKind::routeGone);
-        break;
-    case MessageKind::link:
+    } else if (message.kind == MessageKind::link) {
         if (shared_.interfaces.learn(message.link, false))
             linkChanged(message.link.ifindex);
-        break;
-    case MessageKind::linkGone:
+    } else if (message.kind == MessageKind::linkGone) {
         linkGone(message.link.ifindex);
-        break;
-    case MessageKind::mcForwarding:
+    } else if (message.kind == MessageKind::mcForwarding) {
         if (message.mcForwarding.tables > 0)
             added_.insert(message.mcForwarding.ifindex);
         vifsWanted_ = true;
-        break;
-    case MessageKind::overrun:
+    } else if (message.kind == MessageKind::overrun) {
         overrun();
-        break;
-    case MessageKind::malformed:
+    } else if (message.kind == MessageKind::malformed) {
         noteMalformed("a message", message);
-        break;
-    default:
-        break;
     }
 }
 
 void Mirror::overrun() {
     ++shared_.counters.overruns;
     linksWanted_ = true;
-    shared_.interfaces.disturbDump();
     vifsWanted_ = true;
     for (const auto& vrf : vrfs_) {
         vrf->kernel().disturbDump();
@@ -108,8 +97,9 @@ void Mirror::linkChanged(int ifindex) {
         vrf->kernel().linkChanged(ifindex);
 }
 
-// An answer under way may still have the interface among the VIFs.
+// An answer under way may still have the interface, among the VIFs too.
 void Mirror::linkGone(int ifindex) {
+    linksWanted_ = linksWanted_ || (query_ && query_->kind == Kind::links);
     vifsWanted_ = vifsWanted_ || (query_ && query_->kind == Kind::vifs);
     shared_.interfaces.remove(ifindex);
     for (const auto& vrf : vrfs_)
@@ -159,21 +149,14 @@ std::optional<KernelQuery> Mirror::nextQuery(Clock::time_point now) {
     return query_ = {.kind = Kind::routes, .table = (*due)->config().table, .key = {}};
 }
 
-bool Mirror::queryDue(Clock::time_point now) const {
-    return now >= notBefore_ &&
-           (linksWanted_ || vifsWanted_ || std::ranges::any_of(vrfs_, [&](const auto& vrf) {
-                return vrf->kernel().missing() || vrf->kernel().dumpDue(now);
-            }));
-}
-
-std::optional<Mirror::Clock::time_point> Mirror::queryWaitsUntil() const {
+std::optional<Mirror::Clock::time_point> Mirror::queryDueAt() const {
     std::optional<Clock::time_point> earliest;
     if (linksWanted_ || vifsWanted_)
         earliest = notBefore_;
     for (const auto& vrf : vrfs_)
-        if (const auto due = vrf->kernel().dumpWaitsUntil())
-            earliest = std::min(*due, earliest.value_or(*due));
-    return earliest ? std::optional(std::max(*earliest, notBefore_)) : std::nullopt;
+        if (const auto due = vrf->kernel().queryDueAt())
+            earliest = std::min(std::max(*due, notBefore_), earliest.value_or(Clock::time_point::max()));
+    return earliest;
 }
 
 // A configuration may have come meanwhile: what it made of a table that was asked for has no dump open.
@@ -209,8 +192,13 @@ void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
         error = EBADMSG;
     if (error != 0)
         return failQuery(query, error, now);
-    if (query.kind == Kind::links)
-        return endLinks(interrupted);
+    if (query.kind == Kind::links) {
+        linksWanted_ = linksWanted_ || interrupted;
+        if (!linksWanted_)
+            for (int ifindex : shared_.interfaces.unseen())
+                linkGone(ifindex);
+        return;
+    }
     if (query.kind == Kind::vifs) {
         for (const auto& vrf : vrfs_)
             vrf->kernel().takeVifs(vifAnswer_[vrf->config().table], addedBeforeQuery_);
@@ -228,15 +216,6 @@ void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
             table.disturbDump();
         table.endDump(now);
     }
-}
-
-void Mirror::endLinks(bool interrupted) {
-    if (interrupted)
-        shared_.interfaces.disturbDump();
-    linksWanted_ = linksWanted_ || shared_.interfaces.dumpDisturbed();
-    if (!linksWanted_)
-        for (int ifindex : shared_.interfaces.unseen())
-            linkGone(ifindex);
 }
 
 void Mirror::failQuery(const KernelQuery& query, int error, Clock::time_point now) {

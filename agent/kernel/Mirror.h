@@ -60,10 +60,11 @@ class Mirror {
     /// The answer is complete. At the end of a dump of routes, all events from before that end have been given.
     /// @param error errno; 0 where it went well.
     void endAnswer(int error, bool interrupted, Clock::time_point now);
-    /// Whether nextQuery() has a question now.
-    bool queryDue(Clock::time_point now) const;
-    /// When it will have one, if it waits for a time.
-    std::optional<Clock::time_point> queryWaitsUntil() const;
+    /// When nextQuery() has a question, if nothing happens before; perhaps by now.
+    std::optional<Clock::time_point> queryDueAt() const;
+    bool queryDue(Clock::time_point now) const {
+        return queryDueAt().value_or(Clock::time_point::max()) <= now;
+    }
 
     /// Tells the sink up to max routes of what differs, with what goes before and after them. @return how many.
     std::size_t publish(std::size_t max);
@@ -90,7 +91,6 @@ class Mirror {
     void linkGone(int ifindex);
     MirroredVrf* vrfOf(std::uint32_t table) const;
     bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
-    void endLinks(bool interrupted);
     void failQuery(const KernelQuery& query, int error, Clock::time_point now);
     void noteMalformed(const char* what, const KernelMessage& message);
     void noteError(std::string text);

@@ -12,22 +12,17 @@ OifSet MirrorShared::oifSet(std::vector<int> members) {
     return &*oifSets.insert(std::move(members)).first;
 }
 
-OifSet MirrorShared::known(OifSet set) {
-    const auto isUnknown = [this](int ifindex) { return !interfaces.find(ifindex); };
-    if (std::ranges::none_of(*set, isUnknown))
-        return set;
-    std::vector<int> members = *set;
-    std::erase_if(members, isUnknown);
-    return oifSet(std::move(members));
-}
-
-std::span<const Oif> MirrorShared::named(OifSet set) {
+std::span<const Oif> MirrorShared::named(OifSet& set) {
     namedOifs.clear();
-    for (int ifindex : *set) {
-        Interface& found = *interfaces.find(ifindex);
-        found.told = true;
-        namedOifs.push_back({.ifindex = ifindex, .name = found.name});
-    }
+    std::vector<int> known;
+    for (int ifindex : *set)
+        if (Interface* found = interfaces.find(ifindex)) {
+            found->told = true;
+            namedOifs.push_back({.ifindex = ifindex, .name = found->name});
+            known.push_back(ifindex);
+        }
+    if (known.size() < set->size())
+        set = oifSet(std::move(known));
     return namedOifs;
 }
 

@@ -33,10 +33,9 @@ struct MirrorShared {
 
     /// @param members in any order, possibly repeated.
     OifSet oifSet(std::vector<int> members);
-    /// The set without the interfaces that have no name yet.
-    OifSet known(OifSet set);
-    /// Such a set as the sink is told of it. Stands until the next call or until the interfaces change.
-    std::span<const Oif> named(OifSet set);
+    /// What the sink is told of a set, from which those that have no name yet are left out. Stands until the next
+    /// call or until the interfaces change.
+    std::span<const Oif> named(OifSet& set);
 
     TableSink& sink;
     Interfaces interfaces;

@@ -43,7 +43,11 @@ std::size_t MirroredVrf::publish(std::size_t max) {
     }
     if (!entered_ && !leaving_ && whyVrf_.empty())
         enter();
-    const std::size_t told = publishRoutes(max);
+    std::size_t told = 0;
+    for (RouteEntry* entry; told < max && (entry = kernel_.routes().takeQueued()); ++told)
+        settle(*entry);
+    if (std::exchange(rowsFreed_, false) && !refused_.empty())
+        retry();
     if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
         if (withdrawing_)
             remove();
@@ -96,15 +100,6 @@ bool MirroredVrf::accepted(WhyNot why) {
     return whyVrf_.empty();
 }
 
-std::size_t MirroredVrf::publishRoutes(std::size_t max) {
-    std::size_t told = 0;
-    for (RouteEntry* entry; told < max && (entry = kernel_.routes().takeQueued()); ++told)
-        settle(*entry);
-    if (std::exchange(rowsFreed_, false) && !refused_.empty())
-        retry();
-    return told;
-}
-
 void MirroredVrf::settle(RouteEntry& entry) {
     if (entered_) {
         if (withdrawing_ || !entry.present)
@@ -118,12 +113,13 @@ void MirroredVrf::settle(RouteEntry& entry) {
 // A route without an IIF forwards nothing; one that was installed before stays, without OIFs.
 void MirroredVrf::install(RouteEntry& entry) {
     const RouteType type = entry.iif ? typeOf(entry) : entry.installedType;
-    const OifSet oifs = entry.iif ? shared_.known(entry.oifs) : &noOifs;
+    OifSet oifs = entry.iif ? entry.oifs : &noOifs;
+    const std::span<const Oif> named = shared_.named(oifs);
     if (entry.installed && type == entry.installedType && oifs == entry.installedOifs && !entry.again) {
         refused_.erase(entry.key);
         return;
     }
-    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, shared_.named(oifs)); !why.empty()) {
+    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, named); !why.empty()) {
         ++shared_.counters.refused;
         refused_[entry.key] = std::move(why);
         return;

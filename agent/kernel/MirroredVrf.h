@@ -54,7 +54,6 @@ class MirroredVrf {
     void remove();
     void switchMulticast();
     bool accepted(WhyNot why);
-    std::size_t publishRoutes(std::size_t max);
     void settle(RouteEntry& entry);
     void install(RouteEntry& entry);
     void withdraw(RouteEntry& entry);

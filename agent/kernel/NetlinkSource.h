@@ -30,7 +30,7 @@ class NetlinkSource {
     /// Whether the loop must not sleep, as doSlice() has something to do.
     bool hasWork() const;
     /// When it will have, if nothing happens before; nothing: it waits for no time.
-    std::optional<Mirror::Clock::time_point> waitsUntil() const { return mirror_.queryWaitsUntil(); }
+    std::optional<Mirror::Clock::time_point> waitsUntil() const { return mirror_.queryDueAt(); }
     /// Does some work: tells the sink of up to maxRoutes routes, or reads about as many from the kernel.
     void doSlice(std::size_t maxRoutes);
 

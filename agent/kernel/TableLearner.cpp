@@ -91,6 +91,12 @@ bool TableLearner::hasVif(int ifindex) const {
     return std::ranges::find(vifs_, ifindex, &Vif::ifindex) != vifs_.end();
 }
 
+std::optional<TableLearner::Clock::time_point> TableLearner::queryDueAt() const {
+    if (missing())
+        return Clock::time_point();
+    return dumpWanted_ ? std::optional(notBefore_) : std::nullopt;
+}
+
 void TableLearner::beginDump(Clock::time_point now) {
     ++dump_;
     ++shared_.counters.resyncs;

@@ -51,9 +51,8 @@ class TableLearner {
     // A dump begins, brings entries, and ends when the kernel has said so and all events from before that moment
     // have been given; then the routes that it lacks are asked for one by one.
     bool dumpDue(Clock::time_point now) const { return dumpWanted_ && now >= notBefore_; }
-    std::optional<Clock::time_point> dumpWaitsUntil() const {
-        return dumpWanted_ ? std::optional(notBefore_) : std::nullopt;
-    }
+    /// When there is a route to ask for, or a dump.
+    std::optional<Clock::time_point> queryDueAt() const;
     bool dumpOpen() const { return dumpOpen_; }
     void beginDump(Clock::time_point now);
     void learnFromDump(const MfcRoute& route);

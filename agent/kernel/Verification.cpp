@@ -1,7 +1,7 @@
 #include "agent/kernel/Verification.h"
 
 #include <algorithm>
-#include <map>
+#include <utility>
 
 namespace Agent::Kernel {
 namespace {
@@ -45,8 +45,12 @@ bool Verification::compare() {
             mirror_.vrfs(), [&](const auto& other) { return other->config() == vrf->config(); });
         compareVrf(*vrf, at == mirror_.vrfs().end() ? nullptr : at->get());
     }
-    if (!std::exchange(asked_, true) && askForExtras())
+    // A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name.
+    if (!std::exchange(asked_, true) && !extras_.empty()) {
+        for (auto& [vrf, keys] : extras_)
+            vrf->kernel().lookUp(std::move(keys), Mirror::Clock::now());
         return false;
+    }
     result_.complete = standsStill(fresh_) && standsStill(mirror_);
     result_.took = std::chrono::steady_clock::now() - began_;
     return true;
@@ -86,7 +90,7 @@ void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteT
     Difference difference{
         vrf.config().name, "extra", routeText(type, key), "", sortedList({names.begin(), names.end()}), ""};
     if (!isPresent)
-        extras_.emplace_back(&vrf, key);
+        extras_[&vrf].push_back(key);
     if (!isPresent || (entry->iif != 0 && vrf.typeOf(*entry) != type))
         return differ(std::move(difference));
     entry->installed = true;
@@ -108,16 +112,6 @@ std::string Verification::namesOf(const RouteEntry& entry) const {
 void Verification::differ(Difference difference) {
     if (++result_.differenceCount <= differencesListed)
         result_.differences.push_back(std::move(difference));
-}
-
-// A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name.
-bool Verification::askForExtras() {
-    std::map<MirroredVrf*, std::vector<MfcKey>> keys;
-    for (const auto& [vrf, key] : extras_)
-        keys[vrf].push_back(key);
-    for (auto& [vrf, list] : keys)
-        vrf->kernel().lookUp(std::move(list), Mirror::Clock::now());
-    return !keys.empty();
 }
 
 void VerifyResult::write(Text::Writer& writer) const {

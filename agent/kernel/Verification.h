@@ -7,7 +7,7 @@
 
 #include "agent/kernel/NetlinkSocket.h"
 
-#include <utility>
+#include <map>
 
 namespace Agent::Kernel {
 
@@ -55,14 +55,13 @@ class Verification {
                     std::span<const std::string_view> names);
     std::string namesOf(const RouteEntry& entry) const;
     void differ(Difference difference);
-    bool askForExtras();
 
     const Mirror& mirror_;
     TableSink& tables_;
     Mirror fresh_;
     QuerySocket query_;
     std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
-    std::vector<std::pair<MirroredVrf*, MfcKey>> extras_;
+    std::map<MirroredVrf*, std::vector<MfcKey>> extras_; // rows that the kernel lacks
     bool asked_ = false;
     VerifyResult result_;
 };

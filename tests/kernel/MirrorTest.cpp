@@ -418,7 +418,7 @@ TEST_F(MirrorTest, AFailedQueryIsReportedAndRepeatedLater) {
         ASSERT_TRUE(query);
         mirror.endAnswer(EPERM, false, reader.now);
         EXPECT_FALSE(mirror.nextQuery(reader.now));
-        reader.now = mirror.queryWaitsUntil().value();
+        reader.now = mirror.queryDueAt().value();
     }
     EXPECT_NE(mirror.lastError().find("interfaces can't be read"), std::string::npos);
     KernelMessage broken;
