@@ -58,26 +58,14 @@ WhyNot AgentTables::removeVrf(const VrfConfig& vrf) {
                               deletion(RouteStatus::path, "vrfStatus", vrf)};
     WhyNot why = apply(changes);
     if (why.empty())
-        tables_.erase(vrf.name);
+        std::erase_if(tables_, [&](const auto& table) { return table.first.first == vrf.name; });
     return why;
-}
-
-std::unique_ptr<RouteTable>& AgentTables::tableOf(const VrfConfig& vrf, RouteType type) {
-    return tables_[vrf.name][static_cast<std::size_t>(type)];
-}
-
-template <class Visit>
-void AgentTables::eachTable(Visit visit) {
-    for (auto& [vrf, tables] : tables_)
-        for (const auto& table : tables)
-            if (table)
-                visit(*table);
 }
 
 WhyNot AgentTables::putRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key,
                              std::span<const Oif> oifs) {
     try {
-        std::unique_ptr<RouteTable>& table = tableOf(vrf, type);
+        std::unique_ptr<RouteTable>& table = tables_[{vrf.name, type}];
         if (!table)
             table = operations_.host().routes().table(vrf.name, type);
         operations_.changedDirectly(table->put(routeKey(key), oifs));
@@ -90,22 +78,23 @@ WhyNot AgentTables::putRoute(const VrfConfig& vrf, RouteType type, const MfcKey&
 }
 
 void AgentTables::removeRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key) {
-    if (const auto& table = tableOf(vrf, type))
-        operations_.changedDirectly(table->erase(routeKey(key)));
+    if (const auto at = tables_.find({vrf.name, type}); at != tables_.end())
+        operations_.changedDirectly(at->second->erase(routeKey(key)));
 }
 
 bool AgentTables::renameInterface(int ifindex, std::string_view name) {
     bool rowsHoldNames = false;
-    eachTable([&](RouteTable& table) {
-        const bool isRenamed = table.rename(ifindex, name);
+    for (const auto& [place, table] : tables_) {
+        const bool isRenamed = table->rename(ifindex, name);
         operations_.changedDirectly(isRenamed);
         rowsHoldNames = rowsHoldNames || !isRenamed;
-    });
+    }
     return rowsHoldNames;
 }
 
 void AgentTables::forgetInterface(int ifindex) {
-    eachTable([&](RouteTable& table) { table.forget(ifindex); });
+    for (const auto& [place, table] : tables_)
+        table->forget(ifindex);
 }
 
 std::optional<bool> AgentTables::multicastEnabled(const VrfConfig& vrf) const {

@@ -1,18 +1,14 @@
 // One VRF of the mirror: makes the agent's tables follow its table of the kernel.
 //
-// The kernel's side, in TableLearner, queues the routes that changed. The configuration says what the VRF is.
-// publish() tells the sink the difference, one call a queued route however often it changed, and brings the VRF in
-// and out. What the sink refuses stays known here as pending, until retry() or a change of the route.
-//
-// Mirror owns it. Read next: TableLearner.h.
+// TableLearner queues the routes that changed in the kernel, the configuration says what the VRF is. publish() tells
+// the sink the difference, one call a queued route however often it changed, and brings the VRF in and out. What the
+// sink refuses stays pending here until retry() or a change of the route. Mirror owns it. Read next: TableLearner.h.
 #pragma once
 
 #include "agent/kernel/TableLearner.h"
 #include "text/Writer.h"
 
-#include <cstddef>
 #include <map>
-#include <optional>
 
 namespace Agent::Kernel {
 
@@ -58,7 +54,6 @@ class MirroredVrf {
     void remove();
     void switchMulticast();
     bool accepted(WhyNot why);
-    std::size_t publishRoutes(std::size_t max);
     void settle(RouteEntry& entry);
     void install(RouteEntry& entry);
     void withdraw(RouteEntry& entry);

@@ -1,7 +1,6 @@
 #include "agent/kernel/NetlinkSource.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -9,8 +8,6 @@ namespace {
 
 constexpr std::size_t datagramsAtOnce = 8192;
 constexpr std::size_t routesAtOnce = 8192;
-// No event occupies less of the receive buffer: this many can wait at one moment at most.
-constexpr std::size_t leastEventBytes = 512;
 // How often a comparison starts over because events were lost meanwhile.
 constexpr unsigned verifyRoundsAtMost = 3;
 
@@ -60,25 +57,13 @@ void NetlinkSource::reconfigure(const KernelConfig& config) {
         verification_ = std::make_unique<Verification>(config_, mirror_, sink_);
 }
 
-// After a loss the kernel withholds every further event until none waits any more: then reading on has an end.
 void NetlinkSource::drain(std::size_t datagrams) {
-    const std::array<Mirror*, 2> mirrors{&mirror_, verification_ ? &verification_->fresh() : nullptr};
-    const std::span<Mirror* const> listening(mirrors.data(), verification_ ? 2 : 1);
-    bool mustEnd = false;
-    for (std::size_t read = 0; read < datagrams || mustEnd;) {
-        const Subscription::Batch batch = subscription_.receive(listening);
-        if (batch.lost)
-            for (Mirror* mirror : listening)
-                mirror->overrun();
-        mustEnd = mustEnd || batch.lost;
-        read += std::max<std::size_t>(batch.datagrams, 1);
-        if (batch.drained)
-            return;
-    }
+    Mirror* const mirrors[] = {&mirror_, verification_ ? &verification_->fresh() : nullptr};
+    subscription_.drain(datagrams, std::span(mirrors, verification_ ? 2 : 1));
 }
 
 void NetlinkSource::settleEvents() {
-    drain(subscription_.bufferBytes() / leastEventBytes + 1);
+    drain(subscription_.mostWaiting());
 }
 
 void NetlinkSource::verify(VerifyDone done) {

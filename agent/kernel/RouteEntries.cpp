@@ -17,7 +17,7 @@ RouteEntry* RouteEntries::find(const MfcKey& key) {
 RouteEntry& RouteEntries::get(const MfcKey& key) {
     const auto [at, isNew] = index_.try_emplace(key);
     if (isNew)
-        at->second = entries_.insert(entries_.end(), RouteEntry{.key = key, .oifs = {}, .installedOifs = {}});
+        at->second = entries_.insert(entries_.end(), RouteEntry{.key = key});
     return *at->second;
 }
 

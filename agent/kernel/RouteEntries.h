@@ -1,28 +1,31 @@
-// The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and
-// which wait to be told to the sink.
+// The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and which
+// wait to be told to the sink. Entries stay in place from get() to erase().
 //
-// Entries stay in place from get() to erase(), and are visited in the order in which they came. Owned by a
-// TableLearner, which changes what the kernel has of an entry; MirroredVrf changes what is installed, and
+// A TableLearner owns it and changes what the kernel has of an entry; MirroredVrf changes what is installed, and
 // Verification, which installs nothing, marks there which entries it found.
 #pragma once
 
+#include "agent/host/RouteSource.h"
 #include "agent/kernel/KernelMessage.h"
-#include "agent/kernel/OifSets.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <list>
 #include <unordered_map>
+#include <vector>
 
 namespace Agent::Kernel {
+
+/// A set of outgoing interfaces by ifindex, sorted. Routes by the hundred thousand share a few dozen, so each is
+/// held once (MirrorShared::oifSets), and two are equal when their pointers are.
+using OifSet = const std::vector<int>*;
+inline const std::vector<int> noOifs;
 
 /// One route. It exists while the kernel has it (present) or the sink has it (installed), and for the length of a
 /// dump after it has gone.
 struct RouteEntry {
     MfcKey key;
-    OifSet oifs;               // of the kernel, without the IIF and internal interfaces
-    OifSet installedOifs;      // of the sink
+    OifSet oifs = &noOifs; // of the kernel, without the IIF and internal interfaces
+    OifSet installedOifs = &noOifs;
     int iif = 0;               // 0: none, the route forwards nothing
     std::uint32_t seen = 0;    // the dump that had it last
     std::uint32_t touched = 0; // the dump during which an event told its state
@@ -52,17 +55,9 @@ class RouteEntries {
     RouteEntry* takeQueued();
     bool anyQueued() const { return !queue_.empty(); }
 
-    /// Calls visit for each entry; visit may erase the one it is given, and none other, and adds none.
-    template <class Visit>
-    void each(Visit visit) {
-        for (auto next = entries_.begin(); next != entries_.end();)
-            visit(*next++);
-    }
-    template <class Visit>
-    void each(Visit visit) const {
-        for (const RouteEntry& entry : entries_)
-            visit(entry);
-    }
+    /// All, in the order in which they came.
+    std::list<RouteEntry>& all() { return entries_; }
+    const std::list<RouteEntry>& all() const { return entries_; }
 
     /// Queues the entries for which chosen(entry) is true.
     template <class Chosen>
