@@ -21,12 +21,7 @@ using State::Datum;
 constexpr std::string_view defaultName = "default";
 constexpr std::uint32_t defaultTable = 253;
 constexpr std::uint32_t maxTable = 999'999'999; // the kernel makes no table above
-
 constexpr std::string_view byProtocol = "by-protocol";
-
-std::string quoted(const std::string& text) {
-    return Json::textOf(text);
-}
 
 const Datum* find(const Datum::Record& record, std::string_view field) {
     const auto at = std::ranges::find(record, field, &Datum::Record::value_type::first);
@@ -42,7 +37,8 @@ class Problems {
     // What is added from now on is about this entry of the list, from 1, and the VRF of that name, if any.
     void enter(std::size_t entry, const std::string& name = "") {
         const std::string number = std::to_string(entry);
-        where_ = name.empty() ? ": VRF entry " + number : ": VRF " + quoted(name) + " (entry " + number + ")";
+        where_ = name.empty() ? ": VRF entry " + number
+                              : ": VRF " + Json::textOf(name) + " (entry " + number + ")";
     }
     void add(const std::string& what) {
         lines_ += (lines_.empty() ? "" : "\n") + file_ + where_ + ": " + what;
@@ -147,10 +143,11 @@ void checkUnique(const std::vector<VrfConfig>& vrfs, Problems& problems) {
         if (auto [at, isNew] = names.try_emplace(vrf.name, i + 1); !isNew && !vrf.name.empty())
             problems.add("name", "is that of entry " + std::to_string(at->second) + " too");
         if (auto [at, isNew] = ids.try_emplace(vrf.id, vrf.name); !isNew && vrf.id != 0)
-            problems.add("id", "is " + std::to_string(vrf.id) + ", which VRF " + quoted(at->second) + " has");
+            problems.add("id",
+                         "is " + std::to_string(vrf.id) + ", which VRF " + Json::textOf(at->second) + " has");
         if (auto [at, isNew] = tables.try_emplace(vrf.table, vrf.name); !isNew && vrf.table != 0)
-            problems.add("table", "is " + std::to_string(vrf.table) + ", which VRF " + quoted(at->second) +
-                                      " mirrors");
+            problems.add("table", "is " + std::to_string(vrf.table) + ", which VRF " +
+                                      Json::textOf(at->second) + " mirrors");
     }
 }
 
@@ -161,19 +158,16 @@ std::string_view routeTypeText(const VrfConfig& vrf) {
 }
 
 KernelConfig parseKernelConfig(std::string_view text, std::string_view file) {
-    Problems problems(file);
     Datum whole;
     try {
         whole = Json::parse(text);
     } catch (const Json::Error& error) {
-        problems.add(std::string("is ") + error.what());
-        problems.throwIfAny();
+        throw KernelConfigError(std::string(file) + ": is " + error.what());
     }
     const Datum* list = whole.record() ? find(*whole.record(), "vrfs") : nullptr;
-    if (!list || !list->list()) {
-        problems.add("is not an object with a list \"vrfs\"");
-        problems.throwIfAny();
-    }
+    if (!list || !list->list())
+        throw KernelConfigError(std::string(file) + ": is not an object with a list \"vrfs\"");
+    Problems problems(file);
     problems.addRepeated(*whole.record());
     problems.addUnknown(*whole.record(), {"vrfs"});
     KernelConfig config;

@@ -115,21 +115,6 @@ void readRoute(const nlmsghdr* header, KernelMessage& message) {
     message.kind = header->nlmsg_type == RTM_NEWROUTE ? MessageKind::route : MessageKind::routeGone;
 }
 
-void readInterface(const nlmsghdr* header, const ifinfomsg& fixed, Link& link) {
-    link.ifindex = fixed.ifi_index;
-    link.name.clear();
-    link.internal = (fixed.ifi_flags & IFF_LOOPBACK) != 0 || fixed.ifi_type == ARPHRD_PIMREG;
-    require(link.ifindex > 0, "an interface has no index");
-    eachAttributeBehind<ifinfomsg>(header, [&](unsigned type, const nlattr* attribute) {
-        if (type != IFLA_IFNAME)
-            return;
-        const std::span<const char> text = payloadOf(attribute);
-        link.name.assign(text.data(), strnlen(text.data(), text.size()));
-        require(!link.name.empty(), badValue);
-    });
-    require(!link.name.empty(), missingValue);
-}
-
 Vif vifOf(const nlattr* nested) {
     Vif vif{.index = -1};
     eachAttribute(payloadOf(nested), [&](unsigned type, const nlattr* attribute) {
@@ -144,8 +129,9 @@ Vif vifOf(const nlattr* nested) {
     return vif;
 }
 
-void readVifTable(const nlmsghdr* header, VifTable& table) {
-    table.vifs.clear();
+void readVifTable(const nlmsghdr* header, KernelMessage& message) {
+    std::vector<Vif>& vifs = message.vifTable.vifs;
+    vifs.clear();
     std::optional<std::uint32_t> number;
     eachAttributeBehind<ifinfomsg>(header, [&](unsigned outer, const nlattr* family) {
         if (outer != IFLA_AF_SPEC)
@@ -156,12 +142,13 @@ void readVifTable(const nlmsghdr* header, VifTable& table) {
             else if (type == IPMRA_TABLE_VIFS)
                 eachAttribute(payloadOf(attribute), [&](unsigned inner, const nlattr* vif) {
                     if (inner == IPMRA_VIF)
-                        table.vifs.push_back(vifOf(vif));
+                        vifs.push_back(vifOf(vif));
                 });
         });
     });
     require(number.has_value(), missingValue);
-    table.table = *number;
+    message.vifTable.table = *number;
+    message.kind = MessageKind::vifTable;
 }
 
 // Messages of other families are about a role of an interface, and not about the interface: a bridge tells
@@ -169,13 +156,21 @@ void readVifTable(const nlmsghdr* header, VifTable& table) {
 void readLink(const nlmsghdr* header, KernelMessage& message) {
     const auto& fixed = fixedPart<ifinfomsg>(header);
     const bool comes = header->nlmsg_type == RTM_NEWLINK;
-    if (fixed.ifi_family == AF_UNSPEC) {
-        readInterface(header, fixed, message.link);
-        message.kind = comes ? MessageKind::link : MessageKind::linkGone;
-    } else if (fixed.ifi_family == RTNL_FAMILY_IPMR && comes) {
-        readVifTable(header, message.vifTable);
-        message.kind = MessageKind::vifTable;
-    }
+    if (fixed.ifi_family == RTNL_FAMILY_IPMR && comes)
+        return readVifTable(header, message);
+    if (fixed.ifi_family != AF_UNSPEC)
+        return;
+    require(fixed.ifi_index > 0, "an interface has no index");
+    message.link = {.ifindex = fixed.ifi_index,
+                    .name = {},
+                    .internal = (fixed.ifi_flags & IFF_LOOPBACK) != 0 || fixed.ifi_type == ARPHRD_PIMREG};
+    eachAttributeBehind<ifinfomsg>(header, [&](unsigned type, const nlattr* attribute) {
+        const std::span<const char> text = payloadOf(attribute);
+        if (type == IFLA_IFNAME)
+            message.link.name.assign(text.data(), strnlen(text.data(), text.size()));
+    });
+    require(!message.link.name.empty(), missingValue);
+    message.kind = comes ? MessageKind::link : MessageKind::linkGone;
 }
 
 // The kernel tells all settings of an interface together where its record is made anew, as after a rename;
@@ -227,12 +222,8 @@ void readBody(const nlmsghdr* header, KernelMessage& message) {
 
 } // namespace
 
-std::string ipv4Text(Ipv4 address) {
-    return L3::IpAddr(address).stringValue();
-}
-
 std::string mfcKeyText(const MfcKey& key) {
-    const auto text = [](Ipv4 address) { return address == 0 ? "*" : ipv4Text(address); };
+    const auto text = [](Ipv4 address) { return address == 0 ? "*" : L3::IpAddr(address).stringValue(); };
     return "(" + text(key.source) + ", " + text(key.group) + ")";
 }
 

@@ -24,8 +24,6 @@ struct MfcKey {
     auto operator<=>(const MfcKey&) const = default;
 };
 
-/// "10.0.0.1".
-std::string ipv4Text(Ipv4 address);
 /// "(10.0.0.1, 239.1.1.1)", with "*" for 0.
 std::string mfcKeyText(const MfcKey& key);
 

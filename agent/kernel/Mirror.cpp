@@ -1,7 +1,6 @@
 #include "agent/kernel/Mirror.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -227,21 +226,19 @@ void Mirror::failQuery(const KernelQuery& query, int error, Clock::time_point no
         vifsWanted_ = true;
         added_.merge(addedBeforeQuery_);
     } else if (MirroredVrf* vrf = vrfOf(query.table)) {
-        vrf->kernel().failDump(now);
+        vrf->kernel().abandonDump();
     }
 }
 
 // A VRF that leaves gives up what another one may wait for.
 std::size_t Mirror::publish(std::size_t max) {
     publishRenames();
-    const bool isRetry = std::exchange(shared_.retry, false);
-    std::size_t told = 0;
-    const std::array<VrfList*, 2> lists{&leaving_, &vrfs_};
-    if (isRetry)
-        for (const VrfList* list : lists)
+    if (std::exchange(shared_.retry, false))
+        for (const VrfList* list : {&leaving_, &vrfs_})
             for (const auto& vrf : *list)
                 vrf->retry();
-    for (const VrfList* list : lists)
+    std::size_t told = 0;
+    for (const VrfList* list : {&leaving_, &vrfs_})
         for (const auto& vrf : *list)
             if (vrf->hasWork())
                 told += vrf->publish(max - told);

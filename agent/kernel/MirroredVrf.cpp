@@ -31,28 +31,25 @@ void MirroredVrf::reconfigure(const VrfConfig& config) {
         entered_ = config;
 }
 
-void MirroredVrf::leave() {
-    leaving_ = true;
-    whyVrf_.clear();
-}
-
 std::size_t MirroredVrf::publish(std::size_t max) {
     if (mustWithdraw() != withdrawing_) {
         withdrawing_ = mustWithdraw();
         kernel_.routes().queueAll();
     }
-    if (!entered_ && !leaving_ && whyVrf_.empty())
-        enter();
+    if (!entered_ && !leaving_ && whyVrf_.empty() && accepted(shared_.sink.putVrf(config_, false))) {
+        entered_ = config_;
+        kernel_.routes().queueAll();
+    }
     std::size_t told = 0;
-    for (RouteEntry* entry; told < max && (entry = kernel_.routes().takeQueued()); ++told)
-        settle(*entry);
+    for (; told < max && kernel_.routes().anyQueued(); ++told)
+        settle(kernel_.routes().takeQueued());
     if (std::exchange(rowsFreed_, false) && !refused_.empty())
         retry();
     if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
         if (withdrawing_)
             remove();
-        else
-            switchMulticast();
+        else if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
+            enabled_ = !enabled_;
     }
     return told;
 }
@@ -70,24 +67,12 @@ bool MirroredVrf::mustWithdraw() const {
     return entered_ && (leaving_ || entered_->id != config_.id);
 }
 
-void MirroredVrf::enter() {
-    if (!accepted(shared_.sink.putVrf(config_, false)))
-        return;
-    entered_ = config_;
-    kernel_.routes().queueAll();
-}
-
 void MirroredVrf::remove() {
     if (enabled_ && !accepted(shared_.sink.putVrf(*entered_, false)))
         return;
     enabled_ = false;
     if (accepted(shared_.sink.removeVrf(*entered_)))
         entered_.reset();
-}
-
-void MirroredVrf::switchMulticast() {
-    if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
-        enabled_ = !enabled_;
 }
 
 // What one VRF is refused can be what another one has just given up.

@@ -26,7 +26,10 @@ class MirroredVrf {
     /// Another table keeps the routes that both tables have; another id takes the VRF out and brings it back.
     void reconfigure(const VrfConfig& config);
     /// Takes the routes out, then the VRF; reconfigure() calls it back.
-    void leave();
+    void leave() {
+        leaving_ = true;
+        whyVrf_.clear();
+    }
     /// Whether nothing is left of a VRF that leaves.
     bool left() const { return leaving_ && !entered_; }
 
@@ -50,9 +53,7 @@ class MirroredVrf {
   private:
     bool mustWithdraw() const;
     bool enableWanted() const { return kernel_.synced() ? !kernel_.vifs().empty() : enabled_; }
-    void enter();
     void remove();
-    void switchMulticast();
     bool accepted(WhyNot why);
     void settle(RouteEntry& entry);
     void install(RouteEntry& entry);

@@ -18,8 +18,6 @@ namespace {
 constexpr std::size_t batchDatagrams = 32;
 // A link with many virtual functions is the longest event; a datagram that doesn't fit counts as lost.
 constexpr std::size_t eventBytes = std::size_t{32} * 1024;
-// No event occupies less of the receive buffer.
-constexpr std::size_t leastEventBytes = 512;
 constexpr std::size_t answerBytes = std::size_t{128} * 1024;
 
 [[noreturn]] void failHere(const char* what) {
@@ -76,10 +74,6 @@ Subscription::Subscription(std::size_t bufferBytes)
 }
 
 Subscription::~Subscription() = default;
-
-std::size_t Subscription::mostWaiting() const {
-    return bufferBytes_ / leastEventBytes + 1;
-}
 
 // After a loss the kernel withholds every further event until none waits any more: then reading on has an end.
 void Subscription::drain(std::size_t limit, std::span<Mirror* const> mirrors) {

@@ -15,9 +15,8 @@ namespace Agent::Kernel {
 /// Routes, links and the forwarding state of interfaces.
 class Subscription {
   public:
-    /// @param bufferBytes how much the kernel shall hold for a slow reader; more than the system's limit
-    /// (net.core.rmem_max) is granted to the privileged only.
-    /// @throws std::system_error
+    /// @param bufferBytes how much the kernel shall hold for a slow reader; only the privileged are granted more than
+    /// the system's limit (net.core.rmem_max). @throws std::system_error
     explicit Subscription(std::size_t bufferBytes);
     ~Subscription();
 
@@ -25,12 +24,11 @@ class Subscription {
     /// Bytes granted, by the kernel's own count.
     std::size_t bufferBytes() const { return bufferBytes_; }
 
-    /// Gives the events that wait to each of the mirrors, in order: all, or those of some datagrams more than a
-    /// limit. Never blocks.
-    /// @throws std::system_error when the socket is broken.
+    /// Gives the events that wait to each of the mirrors, in order: all, or those of some datagrams more than a limit.
+    /// Never blocks. @throws std::system_error when the socket is broken.
     void drain(std::size_t limit, std::span<Mirror* const> mirrors);
-    /// As many datagrams as can wait at one moment.
-    std::size_t mostWaiting() const;
+    /// As many datagrams as can wait at one moment: none occupies less of the buffer.
+    std::size_t mostWaiting() const { return bufferBytes_ / 512 + 1; }
 
   private:
     struct Batch;

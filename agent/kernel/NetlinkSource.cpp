@@ -40,7 +40,7 @@ void NetlinkSource::doSlice(std::size_t maxRoutes) {
         firstLook_ = firstLook_ && !mirror_.synced();
         if (mirror_.publishDue() && !(firstLook_ && query_.busy()))
             routes = mirror_.publish(maxRoutes - done);
-        else if (const std::size_t read = query_.step(mirror_, [this] { settleEvents(); }); read > 0)
+        else if (const std::size_t read = query_.step(mirror_, settleEvents_); read > 0)
             routes = read;
         else if (verification_)
             routes = stepVerify();
@@ -62,10 +62,6 @@ void NetlinkSource::drain(std::size_t datagrams) {
     subscription_.drain(datagrams, std::span(mirrors, verification_ ? 2 : 1));
 }
 
-void NetlinkSource::settleEvents() {
-    drain(subscription_.mostWaiting());
-}
-
 void NetlinkSource::verify(VerifyDone done) {
     if (!verification_) {
         verification_ = std::make_unique<Verification>(config_, mirror_, sink_);
@@ -76,9 +72,9 @@ void NetlinkSource::verify(VerifyDone done) {
 
 // Called when the mirror itself has nothing to do. @return how many routes it has dealt with, or messages.
 std::size_t NetlinkSource::stepVerify() {
-    if (const std::size_t read = verification_->learn([this] { settleEvents(); }); read > 0)
+    if (const std::size_t read = verification_->learn(settleEvents_); read > 0)
         return read;
-    settleEvents();
+    settleEvents_();
     const auto now = Mirror::Clock::now();
     const bool moved = mirror_.queryDue(now) || verification_->fresh().queryDue(now);
     if (moved && ++verifyRounds_ < verifyRoundsAtMost)

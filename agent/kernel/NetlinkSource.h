@@ -51,9 +51,9 @@ class NetlinkSource {
 
   private:
     void drain(std::size_t datagrams);
-    void settleEvents();
     std::size_t stepVerify();
 
+    const std::function<void()> settleEvents_ = [this] { drain(subscription_.mostWaiting()); };
     KernelConfig config_;
     TableSink& sink_;
     Subscription subscription_;

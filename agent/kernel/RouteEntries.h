@@ -11,6 +11,7 @@
 #include <deque>
 #include <list>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Agent::Kernel {
@@ -41,24 +42,34 @@ struct RouteEntry {
 class RouteEntries {
   public:
     std::size_t size() const { return entries_.size(); }
-
-    /// Null where there is none.
-    RouteEntry* find(const MfcKey& key);
-    /// The entry of the key, made where there is none.
-    RouteEntry& get(const MfcKey& key);
-    /// The entry must not be queued.
-    void erase(RouteEntry& entry);
-
-    /// Puts an entry in line for the sink, where it isn't yet.
-    void queue(RouteEntry& entry);
-    /// The first in line, or null.
-    RouteEntry* takeQueued();
-    bool anyQueued() const { return !queue_.empty(); }
-
     /// All, in the order in which they came.
     std::list<RouteEntry>& all() { return entries_; }
     const std::list<RouteEntry>& all() const { return entries_; }
 
+    /// Null where there is none.
+    RouteEntry* find(const MfcKey& key) {
+        const auto at = index_.find(key);
+        return at == index_.end() ? nullptr : &*at->second;
+    }
+    /// The entry of the key, made where there is none.
+    RouteEntry& get(const MfcKey& key) {
+        const auto [at, isNew] = index_.try_emplace(key);
+        if (isNew)
+            at->second = entries_.insert(entries_.end(), RouteEntry{.key = key});
+        return *at->second;
+    }
+    /// The entry must not be queued.
+    void erase(RouteEntry& entry) {
+        const auto at = index_.find(entry.key);
+        entries_.erase(at->second);
+        index_.erase(at);
+    }
+
+    /// Puts an entry in line for the sink, where it isn't yet.
+    void queue(RouteEntry& entry) {
+        if (!std::exchange(entry.queued, true))
+            queue_.push_back(&entry);
+    }
     /// Queues the entries for which chosen(entry) is true.
     template <class Chosen>
     void queueIf(Chosen chosen) {
@@ -69,10 +80,23 @@ class RouteEntries {
     void queueAll() {
         queueIf([](const RouteEntry&) { return true; });
     }
+    bool anyQueued() const { return !queue_.empty(); }
+    /// The first in line, which there must be.
+    RouteEntry& takeQueued() {
+        RouteEntry& entry = *queue_.front();
+        queue_.pop_front();
+        entry.queued = false;
+        return entry;
+    }
 
   private:
+    // Mixes the two addresses, so that sources and groups that count up together don't meet.
     struct Hash {
-        std::size_t operator()(const MfcKey& key) const;
+        std::size_t operator()(const MfcKey& key) const {
+            const std::uint64_t mixed =
+                (static_cast<std::uint64_t>(key.source) << 32 | key.group) * 0xd6e8feb86659fd93;
+            return mixed ^ (mixed >> 32);
+        }
     };
 
     std::list<RouteEntry> entries_;

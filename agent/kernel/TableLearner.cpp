@@ -13,14 +13,13 @@ constexpr unsigned repeatsAtOnce = 3;
 constexpr int pauseFactor = 4;
 constexpr TableLearner::Clock::duration shortestPause = 50ms;
 constexpr TableLearner::Clock::duration longestPause = 10s;
-constexpr TableLearner::Clock::duration failurePause = 1s;
 
 } // namespace
 
 void TableLearner::startOver() {
     vifs_.clear();
     synced_ = false;
-    failDump({});
+    abandonDump();
     notBefore_ = {};
 }
 
@@ -84,11 +83,7 @@ void TableLearner::takeVifs(std::vector<Vif> vifs, const std::set<int>& added) {
     vifs_ = std::move(vifs);
     if (cameOrMoved && routes_.size() > 0)
         dumpWanted_ = true;
-    strip([&](int ifindex) { return !hasVif(ifindex); });
-}
-
-bool TableLearner::hasVif(int ifindex) const {
-    return std::ranges::find(vifs_, ifindex, &Vif::ifindex) != vifs_.end();
+    strip([&](int ifindex) { return std::ranges::find(vifs_, ifindex, &Vif::ifindex) == vifs_.end(); });
 }
 
 std::optional<TableLearner::Clock::time_point> TableLearner::queryDueAt() const {
@@ -110,23 +105,19 @@ void TableLearner::learnFromDump(const MfcRoute& route) {
     RouteEntry& entry = routes_.get(route.key);
     if (entry.touched == dump_) {
         dumpWanted_ = dumpWanted_ || (route.key.source == 0 && entry.iif != route.iif);
-    } else if (entry.seen == dump_) {
-        addTo(entry, route);
-    } else {
+    } else if (entry.seen != dump_) {
         entry.several = false;
         entry.seen = dump_;
         merge(entry, route);
+    } else {
+        // One more entry of the same key: together they are one route with the interfaces of all that forward.
+        entry.several = true;
+        if (route.iif == 0)
+            return;
+        entry.oifs = oifsOf(route, entry.iif ? *entry.oifs : noOifs);
+        entry.iif = entry.iif ? entry.iif : route.iif;
+        routes_.queue(entry);
     }
-}
-
-// One more entry of the same key: together they are one route with the interfaces of all that forward.
-void TableLearner::addTo(RouteEntry& entry, const MfcRoute& route) {
-    entry.several = true;
-    if (route.iif == 0)
-        return;
-    entry.oifs = oifsOf(route, entry.iif ? *entry.oifs : noOifs);
-    entry.iif = entry.iif ? entry.iif : route.iif;
-    routes_.queue(entry);
 }
 
 void TableLearner::endDump(Clock::time_point now) {
@@ -177,12 +168,11 @@ void TableLearner::settleDump(Clock::time_point now) {
             now + std::clamp<Clock::duration>((now - dumpBegan_) * pauseFactor, shortestPause, longestPause);
 }
 
-void TableLearner::failDump(Clock::time_point now) {
+void TableLearner::abandonDump() {
     dumpOpen_ = false;
     missing_.clear();
     eraseGone();
     dumpWanted_ = true;
-    notBefore_ = now + failurePause;
 }
 
 // Entries stay while a dump is under way, so that it can't bring back what went meanwhile.

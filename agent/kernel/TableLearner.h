@@ -1,9 +1,8 @@
 // What one table of the kernel holds, as far as events and dumps have told: its routes and its VIFs.
 //
-// It only learns: an entry that changes is queued in RouteEntries.h, and MirroredVrf tells the sink from there.
-//
-// A dump is not one moment of the kernel: routes change, come and go while it runs, and a route deleted during it
-// makes it miss another. Therefore:
+// It only learns: an entry that changes is queued (RouteEntries.h), and MirroredVrf tells the sink from there. A dump
+// is not one moment of the kernel: routes come, change and go while it runs, and one that is deleted makes it miss
+// another. Therefore:
 // - an event of a route during the dump wins over what the dump says of it (touched);
 // - a route that a dump didn't have is removed only when the kernel, asked for that one, denies it;
 // - a dump during which something happened that could have made it miss or misstate a route (disturbed) is
@@ -44,8 +43,7 @@ class TableLearner {
     void linkGone(int ifindex);
     /// The interface, which routes may have had for a while, has got a name, or turned out to be internal.
     void linkChanged(int ifindex);
-    /// Takes the VIFs of the table, as read just now.
-    /// @param added interfaces that became a VIF, in this or another table, since they were read before.
+    /// Takes the VIFs of the table, as read just now, and which interfaces became VIFs of any since the last time.
     void takeVifs(std::vector<Vif> vifs, const std::set<int>& added);
 
     // A dump begins, brings entries, and ends when the kernel has said so and all events from before that moment
@@ -57,7 +55,8 @@ class TableLearner {
     void beginDump(Clock::time_point now);
     void learnFromDump(const MfcRoute& route);
     void endDump(Clock::time_point now);
-    void failDump(Clock::time_point now);
+    /// Has it begin anew later.
+    void abandonDump();
     /// The route to ask for next; null: none.
     const MfcKey* missing() const { return missing_.empty() ? nullptr : &missing_.back(); }
     /// @param found what the kernel has of missing(); null is nothing.
@@ -73,11 +72,9 @@ class TableLearner {
 
   private:
     bool dumpActive() const { return dumpOpen_ || !missing_.empty(); }
-    bool hasVif(int ifindex) const;
     void settleDump(Clock::time_point now);
     void eraseGone();
     bool merge(RouteEntry& entry, const MfcRoute& route);
-    void addTo(RouteEntry& entry, const MfcRoute& route);
     OifSet oifsOf(const MfcRoute& route, std::vector<int> more);
     template <class Gone>
     bool dropOifs(RouteEntry& entry, Gone gone);

@@ -42,8 +42,7 @@ class TableSink {
     /// An interface that routes were offered with is gone; no accepted route has it any more.
     virtual void forgetInterface(int ifindex) = 0;
 
-    /// What the tables hold, for a comparison with the kernel: whether multicast is enabled (nothing where the VRF
-    /// is not there), and the rows.
+    /// What the tables hold: whether multicast is enabled (nothing where the VRF is not there), and the rows.
     virtual std::optional<bool> multicastEnabled(const VrfConfig& vrf) const = 0;
     virtual void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const = 0;
 };

@@ -16,10 +16,6 @@ std::string sortedList(std::vector<std::string> names) {
     return text.empty() ? "none" : text;
 }
 
-std::string onOff(bool on) {
-    return on ? "on" : "off";
-}
-
 std::string routeText(RouteType type, const MfcKey& key) {
     return std::string(routeTypeText(type)) + " " + mfcKeyText(key);
 }
@@ -59,6 +55,7 @@ bool Verification::compare() {
 void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
     const VrfConfig& config = vrf.config();
     const auto whyPending = [&](const MfcKey& key) { return known ? known->whyPending(key) : WhyNot(); };
+    const auto onOff = [](bool on) { return on ? "on" : "off"; };
     const bool multicast = !vrf.kernel().vifs().empty();
     const std::optional<bool> inTables = tables_.multicastEnabled(config);
     if (!inTables)
