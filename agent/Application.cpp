@@ -144,21 +144,21 @@ void Application::load() {
 
 // Toggles and facilities are known once the plug-in is loaded.
 void Application::checkNames() const {
-    const auto toggles = State::toggles();
-    std::vector<std::string_view> known;
-    for (const State::ToggleStatus& toggle : toggles)
+    const auto refuseUnknown = [](const auto& given, const auto& known, const std::string& what) {
+        const std::vector<std::string_view> names(known.begin(), known.end());
+        for (const auto& [name, value] : given)
+            if (std::ranges::find(names, name) == names.end())
+                throw UsageError(what + name + Text::suggestion(name, names));
+    };
+    std::vector<std::string> known;
+    for (const State::ToggleStatus& toggle : State::toggles())
         known.push_back(toggle.name);
-    for (const auto& [name, value] : options_.toggles)
-        if (std::ranges::find(known, name) == known.end())
-            throw UsageError("--toggle: nobody asks for a toggle " + name + Text::suggestion(name, known));
-    const auto levels = State::traceLevels();
+    refuseUnknown(options_.toggles, known, "--toggle: nobody asks for a toggle ");
     known.clear();
-    for (const State::TraceLevel& level : levels)
+    for (const State::TraceLevel& level : State::traceLevels())
         if (level.isLoaded)
             known.push_back(level.facility);
-    for (const auto& [name, level] : options_.traceLevels)
-        if (std::ranges::find(known, name) == known.end())
-            throw UsageError("--trace: there is no trace facility " + name + Text::suggestion(name, known));
+    refuseUnknown(options_.traceLevels, known, "--trace: there is no trace facility ");
 }
 
 // `kernel` and `kernel verify`, as a line and as a method.

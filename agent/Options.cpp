@@ -15,7 +15,7 @@ constexpr const char* footer =
     "TERM and INT end the agent cleanly; HUP reads the kernel configuration again.\n"
     "Exit status: 0 clean, 1 run-time failure, 2 usage.";
 
-/// NAME=VALUE of an option.
+// NAME=VALUE of an option.
 std::pair<std::string, std::string> split(const std::string& option, const std::string& given,
                                           const std::string& form) {
     const std::size_t equals = given.find('=');

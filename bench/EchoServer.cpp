@@ -19,7 +19,7 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// Echoes to one client until it goes.
+// Echoes to one client until it goes.
 void echo(int client) {
     std::array<char, 65536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
     for (;;) {

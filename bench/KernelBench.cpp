@@ -57,7 +57,7 @@ MfcKey keyOf(std::size_t number) {
             .group = 0xe8000000U + static_cast<std::uint32_t>(number & 0xffffU)};
 }
 
-/// A process that holds the kernel's table, as a routing daemon does, and sets routes when told to.
+// A process that holds the kernel's table, as a routing daemon does, and sets routes when told to.
 class Feeder {
   public:
     Feeder() {
@@ -83,9 +83,9 @@ class Feeder {
     Feeder(const Feeder&) = delete;
     Feeder& operator=(const Feeder&) = delete;
 
-    /// Has one route set in a moment, when the caller sleeps, and comes back at once.
+    // Has one route set in a moment, when the caller sleeps, and comes back at once.
     void begin(std::size_t route) { send({.first = route, .count = 1, .later = true}); }
-    /// When the route that was begun was given to the kernel; waits for that.
+    // When the route that was begun was given to the kernel; waits for that.
     Clock::time_point begun() const {
         wait();
         return *begun_;
@@ -152,8 +152,8 @@ void runOneTurn(Agent::EventLoop& loop) {
     loop.run();
 }
 
-/// The agent without its control socket: the plug-in, the mirror of the kernel, requests for the first
-/// routes, and a subscriber to the answers.
+// The agent without its control socket: the plug-in, the mirror of the kernel, requests for the first
+// routes, and a subscriber to the answers.
 class Mirrored {
   public:
     explicit Mirrored(std::size_t requests)
@@ -174,8 +174,8 @@ class Mirrored {
     Mirrored(const Mirrored&) = delete;
     Mirrored& operator=(const Mirrored&) = delete;
 
-    /// Begins to follow the kernel; comes back when so many routes are rows, and all requests that can be
-    /// answered are.
+    // Begins to follow the kernel; comes back when so many routes are rows, and all requests that can be
+    // answered are.
     void follow(const std::string& config, std::size_t routes) {
         const std::size_t answered = heard_ + std::min(routes, requests_);
         mirror_ = Agent::makeKernelMirror(operations_, loop_, config);
@@ -188,13 +188,13 @@ class Mirrored {
         loop_.run();
         loop_.turnHookDel(hook);
     }
-    /// When the next answer with an interface was told; waits for it.
+    // When the next answer with an interface was told; waits for it.
     Clock::time_point answerTold() {
         wanted_ = heard_ + 1;
         loop_.run();
         return last_;
     }
-    /// Takes in what the kernel has told.
+    // Takes in what the kernel has told.
     void catchUp() { runOneTurn(loop_); }
 
   private:
@@ -226,7 +226,7 @@ class Mirrored {
     Clock::time_point last_;
 };
 
-/// Reads the kernel's notifications of routes and nothing in them.
+// Reads the kernel's notifications of routes and nothing in them.
 class BareReader {
   public:
     BareReader() {
@@ -242,13 +242,13 @@ class BareReader {
         });
     }
 
-    /// NETLINK_ADD_MEMBERSHIP or NETLINK_DROP_MEMBERSHIP.
+    // NETLINK_ADD_MEMBERSHIP or NETLINK_DROP_MEMBERSHIP.
     void membershipIs(int which) const {
         const int group = RTNLGRP_IPV4_MROUTE;
         if (::setsockopt(fd_.get(), SOL_NETLINK, which, &group, sizeof group) != 0)
             Bench::refuse("no subscription to the kernel's routes");
     }
-    /// When the next notification was read; waits for it.
+    // When the next notification was read; waits for it.
     Clock::time_point arrival() {
         loop_.run();
         return last_;

@@ -19,14 +19,14 @@ class IntfId {
     static constexpr std::size_t maxNames = 65536;
 
     constexpr IntfId() = default;
-    // The interface of that name, which enters the table if it is new. RangeError for a name that is too
-    // long, holds blanks or control bytes, or is one more than the table holds.
+    /// The interface of that name, which enters the table if it is new. RangeError for a name that is too
+    /// long, holds blanks or control bytes, or is one more than the table holds.
     explicit IntfId(std::string_view name);
 
     static IntfId fromString(std::string_view name) { return IntfId(name); }
-    // The interface with that number, which must have been given out; RangeError otherwise.
+    /// The interface with that number, which must have been given out; RangeError otherwise.
     static IntfId fromNumber(std::uint64_t number);
-    // How many names there are; numbers run from 1 to this.
+    /// How many names there are; numbers run from 1 to this.
     static std::uint64_t names();
 
     const std::string& stringValue() const;

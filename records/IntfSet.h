@@ -33,14 +33,14 @@ class IntfSet {
     bool empty() const { return array_.get() == nullptr; }
     std::size_t size() const { return empty() ? 0 : array_.get()->count; }
     bool has(IntfId member) const;
-    // Inserts if absent; true if something changed.
+    /// Inserts if absent; true if something changed.
     bool insert(IntfId member);
-    // Removes if present; true if something changed.
+    /// Removes if present; true if something changed.
     bool erase(IntfId member);
-    // Inserts every member of `other`.
+    /// Inserts every member of `other`.
     void insertAll(const IntfSet& other);
 
-    // Ascending by number.
+    /// Ascending by number.
     Iterator begin() const;
     Iterator end() const;
 
@@ -49,7 +49,7 @@ class IntfSet {
     }
     std::strong_ordering operator<=>(const IntfSet& other) const;
 
-    // Bytes of the array, which all copies share.
+    /// Bytes of the array, which all copies share.
     std::size_t memoryBytes() const;
 
   private:
@@ -132,9 +132,9 @@ inline IntfSet::Iterator IntfSet::end() const {
     return {Holder(), static_cast<std::uint32_t>(size())};
 }
 
-// Collects the union of many interfaces and sets. A few stand in a sorted array within; more go into a bitmap
-// over the dense interface numbers, which costs a few nanoseconds a member where inserting one by one into a
-// sorted set costs tens.
+/// Collects the union of many interfaces and sets. A few stand in a sorted array within; more go into a bitmap
+/// over the dense interface numbers, which costs a few nanoseconds a member where inserting one by one into a
+/// sorted set costs tens.
 class IntfUnion {
   public:
     void add(IntfId member) {
@@ -157,7 +157,7 @@ class IntfUnion {
         few_[at] = id;
     }
     void add(const IntfSet& set);
-    // What was collected; shares the array of the one set added, where it was one.
+    /// What was collected; shares the array of the one set added, where it was one.
     IntfSet take();
 
   private:

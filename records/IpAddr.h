@@ -13,8 +13,8 @@
 
 namespace L3 {
 
-// IPv4, kept as a number in host order, so that it orders as the dotted form does. Zero often stands for
-// "any".
+/// IPv4, kept as a number in host order, so that it orders as the dotted form does. Zero often stands for
+/// "any".
 class IpAddr {
   public:
     static constexpr std::string_view typeName = "L3::IpAddr";
@@ -22,7 +22,7 @@ class IpAddr {
     constexpr IpAddr() = default;
     constexpr explicit IpAddr(std::uint32_t value)
         : value_(value) {}
-    // From dotted decimal; ParseError.
+    /// From dotted decimal; ParseError.
     explicit IpAddr(std::string_view text)
         : IpAddr(fromString(text)) {}
 
@@ -55,13 +55,13 @@ class IpGenAddr {
         : bytes_(bytes)
         , family_(family) {}
 
-    // "10.0.0.1" or "2001:db8::1"; ParseError.
+    /// "10.0.0.1" or "2001:db8::1"; ParseError.
     static IpGenAddr fromString(std::string_view text);
     std::string stringValue() const;
     constexpr AddressFamily family() const { return family_; }
     constexpr bool isIpv4() const { return family_ == AddressFamily::ipv4; }
     constexpr const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
-    // The IPv4 address in the first four bytes, whatever the family.
+    /// The IPv4 address in the first four bytes, whatever the family.
     constexpr IpAddr ipv4() const {
         return IpAddr(static_cast<std::uint32_t>(bytes_[0]) << 24 |
                       static_cast<std::uint32_t>(bytes_[1]) << 16 |
@@ -85,23 +85,23 @@ class IpGenPrefix {
     static constexpr std::string_view typeName = "L3::IpGenPrefix";
 
     constexpr IpGenPrefix() = default; // 0.0.0.0/0
-    // RangeError if `length` (bits) is more than the family has.
+    /// RangeError if `length` (bits) is more than the family has.
     constexpr IpGenPrefix(IpGenAddr address, std::uint8_t length)
         : address_(address)
         , length_(length) {
         if (length > maxLength())
             refuse();
     }
-    // The host prefix (/32) of an IPv4 address.
+    /// The host prefix (/32) of an IPv4 address.
     static constexpr IpGenPrefix host(IpAddr address) { return {IpGenAddr(address), 32}; }
 
-    // "10.0.0.1/32"; ParseError, RangeError.
+    /// "10.0.0.1/32"; ParseError, RangeError.
     static IpGenPrefix fromString(std::string_view text);
     std::string stringValue() const;
     constexpr const IpGenAddr& address() const { return address_; }
     constexpr std::uint8_t length() const { return length_; }
     constexpr std::uint8_t maxLength() const { return address_.isIpv4() ? 32 : 128; }
-    // The IPv4 address, the length ignored.
+    /// The IPv4 address, the length ignored.
     constexpr IpAddr ipv4() const { return address_.ipv4(); }
 
     std::uint32_t hash(std::uint32_t seed) const;

@@ -19,7 +19,7 @@ struct IpGenRouteKey {
                                State::field("source", &IpGenRouteKey::source),
                                State::field("group", &IpGenRouteKey::group));
     }
-    // The key of a route for one source and one group.
+    /// The key of a route for one source and one group.
     static IpGenRouteKey host(L3::IpAddr source, L3::IpAddr group) {
         return {L3::IpGenPrefix::host(source), L3::IpGenPrefix::host(group)};
     }

@@ -36,12 +36,12 @@ class Route final : public State::Entity, public State::ShmObject {
     const IpGenRouteKey& key() const { return key_; }
     const L3::IntfSet& intf() const { return intf_; }
     void intfIs(L3::IntfSet intf);
-    // Readiness state: isReady, or anything else while the route must not be used.
+    /// Readiness state: isReady, or anything else while the route must not be used.
     std::uint32_t ready() const { return ready_; }
     void readyIs(std::uint32_t ready);
     std::uint32_t version() const { return version_; }
     void versionIs(std::uint32_t version);
-    // Tells readers that the other fields are as they should be.
+    /// Tells readers that the other fields are as they should be.
     void versionAdvance() { versionIs(version_ + 1); }
 
   private:
@@ -64,28 +64,28 @@ class RouteRow {
     Value route_;
 };
 
-// The FIB of one VRF and route type.
+/// The FIB of one VRF and route type.
 class Status final : public State::Entity, public State::ShmObject {
   public:
     using RouteCollection =
         State::MapAttribute<IpGenRouteKey, RouteRow::Value, Routing::Multicast::Fib::RouteRows<RouteRow>>;
     static constexpr State::AttributeId routeAttribute = 0;
 
-    // `name` is the route type, userMode or sparseMode (RouteModes.h).
+    /// `name` is the route type, userMode or sparseMode (RouteModes.h).
     explicit Status(std::string_view name)
         : name_(name) {}
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
     const std::string& name() const { return name_; }
-    // Inserts or replaces under the route's own key.
+    /// Inserts or replaces under the route's own key.
     void routeIs(const State::Handle<Route>& route) { route_.is(route->key(), route); }
     void routeDel(const IpGenRouteKey& key) { route_.del(key); }
     State::Handle<Route> route(const IpGenRouteKey& key) const {
         const auto* found = route_.find(key);
         return found == nullptr ? State::Handle<Route>() : *found;
     }
-    // visit(route handle) -> go on; in table order.
+    /// visit(route handle) -> go on; in table order.
     template <class Visit>
     void routes(Visit visit) const {
         route_.visit(nullptr, [&](const IpGenRouteKey&, const State::Handle<Route>& route) {
@@ -102,7 +102,7 @@ class Status final : public State::Entity, public State::ShmObject {
                            State::seedConstant("Lumen::Multicast::Fib::Status::route")};
 };
 
-// Key of a VRF's FIB: the VRF's name.
+/// Key of a VRF's FIB: the VRF's name.
 class MfibVrfName {
   public:
     static constexpr std::string_view typeName = "Lumen::Multicast::Fib::MfibVrfName";
@@ -122,14 +122,14 @@ class MfibVrfName {
 
 class StatusByVrf final : public State::Entity, public State::ShmObject {
   public:
-    // `name` is the route type; the FIBs in it carry the same name.
+    /// `name` is the route type; the FIBs in it carry the same name.
     explicit StatusByVrf(std::string_view name)
         : name_(name) {}
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
     const std::string& name() const { return name_; }
-    // "lumen/multicast/fib/ipv4/NAME" (or ipv6).
+    /// "lumen/multicast/fib/ipv4/NAME" (or ipv6).
     static std::string mountPath(L3::AddressFamily family, std::string_view name);
 
     STATE_MAP(0, status, MfibVrfName, State::Handle<Status>,

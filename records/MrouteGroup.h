@@ -12,7 +12,7 @@
 
 namespace KestrelCommon::MrouteGroup {
 
-// A flow that wants a group; it is its key and nothing else.
+/// A flow that wants a group; it is its key and nothing else.
 class MrouteItem {
   public:
     MrouteItem() = default;
@@ -33,21 +33,21 @@ class MrouteColl final : public State::ShmTable {
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
-    // The rows: a set that takes no more than the table has room for (state/ShmTable.h).
+    /// The rows: a set that takes no more than the table has room for (state/ShmTable.h).
     class Rows : public State::SetAttribute<KestrelL3::IpMcastKey> {
       public:
         explicit Rows(MrouteColl& table);
-        // Inserts if absent; true if something changed. A full table refuses.
+        /// Inserts if absent; true if something changed. A full table refuses.
         bool is(const Key& key);
 
       private:
         MrouteColl& table_;
     };
 
-    // Inserts; one that is there stays.
+    /// Inserts; one that is there stays.
     void mroutesIs(const MrouteItem& item) { mroutes_.is(item.key()); }
     void mroutesDel(const KestrelL3::IpMcastKey& key) { mroutes_.del(key); }
-    // visit(item) -> go on; in order of insertion. Each step is a read: CorruptionError ends the walk.
+    /// visit(item) -> go on; in order of insertion. Each step is a read: CorruptionError ends the walk.
     template <class Visit>
     void mroutes(Visit visit) const {
         for (const KestrelL3::IpMcastKey& key : mroutes_.walk()) {
@@ -65,7 +65,7 @@ class MrouteColl final : public State::ShmTable {
     Rows mroutes_{*this};
 };
 
-// The group of a flow. The default item, which stands in for a damaged one, has group id 0.
+/// The group of a flow. The default item, which stands in for a damaged one, has group id 0.
 struct MgroupItem {
     std::uint32_t groupId = 0;
 
@@ -85,7 +85,7 @@ class MgroupColl final : public State::ShmTable {
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
-    // Reads an item: null when absent. CorruptionError.
+    /// Reads an item: null when absent. CorruptionError.
     const MgroupItem* mgroup(const KestrelL3::IpMcastKey& key) const {
         reading();
         return mgroupsCollection().find(key);

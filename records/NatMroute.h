@@ -22,7 +22,7 @@ class NatMrouteRequestSet final : public State::Entity {
     STATE_SET(0, mrouteReq, NatMrouteKey, State::seedConstant("KestrelNat::NatMrouteRequestSet::mrouteReq"))
 };
 
-// The published answers; the mroute state machine also keeps maps of its own, named by route type.
+/// The published answers; the mroute state machine also keeps maps of its own, named by route type.
 class NatMrouteResponseMap final : public State::Entity {
   public:
     explicit NatMrouteResponseMap(std::string_view name)
@@ -35,7 +35,7 @@ class NatMrouteResponseMap final : public State::Entity {
 
     const std::string& name() const { return name_; }
 
-    // A key hashed once for all maps of this type.
+    /// A key hashed once for all maps of this type.
     static State::HashedKey<NatMrouteKey> hashed(const NatMrouteKey& key) {
         return {key, State::processHashSeed() ^ seed};
     }

@@ -15,7 +15,7 @@
 
 namespace KestrelNat {
 
-// What is asked for. Other numbers may come and are carried along.
+/// What is asked for. Other numbers may come and are carried along.
 enum class NatRequestType : std::uint8_t { mrouteRequest = 0, mgroupRequest = 1 };
 
 struct NatMrouteKey {
@@ -34,7 +34,7 @@ struct NatMrouteKey {
             State::field("groupIp", &NatMrouteKey::groupIp), State::field("type", &NatMrouteKey::type));
     }
     bool isEq(const NatMrouteKey& other) const { return *this == other; }
-    // All fields, packed into three words: every answer is found and written by this hash.
+    /// All fields, packed into three words: every answer is found and written by this hash.
     std::uint32_t hash(std::uint32_t seed) const {
         return State::Hasher(seed)
             .mix(intf.number())
@@ -43,8 +43,8 @@ struct NatMrouteKey {
             .mix(std::uint64_t{sourceIp.value()} << 32 | groupIp.value())
             .result();
     }
-    // "NatMrouteKey (I=Ethernet1, vrfId=3, V=10, S=10.0.0.1, G=239.1.1.1), type=mrouteRequest": the bracket
-    // closes before the type, as everyone who reads these lines expects.
+    /// "NatMrouteKey (I=Ethernet1, vrfId=3, V=10, S=10.0.0.1, G=239.1.1.1), type=mrouteRequest": the bracket
+    /// closes before the type, as everyone who reads these lines expects.
     std::string stringValue() const;
 
     auto operator<=>(const NatMrouteKey&) const = default;

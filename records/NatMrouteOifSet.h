@@ -30,10 +30,10 @@ class NatMrouteOifSet {
 
     const L3::IntfSet& oif() const { return oif_; }
     bool oifHas(L3::IntfId member) const { return oif_.has(member); }
-    // Inserts if absent.
+    /// Inserts if absent.
     void oifIs(L3::IntfId member) { oif_.insert(member); }
     void insert(L3::IntfId member) { oif_.insert(member); }
-    // Inserts all that `other` holds.
+    /// Inserts all that `other` holds.
     void oifIs(const NatMrouteOifSet& other) { oif_.insertAll(other.oif_); }
 
     bool empty() const { return oif_.empty(); }
@@ -42,7 +42,7 @@ class NatMrouteOifSet {
     auto begin() const { return oif_.begin(); }
     auto end() const { return oif_.end(); }
 
-    // "NatMrouteOifSet {Ethernet1, Ethernet2, }": a separator follows every member, the last one too.
+    /// "NatMrouteOifSet {Ethernet1, Ethernet2, }": a separator follows every member, the last one too.
     std::string stringValue() const;
     void traceEncode(State::TraceWriter& writer) const;
     static void traceDecode(State::TraceReader& reader, std::string& out);

@@ -7,8 +7,8 @@
 
 namespace KestrelNat {
 
-// Each flag becomes true once its state machine has handled all requests that were there at its start;
-// nothing in the plug-in sets it back.
+/// Each flag becomes true once its state machine has handled all requests that were there at its start;
+/// nothing in the plug-in sets it back.
 class MulticastSmStatus final : public State::Entity {
   public:
     static constexpr State::AttributeId mrouteSmReadyAttribute = 0;
@@ -38,7 +38,7 @@ class CapabilityConfig final : public State::Entity {
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
-    // Whether answers gather outgoing interfaces from every VRF instead of the request's own.
+    /// Whether answers gather outgoing interfaces from every VRF instead of the request's own.
     bool egressFromAllVrfs() const { return egressFromAllVrfs_; }
     void egressFromAllVrfsIs(bool all);
 

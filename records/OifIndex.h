@@ -23,7 +23,7 @@ class OifIndex {
     static constexpr std::uint16_t null = 512;
 
     constexpr OifIndex() = default; // the null index
-    // RangeError "Quill::Multicast::Fib::OifIndex::value < ...::min or > ...::null not allowed" above 512.
+    /// RangeError "Quill::Multicast::Fib::OifIndex::value < ...::min or > ...::null not allowed" above 512.
     constexpr OifIndex(std::uint16_t value)
         : value_(value) {
         if (value > null)
@@ -43,7 +43,7 @@ class OifIndex {
     std::uint16_t value_ = null;
 };
 
-// A list of plain numbers in 16 bytes: up to seven stand in the object, more in an array of their own.
+/// A list of plain numbers in 16 bytes: up to seven stand in the object, more in an array of their own.
 class OifIndexList {
   public:
     using Element = std::uint16_t;
@@ -59,11 +59,11 @@ class OifIndexList {
 
     static constexpr std::size_t maxCount = 65535;
 
-    // Appends, unless it is there. RangeError beyond maxCount.
+    /// Appends, unless it is there. RangeError beyond maxCount.
     void insert(std::uint16_t index);
 
     std::size_t size() const { return words_[0]; }
-    // The index at `position`; the null index behind the last.
+    /// The index at `position`; the null index behind the last.
     std::uint16_t at(std::size_t position) const {
         return position < size() ? indexes()[position] : OifIndex::null;
     }

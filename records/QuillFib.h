@@ -19,7 +19,7 @@ namespace Quill::Multicast::Fib {
 
 using Routing::Multicast::Fib::IpGenRouteKey;
 
-// What a row holds beside its key. The default route leads nowhere: its first index is the null index.
+/// What a row holds beside its key. The default route leads nowhere: its first index is the null index.
 struct Route {
     OifIndexList oifs;
 
@@ -52,21 +52,21 @@ class Status final : public State::ShmTable {
 
     explicit Status(std::string_view tableName)
         : ShmTable(tableName, "") {}
-    // "routing/multicast/routestatus/VRF/MODE"; `mode` is staticMode or sparseMode (RouteModes.h).
+    /// "routing/multicast/routestatus/VRF/MODE"; `mode` is staticMode or sparseMode (RouteModes.h).
     static std::string mountPath(std::string_view vrfName, std::string_view mode);
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
-    // Inserts or replaces; an equal route is silent.
+    /// Inserts or replaces; an equal route is silent.
     void routeIs(const IpGenRouteKey& key, const Route& route) { route_.is(key, route); }
     void routeDel(const IpGenRouteKey& key) { route_.del(key); }
     bool routeHas(const IpGenRouteKey& key) const { return route_.has(key); }
-    // Reads a row: null when absent. CorruptionError.
+    /// Reads a row: null when absent. CorruptionError.
     const Route* route(const IpGenRouteKey& key) const {
         reading();
         return route_.find(key);
     }
-    // visit(key) -> go on; in table order. Each step is a read: CorruptionError ends the walk.
+    /// visit(key) -> go on; in table order. Each step is a read: CorruptionError ends the walk.
     template <class Visit>
     void routes(Visit visit) const {
         route_.visit(nullptr, [&](const IpGenRouteKey& key, const Route&) {
@@ -77,7 +77,7 @@ class Status final : public State::ShmTable {
     const RouteCollection& routeCollection() const { return route_; }
     RouteCollection& routeCollection() { return route_; }
 
-    // Reads the interface of an index: the empty one when absent. CorruptionError.
+    /// Reads the interface of an index: the empty one when absent. CorruptionError.
     L3::IntfId intf(OifIndex index) const {
         reading();
         if (intfsAsOf_ != oifIndexIntfCollection().changes())

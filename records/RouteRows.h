@@ -22,8 +22,8 @@
 
 namespace Routing::Multicast::Fib {
 
-// The storage of a table's map attribute (state/HashedEntries.h says what that has). `Row`, movable, has:
-// Value; Row(key, Value); key(); value() by reference.
+/// The storage of a table's map attribute (state/HashedEntries.h says what that has). `Row`, movable, has:
+/// Value; Row(key, Value); key(); value() by reference.
 template <class Row>
 class RouteRows {
   public:
@@ -40,13 +40,13 @@ class RouteRows {
 
     std::size_t size() const { return sourced_.size() + starred_.size(); }
 
-    // The value under the key, or null; valid until the table changes.
+    /// The value under the key, or null; valid until the table changes.
     const Value* find(const IpGenRouteKey& key) const {
         const std::uint32_t number = numberOf(key);
         return number == none ? nullptr : &std::as_const(pool_[number].row).value();
     }
 
-    // The value under the key, and whether it was appended: makeValue() then, which must not use the table.
+    /// The value under the key, and whether it was appended: makeValue() then, which must not use the table.
     template <class MakeValue>
     std::pair<Value*, bool> findOrInsert(const IpGenRouteKey& key, MakeValue makeValue) {
         std::uint32_t number = numberOf(key);
@@ -56,7 +56,7 @@ class RouteRows {
         return {&pool_[number].row.value(), isNew};
     }
 
-    // Removes the row under the key and hands its value to consume(Value&&); false when absent.
+    /// Removes the row under the key and hands its value to consume(Value&&); false when absent.
     template <class Consume>
     bool extract(const IpGenRouteKey& key, Consume consume) {
         const std::uint32_t number = numberOf(key);
@@ -79,9 +79,9 @@ class RouteRows {
         visit(nullptr, [&](const IpGenRouteKey& key, const Value&) { return extract(key, [](Value&&) {}); });
     }
 
-    // Visits rows in table order with visit(key, value) until it answers false, beginning behind `after` if
-    // that is given and there. The body may change the table as that of a walk over a Table may; but a row
-    // that it removes is gone at once, so it copies what it needs of the current one.
+    /// Visits rows in table order with visit(key, value) until it answers false, beginning behind `after` if
+    /// that is given and there. The body may change the table as that of a walk over a Table may; but a row
+    /// that it removes is gone at once, so it copies what it needs of the current one.
     template <class Visit>
     void visit(const IpGenRouteKey* after, Visit visitor) const {
         const auto visitAll = [&](auto&& numbers) {
@@ -96,8 +96,8 @@ class RouteRows {
             visitAll(starred);
     }
 
-    // Visits, in table order, every row that a request for (source, group) can match, with visit(key, value)
-    // until it answers false; zero stands for any. The body must not change the table.
+    /// Visits, in table order, every row that a request for (source, group) can match, with visit(key, value)
+    /// until it answers false; zero stands for any. The body must not change the table.
     template <class Visit>
     void candidates(L3::IpAddr source, L3::IpAddr group, Visit visit) const {
         if (group.isZero()) {

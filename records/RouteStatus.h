@@ -12,7 +12,7 @@
 
 namespace Routing::Hardware {
 
-// One VRF. The identifier is a plain number here: what reads it decides whether it fits (L3::VrfId).
+/// One VRF. The identifier is a plain number here: what reads it decides whether it fits (L3::VrfId).
 class VrfStatus final : public State::Entity {
   public:
     static constexpr State::AttributeId vrfIdAttribute = 0;
@@ -23,7 +23,7 @@ class VrfStatus final : public State::Entity {
     const State::EntityType& entityType() const override { return type(); }
 
     const L3::VrfName& vrfName() const { return vrfName_; }
-    // 0: not assigned yet, except for the VRF "default".
+    /// 0: not assigned yet, except for the VRF "default".
     std::uint32_t vrfId() const { return vrfId_; }
     void vrfIdIs(std::uint32_t vrfId);
 

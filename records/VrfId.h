@@ -16,14 +16,14 @@ class VrfId {
     static constexpr std::uint32_t max = 0x00ffffff;
 
     constexpr VrfId() = default;
-    // RangeError "VrfId::value > 0x00ffffff not allowed".
+    /// RangeError "VrfId::value > 0x00ffffff not allowed".
     constexpr VrfId(std::uint32_t value)
         : value_(value) {
         if (value > max)
             refuse();
     }
 
-    // The same for any number.
+    /// The same for any number.
     static VrfId fromNumber(std::uint64_t number);
     constexpr std::uint32_t value() const { return value_; }
 

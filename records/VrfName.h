@@ -16,7 +16,7 @@ class VrfName {
     static constexpr std::size_t maxLength = 100; // bytes
 
     VrfName() = default;
-    // RangeError if `name` is longer than maxLength.
+    /// RangeError if `name` is longer than maxLength.
     VrfName(std::string_view name);
     VrfName(const char* name)
         : VrfName(std::string_view(name)) {}
@@ -32,7 +32,7 @@ class VrfName {
     }
     auto operator<=>(const VrfName&) const = default;
 
-    // Why a name can't be that of a VRF in use, which is a component of paths; empty: it can be.
+    /// Why a name can't be that of a VRF in use, which is a component of paths; empty: it can be.
     static std::string whyUnusable(std::string_view name);
 
   private:

@@ -66,7 +66,7 @@ class ValueAttributeOf final : public Attribute {
     }
 };
 
-// `get` reads the value, `set` writes it (equal values announce nothing).
+/// `get` reads the value, `set` writes it (equal values announce nothing).
 template <class E, auto get, auto set>
 AttributePointer valueAttribute(std::string_view name, AttributeId id) {
     return std::make_unique<ValueAttributeOf<E, get, set>>(name, id);
@@ -74,8 +74,8 @@ AttributePointer valueAttribute(std::string_view name, AttributeId id) {
 
 // ---- collections --------------------------------------------------------------------------------------------
 
-// What all three kinds of collection share. `Access`, a captureless lambda, yields the collection of an E,
-// const for a const one.
+/// What all three kinds of collection share. `Access`, a captureless lambda, yields the collection of an E,
+/// const for a const one.
 template <class E, class Access>
 class CollectionAttributeOf : public Attribute {
   protected:
@@ -90,7 +90,7 @@ class CollectionAttributeOf : public Attribute {
             unsupported("written without a key");
         return fromDatum<K>(*key);
     }
-    // Calls visit(key, ...) for each member behind `after`, if that is given, until it answers false.
+    /// Calls visit(key, ...) for each member behind `after`, if that is given, until it answers false.
     template <class Visit>
     void eachMember(const Entity& entity, const Datum* after, Visit visit) const {
         if (after == nullptr) {
@@ -171,7 +171,7 @@ class MapAttributeOf final : public CollectionAttributeOf<E, Access> {
     }
 };
 
-// Members are entities, made from their key by `make` (const E&, key) -> Handle<M>, which does not insert them.
+/// Members are entities, made from their key by `make` (const E&, key) -> Handle<M>, which does not insert them.
 template <class E, class Access, auto make>
 class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     using Base = CollectionAttributeOf<E, Access>;
@@ -237,7 +237,7 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     }
 };
 
-// `access` yields the collection: [](auto& entity) -> auto& { return entity.vrfStatusCollection(); }
+/// `access` yields the collection: [](auto& entity) -> auto& { return entity.vrfStatusCollection(); }
 template <class E, class Access>
 AttributePointer setAttribute(std::string_view name, AttributeId id, Access) {
     return std::make_unique<SetAttributeOf<E, Access>>(name, id);
@@ -246,13 +246,13 @@ template <class E, class Access>
 AttributePointer mapAttribute(std::string_view name, AttributeId id, Access) {
     return std::make_unique<MapAttributeOf<E, Access>>(name, id);
 }
-// `make` makes a member from its key: Handle<M> make(const E& owner, const K& key).
+/// `make` makes a member from its key: Handle<M> make(const E& owner, const K& key).
 template <class E, auto make, class Access>
 AttributePointer membersAttribute(std::string_view name, AttributeId id, Access) {
     return std::make_unique<MembersAttributeOf<E, Access, make>>(name, id);
 }
 
-// Creator of an entity type whose constructor takes a name, or nothing.
+/// Creator of an entity type whose constructor takes a name, or nothing.
 template <class E>
 Handle<Entity> createEntity(std::string_view name) {
     if constexpr (std::constructible_from<E, std::string_view>)

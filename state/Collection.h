@@ -18,8 +18,8 @@
 
 namespace State {
 
-// Hash-seed constant of a collection for which none is given: FNV-1a of its qualified name,
-// "Namespace::Type::attribute" (Fowler, Noll, Vo; 32 bit).
+/// Hash-seed constant of a collection for which none is given: FNV-1a of its qualified name,
+/// "Namespace::Type::attribute" (Fowler, Noll, Vo; 32 bit).
 constexpr std::uint32_t seedConstant(std::string_view qualifiedName) {
     std::uint32_t hash = 2166136261U;
     for (const char character : qualifiedName)
@@ -32,17 +32,17 @@ inline constexpr bool isHandle = false;
 template <class T>
 inline constexpr bool isHandle<Handle<T>> = true;
 
-// What MapAttribute::edit does with the value once it was edited.
+/// What MapAttribute::edit does with the value once it was edited.
 enum class Edited { unchanged, changed, remove };
 
-// `Storage` holds the entries (state/HashedEntries.h says what it has).
+/// `Storage` holds the entries (state/HashedEntries.h says what it has).
 template <class K, class V, class Storage = HashedEntries<K, V>>
 class MapAttribute {
   public:
     using Key = K;
     using Value = V;
 
-    // The collection numbered `id` of `owner`, which announces its changes.
+    /// The collection numbered `id` of `owner`, which announces its changes.
     MapAttribute(const Publisher& owner, AttributeId id, std::uint32_t constant)
         : owner_(owner)
         , storage_(processHashSeed() ^ constant)
@@ -50,15 +50,15 @@ class MapAttribute {
 
     std::size_t size() const { return storage_.size(); }
     bool has(const K& key) const { return storage_.find(key) != nullptr; }
-    // The value in place, null when absent; valid until the collection changes.
+    /// The value in place, null when absent; valid until the collection changes.
     const V* find(const K& key) const { return storage_.find(key); }
-    // The value, or the default (zero, null, empty) when absent.
+    /// The value, or the default (zero, null, empty) when absent.
     V get(const K& key) const {
         const V* value = find(key);
         return value == nullptr ? V{} : *value;
     }
 
-    // Inserts or replaces; true if something changed. A null handle removes.
+    /// Inserts or replaces; true if something changed. A null handle removes.
     bool is(const K& key, V value) {
         if constexpr (isHandle<V>) {
             if (!value)
@@ -67,24 +67,24 @@ class MapAttribute {
         return put(key, std::move(value));
     }
 
-    // Removes and hands back the old value; the default when absent.
+    /// Removes and hands back the old value; the default when absent.
     V del(const K& key) {
         V old{};
         erase(key, [&](V&& value) { old = std::move(value); });
         return old;
     }
 
-    // For who has several maps of one seed (those of one attribute): look-ups that hash the key once.
+    /// For who has several maps of one seed (those of one attribute): look-ups that hash the key once.
     HashedKey<K> hashed(const K& key) const { return storage_.table().hashed(key); }
     const V* find(const HashedKey<K>& key) const { return storage_.find(key); }
     void prefetch(const HashedKey<K>& key) const { storage_.table().prefetch(key); }
     bool is(const HashedKey<K>& key, V value) requires(!isHandle<V>) { return put(key, std::move(value)); }
-    // Removes; true if it was there.
+    /// Removes; true if it was there.
     bool drop(const HashedKey<K>& key) {
         return erase(key, [](V&&) {});
     }
 
-    // Removes all: member by member with an announcement each where someone listens, else silently.
+    /// Removes all: member by member with an announcement each where someone listens, else silently.
     void delAll() {
         if (!owner_.hasSubscribers()) {
             storage_.clear();
@@ -97,7 +97,7 @@ class MapAttribute {
         });
     }
 
-    // Changes a value in place, an absent one from its default: `change(V&)` says what became of it.
+    /// Changes a value in place, an absent one from its default: `change(V&)` says what became of it.
     template <class Change>
     void edit(const K& key, Change change) {
         const auto [value, inserted] = storage_.findOrInsert(key, [] { return V{}; });
@@ -113,19 +113,19 @@ class MapAttribute {
         owner_.publish(id_, &key);
     }
 
-    // Visits {key, value} in order of insertion.
+    /// Visits {key, value} in order of insertion.
     auto walk() const { return storage_.table().walk(); }
-    // visit(key, value) -> go on; in order, behind `after` if that is given and there.
+    /// visit(key, value) -> go on; in order, behind `after` if that is given and there.
     template <class Visit>
     void visit(const K* after, Visit visitor) const {
         storage_.visit(after, visitor);
     }
 
-    // For look-ups that the storage alone has.
+    /// For look-ups that the storage alone has.
     const Storage& storage() const { return storage_; }
     std::size_t memoryBytes() const { return storage_.memoryBytes(); }
-    // Another number after each change, also after a removal that found nothing; for who keeps what it
-    // computed from the whole collection.
+    /// Another number after each change, also after a removal that found nothing; for who keeps what it
+    /// computed from the whole collection.
     std::uint32_t changes() const { return changes_; }
 
   private:
@@ -177,7 +177,7 @@ class SetAttribute {
     std::size_t size() const { return table_.size(); }
     bool has(const K& key) const { return table_.find(key) != nullptr; }
 
-    // Inserts if absent; true if something changed.
+    /// Inserts if absent; true if something changed.
     bool is(const K& key) {
         if (!table_.findOrInsert(key, [&] { return key; }).second)
             return false;
@@ -185,7 +185,7 @@ class SetAttribute {
         return true;
     }
 
-    // Removes; true if it was there.
+    /// Removes; true if it was there.
     bool del(const K& given) {
         const K key = given;
         if (!table_.erase(key))
@@ -194,7 +194,7 @@ class SetAttribute {
         return true;
     }
 
-    // As MapAttribute::delAll.
+    /// As MapAttribute::delAll.
     void delAll() {
         if (!owner_.hasSubscribers()) {
             table_.clear();
@@ -205,7 +205,7 @@ class SetAttribute {
     }
 
     auto walk() const { return table_.walk(); }
-    // As MapAttribute::visit, with visit(key).
+    /// As MapAttribute::visit, with visit(key).
     template <class Visit>
     void visit(const K* after, Visit visitor) const {
         for (const K& key : after == nullptr ? table_.walk() : table_.walkAfter(*after))

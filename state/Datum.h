@@ -15,12 +15,12 @@ struct Datum {
     using List = std::vector<Datum>;
     using Record = std::vector<std::pair<std::string, Datum>>;
 
-    // A double is a number that is not whole or too large for 64 bits: no value type takes one.
+    /// A double is a number that is not whole or too large for 64 bits: no value type takes one.
     std::variant<std::monostate, bool, std::uint64_t, std::int64_t, double, std::string, List, Record>
         content;
 
     Datum() = default;
-    // Out of line, for leaner users: a variant's copies are long.
+    /// Out of line, for leaner users: a variant's copies are long.
     Datum(const Datum& other);
     Datum(Datum&& other) noexcept;
     Datum& operator=(const Datum& other);
@@ -53,7 +53,7 @@ struct Datum {
     const List* list() const { return std::get_if<List>(&content); }
     const Record* record() const { return std::get_if<Record>(&content); }
 
-    // What it is, in words, for error texts: "a number", "an array", ...
+    /// What it is, in words, for error texts: "a number", "an array", ...
     std::string_view kindName() const;
 
     bool operator==(const Datum&) const = default;

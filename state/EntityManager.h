@@ -21,21 +21,21 @@ class EntityManager : public RefCounted {
   public:
     explicit EntityManager(Handle<Store> database);
 
-    // The mount group of this mounter, made on first use.
+    /// The mount group of this mounter, made on first use.
     MountGroup& getMountGroup(const KestrelLib::MounterBase& mounter);
 
-    // The entity at the path, or null. A path that a mount group declares is null until the group was
-    // performed.
+    /// The entity at the path, or null. A path that a mount group declares is null until the group was
+    /// performed.
     Handle<Entity> getEntity(std::string_view path) const;
 
-    // The entity at the path as a T; null when there is none or it is of another type.
+    /// The entity at the path as a T; null when there is none or it is of another type.
     template <class T>
     Handle<T> entity(std::string_view path) const {
         return handleCast<T>(getEntity(path));
     }
 
-    // The agent's side: performs the mounts of a mounter's group. A mount fails if the database holds nothing
-    // at its path, or something of another type; the others are performed all the same.
+    /// The agent's side: performs the mounts of a mounter's group. A mount fails if the database holds nothing
+    /// at its path, or something of another type; the others are performed all the same.
     MountStatus performMounts(const KestrelLib::MounterBase& mounter);
 
   private:

@@ -5,18 +5,18 @@
 
 namespace State {
 
-// Prints "FILE:LINE: FUNCTION: Assertion `TEXT' failed.", runs the last words in the order of their
-// registration and aborts. A failure inside the last words prints its own line and aborts at once.
+/// Prints "FILE:LINE: FUNCTION: Assertion `TEXT' failed.", runs the last words in the order of their
+/// registration and aborts. A failure inside the last words prints its own line and aborts at once.
 [[noreturn, gnu::cold]] void fatal(const char* text, const char* file, unsigned line, const char* function);
 
-// The same for an exception that left a reactor: prints "exception left a reactor: WHAT".
+/// The same for an exception that left a reactor: prints "exception left a reactor: WHAT".
 [[noreturn, gnu::cold]] void fatalException(const char* what);
 
 using FatalHook = void (*)(void* context);
 
-// Adds last words; at most eight pairs, a pair that is there already is not added again.
+/// Adds last words; at most eight pairs, a pair that is there already is not added again.
 void fatalHookIs(FatalHook hook, void* context);
-// Takes them away; absent is no error.
+/// Takes them away; absent is no error.
 void fatalHookDel(FatalHook hook, void* context);
 
 } // namespace State

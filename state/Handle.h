@@ -16,14 +16,14 @@ namespace State {
 template <class T>
 class Handle;
 
-// Root of shared objects. A new object carries one reference, which belongs to whoever made it
-// (makeHandle adopts it), so that a constructor may hand out handles to the object under construction.
+/// Root of shared objects. A new object carries one reference, which belongs to whoever made it
+/// (makeHandle adopts it), so that a constructor may hand out handles to the object under construction.
 class RefCounted {
   public:
     RefCounted(const RefCounted&) = delete;
     RefCounted& operator=(const RefCounted&) = delete;
 
-    // How many handles (and guards) hold the object now.
+    /// How many handles (and guards) hold the object now.
     std::uint32_t references() const { return references_; }
 
   protected:
@@ -45,14 +45,14 @@ class RefCounted {
     mutable std::uint32_t references_ = 1;
 };
 
-// An owning pointer to a RefCounted; null by default. Handle<const T> reads only. Converts to handles of
-// bases and from T to const T; handleCast goes the other way.
+/// An owning pointer to a RefCounted; null by default. Handle<const T> reads only. Converts to handles of
+/// bases and from T to const T; handleCast goes the other way.
 template <class T>
 class Handle {
   public:
     constexpr Handle() noexcept = default;
     constexpr Handle(std::nullptr_t) noexcept {}
-    // Shares `object` (may be null).
+    /// Shares `object` (may be null).
     explicit Handle(T* object) noexcept
         : object_(object) {
         take();
@@ -71,7 +71,7 @@ class Handle {
     }
     ~Handle() { drop(); }
 
-    // Right for itself too: the copy holds the object while the names are swapped.
+    /// Right for itself too: the copy holds the object while the names are swapped.
     Handle& operator=(const Handle& other) noexcept { // NOLINT(bugprone-unhandled-self-assignment)
         Handle(other).swap(*this);
         return *this;
@@ -81,7 +81,7 @@ class Handle {
         return *this;
     }
 
-    // Takes over the reference that a new object was born with.
+    /// Takes over the reference that a new object was born with.
     static Handle adopt(T* object) noexcept {
         Handle handle(object);
         object->unreference();
@@ -121,13 +121,13 @@ class Handle {
     T* object_ = nullptr;
 };
 
-// Makes a T and hands its first reference to the handle. Exceptions of the constructor pass through.
+/// Makes a T and hands its first reference to the handle. Exceptions of the constructor pass through.
 template <class T, class... Args>
 Handle<T> makeHandle(Args&&... args) {
     return Handle<T>::adopt(new T(std::forward<Args>(args)...));
 }
 
-// The same object as a T, or null when it is none (or `handle` is null).
+/// The same object as a T, or null when it is none (or `handle` is null).
 template <class T, class U>
 Handle<T> handleCast(const Handle<U>& handle) {
     return Handle<T>(dynamic_cast<T*>(handle.get()));

@@ -8,21 +8,21 @@
 
 namespace State {
 
-// A 32-bit hash over the values mixed in, in order. Each step multiplies the state by an odd constant and
-// folds the 128-bit product to 64 bits (after the "mum" step of wyhash, by Wang Yi). Not for adversaries who
-// know the seed.
+/// A 32-bit hash over the values mixed in, in order. Each step multiplies the state by an odd constant and
+/// folds the 128-bit product to 64 bits (after the "mum" step of wyhash, by Wang Yi). Not for adversaries who
+/// know the seed.
 class Hasher {
   public:
     explicit constexpr Hasher(std::uint32_t seed = 0)
         : state_((std::uint64_t{seed} + 1) * stepFactor) {}
 
-    // Mixes in a number of 8 to 64 bits, or a bool. Equal numbers of different width mix equally.
+    /// Mixes in a number of 8 to 64 bits, or a bool. Equal numbers of different width mix equally.
     template <std::unsigned_integral Number>
     constexpr Hasher& mix(Number number) {
         state_ = foldedProduct(state_ ^ std::uint64_t{number}, stepFactor);
         return *this;
     }
-    // Mixes in the characters and their count.
+    /// Mixes in the characters and their count.
     Hasher& mix(std::string_view bytes);
 
     constexpr std::uint32_t result() const {
@@ -42,12 +42,12 @@ class Hasher {
     std::uint64_t state_;
 };
 
-// The seed of this process: random, fixed at first use.
+/// The seed of this process: random, fixed at first use.
 std::uint32_t processHashSeed();
-// Fixes the seed, for tests: call it before the first table is made.
+/// Fixes the seed, for tests: call it before the first table is made.
 void processHashSeedIs(std::uint32_t seed);
 
-// How a table hashes a key: by its `hash(seed)`, or as a number, or as text. Specialise it for other types.
+/// How a table hashes a key: by its `hash(seed)`, or as a number, or as text. Specialise it for other types.
 template <class Key>
 struct HashOf {
     std::uint32_t operator()(const Key& key, std::uint32_t seed) const {
@@ -60,8 +60,8 @@ struct HashOf {
     }
 };
 
-// A key that was hashed once, for look-ups in several tables of one seed; a table of another seed hashes it
-// again.
+/// A key that was hashed once, for look-ups in several tables of one seed; a table of another seed hashes it
+/// again.
 template <class Key>
 class HashedKey {
   public:
@@ -78,7 +78,7 @@ class HashedKey {
     std::uint32_t hash_;
 };
 
-// The key itself, of one that may be hashed.
+/// The key itself, of one that may be hashed.
 template <class Key>
 const Key& unhashed(const Key& key) {
     return key;

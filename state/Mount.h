@@ -11,7 +11,7 @@
 
 namespace State {
 
-// Flag word of a state-database mount, filled from a flags string after it was cleared to 0.
+/// Flag word of a state-database mount, filled from a flags string after it was cleared to 0.
 enum class MountFlags : std::uint32_t { none = 0, readOnly = 1 };
 
 struct Mount {
@@ -20,10 +20,10 @@ struct Mount {
     MountFlags flags = MountFlags::none;
 };
 
-// "r" is read-only; ParseError for any other letter.
+/// "r" is read-only; ParseError for any other letter.
 MountFlags mountFlags(std::string_view letters);
 
-// Whether all mounts of a group succeeded; the failed ones with the reason.
+/// Whether all mounts of a group succeeded; the failed ones with the reason.
 struct MountStatus {
     struct Failure {
         std::string path;
@@ -34,13 +34,13 @@ struct MountStatus {
     bool ok() const { return failures.empty(); }
 };
 
-// The state-database mounts of one mounter, declared before the agent performs them.
+/// The state-database mounts of one mounter, declared before the agent performs them.
 class MountGroup {
   public:
-    // Declares a mount. CreationError once the group is closed.
+    /// Declares a mount. CreationError once the group is closed.
     void doMount(const Mount& mount);
-    // Closes the group; the agent performs the mounts afterwards. `wait`, `text` and `duration` are for
-    // agents that delay or label a group's mounts; they are kept as given.
+    /// Closes the group; the agent performs the mounts afterwards. `wait`, `text` and `duration` are for
+    /// agents that delay or label a group's mounts; they are kept as given.
     void doClose(bool wait, std::string_view text, std::chrono::seconds duration);
 
     const std::vector<Mount>& mounts() const { return mounts_; }
@@ -57,7 +57,7 @@ class MountGroup {
     std::chrono::seconds duration_{0};
 };
 
-// A collection of a table and how many members it may hold; `reserve` is set aside at the start.
+/// A collection of a table and how many members it may hold; `reserve` is set aside at the start.
 struct CollectionSizing {
     std::string name;
     std::uint32_t capacity = 0;
@@ -65,16 +65,16 @@ struct CollectionSizing {
     bool operator==(const CollectionSizing&) const = default;
 };
 
-// How a table of the table store is mounted. Mode 0: written by the mounter, made by the mount if it is not
-// there; modes 1 and 3: read by the mounter (a single table; one of a family of tables), made by others.
+/// How a table of the table store is mounted. Mode 0: written by the mounter, made by the mount if it is not
+/// there; modes 1 and 3: read by the mounter (a single table; one of a family of tables), made by others.
 struct TableMount {
     std::uint32_t mode = 0;
     std::vector<CollectionSizing> collections;
     bool operator==(const TableMount&) const = default;
 };
 
-// How an entity of the entity store is mounted: whether this process writes it, whether what stands below it
-// comes with it, and whether changes are announced here.
+/// How an entity of the entity store is mounted: whether this process writes it, whether what stands below it
+/// comes with it, and whether changes are announced here.
 struct EntityMount {
     bool writer = false;
     bool recursive = false;

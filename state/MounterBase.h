@@ -15,16 +15,16 @@ class MounterBase : public State::RefCounted {
   public:
     const std::string& name() const { return name_; }
 
-    // The agent's two entity managers; set by the agent before doInit.
+    /// The agent's two entity managers; set by the agent before doInit.
     void contextIs(State::Handle<State::EntityManager> stateEm,
                    State::Handle<State::ShmEntityManager> shmemEm) {
         stateEm_ = std::move(stateEm);
         shmemEm_ = std::move(shmemEm);
     }
 
-    // Declares the mounts. Called once.
+    /// Declares the mounts. Called once.
     virtual void doInit() = 0;
-    // The declared mounts are done, well or not. Called once. Exceptions are the agent's to report.
+    /// The declared mounts are done, well or not. Called once. Exceptions are the agent's to report.
     virtual void doMountsComplete(const State::MountStatus& status,
                                   const State::Handle<State::EntityManager>& em) = 0;
 

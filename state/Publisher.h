@@ -10,14 +10,14 @@
 
 namespace State {
 
-// Number of an attribute within its type, from 0 in declaration order; at most 31.
+/// Number of an attribute within its type, from 0 in declaration order; at most 31.
 using AttributeId = std::uint32_t;
 
 class Publisher;
 
-// One change, as a subscriber hears it. `key` points to the member's key (null for a plain value attribute)
-// and is valid during the call alone; its type is the attribute's key type, so only the attribute's
-// subscribers read it.
+/// One change, as a subscriber hears it. `key` points to the member's key (null for a plain value attribute)
+/// and is valid during the call alone; its type is the attribute's key type, so only the attribute's
+/// subscribers read it.
 struct Notification {
     const Publisher& publisher;
     AttributeId attribute;
@@ -31,7 +31,7 @@ struct Notification {
 
 using Dispatch = void (*)(void* subscriber, const Notification& notification);
 
-// Set of attributes a subscriber wants to hear of.
+/// Set of attributes a subscriber wants to hear of.
 using AttributeMask = std::uint32_t;
 constexpr AttributeMask allAttributes = ~AttributeMask{0};
 constexpr AttributeMask maskOf(AttributeId attribute) {
@@ -40,20 +40,20 @@ constexpr AttributeMask maskOf(AttributeId attribute) {
 
 class Publisher : public RefCounted {
   public:
-    // Adds a subscriber; it hears changes after this one, in order of subscription. A (subscriber, dispatch)
-    // pair is added once at most. Subscribing does not change what the publisher holds, so it is open to
-    // readers.
+    /// Adds a subscriber; it hears changes after this one, in order of subscription. A (subscriber, dispatch)
+    /// pair is added once at most. Subscribing does not change what the publisher holds, so it is open to
+    /// readers.
     void subscribe(void* subscriber, Dispatch dispatch, AttributeMask attributes = allAttributes) const;
-    // Removes it; it is not called any more, not even by a delivery that is under way. Absent is no error.
+    /// Removes it; it is not called any more, not even by a delivery that is under way. Absent is no error.
     void unsubscribe(const void* subscriber, Dispatch dispatch) const;
     bool hasSubscribers() const {
         return storage_ == Storage::one ? one_.dispatch != nullptr
                                         : storage_ == Storage::many && many_->live != 0;
     }
 
-    // Announces a change that has been made already. Each subscriber that was there when the delivery began
-    // and is still there when its turn comes is called once; this object outlives the delivery. An exception
-    // that leaves a subscriber ends the process here, with its message.
+    /// Announces a change that has been made already. Each subscriber that was there when the delivery began
+    /// and is still there when its turn comes is called once; this object outlives the delivery. An exception
+    /// that leaves a subscriber ends the process here, with its message.
     void publish(AttributeId attribute, const void* key = nullptr) const {
         if (hasSubscribers())
             deliver(Notification{*this, attribute, key});

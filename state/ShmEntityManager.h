@@ -15,24 +15,24 @@ class ShmEntityManager : public RefCounted {
   public:
     ShmEntityManager(Handle<Store> tableStore, Handle<Store> entityStore);
 
-    // Mounts a table. Mode 0 makes it in the table store if it is not there and applies the sizings; the
-    // other modes make nothing. Errors: UnknownTypeError and CreationError of Store::entityIs in mode 0.
+    /// Mounts a table. Mode 0 makes it in the table store if it is not there and applies the sizings; the
+    /// other modes make nothing. Errors: UnknownTypeError and CreationError of Store::entityIs in mode 0.
     virtual void doMount(std::string_view path, std::string_view typeName, const TableMount& mount);
-    // Mounts an entity of the entity store; makes nothing.
+    /// Mounts an entity of the entity store; makes nothing.
     virtual void doMount(std::string_view path, std::string_view typeName, const EntityMount& mount);
-    // Releases the mount at the path; one that is not mounted is accepted.
+    /// Releases the mount at the path; one that is not mounted is accepted.
     virtual void doUnmount(std::string_view path);
 
-    // The table or entity that is mounted at the path, or null: not mounted, not there, or not of the mount's
-    // type.
+    /// The table or entity that is mounted at the path, or null: not mounted, not there, or not of the mount's
+    /// type.
     Handle<Entity> getEntity(std::string_view path) const;
     template <class T>
     Handle<T> entity(std::string_view path) const {
         return handleCast<T>(getEntity(path));
     }
 
-    // Checks that `entity` is what is mounted at the path, so that it may be read now; ends the process
-    // otherwise.
+    /// Checks that `entity` is what is mounted at the path, so that it may be read now; ends the process
+    /// otherwise.
     void assertSafeToAccess(const Entity* entity, std::string_view path) const;
 
     bool mounted(std::string_view path) const;

@@ -9,10 +9,10 @@ namespace State {
 
 class ShmObject {
   public:
-    // Typed handles that hold the object now.
+    /// Typed handles that hold the object now.
     std::uint32_t useCount() const { return uses_; }
 
-    // Called by handles only.
+    /// Called by handles only.
     void useTaken() const { ++uses_; }
     void useReleased() const { --uses_; }
 

@@ -10,11 +10,11 @@
 
 namespace State {
 
-// One input of a state machine: registered, it calls `method` of the machine for the input's changes.
-// Detaches itself when it goes. A null input can't be registered and is skipped.
+/// One input of a state machine: registered, it calls `method` of the machine for the input's changes.
+/// Detaches itself when it goes. A null input can't be registered and is skipped.
 class Reactor {
   public:
-    // For changes of `attributes` of `input`: (machine->*method)(notification). The machine owns the reactor.
+    /// For changes of `attributes` of `input`: (machine->*method)(notification). The machine owns the reactor.
     template <auto method, class Machine>
     static Reactor of(Machine* machine, Handle<const Publisher> input, AttributeMask attributes) {
         return Reactor(std::move(input), machine, attributes,
@@ -28,7 +28,7 @@ class Reactor {
     ~Reactor() { registeredIs(false); }
 
     bool registered() const { return registered_; }
-    // Attaches to or detaches from the input; an equal value does nothing.
+    /// Attaches to or detaches from the input; an equal value does nothing.
     void registeredIs(bool registered);
 
   private:
@@ -45,12 +45,12 @@ class Reactor {
     bool registered_ = false;
 };
 
-// Base of the top-level state machines. It is a publisher, because its collections announce changes as any
-// do.
+/// Base of the top-level state machines. It is a publisher, because its collections announce changes as any
+/// do.
 class StateMachine : public Publisher {
   public:
     bool notificationActive() const { return notificationActive_; }
-    // True once the destruction has begun: dispatches do nothing from then on.
+    /// True once the destruction has begun: dispatches do nothing from then on.
     bool retired() const { return retired_; }
 
   protected:
@@ -58,9 +58,9 @@ class StateMachine : public Publisher {
     bool retired_ = false;
 };
 
-// Base of a nested state machine that watches a `Notifier` for `Owner` and is itself a `Machine`. The owner
-// pointer is plain; the owner clears it (`ownerDel`) before it goes. Changes reach Machine::onAttribute while
-// the machine is registered and notification-active; those missed meanwhile are lost.
+/// Base of a nested state machine that watches a `Notifier` for `Owner` and is itself a `Machine`. The owner
+/// pointer is plain; the owner clears it (`ownerDel`) before it goes. Changes reach Machine::onAttribute while
+/// the machine is registered and notification-active; those missed meanwhile are lost.
 template <class Machine, class Notifier, class Owner, AttributeMask watched>
 class NestedStateMachine : public RefCounted {
   public:
@@ -77,7 +77,7 @@ class NestedStateMachine : public RefCounted {
         , owner_(owner) {}
     ~NestedStateMachine() override { detach(); }
 
-    // Registers with the notifier, if there is one.
+    /// Registers with the notifier, if there is one.
     void attach() {
         if (notifier_)
             notifier_->subscribe(this, &dispatch, watched);
@@ -86,7 +86,7 @@ class NestedStateMachine : public RefCounted {
         if (notifier_)
             notifier_->unsubscribe(this, &dispatch);
     }
-    // Makes `notifier` the watched one, without registering yet.
+    /// Makes `notifier` the watched one, without registering yet.
     void repoint(Handle<const Notifier> notifier) {
         detach();
         notifier_ = std::move(notifier);

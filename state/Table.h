@@ -46,9 +46,9 @@ struct MapEntry {
     V value;
 };
 
-// `Entry` is what is stored, movable without exceptions. `KeyOf{}(entry)` yields its key, which stays as it
-// is while the entry is a member; the key has `hash(seed)` or a HashOf (state/Hash.h). A KeyOf may have
-// state: it is copied in.
+/// `Entry` is what is stored, movable without exceptions. `KeyOf{}(entry)` yields its key, which stays as it
+/// is while the entry is a member; the key has `hash(seed)` or a HashOf (state/Hash.h). A KeyOf may have
+/// state: it is copied in.
 template <class Entry, class KeyOf>
 class Table {
   public:
@@ -69,45 +69,45 @@ class Table {
         FATAL_ASSERT(walksOpen_ == 0, "a table outlives its walks");
         clear();
     }
-    // A table with copies of the members, in the same order, under the same seed.
+    /// A table with copies of the members, in the same order, under the same seed.
     Table clone() const;
 
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
-    // All that the table holds, in bytes, beside itself.
+    /// All that the table holds, in bytes, beside itself.
     std::size_t memoryBytes() const;
 
-    // The member with this key, or null.
+    /// The member with this key, or null.
     Entry* find(const Key& key) { return lookUp(Unhashed{key}); }
     const Entry* find(const Key& key) const { return lookUp(Unhashed{key}); }
     bool contains(const Key& key) const { return find(key) != nullptr; }
 
-    // Adds `makeEntry()`, an entry with this key, if there is none; {the member, whether it was added}.
-    // makeEntry must not change the table.
+    /// Adds `makeEntry()`, an entry with this key, if there is none; {the member, whether it was added}.
+    /// makeEntry must not change the table.
     template <class MakeEntry>
     std::pair<Entry*, bool> findOrInsert(const Key& key, MakeEntry makeEntry) {
         return addUnless(Unhashed{key}, makeEntry);
     }
-    // The same for an entry at hand, which is left as it is if its key is there.
+    /// The same for an entry at hand, which is left as it is if its key is there.
     std::pair<Entry*, bool> insert(Entry&& entry) {
         return findOrInsert(keyOf_(entry), [&]() -> Entry&& { return std::move(entry); });
     }
 
-    // Removes the member with this key; false if there is none.
+    /// Removes the member with this key; false if there is none.
     bool erase(const Key& key) {
         return extract(key, [](Entry&&) {});
     }
-    // The same; hands the entry to `consume(Entry&&)` when it is no member any more, and before it is
-    // destroyed. Under an open walk the body may still refer to the key: take the value and leave the key.
+    /// The same; hands the entry to `consume(Entry&&)` when it is no member any more, and before it is
+    /// destroyed. Under an open walk the body may still refer to the key: take the value and leave the key.
     template <class Consume>
     bool extract(const Key& key, Consume consume) {
         return take(Unhashed{key}, consume);
     }
 
-    // The same three with a key that was hashed before; one of this table's seed is not hashed again.
+    /// The same three with a key that was hashed before; one of this table's seed is not hashed again.
     HashedKey<Key> hashed(const Key& key) const { return {key, index_.seed()}; }
     const Entry* find(const HashedKey<Key>& key) const { return lookUp(key); }
-    // Begins to load the member, for a look-up that comes soon.
+    /// Begins to load the member, for a look-up that comes soon.
     void prefetch(const HashedKey<Key>& key) const {
         if (index_.built()) {
             index_.find(key.hash(index_.seed()), [this](TableIndex::Position position) {
@@ -125,13 +125,13 @@ class Table {
         return take(key, consume);
     }
 
-    // Removes all.
+    /// Removes all.
     void clear();
 
-    // The members, for a range-based for.
+    /// The members, for a range-based for.
     Walk<Entry> walk() { return {*this, list_.first, 0}; }
     Walk<const Entry> walk() const { return {*this, list_.first, 0}; }
-    // The members behind `key`; all if there is no such member.
+    /// The members behind `key`; all if there is no such member.
     Walk<Entry> walkAfter(const Key& key) { return walkBehind<Entry>(key); }
     Walk<const Entry> walkAfter(const Key& key) const { return walkBehind<const Entry>(key); }
 
@@ -213,7 +213,7 @@ class Table {
     [[no_unique_address]] KeyOf keyOf_;
 };
 
-// What walk() yields: holds the walk open while it lives.
+/// What walk() yields: holds the walk open while it lives.
 template <class Entry, class KeyOf>
 template <class E>
 class Table<Entry, KeyOf>::Walk {
@@ -236,7 +236,7 @@ class Table<Entry, KeyOf>::Walk {
         TableCursor cursor_;
     };
 
-    // Over the members from this place on.
+    /// Over the members from this place on.
     Walk(const Table& table, Segment* segment, unsigned offset)
         : table_(table)
         , range_(table.list_, segment, offset) {
@@ -298,7 +298,7 @@ auto Table<Entry, KeyOf>::locate(const Key& key, std::uint32_t hash) const -> Pl
     return place.slot.page == nullptr ? Place{} : place;
 }
 
-// Looks at every member: faster than an index for a few.
+/// Looks at every member: faster than an index for a few.
 template <class Entry, class KeyOf>
 auto Table<Entry, KeyOf>::scan(const Key& key) const -> Place {
     for (Segment* segment = list_.first; segment != nullptr; segment = segment->next) {

@@ -51,7 +51,7 @@ std::pair<Entry*, bool> Table<Entry, KeyOf>::addUnless(const Given& given, MakeE
     return {entry, true};
 }
 
-// The last segment, a new one if that is full: a new one holds as many as the table has members.
+/// The last segment, a new one if that is full: a new one holds as many as the table has members.
 template <class Entry, class KeyOf>
 TableSegment* Table<Entry, KeyOf>::roomyTail() {
     if (list_.last != nullptr && list_.last->used < list_.last->capacity)
@@ -67,8 +67,8 @@ TableSegment* Table<Entry, KeyOf>::roomyTail() {
     return made;
 }
 
-// Whether another member would make scanning slow: many members, or many segments (of those removed under a
-// walk).
+/// Whether another member would make scanning slow: many members, or many segments (of those removed under a
+/// walk).
 template <class Entry, class KeyOf>
 bool Table<Entry, KeyOf>::outgrowsScan() const {
     std::size_t segments = 0;
@@ -141,7 +141,7 @@ void Table<Entry, KeyOf>::clear() {
     }
 }
 
-// Gives back what a segment from which members were removed needs no more.
+/// Gives back what a segment from which members were removed needs no more.
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::settle(Segment* segment) {
     const bool oversized = segment->capacity > oversize * size_;
@@ -158,8 +158,8 @@ void Table<Entry, KeyOf>::settle(Segment* segment) {
         gather(segment, nullptr);
 }
 
-// Whether new members will go into this segment: it is best left alone, unless the table has become much
-// smaller.
+/// Whether new members will go into this segment: it is best left alone, unless the table has become much
+/// smaller.
 template <class Entry, class KeyOf>
 bool Table<Entry, KeyOf>::filling(const Segment* segment) const {
     return segment == list_.last && segment->used < segment->capacity &&
@@ -172,8 +172,8 @@ bool Table<Entry, KeyOf>::joins(const Segment* first, const Segment* second) con
            !filling(second) && !first->queued && !second->queued;
 }
 
-// Moves the members of two neighbours, or of one segment, into a new one that they fill. Without memory for
-// that, it changes nothing.
+/// Moves the members of two neighbours, or of one segment, into a new one that they fill. Without memory for
+/// that, it changes nothing.
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::gather(Segment* first, Segment* second) {
     const unsigned total = first->live + (second == nullptr ? 0U : second->live);
@@ -219,7 +219,7 @@ void Table<Entry, KeyOf>::freeSegment(Segment* segment) {
     Segment::free(segment);
 }
 
-// After a removal: without members nothing is held, with a few no index.
+/// After a removal: without members nothing is held, with a few no index.
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::trim() {
     if (size_ == 0)
@@ -238,8 +238,8 @@ void Table<Entry, KeyOf>::queue(Segment* segment) {
     }
 }
 
-// The outermost walk closes. It counts as open while entries are destroyed, whose destructors may use the
-// table.
+/// The outermost walk closes. It counts as open while entries are destroyed, whose destructors may use the
+/// table.
 template <class Entry, class KeyOf>
 void Table<Entry, KeyOf>::sweep() {
     while (destroyRemoved()) {
@@ -253,7 +253,7 @@ void Table<Entry, KeyOf>::sweep() {
     trim();
 }
 
-// Destroys the removed entries; false if there were none.
+/// Destroys the removed entries; false if there were none.
 template <class Entry, class KeyOf>
 bool Table<Entry, KeyOf>::destroyRemoved() {
     bool any = false;

@@ -11,7 +11,7 @@ namespace State {
 
 class TableCursor {
   public:
-    // The places from this one up to the last that is in use now.
+    /// The places from this one up to the last that is in use now.
     struct Range {
         Range(const TableSegmentList& list, TableSegment* segment, unsigned at)
             : first(segment)
@@ -24,7 +24,7 @@ class TableCursor {
         unsigned end; // in `last`
     };
 
-    // At the first member of the range.
+    /// At the first member of the range.
     explicit TableCursor(const Range& range)
         : last_(range.last)
         , end_(range.end)
@@ -42,7 +42,7 @@ class TableCursor {
     TableSegment* segment() const { return segment_; }
     unsigned offset() const { return TableSegment::offsetOf(word_, rest_); }
 
-    // To the next member of the range that is still there.
+    /// To the next member of the range that is still there.
     void next() {
         rest_ &= rest_ - 1;
         rest_ &= segment_->bits(word_).live;

@@ -20,12 +20,12 @@ namespace State {
 
 class TableIndex {
   public:
-    // Where an entry lies: the id of its segment and, in the lower 8 bits, the offset in there.
+    /// Where an entry lies: the id of its segment and, in the lower 8 bits, the offset in there.
     using Position = std::uint32_t;
     static constexpr unsigned offsetBits = 8;
     static constexpr unsigned positionBits = 26;
 
-    // What a slot holds: a tag that is not 0 above the position, or one of these.
+    /// What a slot holds: a tag that is not 0 above the position, or one of these.
     static constexpr std::uint32_t free = 0;
     static constexpr std::uint32_t removed = 1; // free, but a probe goes on behind it
 
@@ -40,12 +40,12 @@ class TableIndex {
         std::uint32_t capacity() const { return mask + 1; }
         bool hasRoom() const { return live + removed < capacity() - capacity() / 4; }
     };
-    // One slot; invalid after makeRoom and remove.
+    /// One slot; invalid after makeRoom and remove.
     struct Slot {
         Page* page = nullptr;
         std::uint32_t number = 0;
     };
-    // Hashes the keys of the entries at some positions.
+    /// Hashes the keys of the entries at some positions.
     struct Rehash {
         const void* table;
         void (*hashes)(const void* table, const Position* positions, std::size_t count,
@@ -70,22 +70,22 @@ class TableIndex {
 
     std::uint32_t seed() const { return seed_; }
     bool built() const { return directory_ != nullptr; }
-    // Makes an empty index with room for 12 members. std::bad_alloc.
+    /// Makes an empty index with room for 12 members. std::bad_alloc.
     void build();
-    // Back to none.
+    /// Back to none.
     void drop();
-    // Forgets all members but no segment. Frees all that it can.
+    /// Forgets all members but no segment. Frees all that it can.
     void clear();
     std::size_t memoryBytes() const;
 
     // ---- segments
     TableSegment* segment(Position position) const { return ids_->cells()[position >> offsetBits].segment; }
-    // Makes sure that there is an id to take. std::bad_alloc; std::length_error when all 262,143 are taken.
+    /// Makes sure that there is an id to take. std::bad_alloc; std::length_error when all 262,143 are taken.
     void reserveId();
-    // Gives the segment an id; reserveId comes first.
+    /// Gives the segment an id; reserveId comes first.
     void takeId(TableSegment* segment);
     void returnId(std::uint32_t id);
-    // From now on `id` stands for `segment`.
+    /// From now on `id` stands for `segment`.
     void passId(std::uint32_t id, TableSegment* segment);
     static Position position(const TableSegment* segment, unsigned offset) {
         return segment->id << offsetBits | offset;
@@ -97,18 +97,18 @@ class TableIndex {
     // The slot of the entry for which `same(position)` answers true; page null if there is none.
     template <class Same>
     [[gnu::always_inline]] Slot find(std::uint32_t hash, Same same) const;
-    // The same, but yields {slot, true} or {the free slot to put it, false}.
+    /// The same, but yields {slot, true} or {the free slot to put it, false}.
     template <class Same>
     [[gnu::always_inline]] std::pair<Slot, bool> findOrFree(std::uint32_t hash, Same same) const;
 
-    // A free slot for a key that is not there.
+    /// A free slot for a key that is not there.
     Slot freeSlot(std::uint32_t hash) const { return freeSlot(pageOf(hash), hash); }
-    // True if `put` may use this free slot.
+    /// True if `put` may use this free slot.
     bool hasRoom(Slot slot) const {
         return slot.page->slots()[slot.number] == removed || slot.page->hasRoom();
     }
-    // Makes the page of `hash` larger, or two, and yields a free slot. `members`: how many the index holds.
-    // std::bad_alloc.
+    /// Makes the page of `hash` larger, or two, and yields a free slot. `members`: how many the index holds.
+    /// std::bad_alloc.
     Slot makeRoom(std::uint32_t hash, std::size_t members, Rehash rehash);
     void put(Slot slot, std::uint32_t hash, Position position) {
         std::uint32_t& value = slot.page->slots()[slot.number];
@@ -117,7 +117,7 @@ class TableIndex {
         value = tagOf(hash) | position;
     }
     void remove(Slot slot, std::uint32_t hash, Rehash rehash);
-    // The entry at `from`, whose key has `hash`, lies at `to` now.
+    /// The entry at `from`, whose key has `hash`, lies at `to` now.
     void move(std::uint32_t hash, Position from, Position to) {
         Page* page = pageOf(hash);
         const std::uint32_t tag = tagOf(hash);

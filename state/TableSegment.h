@@ -12,8 +12,8 @@
 namespace State {
 
 struct TableSegment {
-    // Use of 64 places. A place is live while it holds a member and held until its entry is destroyed; the
-    // two differ for members that were removed under an open walk.
+    /// Use of 64 places. A place is live while it holds a member and held until its entry is destroyed; the
+    /// two differ for members that were removed under an open walk.
     struct Bits {
         std::uint64_t live;
         std::uint64_t held;
@@ -32,8 +32,8 @@ struct TableSegment {
     std::uint8_t live; // members
     bool queued;
 
-    // A block for `capacity` entries, all bits 0. With `orNull`, lack of memory yields null, otherwise
-    // std::bad_alloc.
+    /// A block for `capacity` entries, all bits 0. With `orNull`, lack of memory yields null, otherwise
+    /// std::bad_alloc.
     static TableSegment* make(std::size_t capacity, std::size_t entrySize, bool orNull);
     static void free(TableSegment* segment);
     static constexpr std::size_t words(std::size_t capacity) { return (capacity + wordBits - 1) / wordBits; }
@@ -47,7 +47,7 @@ struct TableSegment {
     Bits& bits(std::size_t word) { return *(reinterpret_cast<Bits*>(this) - 1 - word); }
     const Bits& bits(std::size_t word) const { return *(reinterpret_cast<const Bits*>(this) - 1 - word); }
 
-    // The first live place for which `test(offset)` answers true, or `none`.
+    /// The first live place for which `test(offset)` answers true, or `none`.
     template <class Test>
     unsigned findLive(Test test) const {
         for (std::size_t word = 0; word < words(used); ++word) {
@@ -66,7 +66,7 @@ struct TableSegment {
             return false;
         });
     }
-    // The offset of the lowest bit of `rest`, which is of bits(word).
+    /// The offset of the lowest bit of `rest`, which is of bits(word).
     static unsigned offsetOf(std::size_t word, std::uint64_t rest) {
         return static_cast<unsigned>(word * wordBits) + static_cast<unsigned>(std::countr_zero(rest));
     }
@@ -85,9 +85,9 @@ struct TableSegment {
             bits(word).live = 0;
         live = 0;
     }
-    // The entry at this place, which was removed, is to be destroyed now.
+    /// The entry at this place, which was removed, is to be destroyed now.
     void release(unsigned offset) { bits(offset / wordBits).held &= ~bit(offset); }
-    // Releases the first such place there is, and yields it; or `none`.
+    /// Releases the first such place there is, and yields it; or `none`.
     unsigned takeRemoved() {
         for (std::size_t word = 0; word < words(used); ++word) {
             const std::uint64_t rest = bits(word).held & ~bits(word).live;
@@ -110,7 +110,7 @@ struct TableSegmentList {
 
     void append(TableSegment* segment);
     void unlink(TableSegment* segment);
-    // Puts `segment` where `old` is, which leaves the list.
+    /// Puts `segment` where `old` is, which leaves the list.
     void replace(TableSegment* old, TableSegment* segment);
 };
 

@@ -11,7 +11,7 @@ namespace State {
 
 class TextReader {
   public:
-    // Reads `text` for a value of `typeName`; both must outlive the reader.
+    /// Reads `text` for a value of `typeName`; both must outlive the reader.
     TextReader(std::string_view typeName, std::string_view text)
         : typeName_(typeName)
         , text_(text) {}
@@ -21,11 +21,11 @@ class TextReader {
     bool boolean();
     bool atNumber() const;
     std::uint64_t number();
-    // A quoted string: \" \\ \n \t and \xHH are its escapes.
+    /// A quoted string: \" \\ \n \t and \xHH are its escapes.
     std::string quoted();
-    // Characters up to the next separator: comma, closing bracket, end.
+    /// Characters up to the next separator: comma, closing bracket, end.
     std::string_view word();
-    // All that is left.
+    /// All that is left.
     std::string_view rest();
 
   private:

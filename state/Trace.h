@@ -23,7 +23,7 @@ namespace State {
 
 // ---- reading and control ------------------------------------------------------------------------
 
-// One record in words. The views live as long as the module that traced.
+/// One record in words. The views live as long as the module that traced.
 struct TraceRecord {
     std::uint64_t n = 0;    // counts the process's records from 0
     std::uint64_t time = 0; // of the outside event it belongs to, in nanoseconds since 1970 (UTC)
@@ -35,51 +35,51 @@ struct TraceRecord {
     std::string message;
 };
 
-// The records from number `first` on, or the `count` latest, oldest first. A record that cannot be read says
-// so in its message; where the ring is damaged, one such record ends the list.
+/// The records from number `first` on, or the `count` latest, oldest first. A record that cannot be read says
+/// so in its message; where the ring is damaged, one such record ends the list.
 std::vector<TraceRecord> traceRecordsSince(std::uint64_t first);
 std::vector<TraceRecord> traceRecordsLast(std::size_t count);
-// Number of the next record; of the oldest that is still in the ring (equal: none is).
+/// Number of the next record; of the oldest that is still in the ring (equal: none is).
 std::uint64_t traceNext();
 std::uint64_t traceOldest();
 
-// Appends a record as one line of text, with its newline: time, level, facility, file:line, function,
-// message. Control characters in the message are escaped.
+/// Appends a record as one line of text, with its newline: time, level, facility, file:line, function,
+/// message. Control characters in the message are escaped.
 void appendTraceLine(std::string& out, const TraceRecord& record);
-// Prints the latest records as lines; fit for the last words of a process (state/Fatal.h).
+/// Prints the latest records as lines; fit for the last words of a process (state/Fatal.h).
 void traceDumpLast(std::size_t count, std::FILE* file);
 
-// Hands the ring its memory: see TraceRing::memoryIs. An empty span switches the ring off.
+/// Hands the ring its memory: see TraceRing::memoryIs. An empty span switches the ring off.
 void traceRingIs(std::span<std::byte> memory);
-// Begins an outside event: the records that follow share this time (in nanoseconds since 1970, UTC), or now.
+/// Begins an outside event: the records that follow share this time (in nanoseconds since 1970, UTC), or now.
 void traceTimeIs(std::uint64_t time);
 void traceEventBegin();
 
-// Lines of `facility` up to `level` (0 to 9, else RangeError) go to the text trace. Holds for modules loaded
-// later.
+/// Lines of `facility` up to `level` (0 to 9, else RangeError) go to the text trace. Holds for modules loaded
+/// later.
 void traceLevelIs(std::string_view facility, int level);
 struct TraceLevel {
     std::string facility;
     int level;
     bool isLoaded; // a loaded module traces under this facility
 };
-// Every facility that is loaded or was given a level, by name.
+/// Every facility that is loaded or was given a level, by name.
 std::vector<TraceLevel> traceLevels();
 
-// Where the text trace goes; null: standard error, in the form of appendTraceLine. A sink must not throw.
+/// Where the text trace goes; null: standard error, in the form of appendTraceLine. A sink must not throw.
 using TraceSink = void (*)(void* context, const TraceRecord& record);
 void traceSinkIs(TraceSink sink, void* context);
 
 // ---- what TRACE is made of ----------------------------------------------------------------------
 
-// A source file's part in a facility.
+/// A source file's part in a facility.
 struct TraceFacility {
     const char* name;
     int level = 0;                 // of the facility, kept up to date
     TraceFacility* next = nullptr; // in the list of those that are loaded
 };
 
-// Enters a file's part in the list while its module is loaded.
+/// Enters a file's part in the list while its module is loaded.
 class TraceFacilityEntry {
   public:
     explicit TraceFacilityEntry(TraceFacility& facility);
@@ -91,7 +91,7 @@ class TraceFacilityEntry {
     TraceFacility& facility_;
 };
 
-// One TRACE statement.
+/// One TRACE statement.
 struct TraceSite {
     const TraceFacility& facility;
     int level;
@@ -101,14 +101,14 @@ struct TraceSite {
     std::uint32_t event = 0; // assigned when its first record is written
 };
 
-// Which of a statement's pieces are string literals.
+/// Which of a statement's pieces are string literals.
 struct TracePieces {
     std::size_t count = 1;
     std::uint64_t literals = 0;
     constexpr bool isLiteral(std::size_t piece) const { return (literals >> piece & 1U) != 0; }
 };
 
-// Found from the text of the pieces, as a literal cannot be told from other character arrays by its type.
+/// Found from the text of the pieces, as a literal cannot be told from other character arrays by its type.
 consteval TracePieces tracePieces(std::string_view code) {
     const auto isWord = [](char c) {
         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
@@ -138,10 +138,10 @@ consteval TracePieces tracePieces(std::string_view code) {
 
 using TraceDecode = void (*)(TraceReader& reader, std::string& out, const std::string_view* literals);
 
-// Gives the site its event number. `literals` has one entry a piece, empty for values.
+/// Gives the site its event number. `literals` has one entry a piece, empty for values.
 [[gnu::cold]] void registerTraceSite(TraceSite& site, TraceDecode decode,
                                      std::initializer_list<std::string_view> literals);
-// Sends a line to the text trace.
+/// Sends a line to the text trace.
 void traceLine(const TraceSite& site, std::string message);
 
 template <TracePieces pieces, class Indexes, class... Args>

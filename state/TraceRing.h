@@ -31,12 +31,12 @@ struct TraceRecordHead {
     std::uint32_t size; // in use, with this head
 };
 
-// The room that a record of that size takes.
+/// The room that a record of that size takes.
 constexpr std::size_t traceRoundUp(std::size_t size) {
     return (size + 7) / 8 * 8;
 }
 
-// Event numbers that name no call site.
+/// Event numbers that name no call site.
 constexpr std::uint32_t tracePadEvent = 0;
 constexpr std::uint32_t traceTimeEvent = 1; // the value is a time; it holds for the records that follow
 constexpr std::uint32_t traceFirstSiteEvent = 2;
@@ -53,13 +53,13 @@ class TraceRing {
 
     bool isOn() const { return on_; }
 
-    // Room for a record of up to `size` bytes (a multiple of 8, at most traceRecordBytes), old records making
-    // way.
+    /// Room for a record of up to `size` bytes (a multiple of 8, at most traceRecordBytes), old records making
+    /// way.
     std::byte* reserve(std::size_t size) {
         std::byte* const begin = cursor_;
         return size <= static_cast<std::size_t>(limit_ - begin) ? begin : makeRoom(size);
     }
-    // Makes the record that has been written there, up to `end`, part of the ring.
+    /// Makes the record that has been written there, up to `end`, part of the ring.
     void commit(std::byte* end) {
         std::atomic_signal_fence(std::memory_order_release);
         cursor_ = end;
@@ -67,16 +67,16 @@ class TraceRing {
         header_->position = static_cast<std::uint64_t>(end - space_);
     }
 
-    // Puts an empty ring into `memory`, which stays the caller's and must outlive its use; what it held is
-    // gone. Empty memory: no record is kept. Until the first call, 1 MiB of the framework's own is used.
-    // RangeError where the memory is less than 8192 bytes.
+    /// Puts an empty ring into `memory`, which stays the caller's and must outlive its use; what it held is
+    /// gone. Empty memory: no record is kept. Until the first call, 1 MiB of the framework's own is used.
+    /// RangeError where the memory is less than 8192 bytes.
     void memoryIs(std::span<std::byte> memory);
 
-    // The time of the records that follow, in nanoseconds since 1970 (UTC).
+    /// The time of the records that follow, in nanoseconds since 1970 (UTC).
     void timeIs(std::uint64_t time);
     std::uint64_t time() const { return time_; }
 
-    // Number of the next record, and of the oldest one that is still there; equal: the ring is empty.
+    /// Number of the next record, and of the oldest one that is still there; equal: the ring is empty.
     std::uint64_t next() const { return next_; }
     std::uint64_t oldest() const { return space_ == nullptr ? next_ : tail().number; }
 
@@ -119,22 +119,22 @@ class TraceRing {
     std::uint64_t endMark_ = 0;
 };
 
-// The clock, in nanoseconds since 1970 (UTC).
+/// The clock, in nanoseconds since 1970 (UTC).
 std::uint64_t traceNow();
 
-// The process's ring.
+/// The process's ring.
 extern TraceRing traceRing;
 
-// Goes through the records of the ring, from the oldest on. Nothing may be traced meanwhile. It never reads
-// outside the ring's memory, whatever that holds.
+/// Goes through the records of the ring, from the oldest on. Nothing may be traced meanwhile. It never reads
+/// outside the ring's memory, whatever that holds.
 class TraceRingWalk {
   public:
     explicit TraceRingWalk(const TraceRing& ring);
 
-    // Steps to the next record of a call site; false at the end and at a damaged place, where `number` is
-    // that of the record that should be there.
+    /// Steps to the next record of a call site; false at the end and at a damaged place, where `number` is
+    /// that of the record that should be there.
     bool next();
-    // Whether the walk has ended because what stands there cannot be a record.
+    /// Whether the walk has ended because what stands there cannot be a record.
     bool isDamaged() const { return damaged_; }
 
     std::uint64_t number() const { return number_; }

@@ -1,9 +1,8 @@
 // How a value goes into a trace record and comes out as text. At a TRACE the raw value is copied, nothing is
 // formatted; a reader turns it into text later. What a type has to do for it:
 //
-// - trivially copyable types, strings, described values (state/Value.h) and sets of such: nothing beyond
-// their text
-//   form (ValueTraits or `appendText`, state/Text.h). Their printers must accept any bytes.
+// - trivially copyable types, strings, described values (state/Value.h) and sets of such: nothing beyond their
+//   text form (ValueTraits or `appendText`, state/Text.h). Their printers must accept any bytes.
 // - others: `void traceEncode(State::TraceWriter&) const` and
 //   `static void traceDecode(State::TraceReader&, std::string& out)`, which may leave out what is long.
 //
@@ -34,20 +33,20 @@ constexpr std::size_t traceStringBytes = 100;
 constexpr std::size_t traceSetMembers = 8;
 constexpr std::size_t traceRecordBytes = 1024;
 
-// Takes the values of one record. What does not fit any more is left out, and so is all that follows it.
+/// Takes the values of one record. What does not fit any more is left out, and so is all that follows it.
 class TraceWriter {
   public:
     TraceWriter(std::byte* begin, std::byte* end)
         : at_(begin)
         , end_(end) {}
 
-    // The bytes of a trivially copyable value.
+    /// The bytes of a trivially copyable value.
     template <class T>
     void raw(const T& value) {
         static_assert(std::is_trivially_copyable_v<T>);
         bytes(&value, sizeof value);
     }
-    // A string: its first bytes, whole UTF-8 characters.
+    /// A string: its first bytes, whole UTF-8 characters.
     void text(std::string_view text) {
         const std::size_t size = text.size() <= traceStringBytes ? text.size() : cutSize(text);
         if (size + 2 > static_cast<std::size_t>(end_ - at_)) {
@@ -60,12 +59,12 @@ class TraceWriter {
             std::memcpy(at_ + 2, text.data(), size);
         at_ += size + 2;
     }
-    // A value of any type, in the way of its TraceValue.
+    /// A value of any type, in the way of its TraceValue.
     template <class T>
     void value(const T& value) {
         TraceValue<T>::encode(*this, value);
     }
-    // The first members of a set, and how many it has.
+    /// The first members of a set, and how many it has.
     template <class Set>
     void members(const Set& set) {
         std::uint32_t count = 0;
@@ -96,8 +95,8 @@ class TraceWriter {
     std::byte* end_;
 };
 
-// Hands the values of one record back, in the order in which they were written. Reading past the end yields
-// empty values and sets `failed`.
+/// Hands the values of one record back, in the order in which they were written. Reading past the end yields
+/// empty values and sets `failed`.
 class TraceReader {
   public:
     TraceReader(const std::byte* begin, const std::byte* end)
@@ -109,9 +108,9 @@ class TraceReader {
         static_assert(std::is_trivially_copyable_v<T>);
         bytes(&value, sizeof value);
     }
-    // A string as it was written; "..." follows a cut one.
+    /// A string as it was written; "..." follows a cut one.
     std::string text();
-    // Appends the text of a T, or "..." where its bytes are missing.
+    /// Appends the text of a T, or "..." where its bytes are missing.
     template <class T>
     void value(std::string& out) {
         const std::size_t before = out.size();
@@ -138,7 +137,7 @@ class TraceReader {
     bool failed_ = false;
 };
 
-// The plain text of any value (see state/Text.h).
+/// The plain text of any value (see state/Text.h).
 template <class T>
 void traceText(std::string& out, const T& value) {
     if constexpr (requires { appendText(out, value); })
@@ -167,9 +166,9 @@ concept TraceSet = requires(T& set, const typename T::Element& element) {
     set.begin() != set.end();
 };
 
-// The way of a type: `encode` and `decode` move values between record and text; `read` brings a value back,
-// as far as it was kept, for types that are printed as part of another. A raw type has the same size in every
-// record.
+/// The way of a type: `encode` and `decode` move values between record and text; `read` brings a value back,
+/// as far as it was kept, for types that are printed as part of another. A raw type has the same size in every
+/// record.
 template <class T>
 struct TraceValue {
     static constexpr bool isRaw = std::is_trivially_copyable_v<T> && !TraceCoded<T> && !TraceString<T>;

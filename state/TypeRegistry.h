@@ -17,24 +17,24 @@
 
 namespace State {
 
-// A constructor argument: a string (names), or a handle to an object (inputs; may be null).
+/// A constructor argument: a string (names), or a handle to an object (inputs; may be null).
 using Argument = std::variant<std::string, Handle<const RefCounted>>;
 using Factory = std::function<Handle<RefCounted>(std::span<const Argument>)>;
 
-// Registers `factory`, which takes `arity` arguments, under `typeName`. A second registration of a name
-// replaces the first.
+/// Registers `factory`, which takes `arity` arguments, under `typeName`. A second registration of a name
+/// replaces the first.
 void registerFactory(std::string_view typeName, std::size_t arity, Factory factory);
 
-// Makes an object of the type. Errors: UnknownTypeError; CreationError for arguments that are too many, too
-// few or of another type. Exceptions of the constructor pass through.
+/// Makes an object of the type. Errors: UnknownTypeError; CreationError for arguments that are too many, too
+/// few or of another type. Exceptions of the constructor pass through.
 Handle<RefCounted> createByTypeName(std::string_view typeName, std::span<const Argument> arguments);
 
-// Names of all registered types, in order of registration.
+/// Names of all registered types, in order of registration.
 std::vector<std::string> creatableTypes();
 
 namespace Detail {
 
-// The argument as the parameter type P of a factory function.
+/// The argument as the parameter type P of a factory function.
 template <class P>
 P argumentAs(std::string_view typeName, std::size_t position, const Argument& argument) {
     if constexpr (std::is_convertible_v<std::string_view, P>) {
@@ -62,7 +62,7 @@ Handle<RefCounted> callFactory([[maybe_unused]] std::string_view typeName, R (*f
 
 } // namespace Detail
 
-// Registers a factory function with its parameters (strings or handles) as they are.
+/// Registers a factory function with its parameters (strings or handles) as they are.
 template <class R, class... P>
 void registerFactory(std::string_view typeName, R (*function)(P...)) {
     registerFactory(typeName, sizeof...(P),

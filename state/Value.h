@@ -60,7 +60,7 @@ constexpr Description<Fields...> describe(std::string_view typeName, Fields... f
     return {typeName, {fields...}};
 }
 
-// Stands for a value of any type, where only the count of the members matters.
+/// Stands for a value of any type, where only the count of the members matters.
 struct AnyMember {
     template <class T>
     operator T() const;
@@ -73,7 +73,7 @@ constexpr bool takesMembers(std::index_sequence<i...>) {
     };
 }
 
-// How many members an aggregate has: the most initialisers that it takes.
+/// How many members an aggregate has: the most initialisers that it takes.
 template <class T, std::size_t count = 16>
 constexpr std::size_t memberCountOf() {
     if constexpr (count == 0 || takesMembers<T>(std::make_index_sequence<count>()))
@@ -84,13 +84,13 @@ constexpr std::size_t memberCountOf() {
 template <class T>
 constexpr std::size_t memberCount = memberCountOf<T>();
 
-// A structured value: an aggregate with a field list.
+/// A structured value: an aggregate with a field list.
 template <class T>
 concept Described = requires {
     T::describe().typeName;
 };
 
-// A scalar with a name that prints as text and is built from text (raising ParseError or RangeError).
+/// A scalar with a name that prints as text and is built from text (raising ParseError or RangeError).
 template <class T>
 concept TextScalar = requires(const T& value, std::string_view text) {
     { T::typeName } -> std::convertible_to<std::string_view>;
@@ -98,7 +98,7 @@ concept TextScalar = requires(const T& value, std::string_view text) {
     { T::fromString(text) } -> std::same_as<T>;
 };
 
-// A scalar with a name that is a number (`value()`), built from a number (raising RangeError).
+/// A scalar with a name that is a number (`value()`), built from a number (raising RangeError).
 template <class T>
 concept NumberScalar = requires(const T& value) {
     { T::typeName } -> std::convertible_to<std::string_view>;
@@ -106,14 +106,14 @@ concept NumberScalar = requires(const T& value) {
     { T::fromNumber(std::uint64_t{}) } -> std::same_as<T>;
 };
 
-// A value that is a set of elements: `insert` adds one; it is a range, or its elements() are.
+/// A value that is a set of elements: `insert` adds one; it is a range, or its elements() are.
 template <class T>
 concept SetValue = requires(T& set, const typename T::Element& element) {
     { T::typeName } -> std::convertible_to<std::string_view>;
     set.insert(element);
 };
 
-// The elements of a set value as a range, in order.
+/// The elements of a set value as a range, in order.
 template <class T>
 decltype(auto) elementsOf(const T& set) {
     if constexpr (requires { set.elements(); })
@@ -122,8 +122,8 @@ decltype(auto) elementsOf(const T& set) {
         return (set);
 }
 
-// An enumeration with a name and named enumerators (specialise for each): `typeName` and
-// `enumerators`, an array of {number, name}.
+/// An enumeration with a name and named enumerators (specialise for each): `typeName` and
+/// `enumerators`, an array of {number, name}.
 template <class T>
 struct EnumNames;
 
@@ -134,13 +134,13 @@ concept NamedEnum = std::is_enum_v<T> && requires {
 
 enum class ValueKind { boolean, number, text, enumeration, record, set };
 
-// The operations of one type. Every specialisation has: `kind`, `name()`, `print` (value form), `read` (back
-// from it), `toDatum`, `fromDatum` (raises ParseError that names type and field; RangeError where a type
-// refuses).
+/// The operations of one type. Every specialisation has: `kind`, `name()`, `print` (value form), `read` (back
+/// from it), `toDatum`, `fromDatum` (raises ParseError that names type and field; RangeError where a type
+/// refuses).
 template <class T>
 struct ValueTraits;
 
-// The value form of `value` appended to `out`: strings quoted.
+/// The value form of `value` appended to `out`: strings quoted.
 template <class T>
 void appendValue(std::string& out, const T& value) {
     ValueTraits<T>::print(out, value);
@@ -153,8 +153,8 @@ std::string valueText(const T& value) {
     return out;
 }
 
-// Builds a T from its value form. Errors: ParseError naming type and attribute; RangeError where a type
-// refuses.
+/// Builds a T from its value form. Errors: ParseError naming type and attribute; RangeError where a type
+/// refuses.
 template <class T>
 T parseValue(std::string_view text) {
     TextReader reader(ValueTraits<T>::name(), text);
@@ -192,7 +192,7 @@ void mixInto(Hasher& hasher, const T& value) {
         hasher.mix(value);
 }
 
-// Hash of a structured value: its fields mixed in declared order, under `seed`.
+/// Hash of a structured value: its fields mixed in declared order, under `seed`.
 template <Described T>
 constexpr std::uint32_t hashFields(const T& value, std::uint32_t seed) {
     Hasher hasher(seed);
@@ -203,7 +203,7 @@ constexpr std::uint32_t hashFields(const T& value, std::uint32_t seed) {
 
 // ---- the traits ---------------------------------------------------------------------------------------------
 
-// Raises ParseError: `typeName` cannot be built from what is there.
+/// Raises ParseError: `typeName` cannot be built from what is there.
 [[noreturn]] void wrongKind(std::string_view typeName, std::string_view wanted, const Datum& datum);
 void appendQuoted(std::string& out, std::string_view text);
 
@@ -266,7 +266,7 @@ template <TextScalar T>
 struct ValueTraits<T> {
     static constexpr ValueKind kind = ValueKind::text;
     static constexpr std::string_view name() { return T::typeName; }
-    // A string type (one that may hold any character) stands quoted; others end at a separator.
+    /// A string type (one that may hold any character) stands quoted; others end at a separator.
     static constexpr bool quoted = std::convertible_to<const T&, std::string_view>;
     static void print(std::string& out, const T& value) {
         if constexpr (quoted)
@@ -302,7 +302,7 @@ struct ValueTraits<T> {
     }
 };
 
-// Enumerations print as the enumerator's name; a number without one prints in decimal. Both are read.
+/// Enumerations print as the enumerator's name; a number without one prints in decimal. Both are read.
 template <NamedEnum T>
 struct ValueTraits<T> {
     using Number = std::underlying_type_t<T>;
@@ -343,7 +343,7 @@ struct ValueTraits<T> {
     }
 };
 
-// Raises the error that came out of field `name` again, as an error of that field.
+/// Raises the error that came out of field `name` again, as an error of that field.
 [[noreturn]] void rethrowInField(std::string_view typeName, std::string_view name);
 [[noreturn]] void unknownField(std::string_view typeName, std::string_view name);
 
@@ -404,7 +404,7 @@ struct ValueTraits<T> {
         return Datum(std::move(record));
     }
 
-    // Fields that are left out keep their defaults; a field that the type does not have is refused.
+    /// Fields that are left out keep their defaults; a field that the type does not have is refused.
     static void fromDatum(const Datum& datum, T& value) {
         if (datum.record() == nullptr)
             wrongKind(name(), "an object", datum);
@@ -427,7 +427,7 @@ struct ValueTraits<T> {
     }
 };
 
-// Sets print as their elements in order; they are read from arrays of plain data only.
+/// Sets print as their elements in order; they are read from arrays of plain data only.
 template <SetValue T>
 struct ValueTraits<T> {
     using Element = typename T::Element;

@@ -19,7 +19,7 @@
 
 namespace State {
 
-// T: a trivially copyable value type; `constant`: the collection's hash-seed constant.
+/// T: a trivially copyable value type; `constant`: the collection's hash-seed constant.
 template <class T, std::uint32_t constant>
 class ValueSet {
     static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
@@ -73,7 +73,7 @@ class ValueSet {
         return std::find(members.begin(), members.end(), element) != members.end();
     }
 
-    // Inserts if absent; true if something changed.
+    /// Inserts if absent; true if something changed.
     bool insert(const T& element) {
         if (has(element))
             return false;
@@ -105,7 +105,7 @@ class ValueSet {
         return true;
     }
 
-    // Removes if present; true if something changed.
+    /// Removes if present; true if something changed.
     bool erase(const T& element) {
         if (!has(element))
             return false;
@@ -129,8 +129,8 @@ class ValueSet {
             release(content_.rep);
     }
 
-    // Calls visitor(element) -> go on, in order of insertion. The elements stay as they are meanwhile,
-    // whatever the body does to this set.
+    /// Calls visitor(element) -> go on, in order of insertion. The elements stay as they are meanwhile,
+    /// whatever the body does to this set.
     template <class Visit>
     void visit(Visit visitor) const {
         const ValueSet held = *this;
@@ -144,7 +144,7 @@ class ValueSet {
             if (!visitor(element))
                 return;
     }
-    // The same for all of them, with visitor(element).
+    /// The same for all of them, with visitor(element).
     template <class Visit>
     void forEach(Visit visitor) const {
         visit([&](const T& element) {
@@ -159,7 +159,7 @@ class ValueSet {
         return list;
     }
 
-    // Same elements, in whatever order.
+    /// Same elements, in whatever order.
     bool operator==(const ValueSet& other) const {
         if (held_ == Held::rep && other.held_ == Held::rep && content_.rep == other.content_.rep)
             return true;
@@ -167,20 +167,20 @@ class ValueSet {
         forEach([&](const T& element) { equal = equal && other.has(element); });
         return equal;
     }
-    // By the elements in ascending order.
+    /// By the elements in ascending order.
     std::strong_ordering operator<=>(const ValueSet& other) const {
         const auto mine = sorted();
         const auto theirs = other.sorted();
         return std::lexicographical_compare_three_way(mine.begin(), mine.end(), theirs.begin(), theirs.end());
     }
-    // Independent of the order of the elements.
+    /// Independent of the order of the elements.
     std::uint32_t hash(std::uint32_t seed) const {
         std::uint32_t sum = 0;
         forEach([&](const T& element) { sum += element.hash(0); });
         return Hasher(seed).mix(sum).result();
     }
 
-    // What this set holds, which all copies share.
+    /// What this set holds, which all copies share.
     std::size_t memoryBytes() const {
         if (held_ != Held::rep)
             return 0;

@@ -19,12 +19,12 @@ struct ValueType {
     std::vector<std::string_view> enumerators;                         // of an enumeration
 };
 
-// Adds the type to the list, once.
+/// Adds the type to the list, once.
 void registerValueType(const ValueType& type);
 const std::vector<const ValueType*>& valueTypes();
 const ValueType* findValueType(std::string_view name);
 
-// The description of T; the same object for every caller.
+/// The description of T; the same object for every caller.
 template <class T>
 const ValueType& valueType() {
     static const ValueType type = [] {

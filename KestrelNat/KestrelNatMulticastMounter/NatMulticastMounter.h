@@ -24,9 +24,9 @@ class NatMulticastMounter final : public KestrelLib::MounterBase {
     void doMountsComplete(const State::MountStatus& status,
                           const State::Handle<State::EntityManager>& em) override;
 
-    // The route map, made on first use; one that is there is never replaced.
+    /// The route map, made on first use; one that is there is never replaced.
     State::Handle<NatMrouteRouteMap> mrouteRouteMapIs();
-    // Clears the handle and hands the old one back, null if there was none.
+    /// Clears the handle and hands the old one back, null if there was none.
     State::Handle<NatMrouteRouteMap> mrouteRouteMapDel();
     const State::Handle<NatMrouteRouteMap>& mrouteRouteMap() const { return mrouteRouteMap_; }
 

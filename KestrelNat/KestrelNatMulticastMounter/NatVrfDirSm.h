@@ -22,9 +22,9 @@ class NatVrfDirSm final : public State::StateMachine {
     using VrfStatus = Routing::Hardware::VrfStatus;
     using VrfEnabledStatus = Routing::Multicast::Fib::VrfEnabledStatus;
 
-    // Makes the state machine, enters every VRF that is ready, and switches notification on. Inputs may be
-    // null: a null collection reads as empty, a null route map or entity manager means that nothing can be
-    // entered.
+    /// Makes the state machine, enters every VRF that is ready, and switches notification on. Inputs may be
+    /// null: a null collection reads as empty, a null route map or entity manager means that nothing can be
+    /// entered.
     static State::Handle<NatVrfDirSm>
     NatVrfDirSmIs(State::Handle<State::ShmEntityManager> shmemEm,
                   State::Handle<const RouteStatus> routingHwRouteStatus,
@@ -43,15 +43,15 @@ class NatVrfDirSm final : public State::StateMachine {
     }
     const State::Handle<NatMrouteRouteMap>& mrouteRouteMap() const { return mrouteRouteMap_; }
 
-    // Brings route map and mounts for one VRF in line with the inputs. Every reactor ends here.
+    /// Brings route map and mounts for one VRF in line with the inputs. Every reactor ends here.
     void handleVrf(const L3::VrfName& vrfName);
-    // The same for every VRF in the VRF-enabled collection.
+    /// The same for every VRF in the VRF-enabled collection.
     void handleInitialized();
 
-    // One nested state machine per VRF status, by VRF name: adds it, or points it at another status, which it
-    // then handles at once. NullArgumentError.
+    /// One nested state machine per VRF status, by VRF name: adds it, or points it at another status, which it
+    /// then handles at once. NullArgumentError.
     void vrfStatusIs(const State::Handle<const VrfStatus>& vrfStatus);
-    // Removes it; it stops reacting. Absent is no error.
+    /// Removes it; it stops reacting. Absent is no error.
     void vrfStatusDel(const L3::VrfName& vrfName);
     void vrfStatusDelAll();
     bool vrfStatusHas(const L3::VrfName& vrfName) const { return vrfStatus_.has(vrfName); }
@@ -60,7 +60,7 @@ class NatVrfDirSm final : public State::StateMachine {
     }
     static constexpr State::AttributeId vrfStatusAttribute = 4;
 
-    // Turns all reactors on or off, those of the nested state machines too.
+    /// Turns all reactors on or off, those of the nested state machines too.
     void hasNotificationActiveIs(bool active);
 
     void routingHwRouteStatusDispatch(const State::Notification& change);
@@ -81,21 +81,21 @@ class NatVrfDirSm final : public State::StateMachine {
     State::Reactor vrfEnabledReactor_;
 };
 
-// Watches the identifier of one VRF.
+/// Watches the identifier of one VRF.
 class NatVrfDirSm::NestedSm_VrfStatus final
     : public State::NestedStateMachine<NestedSm_VrfStatus, VrfStatus, NatVrfDirSm,
                                        State::maskOf(VrfStatus::vrfIdAttribute)> {
   public:
-    // Attaches to the status without running the reactor.
+    /// Attaches to the status without running the reactor.
     NestedSm_VrfStatus(State::Handle<const VrfStatus> vrfStatus, NatVrfDirSm* owner);
 
-    // Points the machine at another status; unless retired, handles it at once.
+    /// Points the machine at another status; unless retired, handles it at once.
     void notifierIs(const State::Handle<const VrfStatus>& vrfStatus);
     void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
     void retiredIs(bool retired);
 
     void onAttribute(const State::Notification& change);
-    // The identifier changed.
+    /// The identifier changed.
     void handleVrfStatusVrfId();
 };
 

@@ -8,7 +8,7 @@
 
 namespace KestrelNat {
 
-// "routing/multicast/routestatus/VRF/MODE"; `mode` is STATIC_MODE or SPARSE_MODE.
+/// "routing/multicast/routestatus/VRF/MODE"; `mode` is STATIC_MODE or SPARSE_MODE.
 std::string formatMulticastRoutePath(const L3::VrfName& vrfName, std::string_view mode);
 
 } // namespace KestrelNat

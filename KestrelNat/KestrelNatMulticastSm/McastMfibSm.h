@@ -16,29 +16,29 @@ class NatMrouteSm::McastMfibSm final
 
     using LumenRoute = State::Handle<const Lumen::Multicast::Fib::Route>;
 
-    // Watches `mfib` (may be null), has the owner answer everything that concerns it, and watches its routes.
+    /// Watches `mfib` (may be null), has the owner answer everything that concerns it, and watches its routes.
     McastMfibSm(LumenMfib mfib, const NatMcastRouteKey& key, NatMrouteSm* owner);
     ~McastMfibSm() override;
 
     const NatMcastRouteKey& key() const { return key_; }
 
-    // Watches `node` and its routes instead, if that is a Lumen FIB, else nothing.
+    /// Watches `node` and its routes instead, if that is a Lumen FIB, else nothing.
     void notifierIs(const State::Handle<const State::RefCounted>& node);
-    // Those of the route watchers with it.
+    /// Those of the route watchers with it.
     void hasNotificationActiveIs(bool active);
-    // Retires or revives the watcher and its route watchers.
+    /// Retires or revives the watcher and its route watchers.
     void retiredIs(bool retired);
 
     void onAttribute(const State::Notification& change);
 
-    // One watcher per route, by the route's key: adds it, or points it at another route, which is then
-    // handled at once. NullArgumentError.
+    /// One watcher per route, by the route's key: adds it, or points it at another route, which is then
+    /// handled at once. NullArgumentError.
     void lumenRouteIs(const LumenRoute& route);
-    // Removes and retires it. Absent is no error.
+    /// Removes and retires it. Absent is no error.
     void lumenRouteDel(const IpGenRouteKey& routeKey);
     void lumenRouteDelAll();
     State::Handle<NestedSm_LumenRoute> lumenRoute(const IpGenRouteKey& routeKey) const;
-    // Walk over the handles; a member's key is its routeKey().
+    /// Walk over the handles; a member's key is its routeKey().
     auto lumenRoute() const { return lumenRoute_.walk(); }
 
   private:
@@ -50,30 +50,30 @@ class NatMrouteSm::McastMfibSm final
     State::Table<State::Handle<NestedSm_LumenRoute>, KeyOf> lumenRoute_;
 };
 
-// Watches the version of one route, which the routing side advances when it has changed the route.
+/// Watches the version of one route, which the routing side advances when it has changed the route.
 class NatMrouteSm::McastMfibSm::NestedSm_LumenRoute final
     : public State::NestedStateMachine<NatMrouteSm::McastMfibSm::NestedSm_LumenRoute,
                                        Lumen::Multicast::Fib::Route, McastMfibSm,
                                        State::maskOf(Lumen::Multicast::Fib::Route::versionAttribute)> {
   public:
-    // Attaches to the route without handling it.
+    /// Attaches to the route without handling it.
     NestedSm_LumenRoute(const LumenRoute& route, McastMfibSm* owner);
 
-    // The key under which it stands, which is that of the route it was made for, whatever it watches now.
+    /// The key under which it stands, which is that of the route it was made for, whatever it watches now.
     const IpGenRouteKey& routeKey() const {
         return static_cast<const Lumen::Multicast::Fib::Route&>(*keyRoute_).key();
     }
-    // Lets another route of the same key give the key, so that the one before can go.
+    /// Lets another route of the same key give the key, so that the one before can go.
     void keyRouteIs(const LumenRoute& route) { keyRoute_ = route; }
 
-    // Watches `node` instead, if that is a Lumen route, which it then handles at once unless retired; else
-    // nothing.
+    /// Watches `node` instead, if that is a Lumen route, which it then handles at once unless retired; else
+    /// nothing.
     void notifierIs(const State::Handle<const State::RefCounted>& node);
     void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
     void retiredIs(bool retired);
 
     void onAttribute(const State::Notification& change);
-    // The version changed.
+    /// The version changed.
     void handleVersion();
 
   private:

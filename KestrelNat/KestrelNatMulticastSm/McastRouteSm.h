@@ -15,21 +15,21 @@ class NatMrouteSm::McastRouteSm final
   public:
     using OifIndex = Quill::Multicast::Fib::OifIndex;
 
-    // Watches `table` (may be null) and has the owner answer everything that concerns it.
+    /// Watches `table` (may be null) and has the owner answer everything that concerns it.
     McastRouteSm(QuillRoutes table, const NatMcastRouteKey& key, NatMrouteSm* owner);
 
     const NatMcastRouteKey& key() const { return key_; }
 
-    // Watches `node` instead, if that is a Quill route table, else nothing. Its routes are not looked at.
+    /// Watches `node` instead, if that is a Quill route table, else nothing. Its routes are not looked at.
     void notifierIs(const State::Handle<const State::RefCounted>& node);
     void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
-    // Retires or revives the watcher.
+    /// Retires or revives the watcher.
     void retiredIs(bool retired);
 
     void onAttribute(const State::Notification& change);
-    // The interface of an index changed: every route of the table is looked at again.
+    /// The interface of an index changed: every route of the table is looked at again.
     void handleMcastOifUpdate(OifIndex oifIndex);
-    // The same for all indexes at once.
+    /// The same for all indexes at once.
     void handleMcastOifUpdate();
 
   private:

@@ -21,9 +21,9 @@ class NatMgroupSm final : public State::StateMachine {
     using MrouteColl = KestrelCommon::MrouteGroup::MrouteColl;
     using MgroupColl = KestrelCommon::MrouteGroup::MgroupColl;
 
-    // Makes the state machine, which handles every request and group that is there, and switches notification
-    // on. Inputs may be null: what would be read from a null one is absent, what would be written to it is
-    // dropped.
+    /// Makes the state machine, which handles every request and group that is there, and switches notification
+    /// on. Inputs may be null: what would be read from a null one is absent, what would be written to it is
+    /// dropped.
     static State::Handle<NatMgroupSm> NatMgroupSmIs(State::Handle<const NatMgroupRequestSet> mgroupRequestSet,
                                                     State::Handle<NatMgroupResponseMap> mgroupResponseMap,
                                                     State::Handle<MulticastSmStatus> multicastSmStatus,
@@ -33,7 +33,7 @@ class NatMgroupSm final : public State::StateMachine {
                 State::Handle<NatMgroupResponseMap> mgroupResponseMap,
                 State::Handle<MulticastSmStatus> multicastSmStatus, State::Handle<MrouteColl> l3MgroupConfig,
                 State::Handle<const MgroupColl> l3MgroupStatus);
-    // Responses and configuration rows stay where they are.
+    /// Responses and configuration rows stay where they are.
     ~NatMgroupSm() override;
 
     const State::Handle<const NatMgroupRequestSet>& mgroupRequestSet() const { return mgroupRequestSet_; }
@@ -42,21 +42,21 @@ class NatMgroupSm final : public State::StateMachine {
     const State::Handle<MrouteColl>& l3MgroupConfig() const { return l3MgroupConfig_; }
     const State::Handle<const MgroupColl>& l3MgroupStatus() const { return l3MgroupStatus_; }
 
-    // Turns both reactors on or off; changes that come while they are off are lost.
+    /// Turns both reactors on or off; changes that come while they are off are lost.
     void hasNotificationActiveIs(bool active);
 
     void mgroupRequestSetDispatch(const State::Notification& change);
     void l3MgroupStatusDispatch(const State::Notification& change);
 
-    // Brings record, configuration and response in line with the presence of one request. The key is taken as
-    // it is.
+    /// Brings record, configuration and response in line with the presence of one request. The key is taken as
+    /// it is.
     void handleMgroupReq(const NatMrouteKey& key);
-    // The same for every request that is there; reports the service ready afterwards.
+    /// The same for every request that is there; reports the service ready afterwards.
     void handleMgroupReq();
 
-    // Brings the responses of one (VRF, source, group) in line with one row of the group status.
+    /// Brings the responses of one (VRF, source, group) in line with one row of the group status.
     void handleMcastGroupIds(const KestrelL3::IpMcastKey& key);
-    // The same for every row of the group configuration.
+    /// The same for every row of the group configuration.
     void handleMcastGroupIds();
 
   private:
@@ -81,7 +81,7 @@ class NatMgroupSm final : public State::StateMachine {
     State::Reactor statusReactor_;
 };
 
-// The same as NatMgroupSm::NatMgroupSmIs; registered for creation by type name.
+/// The same as NatMgroupSm::NatMgroupSmIs; registered for creation by type name.
 State::Handle<NatMgroupSm>
 natMgroupSmFactory(State::Handle<const NatMgroupRequestSet> mgroupRequestSet,
                    State::Handle<NatMgroupResponseMap> mgroupResponseMap,

@@ -14,7 +14,7 @@ namespace KestrelNat {
 
 class NatMrouteRouteMap final : public State::Publisher {
   public:
-    // Where subscribers attach.
+    /// Where subscribers attach.
     const State::Publisher& publisher() const { return *this; }
 
     STATE_MAP(0, vrfNameToId, L3::VrfName, L3::VrfId,

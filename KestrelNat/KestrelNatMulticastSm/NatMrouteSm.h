@@ -37,75 +37,75 @@ class NatMrouteSm final : public State::StateMachine {
     using LumenMfib = State::Handle<const Lumen::Multicast::Fib::Status>;
     using IpGenRouteKey = Routing::Multicast::Fib::IpGenRouteKey;
 
-    // Makes the state machine, which answers every request that is there, and switches notification on.
-    // Inputs may be null: a null collection reads as empty, what would be written to a null output is
-    // dropped, without a route map there are no routes. RangeError from a route with an invalid interface
-    // index; nothing stays registered then.
+    /// Makes the state machine, which answers every request that is there, and switches notification on.
+    /// Inputs may be null: a null collection reads as empty, what would be written to a null output is
+    /// dropped, without a route map there are no routes. RangeError from a route with an invalid interface
+    /// index; nothing stays registered then.
     static State::Handle<NatMrouteSm> NatMrouteSmIs(State::Handle<const NatMrouteRequestSet> mrouteRequestSet,
                                                     State::Handle<NatMrouteResponseMap> mrouteResponseMap,
                                                     State::Handle<MulticastSmStatus> multicastSmStatus,
                                                     State::Handle<const NatMrouteRouteMap> mrouteRouteMap,
                                                     State::Handle<const CapabilityConfig> capabilityConfig);
-    // Retires the watchers, which deletes the answers of their tables' VRFs.
+    /// Retires the watchers, which deletes the answers of their tables' VRFs.
     ~NatMrouteSm() override;
 
-    // Turns all reactors, those of the watchers too, on or off; changes that come while they are off are
-    // lost.
+    /// Turns all reactors, those of the watchers too, on or off; changes that come while they are off are
+    /// lost.
     void hasNotificationActiveIs(bool active);
-    // Makes the private response maps, one per route type.
+    /// Makes the private response maps, one per route type.
     void handleInitialized();
     void mrouteRequestSetDispatch(const State::Notification& change);
     void mrouteRouteMapDispatch(const State::Notification& change);
 
     // ---- requests
 
-    // Brings records and answer in line with the presence of the request; fatal unless it names an interface
-    // and a VLAN.
+    /// Brings records and answer in line with the presence of the request; fatal unless it names an interface
+    /// and a VLAN.
     void handleMrouteReq(const NatMrouteKey& req);
-    // The same for every request that is there; reports the service ready afterwards.
+    /// The same for every request that is there; reports the service ready afterwards.
     void handleMrouteReq();
 
     // ---- egress interfaces
 
-    // The interfaces through which the request's flow leaves by one route table: `quillRoutes` or
-    // `lumenMfib`, of which exactly one is set. Where the configuration says so, by all tables of all VRFs
-    // instead.
+    /// The interfaces through which the request's flow leaves by one route table: `quillRoutes` or
+    /// `lumenMfib`, of which exactly one is set. Where the configuration says so, by all tables of all VRFs
+    /// instead.
     NatMrouteOifSet getEgressIntfsForMrouteKey(const NatMrouteKey& reqKey, const QuillRoutes& quillRoutes,
                                                const LumenMfib& lumenMfib) const;
     NatMrouteOifSet getEgressIntfsFromAllVrfs(const NatMrouteKey& reqKey) const;
 
     // ---- responses
 
-    // Answers the request by the table of its VRF and `routeType`, or (`addToResponseMap` false) deletes its
-    // answer. Without such a table nothing is written.
+    /// Answers the request by the table of its VRF and `routeType`, or (`addToResponseMap` false) deletes its
+    /// answer. Without such a table nothing is written.
     void updateMrouteResponseMap(const NatMrouteKey& key, const std::string& routeType,
                                  bool addToResponseMap);
-    // Records what one route type yields for a request and publishes the union of both types. If that is
-    // empty, the published answer goes (`removeEmpty`, a route update) or is the empty set (a request pass).
-    // Both are meant.
+    /// Records what one route type yields for a request and publishes the union of both types. If that is
+    /// empty, the published answer goes (`removeEmpty`, a route update) or is the empty set (a request pass).
+    /// Both are meant.
     void updateResponseMap(const NatMrouteOifSet& egressIntfs, const NatMrouteKey& responseMapKey,
                            const std::string& routeType, bool removeEmpty);
-    // Deletes all answers of the VRF, whichever of its tables went.
+    /// Deletes all answers of the VRF, whichever of its tables went.
     void handleDeletion(const NatMcastRouteKey& routeKey);
 
     // ---- route updates
 
-    // Answers again every request that the route concerns, in the table named by `natMcastKey`, which must be
-    // in the route map.
+    /// Answers again every request that the route concerns, in the table named by `natMcastKey`, which must be
+    /// in the route map.
     void handleMcastRouteUpdate(const IpGenRouteKey& routeKey, const NatMcastRouteKey& natMcastKey);
-    // Answers all requests, then does the same for every route of the table.
+    /// Answers all requests, then does the same for every route of the table.
     void handleMcastRouteUpdateAll(const NatMcastRouteKey& natMcastKey);
-    // The VRF's matcher, made where there is none.
+    /// The VRF's matcher, made where there is none.
     State::Handle<NatMrouteMatcher> watchedMroutesWrap(L3::VrfId vrfId);
-    // Takes a request from the VRF's matcher, and the matcher away when it is empty. Nothing without a
-    // matcher.
+    /// Takes a request from the VRF's matcher, and the matcher away when it is empty. Nothing without a
+    /// matcher.
     void removeWatchedMroute(L3::VrfId vrfId, const MrouteSourceAndGroup& sg, const NatMrouteKey& key);
 
     // ---- watchers, one per route table of the route map; null removes without retiring
 
     void mcastRouteIs(const NatMcastRouteKey& key, const QuillRoutes& table);
-    // Removes and retires the watcher, which deletes the VRF's answers; the table it watched, null when
-    // absent.
+    /// Removes and retires the watcher, which deletes the VRF's answers; the table it watched, null when
+    /// absent.
     QuillRoutes mcastRouteDel(const NatMcastRouteKey& key);
     void mcastRouteDelAll();
     State::Handle<McastRouteSm> mcastRoute(const NatMcastRouteKey& key) const;
@@ -133,7 +133,7 @@ class NatMrouteSm final : public State::StateMachine {
         QuillRoutes quillRoutes;
         LumenMfib lumenMfib;
 
-        // Its own name, which route updates take for its route type; whoever makes tables names them so.
+        /// Its own name, which route updates take for its route type; whoever makes tables names them so.
         const std::string& name() const { return lumenMfib ? lumenMfib->name() : quillRoutes->tableName(); }
     };
 
@@ -215,17 +215,17 @@ class NatMrouteSm final : public State::StateMachine {
     State::Reactor routeMapReactor_;
 };
 
-// Adds to `egressIntfs` the interfaces through which the request's flow leaves by one route table: by the
-// first route that matches, in table order, or by all of them where the request names any source or any
-// group. Fatal unless exactly one table is set and the request names a source or a group. RangeError from an
-// invalid interface index.
+/// Adds to `egressIntfs` the interfaces through which the request's flow leaves by one route table: by the
+/// first route that matches, in table order, or by all of them where the request names any source or any
+/// group. Fatal unless exactly one table is set and the request names a source or a group. RangeError from an
+/// invalid interface index.
 void getEgressIntfsFromCurrentVrf(const NatMrouteKey& reqKey, const NatMrouteSm::QuillRoutes& quillRoutes,
                                   const NatMrouteSm::LumenMfib& lumenMfib, NatMrouteOifSet& egressIntfs);
 
-// Deletes the VRF's answers from a response map, which may be null.
+/// Deletes the VRF's answers from a response map, which may be null.
 void deleteMrouteResponsesWithVrfId(const State::Handle<NatMrouteResponseMap>& map, L3::VrfId vrfId);
 
-// The same as NatMrouteSm::NatMrouteSmIs; registered for creation by type name.
+/// The same as NatMrouteSm::NatMrouteSmIs; registered for creation by type name.
 State::Handle<NatMrouteSm> natMrouteSmFactory(State::Handle<const NatMrouteRequestSet> mrouteRequestSet,
                                               State::Handle<NatMrouteResponseMap> mrouteResponseMap,
                                               State::Handle<MulticastSmStatus> multicastSmStatus,

@@ -39,7 +39,7 @@ struct MrouteSourceAndGroup {
                                State::field("sourceIp", &MrouteSourceAndGroup::sourceIp),
                                State::field("groupIp", &MrouteSourceAndGroup::groupIp));
     }
-    // The flow that a request names.
+    /// The flow that a request names.
     static MrouteSourceAndGroup of(const NatMrouteKey& key) { return {key.sourceIp, key.groupIp}; }
     std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(bits()).result(); }
     std::uint64_t bits() const { return std::uint64_t{sourceIp.value()} << 32 | groupIp.value(); }
@@ -86,7 +86,7 @@ class MrouteIntfAndVlanSet {
     MrouteIntfAndVlanSet() = default;
     explicit MrouteIntfAndVlanSet(std::string_view text); // fatal: sets are not built from text
 
-    // Inserts if absent; the member that is there then.
+    /// Inserts if absent; the member that is there then.
     MrouteIntfAndVlan ivIs(const MrouteIntfAndVlan& member) {
         iv_.insert(member);
         return member;
@@ -94,7 +94,7 @@ class MrouteIntfAndVlanSet {
     void ivDel(const MrouteIntfAndVlan& member) { iv_.erase(member); }
     void ivDelAll() { iv_.clear(); }
     bool ivHas(const MrouteIntfAndVlan& member) const { return iv_.has(member); }
-    // The set itself: iv().forEach(...), iv().size().
+    /// The set itself: iv().forEach(...), iv().size().
     const auto& iv() const { return iv_; }
     std::size_t elementCount() const { return iv_.size(); }
     explicit operator bool() const { return !iv_.empty(); }

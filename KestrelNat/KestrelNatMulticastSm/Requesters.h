@@ -10,7 +10,7 @@ namespace KestrelNat {
 
 using RequesterMap = State::MapAttribute<VrfIdMrouteSourceAndGroup, MrouteIntfAndVlanSet>;
 
-// Changes a set of a map: what that makes of the map's member.
+/// Changes a set of a map: what that makes of the map's member.
 template <class Set, class Change>
 State::Edited editSet(Set& set, Change change) {
     const std::size_t before = set.elementCount();
@@ -32,7 +32,7 @@ inline void forgetRequester(RequesterMap& requesters, const NatMrouteKey& reques
     });
 }
 
-// The key of a request, rebuilt. The record knows no types: `type` is the caller's.
+/// The key of a request, rebuilt. The record knows no types: `type` is the caller's.
 inline NatMrouteKey requestKey(const VrfIdMrouteSourceAndGroup& flow, const MrouteIntfAndVlan& requester,
                                NatRequestType type) {
     // A new member of one of the parts does not compile until it is bound here, one of the key until it is counted.

@@ -14,14 +14,14 @@ namespace KestrelNat {
 extern const char* const STATIC_MODE; // "static"
 extern const char* const SPARSE_MODE; // "sparsemode"
 
-// Whether the Lumen FIB is the source of routes (toggle "KestrelNatMfibLumen" in "KestrelNat.json", default
-// on); otherwise the Quill tables are.
+/// Whether the Lumen FIB is the source of routes (toggle "KestrelNatMfibLumen" in "KestrelNat.json", default
+/// on); otherwise the Quill tables are.
 bool toggleKestrelNatMfibLumenEnabled();
 
 const std::string& staticRouteType();
 const std::string& sparseRouteType();
 
-// The route types in the order in which they are always visited: static, sparse.
+/// The route types in the order in which they are always visited: static, sparse.
 using RouteTypeList = std::array<std::string, 2>;
 const RouteTypeList& routeTypes();
 

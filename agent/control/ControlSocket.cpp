@@ -17,7 +17,7 @@ namespace Agent {
 
 namespace {
 
-/// How long a starter waits for another one that looks and binds in the same directory.
+// How long a starter waits for another one that looks and binds in the same directory.
 constexpr std::chrono::milliseconds lockWait{1000};
 constexpr std::chrono::milliseconds lockRetry{20};
 
@@ -45,7 +45,7 @@ int connectTo(int fd, const sockaddr_un& address) {
     return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
-/// The lock that keeps two starters apart. It is on the directory itself, so that no lock file stays behind.
+// The lock that keeps two starters apart. It is on the directory itself, so that no lock file stays behind.
 Fd lockDirectoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);

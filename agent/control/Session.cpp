@@ -58,7 +58,7 @@ void Session::start() {
     read();
 }
 
-/// Ends when nobody can hear an answer any more. A socket that is read, too, tells of that by itself.
+// Ends when nobody can hear an answer any more. A socket that is read, too, tells of that by itself.
 void Session::watchOutput() {
     streams_->ownOut.async_wait(Stream::wait_error,
                                 [self = shared_from_this()](const asio::error_code& error) {
@@ -78,8 +78,8 @@ void Session::read() {
         });
 }
 
-/// @param bytes 0: nothing will come any more. What the client said before is still answered, as to one that
-/// only closed its sending side.
+// @param bytes 0: nothing will come any more. What the client said before is still answered, as to one that
+// only closed its sending side.
 void Session::received(std::size_t bytes) {
     isReading_ = false;
     input_.filled(bytes);
@@ -118,7 +118,7 @@ void Session::refuse() {
     isRefused_ = true;
 }
 
-/// Goes on after something happened: sends what is to be sent now, then waits for what comes next.
+// Goes on after something happened: sends what is to be sent now, then waits for what comes next.
 void Session::proceed() {
     if (hasEnded_)
         return;

@@ -20,9 +20,9 @@ namespace Agent {
 
 namespace {
 
-/// How many clients are let in per turn.
+// How many clients are let in per turn.
 constexpr int acceptsPerTurn = 16;
-/// How long no client is let in after the system had no descriptor for one.
+// How long no client is let in after the system had no descriptor for one.
 constexpr std::chrono::milliseconds acceptPause{100};
 
 bool isShortage(int error) {
@@ -31,7 +31,7 @@ bool isShortage(int error) {
 
 } // namespace
 
-/// The operations of the loop refer to it weakly: one that completes after the server has gone does nothing.
+// The operations of the loop refer to it weakly: one that completes after the server has gone does nothing.
 struct Sessions::Listener {
     Listener(asio::io_context& context, const std::string& path)
         : socket(path)
@@ -125,9 +125,9 @@ ClientId Sessions::serve(int in, int out) {
     return add(std::move(input), ownDescriptor(out, O_WRONLY));
 }
 
-/// A descriptor of our own for one that stays the caller's. It is not waited on, which is a flag that others
-/// see who share what is open (standard error, the shell): pipes and terminals are opened once more, of what
-/// can't be the flags are put back in the end.
+// A descriptor of our own for one that stays the caller's. It is not waited on, which is a flag that others
+// see who share what is open (standard error, the shell): pipes and terminals are opened once more, of what
+// can't be the flags are put back in the end.
 Fd Sessions::ownDescriptor(int fd, int access) {
     struct stat status {};
     if (::fstat(fd, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {

@@ -25,7 +25,7 @@ std::string textOf(const std::string& file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-/// Starts the agent with its standard streams on these descriptors.
+// Starts the agent with its standard streams on these descriptors.
 pid_t start(const std::vector<std::string>& options, int in, int out, int err) {
     std::vector<char*> arguments{const_cast<char*>(program)};
     for (const std::string& option : options)
@@ -48,7 +48,7 @@ int statusOf(pid_t process) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-/// Reads until `end` has come, the other side has closed, or the time is up.
+// Reads until `end` has come, the other side has closed, or the time is up.
 std::string readUntil(int fd, const std::string& end, std::chrono::milliseconds patience) {
     std::string text;
     pollfd wait{.fd = fd, .events = POLLIN, .revents = 0};

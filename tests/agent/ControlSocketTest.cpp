@@ -40,7 +40,7 @@ Agent::Fd listening(const std::string& path, int backlog) {
     return socket;
 }
 
-/// Leaves a socket as an agent does that was killed.
+// Leaves a socket as an agent does that was killed.
 void leaveSocket(const std::string& path) {
     listening(path, 1);
 }

@@ -56,7 +56,7 @@ Json with(Json object, const std::string& field, const Json& value) {
     return object;
 }
 
-/// Paths of the two tables or FIBs of a VRF.
+// Paths of the two tables or FIBs of a VRF.
 std::string tablePath(bool isLumen, const std::string& name, bool isStatic = true) {
     return isLumen ? "lumen/multicast/fib/ipv4/" + std::string(isStatic ? "user/" : "sparsemode/") + name
                    : "routing/multicast/routestatus/" + name + (isStatic ? "/static" : "/sparsemode");
@@ -67,7 +67,7 @@ void addTables(std::vector<Json>& changes, bool isLumen, const std::string& name
         changes.push_back({{"op", "set"}, {"path", tablePath(isLumen, name, isStatic)}});
 }
 
-/// A VRF with tables and multicast.
+// A VRF with tables and multicast.
 std::vector<Json> vrfInUse(bool isLumen, const std::string& name, std::uint32_t id) {
     std::vector<Json> changes{vrf(name, id)};
     addTables(changes, isLumen, name);

@@ -128,7 +128,7 @@ TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
     }
 }
 
-/// Draws changes of a small world, in which guards are often hit.
+// Draws changes of a small world, in which guards are often hit.
 class Draw {
   public:
     explicit Draw(unsigned seed)
@@ -191,7 +191,7 @@ Json picture(const InProcessAgent& agent) {
     return all;
 }
 
-/// Carries out changes one by one as far as they are let through.
+// Carries out changes one by one as far as they are let through.
 std::size_t carryOutSingly(InProcessAgent& agent, const std::vector<Change>& changes) {
     for (std::size_t i = 0; i < changes.size(); ++i) {
         try {

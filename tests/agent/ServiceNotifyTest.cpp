@@ -18,7 +18,7 @@
 namespace AgentTest {
 namespace {
 
-/// A service manager's socket; a name that begins with '@' is an abstract one.
+// A service manager's socket; a name that begins with '@' is an abstract one.
 Agent::Fd managerAt(const std::string& name) {
     Agent::Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};

@@ -32,7 +32,7 @@ std::string request(const std::string& method, const Json& params = Json::object
     return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump();
 }
 
-/// A request of exactly so many bytes.
+// A request of exactly so many bytes.
 std::string requestOf(std::size_t bytes) {
     const std::size_t bare = request("size", {{"text", ""}}).size();
     return request("size", {{"text", std::string(bytes - bare, 'x')}});
@@ -47,7 +47,7 @@ class SessionsTest : public testing::Test {
         return Json::parse(asking.ask(request("status"))).at("result");
     }
 
-    /// Waits until the server counts so many clients, this asking one among them.
+    // Waits until the server counts so many clients, this asking one among them.
     bool clientsBecome(std::size_t count) const {
         for (int i = 0; i < 200; ++i) {
             const Json answer = Json::parse(client().ask(request("status")));
@@ -290,7 +290,7 @@ TEST_F(SessionsTest, WithoutDescriptorsLeftTheServerLetsClientsInAgainWhenThereA
     EXPECT_EQ(small.stop(), 0);
 }
 
-/// Gives every line back and ends the loop when its client has gone.
+// Gives every line back and ends the loop when its client has gone.
 class EchoHandler : public Agent::LineHandler {
   public:
     explicit EchoHandler(asio::io_context& loop)
@@ -318,7 +318,7 @@ struct Pipe {
     Agent::Fd write;
 };
 
-/// All that comes until the other end closes.
+// All that comes until the other end closes.
 std::string drain(int fd) {
     std::string all;
     std::array<char, 65536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)

@@ -28,13 +28,13 @@ class SoftwareChipTest : public testing::Test {
     void withdraw(unsigned group) {
         agent.operations.change(delOf("api/mgroup/req", "mgroupReq", request(group)));
     }
-    /// The group id that the plug-in answers; 0: none.
+    // The group id that the plug-in answers; 0: none.
     std::uint64_t answer(unsigned group) const {
         const State::Datum key = toDatum(request(group));
         const auto value = agent.operations.value("api/mgroup/resp", "mgroupId", &key);
         return value ? *value->number() : 0;
     }
-    /// Lets the chip work if it is awake.
+    // Lets the chip work if it is awake.
     bool turn(Agent::SoftwareChip& chip) {
         const bool wasAwake = std::exchange(isAwake, false);
         if (wasAwake)

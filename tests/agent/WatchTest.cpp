@@ -15,7 +15,7 @@
 namespace AgentTest {
 namespace {
 
-/// Answers as a watcher knows them.
+// Answers as a watcher knows them.
 using Picture = std::map<std::string, Json>;
 
 void take(Picture& picture, const Json& change) {
@@ -39,7 +39,7 @@ class WatchTest : public testing::Test {
     }
     void run(const std::string& line) { client.result("command", {{"line", line}}); }
 
-    /// Many requests for one flow, so that a change of its route changes as many answers.
+    // Many requests for one flow, so that a change of its route changes as many answers.
     void askOften(unsigned requests) {
         Json lines = Json::array();
         for (unsigned i = 0; i < requests; ++i)
@@ -47,7 +47,7 @@ class WatchTest : public testing::Test {
         client.result("apply", {{"lines", lines}});
     }
 
-    /// All that a new watcher is shown.
+    // All that a new watcher is shown.
     Picture shown() {
         RpcClient fresh = agent->client();
         Picture picture;
@@ -57,7 +57,7 @@ class WatchTest : public testing::Test {
         return picture;
     }
 
-    /// Hears changes up to number `last`, which must come without gaps after number `heard`.
+    // Hears changes up to number `last`, which must come without gaps after number `heard`.
     static void hear(RpcClient& watcher, Picture& picture, std::uint64_t& heard, std::uint64_t last) {
         while (heard < last) {
             const Json change = watcher.notification();

@@ -26,7 +26,7 @@ bool hasBothTables(const Stores& stores, const std::string& vrf) {
     return stores.tables.has({vrf, RouteType::plain}) && stores.tables.has({vrf, RouteType::sparse});
 }
 
-/// A VRF that comes while answers are gathered from all VRFs has, for a moment, one of its two tables.
+// A VRF that comes while answers are gathered from all VRFs has, for a moment, one of its two tables.
 bool mayAddVrf(const Stores& stores) {
     return !stores.egressFromAllVrfs || stores.mrouteRequests.empty();
 }

@@ -35,9 +35,9 @@ std::string listed(const std::vector<Operation>& operations, std::size_t last) {
     return result;
 }
 
-/// Tells on SIGABRT which operations came before: a system that ends the process can't be compared. The
-/// signal comes from abort() on this thread, outside of allocation, so printing from the handler is safe
-/// enough.
+// Tells on SIGABRT which operations came before: a system that ends the process can't be compared. The
+// signal comes from abort() on this thread, outside of allocation, so printing from the handler is safe
+// enough.
 class AbortReport {
   public:
     AbortReport(std::uint64_t seed, const std::vector<Operation>& operations)
@@ -65,7 +65,7 @@ class AbortReport {
     void (*previous_)(int) = nullptr;
 };
 
-/// A model and a system to which the same is done.
+// A model and a system to which the same is done.
 class Pair {
   public:
     Pair(Source source, std::unique_ptr<SystemUnderTest> system)

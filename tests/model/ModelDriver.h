@@ -19,7 +19,7 @@
 namespace Model {
 
 struct Settings {
-    std::uint64_t seed = 1; ///< of the first episode; the next one's is greater by one
+    std::uint64_t seed = 1; // of the first episode; the next one's is greater by one
     std::size_t operations = 200'000;
     std::size_t episodeLength = 2'000;
 

@@ -68,7 +68,7 @@ class NaiveModel : public SystemUnderTest {
 
     const Source source_;
     bool started_ = false;
-    bool mrouteStarted_ = false; ///< the VRFs are entered before the mroute service is there
+    bool mrouteStarted_ = false; // the VRFs are entered before the mroute service is there
     Stores stores_;
     Observation seen_;
     NaiveMroute mroute_;

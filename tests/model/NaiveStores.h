@@ -20,14 +20,14 @@ class Fatal : public std::logic_error {
 
 /// A row of a route table or a route of a FIB; each source uses its own fields.
 struct Route {
-    std::vector<std::uint16_t> oifs; ///< Quill: outgoing-interface indexes
-    Names intfs;                     ///< Lumen: outgoing interfaces
-    std::uint32_t ready = 1;         ///< Lumen: 1 is ready
+    std::vector<std::uint16_t> oifs; // Quill: outgoing-interface indexes
+    Names intfs;                     // Lumen: outgoing interfaces
+    std::uint32_t ready = 1;         // Lumen: 1 is ready
     bool operator==(const Route&) const = default;
 };
 
 struct Table {
-    OrderedMap<RouteKey, Route> routes; ///< in order of arrival
+    OrderedMap<RouteKey, Route> routes; // in order of arrival
     OrderedMap<std::uint16_t, std::string> oifIndexIntf;
     bool operator==(const Table&) const = default;
 };

@@ -42,7 +42,7 @@ struct Operation {
     Kind kind = Kind::start;
     std::string vrf = {};
     std::uint32_t vrfId = 0;
-    bool flag = false; ///< enabled, or all VRFs
+    bool flag = false; // enabled, or all VRFs
     TableName table = {};
     RouteKey route = {};
     std::vector<std::uint16_t> oifs = {};

@@ -11,7 +11,7 @@
 namespace Model {
 
 using Address = std::uint32_t;
-using Names = std::set<std::string>; ///< interfaces by name; the empty name is no interface
+using Names = std::set<std::string>; // interfaces by name; the empty name is no interface
 
 /// Where the process takes its multicast routes from.
 enum class Source { quill, lumen };

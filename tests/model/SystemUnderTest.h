@@ -17,7 +17,7 @@ namespace Model {
 struct Watched {
     OrderedMap<Address, OrderedSet<RequestKey>> groupsWithAnySource;
     OrderedMap<Address, OrderedSet<RequestKey>> sourcesWithAnyGroup;
-    OrderedMap<std::pair<Address, Address>, OrderedSet<RequestKey>> sourceGroups; ///< by (source, group)
+    OrderedMap<std::pair<Address, Address>, OrderedSet<RequestKey>> sourceGroups; // by (source, group)
     bool operator==(const Watched&) const = default;
 };
 
@@ -28,17 +28,17 @@ using Requesters = OrderedMap<Flow, OrderedSet<Requester>>;
 /// decides which row answers first and which response goes first. The private parts are empty while the
 /// plug-in is not there.
 struct Observation {
-    Answers mrouteAnswers;                             ///< published
-    OrderedMap<std::string, Answers> answersByType;    ///< private, by route type name
-    Requesters mrouteRequesters;                       ///< of the mroute service
-    OrderedMap<std::uint32_t, Watched> watched;        ///< by VRF identifier
-    OrderedMap<std::string, std::uint32_t> vrfIds;     ///< of the route map
-    OrderedMap<TableKey, TableName> routeMap;          ///< the tables or FIBs of the route map
-    OrderedMap<TableKey, std::set<RouteKey>> watchers; ///< with the routes that a FIB's watcher watches
-    std::set<std::string> mounted;                  ///< paths of route tables and of the shared FIB entities
-    OrderedMap<RequestKey, std::uint32_t> groupIds; ///< published
-    OrderedSet<GroupKey> groupConfig;               ///< written by the mgroup service
-    Requesters mgroupRequesters;                    ///< of the mgroup service
+    Answers mrouteAnswers;                             // published
+    OrderedMap<std::string, Answers> answersByType;    // private, by route type name
+    Requesters mrouteRequesters;                       // of the mroute service
+    OrderedMap<std::uint32_t, Watched> watched;        // by VRF identifier
+    OrderedMap<std::string, std::uint32_t> vrfIds;     // of the route map
+    OrderedMap<TableKey, TableName> routeMap;          // the tables or FIBs of the route map
+    OrderedMap<TableKey, std::set<RouteKey>> watchers; // with the routes that a FIB's watcher watches
+    std::set<std::string> mounted;                     // paths of route tables and of the shared FIB entities
+    OrderedMap<RequestKey, std::uint32_t> groupIds;    // published
+    OrderedSet<GroupKey> groupConfig;                  // written by the mgroup service
+    Requesters mgroupRequesters;                       // of the mgroup service
     bool mrouteReady = false;
     bool mgroupReady = false;
 
