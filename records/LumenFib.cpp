@@ -6,11 +6,11 @@ namespace Lumen::Multicast::Fib {
 
 namespace {
 
-State::Handle<Route> makeRoute(Status&, const IpGenRouteKey& key) {
+State::Handle<Route> makeRoute(const Status&, const IpGenRouteKey& key) {
     return State::makeHandle<Route>(key);
 }
 
-State::Handle<Status> makeStatus(StatusByVrf& owner, const MfibVrfName&) {
+State::Handle<Status> makeStatus(const StatusByVrf& owner, const MfibVrfName&) {
     return State::makeHandle<Status>(owner.name());
 }
 

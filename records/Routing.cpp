@@ -24,7 +24,7 @@ namespace Routing::Hardware {
 
 namespace {
 
-State::Handle<VrfStatus> makeVrfStatus(RouteStatus&, const L3::VrfName& vrfName) {
+State::Handle<VrfStatus> makeVrfStatus(const RouteStatus&, const L3::VrfName& vrfName) {
     return State::makeHandle<VrfStatus>(vrfName);
 }
 

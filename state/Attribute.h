@@ -174,7 +174,7 @@ class MapAttributeOf final : public CollectionAttributeOf<E, Access> {
     }
 };
 
-// Members are entities, made from their key by `make` (E&, key) -> Handle<M>, which does not insert them.
+// Members are entities, made from their key by `make` (const E&, key) -> Handle<M>, which does not insert them.
 template <class E, class Access, auto make>
 class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     using Base = CollectionAttributeOf<E, Access>;
@@ -187,6 +187,15 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     Handle<Entity> member(const Entity& entity, const Datum& key) const override {
         const auto* found = Base::of(entity).find(Base::keyOf(&key));
         return found == nullptr ? Handle<Entity>() : Handle<Entity>(*found);
+    }
+    Handle<Entity> memberMade(const Entity& owner, const Datum& key) const override {
+        return madeFrom(owner, Base::keyOf(&key));
+    }
+    void memberIs(Entity& owner, const Datum& key, const Handle<Entity>& member) const override {
+        MemberHandle typed = handleCast<M>(member);
+        if (!typed)
+            Base::unsupported("given a member of another type");
+        Base::of(owner).is(Base::keyOf(&key), std::move(typed));
     }
     std::optional<Datum> find(const Entity& entity, const Datum& key) const override {
         const Handle<Entity> found = member(entity, key);
@@ -204,13 +213,14 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     bool set(Entity& entity, const Datum* key, const Datum* value) const override {
         const auto typedKey = Base::keyOf(key);
         const Datum fields = value == nullptr ? Datum() : *value;
-        if (Handle<Entity> present = member(entity, *key)) {
+        if (const auto* found = Base::of(std::as_const(entity)).find(typedKey)) {
+            const MemberHandle present = *found;
             if (!type().setFields(*present, fields))
                 return false;
             advance(*present);
             return true;
         }
-        MemberHandle made = make(static_cast<E&>(entity), typedKey);
+        MemberHandle made = madeFrom(entity, typedKey);
         type().setFields(*made, fields);
         Base::of(entity).is(typedKey, std::move(made));
         return true;
@@ -220,10 +230,13 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
     using M = std::remove_reference_t<decltype(*std::declval<MemberHandle>())>;
 
     static const EntityType& type() { return M::type(); }
+    static MemberHandle madeFrom(const Entity& owner, const typename Base::K& key) {
+        return make(static_cast<const E&>(owner), key);
+    }
     // Tells the member's own readers last that it changed, where it carries a version for them.
-    static void advance(Entity& entity) {
-        if constexpr (requires(M & member) { member.versionAdvance(); })
-            static_cast<M&>(entity).versionAdvance();
+    static void advance(M& member) {
+        if constexpr (requires { member.versionAdvance(); })
+            member.versionAdvance();
     }
 };
 
@@ -236,7 +249,7 @@ template <class E, class Access>
 AttributePointer mapAttribute(std::string_view name, AttributeId id, Access) {
     return std::make_unique<MapAttributeOf<E, Access>>(name, id);
 }
-// `make` makes a member from its key: Handle<M> make(E& owner, const K& key).
+// `make` makes a member from its key: Handle<M> make(const E& owner, const K& key).
 template <class E, auto make, class Access>
 AttributePointer membersAttribute(std::string_view name, AttributeId id, Access) {
     return std::make_unique<MembersAttributeOf<E, Access, make>>(name, id);

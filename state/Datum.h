@@ -15,7 +15,9 @@ struct Datum {
     using List = std::vector<Datum>;
     using Record = std::vector<std::pair<std::string, Datum>>;
 
-    std::variant<std::monostate, bool, std::uint64_t, std::int64_t, std::string, List, Record> content;
+    // A double is a number that is not whole or too large for 64 bits: no value type takes one.
+    std::variant<std::monostate, bool, std::uint64_t, std::int64_t, double, std::string, List, Record>
+        content;
 
     Datum() = default;
     // Out of line, for leaner users: a variant's copies are long.
@@ -29,6 +31,8 @@ struct Datum {
     Datum(std::uint64_t value)
         : content(value) {}
     Datum(std::int64_t value)
+        : content(value) {}
+    Datum(double value)
         : content(value) {}
     Datum(std::string value)
         : content(std::move(value)) {}
@@ -44,6 +48,7 @@ struct Datum {
     bool isNull() const { return std::holds_alternative<std::monostate>(content); }
     const bool* boolean() const { return std::get_if<bool>(&content); }
     const std::uint64_t* number() const { return std::get_if<std::uint64_t>(&content); }
+    const double* real() const { return std::get_if<double>(&content); }
     const std::string* text() const { return std::get_if<std::string>(&content); }
     const List* list() const { return std::get_if<List>(&content); }
     const Record* record() const { return std::get_if<Record>(&content); }

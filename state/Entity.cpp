@@ -1,6 +1,7 @@
 #include "state/Entity.h"
 
 #include "state/Errors.h"
+#include "state/Value.h"
 
 #include <algorithm>
 
@@ -40,6 +41,12 @@ Datum Attribute::notifiedKey(const void*) const {
 Handle<Entity> Attribute::member(const Entity&, const Datum&) const {
     return {};
 }
+Handle<Entity> Attribute::memberMade(const Entity&, const Datum&) const {
+    unsupported("given a member");
+}
+void Attribute::memberIs(Entity&, const Datum&, const Handle<Entity>&) const {
+    unsupported("given a member");
+}
 
 EntityType::EntityType(std::string_view name, Create creator,
                        std::vector<std::unique_ptr<const Attribute>> attributes)
@@ -71,7 +78,7 @@ void EntityType::checkFields(const Datum& fields) const {
     if (fields.isNull())
         return;
     if (fields.record() == nullptr)
-        throw ParseError(name_ + " takes an object, not " + std::string(fields.kindName()));
+        wrongKind(name_, "an object", fields);
     for (const auto& [given, content] : *fields.record()) {
         const Attribute* known = attribute(given);
         if (known == nullptr)

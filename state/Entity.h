@@ -74,6 +74,10 @@ class Attribute {
     virtual Datum notifiedKey(const void* key) const;
     // The member entity, or null.
     virtual Handle<Entity> member(const Entity& entity, const Datum& key) const;
+    // Makes a member entity of `owner` from its key, without inserting it.
+    virtual Handle<Entity> memberMade(const Entity& owner, const Datum& key) const;
+    // Inserts, or puts in place of the one there, a member that memberMade has made from this key.
+    virtual void memberIs(Entity& owner, const Datum& key, const Handle<Entity>& member) const;
 
   protected:
     Attribute(std::string_view name, AttributeId id, AttributeKind kind)

@@ -24,8 +24,9 @@ Datum& Datum::operator=(Datum&& other) noexcept = default;
 Datum::~Datum() = default;
 
 std::string_view Datum::kindName() const {
-    constexpr std::string_view names[] = {"nothing",  "a boolean", "a number", "a negative number",
-                                          "a string", "an array",  "an object"};
+    constexpr std::string_view names[] = {
+        "nothing",  "a boolean", "a number", "a negative number", "a number that is not whole",
+        "a string", "an array",  "an object"};
     return names[content.index()];
 }
 
@@ -52,8 +53,15 @@ void appendQuoted(std::string& out, std::string_view text) {
 }
 
 void wrongKind(std::string_view typeName, std::string_view wanted, const Datum& datum) {
-    throw ParseError(std::string(typeName) + " takes " + std::string(wanted) + ", not " +
-                     std::string(datum.kindName()));
+    std::string text(typeName);
+    text.append(" takes ").append(wanted).append(", not ");
+    if (const double* number = datum.real()) {
+        char digits[32];
+        text.append(digits, std::to_chars(digits, digits + sizeof digits, *number).ptr);
+    } else {
+        text += datum.kindName();
+    }
+    throw ParseError(text);
 }
 
 void rethrowInField(std::string_view typeName, std::string_view name) {

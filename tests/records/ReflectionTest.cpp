@@ -122,6 +122,14 @@ TEST(Reflection, WritesChangeOnceAndRefusedOnesNothing) {
               "Quill::Multicast::Fib::Route, attribute oifs: uint16 takes no number above 65535, not 65536");
     EXPECT_EQ(refusal(*config, "egressFromAllVrfs", nullptr, &index),
               "bool takes true or false, not a number");
+    for (const auto& [number, text] : {std::pair(1.5, "1.5"), {1e20, "1e+20"}}) { // not whole; too large
+        const Datum real(number);
+        EXPECT_EQ(real.kindName(), "a number that is not whole");
+        EXPECT_EQ(refusal(*table, "oifIndexIntf", &real, &intf),
+                  "Quill::Multicast::Fib::OifIndex takes a number, not " + std::string(text));
+        EXPECT_EQ(refusal(*table, "oifIndexIntf", &index, &real),
+                  "L3::IntfId takes a string, not " + std::string(text));
+    }
     EXPECT_EQ(refusal(*config, "egressFromAllVrfs", &on, &on),
               "attribute egressFromAllVrfs" + cannot + "by key");
     EXPECT_EQ(table->oifIndexIntfCollection().size(), 1U);
@@ -164,6 +172,20 @@ TEST(Reflection, ANewMemberIsOneChangeAndAnExistingOneChangesInPlace) {
     EXPECT_NE(refusal(*routeStatus, "vrfStatus", &tooLong, &three), "");
     EXPECT_EQ(refusal(*routeStatus, "vrfStatus", &red, &wrongField),
               "Routing::Hardware::VrfStatus has no attribute \"id\"");
+
+    // Made first and inserted by hand: for who looks at a member before it is there.
+    const Datum blue("blue");
+    idAtInsertion = 0;
+    const auto made = vrfStatus.memberMade(*routeStatus, blue);
+    EXPECT_FALSE(routeStatus->vrfStatusHas("blue"));
+    EXPECT_TRUE(made->entityType().setFields(*made, three));
+    vrfStatus.memberIs(*routeStatus, blue, made);
+    EXPECT_EQ(vrfStatus.member(*routeStatus, blue), made);
+    EXPECT_EQ(idAtInsertion, 3U);
+    EXPECT_EQ(heard.attributes, (Names{"vrfStatus", "vrfStatus"}));
+    EXPECT_THROW(vrfStatus.memberIs(*routeStatus, blue, routeStatus), State::ParseError); // no VrfStatus
+    EXPECT_THROW(attribute(*made, "vrfId").memberMade(*made, blue), State::ParseError);
+    EXPECT_THROW(attribute(*made, "vrfId").memberIs(*made, blue, made), State::ParseError);
     routeStatus->unsubscribe(&insertion, &Insertion::hear);
 }
 

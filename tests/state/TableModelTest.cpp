@@ -164,8 +164,7 @@ class Model {
                                : table_.extract(key, [&](auto&& entry) { taken = std::move(entry.value); });
         ASSERT_EQ(there, serial != serials_.end());
         if (there) {
-            if (taken != nullptr)
-                ASSERT_EQ(*taken, members_[serial->second].value);
+            ASSERT_TRUE(taken == nullptr || *taken == members_[serial->second].value);
             members_.erase(serial->second);
             serials_.erase(serial);
         }
