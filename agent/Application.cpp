@@ -1,15 +1,15 @@
 #include "agent/Application.h"
 
-#include "agent/ControlSocket.h"
-#include "agent/LineServer.h"
-#include "agent/ScenarioGrammar.h"
 #include "agent/ServiceNotify.h"
+#include "agent/host/Refusal.h"
 #include "agent/kernel/KernelConfig.h"
-#include "records/NatStatus.h"
 #include "state/Toggle.h"
 #include "state/Trace.h"
+#include "text/Nearest.h"
+#include "text/SocketPath.h"
 
-#include <nlohmann/json.hpp>
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
 
 #include <unistd.h>
 
@@ -25,12 +25,12 @@ namespace Agent {
 
 namespace {
 
-/// Something went wrong that is no fault of the agent's: its text says all there is to say.
+// Something went wrong that is no fault of the agent's: its text says all there is to say.
 void tell(const std::exception& error) {
     std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
 }
 
-/// Runs what fails by the fault of files and options alone: tells its errors, but for those of usage.
+// Runs what fails by the fault of files and options alone: tells its errors, but for those of usage.
 template <class Step>
 bool succeeds(Step step) {
     try {
@@ -44,46 +44,89 @@ bool succeeds(Step step) {
     }
 }
 
+void flagChanged(void* readyTask, const State::Notification& /*change*/) {
+    static_cast<PostedTask*>(readyTask)->request();
+}
+
+constexpr Parameter kernelParameters[] = {
+    {"verify", ParameterType::boolean, false, "compare a fresh dump with the tables"},
+};
+
 } // namespace
 
-Application::Application(Options options, KernelSourceMaker makeKernelSource)
+// Hands signals to the application, one after the other, from the loop.
+class Application::Signals {
+  public:
+    explicit Signals(Application& application)
+        : application_(application)
+        , set_(*application.loop_, SIGTERM, SIGINT, SIGHUP) {
+        wait();
+    }
+
+  private:
+    void wait() {
+        set_.async_wait([this](const asio::error_code& error, int signal) {
+            if (error)
+                return;
+            application_.signalled(signal);
+            wait();
+        });
+    }
+
+    Application& application_;
+    asio::signal_set set_;
+};
+
+Application::Application(Options options)
     : options_(std::move(options))
-    , makeKernelSource_(std::move(makeKernelSource))
+    , loop_(std::make_unique<asio::io_context>(1))
     , operations_(host_)
-    , log_(host_)
-    , service_(operations_, log_)
-    , rpc_(service_)
-    , tellHook_(loop_.turnHookIs([this] { return service_.tellWatchers(); })) {
-    if (!options_.kernel.empty() && !makeKernelSource_)
-        throw UsageError("--kernel: this agent was built without a kernel source");
+    , log_(host_.stores())
+    , language_(operations_,
+                [this] {
+                    if (chip_)
+                        chip_->settleAll();
+                })
+    , service_(*loop_, operations_, language_, log_)
+    , rpc_(service_,
+           [this](ClientId client, const std::string& answer) {
+               if (sessions_)
+                   sessions_->finish(client, answer);
+           })
+    , readyTask_(*loop_, [this] { announceIfReady(); })
+    , chipTask_(*loop_, [this] { chip_->work(); }) {
+    addKernelCommands();
+    service_.onServed([this] {
+        if (kernel_)
+            kernel_->tablesMayHaveChanged();
+    });
 }
 
 Application::~Application() {
     end();
-    loop_.turnHookDel(tellHook_);
 }
 
 int Application::run() {
     if (!succeeds([this] { setUp(); }))
         return exitFailed;
     start();
-    loop_.run();
+    loop_->run();
     end();
     return status_;
 }
 
-/// Everything in front of the plug-in's start; what goes wrong here is the surroundings' fault.
+// Everything in front of the plug-in's start; what goes wrong here is the surroundings' fault.
 void Application::setUp() {
     configure();
-    loop_.signalsAre({SIGTERM, SIGINT, SIGHUP}, [this](int signal) { signalled(signal); });
-    std::signal(SIGPIPE, SIG_IGN);
-    server_ = std::make_unique<LineServer>(loop_, rpc_);
+    signals_ = std::make_unique<Signals>(*this);
+    sessions_ = std::make_unique<Sessions>(*loop_, rpc_);
     if (!options_.isStdio)
-        server_->listen(socketPath());
+        sessions_->listen(socketPath());
+    service_.attach(sessions_.get());
     load();
-    makeParts();
+    makeChip();
     if (!options_.preload.empty())
-        grammar_->preload(options_.preload);
+        language_.preload(options_.preload);
 }
 
 void Application::configure() const {
@@ -99,69 +142,83 @@ void Application::load() {
     checkNames();
 }
 
-/// Toggles and facilities are known once the plug-in is loaded.
+// Toggles and facilities are known once the plug-in is loaded.
 void Application::checkNames() const {
-    const auto asked = State::toggles();
+    const auto toggles = State::toggles();
+    std::vector<std::string_view> known;
+    for (const State::ToggleStatus& toggle : toggles)
+        known.push_back(toggle.name);
     for (const auto& [name, value] : options_.toggles)
-        if (std::ranges::find(asked, name, &State::ToggleStatus::name) == asked.end())
-            throw UsageError("--toggle: nobody asks for a toggle " + name);
-    for (const State::TraceLevel& known : State::traceLevels())
-        if (!known.isLoaded)
-            throw UsageError("--trace: there is no trace facility " + known.facility);
+        if (std::ranges::find(known, name) == known.end())
+            throw UsageError("--toggle: nobody asks for a toggle " + name + Text::suggestion(name, known));
+    const auto levels = State::traceLevels();
+    known.clear();
+    for (const State::TraceLevel& level : levels)
+        if (level.isLoaded)
+            known.push_back(level.facility);
+    for (const auto& [name, level] : options_.traceLevels)
+        if (std::ranges::find(known, name) == known.end())
+            throw UsageError("--trace: there is no trace facility " + name + Text::suggestion(name, known));
 }
 
-void Application::makeParts() {
-    grammar_ = std::make_unique<ScenarioGrammar>(
-        operations_,
-        ScenarioGrammar::Hooks{.settle = [this] { loop_.runDeferred(); },
-                               .status = [this] { return service_.statusReport(); }},
-        options_.isStdio ? std::cerr : std::cout);
-    service_.grammarIs(grammar_.get());
-    service_.serverIs(server_.get());
-    rpc_.serverIs(server_.get());
+// `kernel` and `kernel verify`, as a line and as a method.
+void Application::addKernelCommands() {
+    const auto carryOut = [this](bool verify, const Text::Reply& reply) {
+        if (!kernel_)
+            throw Refusal(RefusalKind::limit,
+                          "there is no kernel source: the agent was started without --kernel");
+        if (verify)
+            kernel_->verify(reply);
+        else
+            reply([this](Text::Writer& writer) { kernel_->status(writer); });
+    };
+    language_.addVerb({"kernel", [carryOut](WordReader& words, const StateCommands&) -> Action {
+                           constexpr std::string_view known[] = {"verify"};
+                           const bool verify = !words.atEnd();
+                           if (verify)
+                               words.oneOf("what to do", known);
+                           return [carryOut, verify](const Text::Reply& reply) { carryOut(verify, reply); };
+                       }});
+    service_.addMethod({"kernel", "the state of the kernel source", kernelParameters,
+                        [carryOut](ClientId, const Parameters& parameters, const Text::Reply& reply) {
+                            carryOut(parameters.isTrue("verify"), reply);
+                        }});
+}
 
-    std::vector<std::string> sources;
-    if (options_.chip != Options::Chip::none) {
-        sources.emplace_back("software-chip");
-        SoftwareChip::Defer defer;
-        if (options_.chip == Options::Chip::deferred)
-            defer = [this](std::function<void()> task) { loop_.defer(std::move(task)); };
-        chip_ = std::make_unique<SoftwareChip>(host_, std::move(defer));
-    }
-    if (!options_.kernel.empty())
-        sources.emplace_back("kernel");
-    service_.sourcesAre(std::move(sources));
+void Application::makeChip() {
+    if (options_.chip == Options::Chip::none)
+        return;
+    service_.nameSource("software-chip");
+    std::function<void()> wake;
+    if (options_.chip == Options::Chip::deferred)
+        wake = [this] { chipTask_.request(); };
+    chip_ = std::make_unique<SoftwareChip>(host_.stores(), std::move(wake));
 }
 
 void Application::start() {
     TRACE(6, "Application::", "start");
-    listenForReady();
+    readyFlags_ = host_.stores().inDatabase<KestrelNat::MulticastSmStatus>();
+    readyFlags_->subscribe(&readyTask_, &flagChanged);
     host_.start();
     if (!options_.kernel.empty()) {
-        kernel_ = makeKernelSource_(operations_, loop_, options_.kernel);
-        service_.kernelSourceIs(kernel_.get());
+        service_.nameSource("kernel");
+        kernel_ = std::make_unique<Kernel::KernelSource>(*loop_, operations_, options_.kernel);
     }
-    if (options_.isStdio) {
-        const ClientId only = server_->serve(STDIN_FILENO, STDOUT_FILENO);
-        service_.onClientGone([this, only](ClientId client) {
-            if (client == only)
-                loop_.stop();
-        });
-    }
-}
-
-void Application::listenForReady() {
-    readyFlags_ = host_.inDatabase<KestrelNat::MulticastSmStatus>("api/multicastSmStatus");
-    readyFlags_->subscribe(this, &flagChanged);
-}
-
-void Application::flagChanged(void* self, const State::Notification& /*change*/) {
-    auto& application = *static_cast<Application*>(self);
-    application.loop_.defer([&application] { application.announceIfReady(); });
+    if (!options_.isStdio)
+        return;
+    const ClientId only = sessions_->serve(STDIN_FILENO, STDOUT_FILENO);
+    service_.onClientGone([this, only](ClientId client) {
+        if (client == only)
+            stop();
+    });
 }
 
 void Application::announceIfReady() {
-    if (isAnnounced_ || !readyFlags_->mrouteSmReady() || !readyFlags_->mgroupSmReady())
+    const bool isReady = std::ranges::all_of(services(), [this](const Service& service) {
+        const State::Attribute* flag = readyFlags_->entityType().attribute(service.readyAttribute);
+        return *flag->value(*readyFlags_).boolean();
+    });
+    if (isAnnounced_ || !isReady)
         return;
     isAnnounced_ = true;
     TRACE(6, "Application::", "announceIfReady", " ready");
@@ -169,61 +226,52 @@ void Application::announceIfReady() {
     std::fputs("ready\n", where);
     std::fflush(where);
     notifyService("READY=1");
-    playIfAsked();
+    if (!options_.play.empty())
+        play();
 }
 
-void Application::playIfAsked() {
-    if (options_.play.empty())
+void Application::play() {
+    bool held = false;
+    succeeds([&] { held = language_.play(options_.play, options_.isStdio ? std::cerr : std::cout); });
+    if (chip_)
+        chip_->settleAll();
+    if (!options_.exitAfterPlay)
         return;
-    // Until it has been played to its end, the play has failed.
-    status_ = options_.exitAfterPlay ? exitFailed : exitClean;
-    const auto done = [this](bool held) {
-        if (options_.exitAfterPlay) {
-            status_ = held ? exitClean : exitFailed;
-            loop_.stop();
-        }
-    };
-    try {
-        grammar_->play(options_.play, done);
-    } catch (const std::exception& error) {
-        tell(error);
-        done(false);
-    }
+    status_ = held ? exitClean : exitFailed;
+    stop();
 }
 
 void Application::signalled(int signal) {
     TRACE(6, "Application::", "signalled", " signal=", signal);
     if (signal != SIGHUP) {
-        loop_.stop();
+        stop();
         return;
     }
     if (!kernel_)
         return; // nothing else is read again
     State::traceEventBegin();
-    try {
-        kernel_->configAgain();
-    } catch (const std::exception& error) {
-        tell(error);
-    }
+    succeeds([this] { kernel_->reconfigure(); });
 }
 
-/// The start backwards.
+void Application::stop() {
+    loop_->stop();
+}
+
+// The start backwards.
 void Application::end() {
-    if (!server_)
+    if (!sessions_)
         return;
     State::traceEventBegin();
     TRACE(6, "Application::", "end");
     notifyService("STOPPING=1");
     log_.close();
     if (readyFlags_)
-        readyFlags_->unsubscribe(this, &flagChanged);
-    service_.kernelSourceIs(nullptr);
+        readyFlags_->unsubscribe(&readyTask_, &flagChanged);
     kernel_.reset();
     host_.stop();
     chip_.reset();
-    service_.serverIs(nullptr);
-    rpc_.serverIs(nullptr);
-    server_.reset();
+    service_.attach(nullptr);
+    sessions_.reset();
     TRACE(6, "Application::", "end", " done");
 }
 
@@ -234,11 +282,12 @@ int Application::check(std::ostream& out) {
 void Application::sayPlan(std::ostream& out) {
     configure();
     load();
-    makeParts();
+    makeChip();
     out << (options_.isStdio ? "serve one client on standard input and output\n"
                              : "serve clients on " + socketPath() + "\n");
-    out << "host " << pluginFile() << ", with routes from the " << (host_.isLumen() ? "Lumen" : "Quill")
-        << " source\n";
+    std::string source(host_.routes().name());
+    source.front() = static_cast<char>(source.front() - 'a' + 'A');
+    out << "host " << pluginFile() << ", with routes from the " << source << " source\n";
     for (const State::ToggleStatus& toggle : State::toggles()) {
         constexpr const char* origins[] = {"by default", "from the toggle file", "from --toggle"};
         out << "toggle " << toggle.name << " is " << (toggle.value ? "on" : "off") << ", "
@@ -247,16 +296,18 @@ void Application::sayPlan(std::ostream& out) {
     if (chip_)
         out << "stand in for the hardware layer\n";
     if (!options_.preload.empty()) {
-        grammar_->preload(options_.preload);
+        language_.preload(options_.preload);
         out << "begin with the state of " << options_.preload << "\n";
     }
+    std::vector<GivenVrf> mirrored;
     if (!options_.kernel.empty()) {
-        const std::size_t vrfs = Kernel::readKernelConfig(options_.kernel).vrfs.size();
-        out << "mirror the kernel's multicast forwarding in " << vrfs << " VRFs, as " << options_.kernel
-            << " says\n";
+        for (const Kernel::VrfConfig& vrf : Kernel::readKernelConfig(options_.kernel).vrfs)
+            mirrored.push_back({vrf.name, vrf.id});
+        out << "mirror the kernel's multicast forwarding in " << mirrored.size() << " VRFs, as "
+            << options_.kernel << " says\n";
     }
     if (!options_.play.empty()) {
-        grammar_->check(options_.play);
+        language_.check(options_.play, mirrored);
         out << "play " << options_.play << (options_.exitAfterPlay ? " and leave" : "") << "\n";
     }
 }
@@ -266,7 +317,7 @@ std::string Application::pluginFile() const {
 }
 
 std::string Application::socketPath() const {
-    return options_.socket.empty() ? defaultSocketPath() : options_.socket;
+    return options_.socket.empty() ? Text::defaultSocketPath(::geteuid() == 0) : options_.socket;
 }
 
 } // namespace Agent

@@ -1,32 +1,31 @@
 // The agent put together: reads files, loads and starts the plug-in, serves clients until it is told to end.
 //
-// The order of the start matters: toggles and trace levels before the plug-in is loaded, as it reads them
-// then; preloaded state after, as it goes to the source of routes that the toggle chose; the answer log, the
-// chip and the preloaded state before the plug-in starts; `ready` when both of its ready flags are true. The
-// end is the start backwards, the answer log first, so that nobody is told of the teardown.
+// The order of the start matters: toggles and trace levels before the plug-in is loaded, as it reads them then;
+// preloaded state after, as it goes to the source of routes that the toggle chose; the answer log, the chip and the
+// preloaded state before the plug-in starts; `ready` when the ready flags of all services are true. The end is the
+// start backwards, the answer log first, so that nobody is told of the teardown.
 //
 // main() makes one and runs it.
 #pragma once
 
-#include "agent/ControlService.h"
-#include "agent/EventLoop.h"
-#include "agent/Grammar.h"
-#include "agent/KernelSource.h"
 #include "agent/Options.h"
-#include "agent/SoftwareChip.h"
+#include "agent/control/ControlService.h"
+#include "agent/control/JsonRpc.h"
+#include "agent/control/Sessions.h"
+#include "agent/host/SoftwareChip.h"
+#include "agent/kernel/KernelSource.h"
+#include "agent/language/Language.h"
 #include "records/NatStatus.h"
 
 #include <iosfwd>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace Agent {
 
 class Application {
   public:
-    /// @param makeKernelSource makes the kernel source of --kernel; empty: there is none in this agent.
-    Application(Options options, KernelSourceMaker makeKernelSource);
+    explicit Application(Options options);
     ~Application();
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
@@ -38,35 +37,38 @@ class Application {
     int check(std::ostream& out);
 
   private:
+    class Signals;
+
     void configure() const;
     void load();
     void checkNames() const;
-    void makeParts();
+    void addKernelCommands();
+    void makeChip();
     void setUp();
     void start();
-    void listenForReady();
-    static void flagChanged(void* self, const State::Notification& change);
     void announceIfReady();
-    void playIfAsked();
+    void play();
     void signalled(int signal);
+    void stop();
     void end();
     void sayPlan(std::ostream& out);
     std::string pluginFile() const;
     std::string socketPath() const;
 
     const Options options_;
-    const KernelSourceMaker makeKernelSource_;
-    EventLoop loop_;
+    const std::unique_ptr<asio::io_context> loop_;
+    std::unique_ptr<Signals> signals_;
     Host host_;
     Operations operations_;
     AnswerLog log_;
+    Language language_;
     ControlService service_;
     JsonRpc rpc_;
-    std::uint64_t tellHook_ = 0;
+    PostedTask readyTask_;
+    PostedTask chipTask_;
     std::unique_ptr<SoftwareChip> chip_;
-    std::unique_ptr<Grammar> grammar_;
-    std::unique_ptr<KernelSource> kernel_;
-    std::unique_ptr<LineServer> server_;
+    std::unique_ptr<Kernel::KernelSource> kernel_;
+    std::unique_ptr<Sessions> sessions_;
     State::Handle<const KestrelNat::MulticastSmStatus> readyFlags_;
     bool isAnnounced_ = false;
     int status_ = exitClean;

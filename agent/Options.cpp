@@ -1,5 +1,7 @@
 #include "agent/Options.h"
 
+#include "text/Nearest.h"
+
 #include <CLI/CLI.hpp>
 
 #include <array>
@@ -35,6 +37,8 @@ std::pair<std::string, int> traceLevelOf(const std::string& given) {
         throw UsageError("--trace: the level of " + facility + " runs from 0 to 9, not \"" + level + "\"");
     return {facility, level[0] - '0'};
 }
+
+constexpr std::string_view chipWords[] = {"deferred", "sync"};
 
 struct Raw {
     std::vector<std::string> toggles;
@@ -82,8 +86,19 @@ void convert(const Raw& raw, Options& options) {
         options.chip = Options::Chip::sync;
     } else if (!raw.chip.empty()) {
         throw UsageError("--software-chip: the chip works \"deferred\" or \"sync\", not \"" + raw.chip +
-                         "\"");
+                         "\"" + Text::suggestion(raw.chip, chipWords));
     }
+}
+
+// What may have been meant by an option that is not known.
+std::string suggestionFor(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : app.get_options())
+        for (const std::string& name : option->get_lnames())
+            names.push_back("--" + name);
+    const std::vector<std::string_view> known(names.begin(), names.end());
+    const std::vector<std::string> extras = app.remaining();
+    return extras.empty() ? "" : Text::suggestion(extras.front().substr(0, extras.front().find('=')), known);
 }
 
 } // namespace
@@ -96,6 +111,9 @@ CommandLine readCommandLine(int argc, const char* const* argv, std::ostream& out
     try {
         app.parse(argc, argv);
         convert(raw, options);
+    } catch (const CLI::ExtrasError& error) {
+        err << error.what() << suggestionFor(app) << "\nRun with --help for more information.\n";
+        return {.options = {}, .exitStatus = exitUsage};
     } catch (const CLI::ParseError& error) {
         return {.options = {}, .exitStatus = app.exit(error, out, err) == 0 ? exitClean : exitUsage};
     } catch (const UsageError& error) {

@@ -1,6 +1,6 @@
 #include "agent/ServiceNotify.h"
 
-#include "agent/Fd.h"
+#include "agent/host/Fd.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

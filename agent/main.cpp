@@ -1,6 +1,5 @@
 #include "agent/Application.h"
-#include "agent/KernelMirror.h"
-#include "agent/LastWords.h"
+#include "agent/host/LastWords.h"
 
 #include <cstdio>
 #include <exception>
@@ -11,9 +10,9 @@ int main(int argc, char** argv) {
     const CommandLine line = readCommandLine(argc, argv, std::cout, std::cerr);
     if (!line.options)
         return line.exitStatus;
-    lastWordsAre();
+    sayLastWords();
     try {
-        Application application(*line.options, &makeKernelMirror);
+        Application application(*line.options);
         return line.options->checkOnly ? application.check(std::cout) : application.run();
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestrel-agent: %s\n", error.what());

@@ -32,8 +32,8 @@ class JsonWriter final : public Writer {
     void separate();
 
     std::string& out_;
-    std::string ends_;         // the closing brackets that are owed, innermost last
-    bool isFirst_ = true;      // of what was begun last
+    std::string ends_;    // the closing brackets that are owed, innermost last
+    bool isFirst_ = true; // of what was begun last
     bool isAfterField_ = false;
 };
 

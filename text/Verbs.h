@@ -9,9 +9,9 @@ namespace Text {
 
 struct VerbHelp {
     std::string_view name;
-    bool changes = false;       // a state command: guards may refuse it, so that it can be raw
-    std::string_view summary;   // one sentence
-    std::string_view forms;     // how the line is written, a line each, each ended by a newline
+    bool changes = false;        // a state command: guards may refuse it, so that it can be raw
+    std::string_view summary;    // one sentence
+    std::string_view forms;      // how the line is written, a line each, each ended by a newline
     std::string_view notes = {}; // what else should be known
 };
 

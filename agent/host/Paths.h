@@ -41,7 +41,7 @@ struct RowFault {
 struct PathShape {
     std::string_view text;
     PathKind kind = PathKind::other;
-    std::string_view entityType;
+    const State::EntityType& (*entityType)() = nullptr;
     State::Handle<State::Store> Stores::*store = &Stores::database;
     bool isMember = false;                   // of the entity at the path without its last component
     std::span<const char* const> modes = {}; // what TYPE may be: of static routes, of sparse ones
@@ -54,12 +54,12 @@ struct PathShape {
 
 /// A path, looked up.
 struct Place {
-    std::string_view path;                    // the caller's
-    const PathShape* shape = nullptr;         // null for a path outside the table
-    const State::EntityType* type = nullptr;  // never null
-    State::Handle<State::Entity> entity = {}; // null: nothing there yet
-    std::string_view vrf = {};                // the VRF component, where the shape has one
-    std::string_view mode = {};               // the TYPE component, likewise
+    std::string_view path;                         // the caller's
+    const PathShape* shape = nullptr;              // null for a path outside the table
+    const State::EntityType* type = nullptr;       // never null
+    State::Handle<State::Entity> entity = {};      // null: nothing there yet
+    std::string_view vrf = {};                     // the VRF component, where the shape has one
+    std::string_view mode = {};                    // the TYPE component, likewise
     RouteType routeType = RouteType::staticRoutes; // what TYPE means
 
     PathKind kind() const { return shape == nullptr ? PathKind::other : shape->kind; }

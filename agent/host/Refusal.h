@@ -23,7 +23,7 @@ enum class RefusalKind : std::uint8_t {
 struct Where {
     std::string path = {};
     std::string attribute = {};
-    std::string field = {};                // of the key or value, if one is meant; else "key", "value" or a parameter
+    std::string field = {}; // of the key or value, if one is meant; else "key", "value" or a parameter
     std::optional<std::size_t> index = {}; // of the change in its list, from 0
     std::optional<std::size_t> line = {};  // of the line in its list, from 1
     std::optional<std::size_t> word = {};  // of the word in its line, from 1

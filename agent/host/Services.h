@@ -27,22 +27,26 @@ using Answer = std::variant<std::monostate, KestrelNat::NatMrouteOifSet, std::ui
 /// Null where there is none.
 State::Datum toDatum(const Answer& answer);
 
+using AnswerVisitor = std::function<void(const RequestKey&, const Answer&)>;
+
 struct Service {
     std::string_view name;         // in lines and tables: "mroute"
     std::string_view answerColumn; // of `show`: "oifs"
-    KestrelNat::NatRequestType requestType;
-    const char* requestPath;
+    KestrelNat::NatRequestType requestType = {};
     std::string_view requestAttribute;
-    const char* answerPath;
     std::string_view answerAttribute;
     std::string_view readyAttribute; // of KestrelNat::MulticastSmStatus
+    bool readsRoutes = false;        // its answers are gathered from route tables
 
-    std::string_view requestEntity; // type names
-    std::string_view answerEntity;
-    const RequestSet& (*requests)(const State::Entity& requestEntity);
-    Answer (*answer)(const State::Entity& answerEntity, const RequestKey& key);
-    void (*eachAnswer)(const State::Entity& answerEntity,
-                       const std::function<void(const RequestKey&, Answer)>& visit);
+    // What follows from the types of the entities at both ends.
+    const char* requestPath = nullptr;
+    const State::EntityType& (*requestEntity)() = nullptr;
+    const RequestSet& (*requests)(const State::Entity& entity) = nullptr;
+    const char* answerPath = nullptr;
+    bool answersInterfaces = false; // else with a number
+    const State::EntityType& (*answerEntity)() = nullptr;
+    Answer (*answer)(const State::Entity& entity, const RequestKey& key) = nullptr;
+    void (*eachAnswer)(const State::Entity& entity, const AnswerVisitor& visit) = nullptr;
 
     /// Its place in the table.
     std::size_t index() const;
@@ -50,7 +54,6 @@ struct Service {
 
 /// The table.
 std::span<const Service> services();
-constexpr std::size_t serviceCount = 2;
 /// Null for a name that none has.
 const Service* serviceNamed(std::string_view name);
 

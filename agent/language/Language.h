@@ -5,6 +5,7 @@
 #pragma once
 
 #include "agent/changes/Operations.h"
+#include "agent/host/Refusal.h"
 #include "agent/language/Expectations.h"
 #include "agent/language/Verb.h"
 
@@ -13,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -26,6 +28,12 @@ struct LineChanges {
     void place(Refusal& refusal) const;
 };
 
+/// A VRF and its identifier.
+struct GivenVrf {
+    std::string name;
+    std::uint32_t id = 0;
+};
+
 class Language {
   public:
     /// @param operations outlives it.
@@ -36,6 +44,9 @@ class Language {
     void addVerb(Verb verb);
     /// Adds something that `show` can show.
     void addShown(std::string name, Text::Tell tell);
+
+    /// What writes one of the things that `show` shows. @throws Refusal for another name.
+    const Text::Tell& shown(const std::string& name) const;
 
     /// Carries out one line. A state command replies with what changed: {"changed", "answers"}.
     /// @param raw whether its changes pass the guards.
@@ -53,7 +64,8 @@ class Language {
     /// Holds a scenario file against grammar, types and guards without playing it: what the play would refuse, but
     /// for expectations that don't hold.
     /// @throws std::runtime_error naming file and line.
-    void check(const std::string& file);
+    /// @param vrfs that will be there by then, beside those of the file.
+    void check(const std::string& file, std::span<const GivenVrf> vrfs = {});
     /// Plays a scenario file.
     /// @param out where it tells what happens; what fails is told on standard error.
     /// @return whether every line was carried out and every expectation held.
@@ -61,9 +73,21 @@ class Language {
     bool play(const std::string& file, std::ostream& out);
 
   private:
+    Action mark();
+    Action readShow(WordReader& words);
+    Action readGet(WordReader& words);
+    static Action readTrace(WordReader& words);
+    Action readOther(const std::vector<std::string>& words, const StateCommands& names);
+    static LineChanges read(StateCommands& commands, std::span<const std::string> lines, bool raw,
+                            const std::function<void(const std::vector<std::string>&)>& other);
+    static void withChanges(const std::string& file, const std::function<LineChanges()>& read,
+                            const std::function<void(std::span<const Change>)>& use);
+    void playLine(const std::string& line, std::ostream& out);
+
     Operations& operations_;
     Expectations expectations_;
     std::vector<Verb> verbs_;
+    std::vector<std::pair<std::string, Text::Tell>> shown_;
 };
 
 } // namespace Agent

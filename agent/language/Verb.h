@@ -12,14 +12,17 @@
 
 namespace Agent {
 
+class StateCommands;
+
 /// What a line asks for, read and checked, ready to be carried out. @throws Refusal; what it calls raises.
 using Action = std::function<void(const Text::Reply&)>;
 
 struct Verb {
     std::string_view name;
-    /// Reads the words behind the verb to the end of the line, and checks them as far as the state allows; carries
-    /// out nothing. @throws Refusal that names the word it stumbled over.
-    std::function<Action(WordReader&)> read;
+    /// Reads the words behind the verb, and checks them as far as the state allows; carries out nothing.
+    /// @param names knows the names that earlier lines gave.
+    /// @throws Refusal that names the word it stumbled over.
+    std::function<Action(WordReader& words, const StateCommands& names)> read;
 };
 
 } // namespace Agent

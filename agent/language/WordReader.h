@@ -31,7 +31,8 @@ class WordReader {
     bool onOff(std::string_view what);
     /// Nothing may follow.
     void expectEnd() const;
-    [[noreturn]] void refuse(std::string_view wanted) const;
+    /// Refuses the next word. @param more stands behind the message.
+    [[noreturn]] void refuse(std::string_view wanted, std::string_view more = {}) const;
     /// Refuses the word taken last, with a text of its own.
     [[noreturn]] void refuseLast(const std::string& message) const;
 

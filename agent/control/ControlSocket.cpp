@@ -1,0 +1,127 @@
+#include "agent/control/ControlSocket.h"
+
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <thread>
+
+namespace Agent {
+
+namespace {
+
+/// How long a starter waits for another one that looks and binds in the same directory.
+constexpr std::chrono::milliseconds lockWait{1000};
+constexpr std::chrono::milliseconds lockRetry{20};
+
+[[noreturn]] void fail(const std::string& path, const std::string& why) {
+    throw std::runtime_error("control socket " + path + ": " + why);
+}
+
+[[noreturn]] void failErrno(const std::string& path, const std::string& what) {
+    fail(path, what + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe): one thread
+}
+
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty())
+        fail("''", "the path is empty");
+    if (path.size() >= sizeof address.sun_path)
+        fail(path, "the path has " + std::to_string(path.size()) + " bytes, the system takes " +
+                       std::to_string(sizeof address.sun_path - 1));
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+int connectTo(int fd, const sockaddr_un& address) {
+    return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+/// The lock that keeps two starters apart. It is on the directory itself, so that no lock file stays behind.
+Fd lockDirectoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    Fd lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock)
+        failErrno(path, "can't open directory " + directory);
+    const auto end = std::chrono::steady_clock::now() + lockWait;
+    while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            failErrno(path, "can't lock directory " + directory);
+        if (std::chrono::steady_clock::now() >= end)
+            fail(path, "another process holds the lock on directory " + directory);
+        std::this_thread::sleep_for(lockRetry);
+    }
+    return lock;
+}
+
+} // namespace
+
+ControlSocket::ControlSocket(const std::string& path)
+    : path_(path) {
+    addressOf(path_);
+    const Fd lock = lockDirectoryOf(path_);
+    replaceLeftover();
+    bindAndListen();
+}
+
+ControlSocket::~ControlSocket() {
+    // Until the descriptor is closed the socket accepts, so no starter replaces the file between look and
+    // removal.
+    struct stat now {};
+    if (::lstat(path_.c_str(), &now) == 0 && now.st_dev == device_ && now.st_ino == inode_)
+        ::unlink(path_.c_str());
+}
+
+void ControlSocket::replaceLeftover() {
+    struct stat found {};
+    if (::lstat(path_.c_str(), &found) != 0) {
+        if (errno == ENOENT)
+            return;
+        failErrno(path_, "can't look at it");
+    }
+    if (!S_ISSOCK(found.st_mode))
+        fail(path_, "the file exists and is no socket");
+
+    const Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!probe)
+        failErrno(path_, "can't make a socket");
+    const int result = connectTo(probe.get(), addressOf(path_));
+    if (result == 0 || errno == EAGAIN)
+        fail(path_, "another agent serves it");
+    if (errno != ECONNREFUSED)
+        failErrno(path_, "can't tell whether an agent serves it");
+    if (::unlink(path_.c_str()) != 0)
+        failErrno(path_, "can't remove the socket of an agent that has gone");
+}
+
+void ControlSocket::bindAndListen() {
+    const sockaddr_un address = addressOf(path_);
+    socket_ = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!socket_)
+        failErrno(path_, "can't make a socket");
+    // The file takes its mode from the socket, so there is no moment in which others could connect.
+    if (::fchmod(socket_.get(), S_IRUSR | S_IWUSR) != 0)
+        failErrno(path_, "can't set its mode");
+    if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        failErrno(path_, "can't bind");
+    struct stat made {};
+    if (::listen(socket_.get(), SOMAXCONN) != 0 || ::lstat(path_.c_str(), &made) != 0) {
+        const int error = errno;
+        ::unlink(path_.c_str());
+        errno = error;
+        failErrno(path_, "can't listen");
+    }
+    device_ = made.st_dev;
+    inode_ = made.st_ino;
+}
+
+} // namespace Agent

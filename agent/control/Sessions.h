@@ -1,0 +1,94 @@
+// Serves lines to clients: those of the control socket, or one on standard input and output.
+//
+// Every client gets one line served per turn of the loop, in the order in which they became ready; answers to
+// lines that a client sent together leave together. No client can hold up another or make the agent's memory
+// grow: a line is at most LineHandler::lineLimit bytes, a client is not read from while an answer to it is
+// unsent or owed, and one that lets notifications pile up is cut off.
+//
+// The application owns it; the loop and the handler outlive it. All calls come from the loop's thread. A
+// forked child must not touch it.
+//
+// Read next: Session.h (one client), ControlSocket.h (the path), LineHandler.h (what answers).
+#pragma once
+
+#include "agent/control/LineHandler.h"
+#include "agent/control/Session.h"
+#include "agent/host/Fd.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace Agent {
+
+class Sessions {
+  public:
+    /// Ignores SIGPIPE for the process from now on.
+    Sessions(asio::io_context& context, LineHandler& handler);
+    /// Sends what can be sent without waiting, closes all clients and the socket. clientGone is not called.
+    ~Sessions();
+    Sessions(const Sessions&) = delete;
+    Sessions& operator=(const Sessions&) = delete;
+
+    /// Serves all who connect to a Unix socket of that path.
+    /// @throws std::runtime_error as ControlSocket does.
+    void listen(const std::string& path);
+
+    /// Serves one client on a pair of descriptors (standard input and output), which stay the caller's and
+    /// open.
+    /// @return its id; clientGone tells when the input has ended and all is answered.
+    /// @throws std::system_error when the system has no descriptors for it.
+    ClientId serve(int in, int out);
+
+    /// Ends a line that the handler did not finish, with its answer as the handler would have given it; not
+    /// from inside LineHandler::serve. Nothing happens when the client has gone.
+    void finish(ClientId client, std::string_view answer);
+
+    /// Queues one line (without its newline) for a client; it leaves on the next turn.
+    /// @return false when there is no such client, or it is cut off because too much waits for it already.
+    bool notify(ClientId client, std::string_view line);
+
+    /// Bytes that wait for a client; 0 when there is no such client.
+    std::size_t unsent(ClientId client) const;
+    /// Who holds notifications back while much (Session::batchBytes) waits for a client goes on in this
+    /// callback: a client has taken it all.
+    void onRoom(std::function<void()> callback) { onRoom_ = std::move(callback); }
+
+    /// Closes a client that has fallen too far behind, without a last word to it.
+    void cutOff(ClientId client);
+
+    std::size_t clients() const { return sessions_.size(); }
+    /// Clients cut off so far.
+    std::uint64_t cutOffCount() const { return cutOffCount_; }
+
+  private:
+    struct Listener;
+    struct KeptFlags {
+        int fd;
+        int flags;
+    };
+
+    void awaitClients();
+    void acceptReady();
+    void admit(Fd socket);
+    ClientId add(Fd in, Fd out);
+    Fd ownDescriptor(int fd, int access);
+    Session* sessionOf(ClientId client) const;
+    void sweep();
+
+    asio::io_context& context_;
+    Session::Shared shared_;
+    std::function<void()> onRoom_;
+    std::shared_ptr<Listener> listener_;
+    std::unordered_map<ClientId, std::shared_ptr<Session>> sessions_;
+    std::vector<KeptFlags> keptFlags_; // of descriptors that are shared with others, as they were
+    ClientId lastClient_ = 0;
+    std::uint64_t cutOffCount_ = 0;
+};
+
+} // namespace Agent

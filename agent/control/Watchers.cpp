@@ -1,0 +1,87 @@
+#include "agent/control/Watchers.h"
+
+#include "agent/control/Sessions.h"
+#include "agent/language/AnswerText.h"
+#include "text/JsonWriter.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+void writeChange(Text::Writer& writer, const Operations& operations, std::uint64_t seq,
+                 const AnswerChange& change, bool withText) {
+    writer.beginRecord();
+    writer.member("seq", seq);
+    writeAnswerMembers(writer, change);
+    if (withText)
+        writeAnswerNames(writer, operations, change, true);
+    writer.end();
+}
+
+void Watchers::watch(ClientId client, std::uint64_t last, bool withText) {
+    unwatch(client);
+    watchers_.push_back({client, last + 1, withText});
+}
+
+void Watchers::unwatch(ClientId client) {
+    std::erase_if(watchers_, [client](const Watcher& watcher) { return watcher.client == client; });
+}
+
+bool Watchers::tell() {
+    cutOffTheLost();
+    for (std::size_t told = 0; told < sliceChanges; ++told) {
+        const Watcher* watcher = furthestBehind();
+        if (watcher == nullptr)
+            return false;
+        tellOne(watcher->next);
+    }
+    return furthestBehind() != nullptr;
+}
+
+void Watchers::cutOffTheLost() {
+    std::erase_if(watchers_, [this](const Watcher& watcher) {
+        const bool isLost = watcher.next < log_.oldest();
+        if (isLost && sessions_ != nullptr)
+            sessions_->cutOff(watcher.client);
+        return isLost;
+    });
+}
+
+// Whether the watcher can be told something now.
+bool Watchers::isOpen(const Watcher& watcher) const {
+    return watcher.next <= log_.last() && sessions_ != nullptr &&
+           sessions_->unsent(watcher.client) < waitingLimit;
+}
+
+const Watchers::Watcher* Watchers::furthestBehind() const {
+    const Watcher* found = nullptr;
+    for (const Watcher& watcher : watchers_)
+        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher))
+            found = &watcher;
+    return found;
+}
+
+// Tells one change to all whose turn it is, put into words once for each form.
+void Watchers::tellOne(std::uint64_t seq) {
+    for (std::string& line : lines_)
+        line.clear();
+    std::erase_if(watchers_, [&](Watcher& watcher) {
+        if (watcher.next != seq || !isOpen(watcher))
+            return false;
+        ++watcher.next;
+        return !sessions_->notify(watcher.client, line(seq, watcher.withText));
+    });
+}
+
+const std::string& Watchers::line(std::uint64_t seq, bool withText) {
+    std::string& line = lines_[withText ? 1 : 0];
+    if (line.empty()) {
+        line = R"({"jsonrpc":"2.0","method":"changed","params":)";
+        Text::JsonWriter writer(line);
+        writeChange(writer, operations_, seq, log_.change(seq), withText);
+        line += '}';
+    }
+    return line;
+}
+
+} // namespace Agent

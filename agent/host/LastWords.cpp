@@ -1,0 +1,58 @@
+#include "agent/host/LastWords.h"
+
+#include "state/Fatal.h"
+#include "state/Trace.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+namespace Agent {
+
+namespace {
+
+std::terminate_handler usualEnd = nullptr;
+
+void onFatal(void* /*context*/) {
+    printLastRecords();
+}
+
+[[noreturn]] void onTerminate() {
+    const char* what = "std::terminate was called";
+    std::exception_ptr current = std::current_exception();
+    try {
+        if (current) {
+            what = "an exception of an unknown type";
+            std::rethrow_exception(current);
+        }
+    } catch (const std::exception& error) {
+        what = error.what();
+    } catch (...) { // NOLINT(bugprone-empty-catch): it has no text
+    }
+    std::fprintf(stderr, "kestrel-agent: uncaught: %s\n", what);
+    printLastRecords();
+    std::abort();
+}
+
+} // namespace
+
+void sayLastWords() {
+    State::fatalHookIs(&onFatal, nullptr);
+    usualEnd = std::set_terminate(&onTerminate);
+}
+
+void dropLastWords() {
+    State::fatalHookDel(&onFatal, nullptr);
+    if (usualEnd != nullptr) {
+        std::set_terminate(usualEnd);
+        usualEnd = nullptr;
+    }
+}
+
+void printLastRecords() {
+    std::fputs("last trace records:\n", stderr);
+    State::traceDumpLast(lastWordsRecords, stderr);
+    std::fflush(stderr);
+}
+
+} // namespace Agent

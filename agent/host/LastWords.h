@@ -1,0 +1,19 @@
+// What the agent's process says when it ends against its will: by a fatal assertion, an exception that left a
+// reactor, or one that nobody caught. After the text itself the last trace records follow on standard error.
+#pragma once
+
+#include <cstddef>
+
+namespace Agent {
+
+/// Trace records that the last words hold.
+constexpr std::size_t lastWordsRecords = 50;
+
+/// Has the last words said from now on.
+void sayLastWords();
+/// Not any more: for a forked child, whose end is its parent's to tell.
+void dropLastWords();
+/// Prints the last trace records on standard error.
+void printLastRecords();
+
+} // namespace Agent

@@ -1,0 +1,188 @@
+#include "agent/host/Paths.h"
+
+#include "agent/host/Refusal.h"
+#include "records/MrouteGroup.h"
+#include "records/NatStatus.h"
+#include "records/RouteStatus.h"
+#include "state/Errors.h"
+#include "text/Nearest.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace Agent {
+
+namespace {
+
+template <class T>
+PathShape shapeOf(PathKind kind, State::Handle<State::Store> Stores::*store = &Stores::database) {
+    return {.text = T::path, .kind = kind, .entityType = &T::type, .store = store};
+}
+
+std::vector<PathShape> makeShapes() {
+    using namespace KestrelCommon::MrouteGroup;
+    std::vector<PathShape> shapes;
+    for (const Service& service : services()) {
+        shapes.push_back({.text = service.requestPath,
+                          .kind = PathKind::requests,
+                          .entityType = service.requestEntity,
+                          .service = &service});
+        shapes.push_back(
+            {.text = service.answerPath, .kind = PathKind::plugInOutput, .entityType = service.answerEntity});
+    }
+    shapes.push_back(shapeOf<KestrelNat::MulticastSmStatus>(PathKind::plugInOutput));
+    shapes.push_back(shapeOf<KestrelNat::CapabilityConfig>(PathKind::capability));
+    shapes.push_back(shapeOf<Routing::Hardware::RouteStatus>(PathKind::vrfs));
+    shapes.push_back(shapeOf<Routing::Multicast::Fib::VrfEnabledStatus>(PathKind::vrfEnabled));
+    for (const RouteSourceRow& source : routeSources())
+        shapes.insert(shapes.end(), source.shapes.begin(), source.shapes.end());
+    shapes.push_back(shapeOf<MrouteColl>(PathKind::plugInOutput, &Stores::tables));
+    shapes.push_back(shapeOf<MgroupColl>(PathKind::other, &Stores::tables));
+    return shapes;
+}
+
+// Takes the first component off a path.
+std::string_view takeComponent(std::string_view& path) {
+    const std::size_t slash = std::min(path.find('/'), path.size());
+    const std::string_view component = path.substr(0, slash);
+    path.remove_prefix(std::min(slash + 1, path.size()));
+    return component;
+}
+
+std::string_view parentOf(std::string_view path) {
+    return path.substr(0, path.rfind('/'));
+}
+
+std::string_view lastOf(std::string_view path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// Whether the path is of the shape; notes its VRF and TYPE components.
+bool matches(const PathShape& shape, Place& place) {
+    std::string_view wanted = shape.text;
+    std::string_view given = place.path;
+    if (shape.modes.empty())
+        return wanted == given;
+    if (std::ranges::count(wanted, '/') != std::ranges::count(given, '/'))
+        return false;
+    while (!wanted.empty()) {
+        const std::string_view name = takeComponent(wanted);
+        const std::string_view component = takeComponent(given);
+        if (name == "VRF" && !component.empty()) {
+            place.vrf = component;
+        } else if (name == "TYPE") {
+            const auto mode = std::ranges::find(shape.modes, component);
+            if (mode == shape.modes.end())
+                return false;
+            place.mode = component;
+            place.routeType = static_cast<RouteType>(mode - shape.modes.begin());
+        } else if (name != component) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// How far a path is from a shape: leading components of the shape that it does not have, then the edit distance,
+// in which its own components stand for VRF and TYPE.
+std::pair<std::ptrdiff_t, std::size_t> distance(const PathShape& shape, std::string_view path) {
+    std::string like;
+    std::ptrdiff_t common = 0;
+    bool isCommon = true;
+    std::string_view text = shape.text;
+    std::string_view rest = path;
+    while (!text.empty()) {
+        const std::string_view name = takeComponent(text);
+        const std::string_view component = takeComponent(rest);
+        const bool stands = (name == "VRF" || name == "TYPE") && !component.empty();
+        isCommon = isCommon && (stands || name == component);
+        common += isCommon ? 1 : 0;
+        like += like.empty() ? "" : "/";
+        like += stands ? component : name;
+    }
+    return {-common, Text::editDistance(like, path)};
+}
+
+[[noreturn]] void refuseUnknown(std::string_view path) {
+    constexpr std::size_t comparedBytes = 200;
+    const std::string_view given = path.substr(0, comparedBytes);
+    const auto shapes = Paths::shapes();
+    const auto nearest =
+        std::ranges::min_element(shapes, {}, [&](const PathShape& shape) { return distance(shape, given); });
+    std::string message = "unknown path \"" + std::string(path) + "\"; the nearest known one is ";
+    message += nearest->text;
+    std::string_view separator = ", where TYPE is ";
+    for (const std::string_view mode : nearest->modes) {
+        message += separator;
+        message += mode;
+        separator = " or ";
+    }
+    throw Refusal(message, {.path = std::string(path)});
+}
+
+// The attribute whose members an entity has at the paths below its own.
+const State::Attribute& membersOf(const State::Entity& parent) {
+    return **std::ranges::find(parent.entityType().attributes(), State::AttributeKind::members,
+                               [](const auto& attribute) { return attribute->kind(); });
+}
+
+} // namespace
+
+std::span<const PathShape> Paths::shapes() {
+    static const std::vector<PathShape> shapes = makeShapes();
+    return shapes;
+}
+
+Place Paths::at(std::string_view path) const {
+    for (const PathShape& shape : shapes()) {
+        Place place{.path = path};
+        if (matches(shape, place)) {
+            place.shape = &shape;
+            place.type = &shape.entityType();
+            place.entity = find(place);
+            return place;
+        }
+    }
+    for (const auto& store : {stores_.database, stores_.tables, stores_.entities})
+        if (auto entity = store->entity(path)) {
+            const State::EntityType& type = entity->entityType();
+            return {.path = path, .type = &type, .entity = std::move(entity)};
+        }
+    refuseUnknown(path);
+}
+
+State::Handle<State::Entity> Paths::find(const Place& place) const {
+    try {
+        const State::Handle<State::Store>& store = stores_.*place.shape->store;
+        if (!place.vrf.empty())
+            static_cast<void>(L3::VrfName(place.vrf));
+        if (!place.shape->isMember)
+            return store->entity(place.path);
+        const auto parent = store->entity(parentOf(place.path));
+        return parent ? membersOf(*parent).member(*parent, State::Datum(lastOf(place.path)))
+                      : State::Handle<State::Entity>();
+    } catch (const State::Error& error) {
+        throw Refusal(error.what(), {.path = std::string(place.path)});
+    }
+}
+
+State::Handle<State::Entity> Paths::made(const Place& place) const {
+    if (!place.shape->isMember)
+        return place.type->create(lastOf(place.path));
+    const Place parent = at(parentOf(place.path));
+    const auto owner = parent.entity ? parent.entity : made(parent);
+    return membersOf(*owner).memberMade(*owner, State::Datum(lastOf(place.path)));
+}
+
+void Paths::enter(const Place& place, const State::Handle<State::Entity>& entity) const {
+    const State::Handle<State::Store>& store = stores_.*place.shape->store;
+    if (!place.shape->isMember) {
+        store->entityIs(place.path, entity);
+        return;
+    }
+    const Place parent = at(parentOf(place.path));
+    const auto owner = store->entityIs(parent.path, parent.type->name());
+    membersOf(*owner).memberIs(*owner, State::Datum(lastOf(place.path)), entity);
+}
+
+} // namespace Agent

@@ -1,0 +1,198 @@
+#include "agent/json/Json.h"
+
+#include "text/JsonWriter.h"
+
+#include <simdjson.h>
+
+#include <algorithm>
+
+namespace Agent::Json {
+
+namespace {
+
+using State::Datum;
+namespace dom = simdjson::dom;
+namespace ondemand = simdjson::ondemand;
+
+std::string tooDeep() {
+    return "arrays and objects nest deeper than " + std::to_string(depthLimit) + " levels";
+}
+
+// The depth of what has been parsed is known to be within the limit.
+Datum datumOf(const dom::element& element) {
+    switch (element.type()) {
+    case dom::element_type::ARRAY: {
+        const dom::array array = element;
+        Datum::List list;
+        list.reserve(array.size());
+        for (const dom::element each : array)
+            list.push_back(datumOf(each));
+        return list;
+    }
+    case dom::element_type::OBJECT: {
+        const dom::object object = element;
+        Datum::Record record;
+        record.reserve(object.size());
+        for (const auto& [name, content] : object)
+            record.emplace_back(name, datumOf(content));
+        return record;
+    }
+    case dom::element_type::STRING:
+        return std::string_view(element);
+    case dom::element_type::UINT64:
+        return std::uint64_t(element);
+    case dom::element_type::INT64: {
+        const std::int64_t number = element;
+        return number < 0 ? Datum(number) : Datum(static_cast<std::uint64_t>(number));
+    }
+    case dom::element_type::DOUBLE:
+        return double(element);
+    case dom::element_type::BOOL:
+        return bool(element);
+    case dom::element_type::NULL_VALUE:
+        break;
+    }
+    return {};
+}
+
+// Where a fault is that was found before any value was looked at: bytes that are no UTF-8, a control byte within a
+// string, or a string without an end.
+std::size_t firstFault(std::string_view text) {
+    std::size_t stringBegin = std::string_view::npos; // of the one that is open
+    for (std::size_t at = 0; at < text.size();) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const std::size_t length = byte < 0x80 ? 1 : byte < 0xe0 ? 2 : byte < 0xf0 ? 3 : 4;
+        const bool isOpen = stringBegin != std::string_view::npos;
+        if (!simdjson::validate_utf8(text.substr(at, length)) || (isOpen && byte < 0x20))
+            return at;
+        if (byte == '"')
+            stringBegin = isOpen ? std::string_view::npos : at;
+        at += isOpen && byte == '\\' ? 2 : length;
+    }
+    return std::min(stringBegin, text.size());
+}
+
+std::string placeText(std::string_view text, std::size_t at) {
+    const std::string_view before = text.substr(0, at);
+    const auto line = 1 + std::ranges::count(before, '\n');
+    const std::size_t column = before.size() - (before.rfind('\n') + 1) + 1;
+    return " (line " + std::to_string(line) + ", column " + std::to_string(column) + ")";
+}
+
+// The library's text for a code, without the code's own name.
+std::string textOf(simdjson::error_code code) {
+    const std::string text = simdjson::error_message(code);
+    const std::size_t name = text.find(": ");
+    return name == std::string::npos ? text : text.substr(name + 2);
+}
+
+// Looks at every value, so that what is wrong with one is met.
+template <class Value>
+void visit(Value&& value) {
+    switch (ondemand::json_type(value.type())) {
+    case ondemand::json_type::array:
+        for (auto element : value.get_array())
+            visit(element);
+        break;
+    case ondemand::json_type::object:
+        for (auto field : value.get_object()) {
+            static_cast<void>(std::string_view(field.unescaped_key()));
+            visit(field.value());
+        }
+        break;
+    case ondemand::json_type::string:
+        static_cast<void>(std::string_view(value.get_string()));
+        break;
+    case ondemand::json_type::number:
+        static_cast<void>(ondemand::number(value.get_number()));
+        break;
+    case ondemand::json_type::boolean:
+        static_cast<void>(bool(value.get_bool()));
+        break;
+    case ondemand::json_type::null:
+        static_cast<void>(bool(value.is_null()));
+        break;
+    }
+}
+
+// Where the fault is in a text that is no JSON. The parser that reads documents does not tell; the one that reads
+// on demand does, but lets some texts through, those with something behind their value.
+std::size_t faultAt(std::string_view text) {
+    const simdjson::padded_string padded(text);
+    ondemand::parser parser;
+    ondemand::document document;
+    if (parser.iterate(padded).get(document) != simdjson::SUCCESS)
+        return firstFault(text);
+    try {
+        visit(document);
+    } catch (const simdjson::simdjson_error&) { // NOLINT(bugprone-empty-catch): its place is what is wanted
+    }
+    const char* at = nullptr;
+    const bool isWithin = document.current_location().get(at) == simdjson::SUCCESS;
+    return isWithin ? std::min(static_cast<std::size_t>(at - padded.data()), text.size()) : text.size();
+}
+
+// A parser for texts up to some length, which refuses those that nest too deep.
+dom::parser parserFor(std::size_t length) {
+    dom::parser parser;
+    if (parser.allocate(length, depthLimit + 1) != simdjson::SUCCESS)
+        throw std::bad_alloc();
+    return parser;
+}
+
+Datum parseWith(dom::parser& parser, std::string_view text) {
+    dom::element element;
+    const auto error = parser.parse(text.data(), text.size()).get(element); // copies the text, to pad it
+    if (error == simdjson::SUCCESS)
+        return datumOf(element);
+    if (error == simdjson::MEMALLOC)
+        throw std::bad_alloc();
+    throw Error("not JSON: " + (error == simdjson::DEPTH_ERROR ? tooDeep() : textOf(error)) +
+                placeText(text, faultAt(text)));
+}
+
+} // namespace
+
+Datum parse(std::string_view text) {
+    constexpr std::size_t keptLength = std::size_t{64} << 10U;
+    static dom::parser kept = parserFor(keptLength);
+    if (text.size() <= keptLength)
+        return parseWith(kept, text);
+    dom::parser once = parserFor(text.size()); // gives back what a long text needs
+    return parseWith(once, text);
+}
+
+void write(Text::Writer& writer, const Datum& datum) {
+    if (const auto* record = datum.record()) {
+        writer.beginRecord();
+        for (const auto& [name, content] : *record) {
+            writer.field(name);
+            write(writer, content);
+        }
+        writer.end();
+    } else if (const auto* list = datum.list()) {
+        writer.beginList();
+        for (const Datum& element : *list)
+            write(writer, element);
+        writer.end();
+    } else {
+        std::visit(
+            [&](const auto& scalar) {
+                using T = std::remove_cvref_t<decltype(scalar)>;
+                if constexpr (std::is_same_v<T, std::monostate>)
+                    writer.value(nullptr);
+                else if constexpr (std::is_arithmetic_v<T> || std::is_same_v<T, std::string>)
+                    writer.value(scalar);
+            },
+            datum.content);
+    }
+}
+
+std::string textOf(const Datum& datum) {
+    std::string text;
+    Text::JsonWriter writer(text);
+    write(writer, datum);
+    return text;
+}
+
+} // namespace Agent::Json

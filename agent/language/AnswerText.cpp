@@ -1,0 +1,71 @@
+#include "agent/language/AnswerText.h"
+
+#include "agent/json/Json.h"
+#include "state/Value.h"
+
+namespace Agent {
+
+std::string addressText(L3::IpAddr address) {
+    return address.isZero() ? "any" : address.stringValue();
+}
+
+std::string vrfText(const Operations& operations, std::uint32_t vrfId) {
+    return operations.vrfNameOf(vrfId).value_or(std::to_string(vrfId));
+}
+
+std::string answerWords(const Answer& answer, std::string_view absent) {
+    if (const auto* number = std::get_if<std::uint32_t>(&answer))
+        return std::to_string(*number);
+    const auto* oifs = std::get_if<KestrelNat::NatMrouteOifSet>(&answer);
+    if (oifs == nullptr)
+        return std::string(absent);
+    std::string words;
+    for (const L3::IntfId intf : oifs->oif()) {
+        words += words.empty() ? "" : " ";
+        words += intf.stringValue();
+    }
+    return words.empty() ? "none" : words;
+}
+
+std::string answerLine(const Operations& operations, const AnswerChange& change) {
+    const RequestKey& key = change.key;
+    std::string line(change.service->name);
+    line += " (" + addressText(key.sourceIp) + ", " + addressText(key.groupIp) + ") in ";
+    line += vrfText(operations, key.vrfId.value()) + " for " + key.intf.stringValue() + " vlan ";
+    return line + std::to_string(key.vlanId) + ": " + answerWords(change.answer, "gone");
+}
+
+void writeAnswerMembers(Text::Writer& writer, const AnswerChange& change) {
+    writer.member("path", change.service->answerPath);
+    writer.member("attribute", change.service->answerAttribute);
+    writer.field("key");
+    Json::write(writer, State::toDatum(change.key));
+    writer.field("value");
+    Json::write(writer, toDatum(change.answer));
+}
+
+void writeAnswerNames(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
+                      bool withText) {
+    if (const auto name = operations.vrfNameOf(change.key.vrfId.value()))
+        writer.member("vrf", *name);
+    if (withText)
+        writer.member("text", answerLine(operations, change));
+}
+
+void writeAnswers(Text::Writer& writer, const Operations& operations,
+                  const std::vector<AnswerChange>& changes, bool withText) {
+    writer.beginList();
+    for (const AnswerChange& change : changes) {
+        if (writer.isForPeople()) {
+            writer.value(answerLine(operations, change));
+            continue;
+        }
+        writer.beginRecord();
+        writeAnswerMembers(writer, change);
+        writeAnswerNames(writer, operations, change, withText);
+        writer.end();
+    }
+    writer.end();
+}
+
+} // namespace Agent

@@ -1,0 +1,31 @@
+// How a changed answer is told, once for everybody: results of lines and of `apply`, watchers, plays.
+#pragma once
+
+#include "agent/changes/Operations.h"
+#include "text/Writer.h"
+
+#include <string>
+#include <string_view>
+
+namespace Agent {
+
+/// "any" for the address zero.
+std::string addressText(L3::IpAddr address);
+/// The name of the VRF that has the identifier; where none has it the number.
+std::string vrfText(const Operations& operations, std::uint32_t vrfId);
+/// An answer as the grammar writes it: its interfaces or "none", a group id; `absent` where there is none.
+std::string answerWords(const Answer& answer, std::string_view absent);
+
+/// "mroute (10.0.0.1, 239.1.1.1) in red for Ethernet5 vlan 10: Ethernet1 Ethernet2"; "gone" where there is none any
+/// more.
+std::string answerLine(const Operations& operations, const AnswerChange& change);
+/// The members of an open record: path, attribute, key, value.
+void writeAnswerMembers(Text::Writer& writer, const AnswerChange& change);
+/// More of them: `vrf`, the name of the VRF that has the identifier (where one has it), and with text the line.
+void writeAnswerNames(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
+                      bool withText);
+/// The changes as a list: for people of lines, else of records with their names.
+void writeAnswers(Text::Writer& writer, const Operations& operations,
+                  const std::vector<AnswerChange>& changes, bool withText = false);
+
+} // namespace Agent

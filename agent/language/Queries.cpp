@@ -1,0 +1,164 @@
+#include "agent/language/Queries.h"
+
+#include "agent/host/Refusal.h"
+#include "agent/json/Json.h"
+#include "state/Trace.h"
+#include "text/Nearest.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+using State::AttributeKind;
+using State::Datum;
+
+[[noreturn]] void refuse(const std::string& message, std::string field,
+                         RefusalKind kind = RefusalKind::invalid) {
+    throw Refusal(kind, message, {.field = std::move(field)});
+}
+
+const Datum* pointerTo(const std::optional<Datum>& datum) {
+    return datum ? &*datum : nullptr;
+}
+
+void writeMember(Text::Writer& writer, AttributeKind kind, const Datum& key, const Datum& value) {
+    if (kind == AttributeKind::set) {
+        Json::write(writer, key);
+    } else if (writer.isForPeople()) {
+        const auto plain = [](const Datum& datum) {
+            return datum.text() != nullptr ? *datum.text() : Json::textOf(datum);
+        };
+        writer.value(plain(key) + " = " + plain(value));
+    } else {
+        writer.beginRecord();
+        writer.field("key");
+        Json::write(writer, key);
+        writer.field("value");
+        Json::write(writer, value);
+        writer.end();
+    }
+}
+
+void getAttribute(const Operations& operations, const GetQuery& query, std::string_view name,
+                  Text::Writer& writer) {
+    const AttributeKind kind = operations.attributeAt(query.path, name).kind();
+    if (query.key || kind == AttributeKind::value) {
+        Json::write(writer, operations.value(query.path, name, pointerTo(query.key)).value_or(Datum()));
+        return;
+    }
+    const Page page = operations.members(query.path, name, pointerTo(query.after),
+                                         query.limit.value_or(GetQuery::pageLimit));
+    if (!query.limit && page.size > GetQuery::pageLimit)
+        refuse(std::string(name) + " at " + query.path + " has " + std::to_string(page.size) +
+                   " members, more than fit one answer: read them in pages, with limit and after",
+               "limit", RefusalKind::limit);
+    writer.beginList();
+    for (const auto& [key, value] : page.members)
+        writeMember(writer, kind, key, value);
+    writer.end();
+}
+
+void writeRecords(Text::Writer& writer, std::size_t count) {
+    writer.beginList();
+    for (const State::TraceRecord& record : State::traceRecordsLast(count)) {
+        if (writer.isForPeople()) {
+            std::string line;
+            State::appendTraceLine(line, record);
+            line.pop_back();
+            writer.value(line);
+            continue;
+        }
+        writer.beginRecord();
+        writer.member("n", record.n);
+        writer.member("time", record.time);
+        writer.member("level", record.level);
+        writer.member("facility", record.facility);
+        writer.member("file", record.file);
+        writer.member("line", record.line);
+        writer.member("function", record.function);
+        writer.member("message", record.message);
+        writer.end();
+    }
+    writer.end();
+}
+
+void writeLevels(Text::Writer& writer, const TraceQuery& query) {
+    static constexpr std::string_view columns[] = {"facility", "level"};
+    writer.beginTable(columns);
+    for (const State::TraceLevel& known : State::traceLevels()) {
+        if (query.facility && *query.facility != known.facility)
+            continue;
+        writer.beginRecord();
+        writer.member("facility", known.facility);
+        writer.member("level", known.level);
+        writer.member("loaded", known.isLoaded);
+        writer.end();
+    }
+    writer.end();
+}
+
+} // namespace
+
+void checkQuery(const Operations& operations, const GetQuery& query) {
+    if (!query.attribute.empty())
+        static_cast<void>(operations.attributeAt(query.path, query.attribute));
+    else if (static_cast<void>(operations.typeAt(query.path)); query.key || query.after)
+        refuse("a key is that of an attribute's member: name the attribute", "attribute");
+    if (query.limit.value_or(0) > GetQuery::pageLimit)
+        refuse("an answer has at most " + std::to_string(GetQuery::pageLimit) + " members", "limit");
+}
+
+void get(const Operations& operations, const GetQuery& query, Text::Writer& writer) {
+    checkQuery(operations, query);
+    if (!query.attribute.empty()) {
+        getAttribute(operations, query, query.attribute, writer);
+        return;
+    }
+    writer.beginRecord();
+    for (const auto& attribute : operations.typeAt(query.path).attributes()) {
+        writer.field(attribute->name());
+        getAttribute(operations, query, attribute->name(), writer);
+    }
+    writer.end();
+}
+
+void checkQuery(const TraceQuery& query) {
+    if (query.last && (query.facility || query.level))
+        refuse("either the latest records are wanted, or levels", "last");
+    if (query.level && !query.facility)
+        refuse("a level is that of a facility: name it", "facility");
+    if (query.level.value_or(0) > TraceQuery::maxLevel)
+        refuse("levels run from 0 to " + std::to_string(TraceQuery::maxLevel), "level");
+    if (!query.facility)
+        return;
+    const auto known = State::traceLevels();
+    std::vector<std::string_view> names;
+    for (const State::TraceLevel& level : known)
+        names.push_back(level.facility);
+    if (std::ranges::find(names, *query.facility) == names.end())
+        refuse("there is no trace facility \"" + *query.facility + "\"" +
+                   Text::suggestion(*query.facility, names),
+               "facility");
+}
+
+void trace(const TraceQuery& query, const Text::Reply& reply) {
+    checkQuery(query);
+    if (query.level)
+        State::traceLevelIs(*query.facility, static_cast<int>(*query.level));
+    reply([&](Text::Writer& writer) {
+        if (!writer.isForPeople()) {
+            writer.beginRecord();
+            writer.field(query.last ? "records" : "levels");
+        }
+        if (query.last)
+            writeRecords(writer, *query.last);
+        else
+            writeLevels(writer, query);
+        if (!writer.isForPeople())
+            writer.end();
+    });
+}
+
+} // namespace Agent

@@ -1,0 +1,45 @@
+// `get` and `trace`, once for lines and methods: what is asked, held against what there is, and the result written.
+#pragma once
+
+#include "agent/changes/Operations.h"
+#include "text/Writer.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace Agent {
+
+struct GetQuery {
+    /// Most members of a collection in one result.
+    static constexpr std::size_t pageLimit = 65536;
+
+    std::string path;
+    std::string attribute = {};             // empty: all of them
+    std::optional<State::Datum> key = {};   // of a member
+    std::optional<std::size_t> limit = {};  // most members
+    std::optional<State::Datum> after = {}; // the member behind which to begin
+};
+
+/// @throws Refusal when the path, the attribute or the form of the question is none.
+void checkQuery(const Operations& operations, const GetQuery& query);
+/// Writes the value (null where there is none); a collection as a list, of keys or of {key, value}; without an
+/// attribute a record of all. For people a member of a collection a line.
+/// @throws Refusal as checkQuery() does, for a key that is none, for more members than fit a result.
+void get(const Operations& operations, const GetQuery& query, Text::Writer& writer);
+
+struct TraceQuery {
+    static constexpr int maxLevel = 9;
+
+    std::optional<std::string> facility = {};
+    std::optional<std::uint64_t> level = {}; // to set
+    std::optional<std::uint64_t> last = {};  // the ring's last records instead of levels
+};
+
+/// @throws Refusal for a facility that there is not, a level that is none, or what does not go together.
+void checkQuery(const TraceQuery& query);
+/// Sets the level, if one is given, and replies with the levels, or the records.
+/// @throws Refusal as checkQuery() does.
+void trace(const TraceQuery& query, const Text::Reply& reply);
+
+} // namespace Agent

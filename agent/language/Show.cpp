@@ -1,0 +1,208 @@
+#include "agent/language/Show.h"
+
+#include "agent/json/Json.h"
+#include "agent/language/AnswerText.h"
+#include "records/MrouteGroup.h"
+#include "records/RouteStatus.h"
+#include "state/Value.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace Agent {
+
+namespace {
+
+using KestrelCommon::MrouteGroup::MgroupColl;
+using KestrelCommon::MrouteGroup::MrouteColl;
+using Routing::Hardware::RouteStatus;
+using Routing::Multicast::Fib::VrfEnabledStatus;
+using State::Datum;
+
+// A row: what it is sorted by, and its cells in the order of the columns.
+struct Row {
+    std::string vrf;
+    std::uint32_t group = 0;
+    std::uint32_t source = 0;
+    std::vector<Datum> cells;
+    std::string withdrawn = {}; // the words of an answer whose request is gone
+};
+
+using Rows = std::vector<Row>;
+
+// Something that can be shown. Columns are the names of the rows' members; `of` the service whose answers they are.
+struct Shown {
+    std::string_view name;
+    std::vector<std::string_view> columns;
+    void (*collect)(const Operations& operations, const Service* of, Rows& rows);
+    const Service* of = nullptr;
+};
+
+Row requestRow(const Operations& operations, const RequestKey& key) {
+    const std::string vrf = vrfText(operations, key.vrfId.value());
+    return {.vrf = vrf,
+            .group = key.groupIp.value(),
+            .source = key.sourceIp.value(),
+            .cells = {Datum(vrf), Datum(addressText(key.sourceIp)), Datum(addressText(key.groupIp)),
+                      Datum(key.intf.stringValue()), Datum(std::uint64_t{key.vlanId})}};
+}
+
+// Requests with their answers, and answers whose request is gone.
+void collectAnswers(const Operations& operations, const Service* of, Rows& rows) {
+    const auto& database = *operations.host().stores().database;
+    const auto requests = database.entity(of->requestPath);
+    const auto answers = database.entity(of->answerPath);
+    for (const RequestKey& key : of->requests(*requests).walk()) {
+        rows.push_back(requestRow(operations, key));
+        rows.back().cells.push_back(toDatum(of->answer(*answers, key)));
+    }
+    of->eachAnswer(*answers, [&](const RequestKey& key, const Answer& answer) {
+        if (of->requests(*requests).has(key))
+            return;
+        rows.push_back(requestRow(operations, key));
+        rows.back().cells.push_back(toDatum(answer));
+        rows.back().withdrawn = answerWords(answer, "") + " (withdrawn)";
+    });
+}
+
+void collectRequests(const Operations& operations, const Service* /*of*/, Rows& rows) {
+    for (const Service& service : services()) {
+        const auto requests = operations.host().stores().database->entity(service.requestPath);
+        for (const RequestKey& key : service.requests(*requests).walk()) {
+            Row row = requestRow(operations, key);
+            row.cells.insert(row.cells.begin(), Datum(service.name));
+            row.cells.push_back(State::toDatum(key.type));
+            rows.push_back(std::move(row));
+        }
+    }
+}
+
+std::vector<std::string> vrfNames(const Stores& stores) {
+    std::vector<std::string> names;
+    for (const auto& [name, status] : stores.inDatabase<RouteStatus>()->vrfStatus())
+        names.push_back(name.stringValue());
+    for (const auto& [name, isOn] : stores.inDatabase<VrfEnabledStatus>()->vrfEnabled())
+        if (std::ranges::find(names, name.stringValue()) == names.end())
+            names.push_back(name.stringValue());
+    return names;
+}
+
+void collectVrfs(const Operations& operations, const Service* /*of*/, Rows& rows) {
+    const Stores& stores = operations.host().stores();
+    for (const std::string& name : vrfNames(stores)) {
+        const auto status = stores.inDatabase<RouteStatus>()->vrfStatus(name);
+        Row row{.vrf = name,
+                .cells = {Datum(name), status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
+                          Datum(stores.inDatabase<VrfEnabledStatus>()->vrfEnabled(name))}};
+        for (const RouteType type : routeTypes)
+            row.cells.emplace_back(std::uint64_t{operations.host().routes().routes(name, type)});
+        rows.push_back(std::move(row));
+    }
+}
+
+std::string prefixText(const L3::IpGenPrefix& prefix) {
+    return prefix == L3::IpGenPrefix() ? "any" : prefix.stringValue();
+}
+
+void collectRoutes(const Operations& operations, const Service* /*of*/, Rows& rows) {
+    for (const std::string& vrf : vrfNames(operations.host().stores()))
+        for (const RouteType type : routeTypes)
+            operations.host().routes().eachRoute(vrf, type, [&](const ShownRoute& route) {
+                rows.push_back(
+                    {.vrf = vrf,
+                     .group = route.key.group.ipv4().value(),
+                     .source = route.key.source.ipv4().value(),
+                     .cells = {Datum(vrf), Datum(routeTypeText(type)), Datum(prefixText(route.key.source)),
+                               Datum(route.key.group.stringValue()),
+                               Datum(Datum::List(route.oifs.begin(), route.oifs.end())),
+                               Datum(route.isReady)}});
+                return true;
+            });
+}
+
+void collectGroups(const Operations& operations, const Service* /*of*/, Rows& rows) {
+    const auto& tables = *operations.host().stores().tables;
+    const auto config = State::handleCast<MrouteColl>(tables.entity(MrouteColl::path));
+    const auto status = State::handleCast<MgroupColl>(tables.entity(MgroupColl::path));
+    const auto add = [&](const KestrelL3::IpMcastKey& key, bool isWanted, const Datum& id) {
+        const std::string vrf = vrfText(operations, key.vrfId);
+        rows.push_back({.vrf = vrf,
+                        .group = key.group.ipv4().value(),
+                        .source = key.source.ipv4().value(),
+                        .cells = {Datum(vrf), Datum(addressText(key.source.ipv4())),
+                                  Datum(addressText(key.group.ipv4())), Datum(std::uint64_t{key.vlanId}),
+                                  Datum(isWanted), id}});
+    };
+    if (config)
+        for (const KestrelL3::IpMcastKey& key : config->mroutesCollection().walk()) {
+            const auto* item = status->mgroupsCollection().find(key);
+            add(key, true, item == nullptr ? Datum() : Datum(std::uint64_t{item->groupId}));
+        }
+    for (const auto& [key, item] : status->mgroups())
+        if (!config || !config->mroutesCollection().has(key))
+            add(key, false, Datum(std::uint64_t{item.groupId}));
+}
+
+std::span<const Shown> everythingShown() {
+    static const std::vector<Shown> shown = [] {
+        std::vector<Shown> all;
+        for (const Service& service : services())
+            all.push_back({service.name,
+                           {"vrf", "source", "group", "intf", "vlan", service.answerColumn},
+                           &collectAnswers,
+                           &service});
+        all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
+        all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
+        all.push_back(
+            {"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &collectRequests});
+        all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &collectGroups});
+        return all;
+    }();
+    return shown;
+}
+
+void writeRow(Text::Writer& writer, const Shown& shown, const Row& row) {
+    writer.beginRecord();
+    for (std::size_t i = 0; i < row.cells.size(); ++i) {
+        writer.field(shown.columns[i]);
+        const bool isLast = i + 1 == row.cells.size();
+        if (writer.isForPeople() && isLast && !row.withdrawn.empty())
+            writer.value(row.withdrawn);
+        else
+            Json::write(writer, row.cells[i]);
+    }
+    if (!row.withdrawn.empty())
+        writer.member("withdrawn", true);
+    writer.end();
+}
+
+} // namespace
+
+std::vector<std::string_view> shownNames() {
+    std::vector<std::string_view> names;
+    for (const Shown& shown : everythingShown())
+        names.push_back(shown.name);
+    return names;
+}
+
+void show(const Operations& operations, std::string_view what, Text::Writer& writer) {
+    const auto all = everythingShown();
+    const Shown& shown = *std::ranges::find(all, what, &Shown::name);
+    Rows rows;
+    shown.collect(operations, shown.of, rows);
+    std::ranges::stable_sort(rows, {},
+                             [](const Row& row) { return std::tie(row.vrf, row.group, row.source); });
+    if (!writer.isForPeople()) {
+        writer.beginRecord();
+        writer.member("show", what);
+        writer.field("rows");
+    }
+    writer.beginTable(shown.columns);
+    for (const Row& row : rows)
+        writeRow(writer, shown, row);
+    writer.end();
+    if (!writer.isForPeople())
+        writer.end();
+}
+
+} // namespace Agent
