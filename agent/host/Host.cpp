@@ -1,7 +1,7 @@
 #include "agent/host/Host.h"
 
 #include "agent/host/Paths.h"
-#include "agent/host/Services.h"
+#include "agent/host/RouteSources.h"
 #include "records/MrouteGroup.h"
 #include "records/QuillFib.h"
 #include "state/Toggle.h"

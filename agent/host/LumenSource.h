@@ -2,7 +2,8 @@
 // entity of the entity store; routes hold their interfaces themselves, and say whether they are ready.
 #pragma once
 
-#include "agent/host/Paths.h"
+#include "agent/host/PathShape.h"
+#include "agent/host/RouteSource.h"
 
 namespace Agent {
 

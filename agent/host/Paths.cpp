@@ -1,6 +1,7 @@
 #include "agent/host/Paths.h"
 
 #include "agent/host/Refusal.h"
+#include "agent/host/RouteSources.h"
 #include "records/MrouteGroup.h"
 #include "records/NatStatus.h"
 #include "records/RouteStatus.h"

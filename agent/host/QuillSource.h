@@ -2,7 +2,8 @@
 // whose routes name their interfaces by indexes; rows beside them say which interface an index is.
 #pragma once
 
-#include "agent/host/Paths.h"
+#include "agent/host/PathShape.h"
+#include "agent/host/RouteSource.h"
 
 namespace Agent {
 

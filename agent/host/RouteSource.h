@@ -1,27 +1,22 @@
 // What differs between the sources of routes: where a VRF's tables are, how a route stands in them, how it is
 // written, what people see of it. The toggle picks one before the plug-in is loaded; nothing else in the agent
-// asks which it is. A third source is one file like QuillSource.cpp, and one row in RouteSource.cpp.
+// asks which it is. A third source is one file like QuillSource.cpp, and one row in RouteSources.cpp.
 //
-// The host owns the one in force. Read next: QuillSource.cpp, LumenSource.cpp; Paths.h.
+// The host owns the one in force. Read next: QuillSource.cpp, LumenSource.cpp; RouteSources.h, the table of them.
 #pragma once
 
 #include "records/IpGenRouteKey.h"
 #include "state/Datum.h"
-#include "state/Store.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace Agent {
-
-struct PathShape;
-struct Stores;
 
 using RouteKey = Routing::Multicast::Fib::IpGenRouteKey;
 
@@ -104,15 +99,5 @@ class RouteSource {
     virtual std::unique_ptr<RouteDraft> draft() const = 0;
     virtual std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) = 0;
 };
-
-/// A row of the table of sources.
-struct RouteSourceRow {
-    std::string_view name;
-    bool toggle; // the value of the toggle that picks it
-    std::unique_ptr<RouteSource> (*make)(const Stores& stores);
-    std::span<const PathShape> shapes; // its paths, which can be read and written whatever source is in force
-};
-
-std::span<const RouteSourceRow> routeSources();
 
 } // namespace Agent

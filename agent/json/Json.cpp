@@ -118,7 +118,10 @@ void visit(Value&& value) {
 // Where the fault is in a text that is no JSON. The parser that reads documents does not tell; the one that reads
 // on demand does, but lets some texts through, those with something behind their value.
 std::size_t faultAt(std::string_view text) {
-    const simdjson::padded_string padded(text);
+    // It gives up at once on a text whose last bracket does not close the first: one that does is added.
+    const std::size_t first = text.find_first_not_of(" \t\r\n");
+    const char open = first == std::string_view::npos ? '\0' : text[first];
+    const simdjson::padded_string padded(std::string(text) + (open == '{' ? "}" : open == '[' ? "]" : ""));
     ondemand::parser parser;
     ondemand::document document;
     if (parser.iterate(padded).get(document) != simdjson::SUCCESS)
@@ -135,7 +138,7 @@ std::size_t faultAt(std::string_view text) {
 // A parser for texts up to some length, which refuses those that nest too deep.
 dom::parser parserFor(std::size_t length) {
     dom::parser parser;
-    if (parser.allocate(length, depthLimit + 1) != simdjson::SUCCESS)
+    if (parser.allocate(length, depthLimit) != simdjson::SUCCESS)
         throw std::bad_alloc();
     return parser;
 }

@@ -1,13 +1,14 @@
-// The network interfaces by ifindex: their names, which of them are never reported as OIFs, and what the sink
-// has to hear of them.
+// The network interfaces by ifindex: their names, which of them are never reported as OIFs, and what the sink has
+// to hear of them.
 //
 // A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is
-// gone, if nothing went meanwhile. Owned and changed by MfcMirror, which tells the sink and the VRFs what
-// follows. Names stay in place while their interface exists; version() advances when one may have changed, so
-// that lists of names can be kept (OifSets does).
+// gone, if nothing went meanwhile. Mirror owns it, brings the messages, and tells the sink and the VRFs what
+// follows; OifSets marks the interfaces that the sink is told of, or would be if they had a name. Names stay in
+// place while their interface exists; version() advances when one may have changed, so that lists of names can be
+// kept.
 #pragma once
 
-#include "agent/kernel/MfcMessage.h"
+#include "agent/kernel/KernelMessage.h"
 
 #include <cstdint>
 #include <set>
@@ -29,7 +30,6 @@ class Interfaces {
   public:
     /// Null where there is none.
     Interface* find(int ifindex);
-    const Interface* find(int ifindex) const { return const_cast<Interfaces*>(this)->find(ifindex); }
     bool isInternal(int ifindex) const;
     /// "#7" for an interface that isn't known.
     std::string nameOf(int ifindex) const;
@@ -41,33 +41,34 @@ class Interfaces {
         bool toInternal = false; // it must leave their OIFs
         bool toKnown = false;    // they were told without it, as it had no name
     };
-    Change eventIs(const Link& link);
-    Change answerIs(const Link& link);
-    void gone(int ifindex);
+    Change learnFromEvent(const Link& link);
+    Change learnFromDump(const Link& link);
+    void remove(int ifindex);
     /// Routes are told without the interface, as it isn't known.
-    void missing(int ifindex) { missing_.insert(ifindex); }
+    void noteMissing(int ifindex) { missing_.insert(ifindex); }
 
-    void dumpBegins();
+    void beginDump();
     void disturbDump() { disturbed_ = true; }
-    /// @return whether the dump has to be repeated; if not, absent() are gone.
+    /// Whether the dump has to be repeated; if not, unseen() are gone.
     bool dumpDisturbed() const { return disturbed_; }
-    std::vector<int> absent() const;
+    std::vector<int> unseen() const;
 
-    /// Interfaces that the sink knows by another name, and those that it need not know any more.
-    std::set<int>& renamed() { return renamed_; }
-    const std::set<int>& renamed() const { return renamed_; }
-    std::set<int>& goneAndTold() { return goneAndTold_; }
+    /// Interfaces that the sink knows by another name, and those that it need not know any more; who tells it
+    /// takes them out.
+    std::set<int>& toRename() { return toRename_; }
+    const std::set<int>& toRename() const { return toRename_; }
+    std::set<int>& toForget() { return toForget_; }
 
   private:
-    Change is(const Link& link);
+    Change learn(const Link& link);
 
     std::unordered_map<int, Interface> map_;
     std::uint64_t version_ = 1;
     std::uint32_t dump_ = 0; // the number of the latest
     bool disturbed_ = false;
     std::set<int> missing_;
-    std::set<int> renamed_;
-    std::set<int> goneAndTold_;
+    std::set<int> toRename_;
+    std::set<int> toForget_;
 };
 
 } // namespace Agent::Kernel

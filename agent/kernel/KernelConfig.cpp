@@ -1,6 +1,8 @@
 #include "agent/kernel/KernelConfig.h"
 
-#include <nlohmann/json.hpp>
+#include "agent/json/Json.h"
+#include "records/VrfId.h"
+#include "records/VrfName.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,13 +16,11 @@
 namespace Agent::Kernel {
 namespace {
 
-using Json = nlohmann::json;
+using State::Datum;
 
 constexpr std::string_view defaultName = "default";
 constexpr std::uint32_t defaultTable = 253;
-constexpr std::uint32_t maxId = 0x00ffffff;
 constexpr std::uint32_t maxTable = 999'999'999; // the kernel makes no table above
-constexpr std::size_t maxName = 100;
 
 constexpr std::pair<RouteTypeRule, std::string_view> ruleTexts[] = {
     {RouteTypeRule::staticRoutes, "static"},
@@ -35,17 +35,21 @@ std::string joined(const std::vector<std::string>& lines) {
     return text;
 }
 
+std::string quoted(const std::string& text) {
+    return Json::textOf(text);
+}
+
 // Collects what is wrong, each with the place where it is.
 class Problems {
   public:
     explicit Problems(std::string_view file)
         : file_(file) {}
 
-    void vrfIs(std::size_t entry, const std::string& name) {
-        where_ = ": VRF " + Json(name).dump() + " (entry " + std::to_string(entry) + ")";
+    // What is added from now on is about this entry of the list, from 1.
+    void enter(std::size_t entry) { where_ = ": VRF entry " + std::to_string(entry); }
+    void enter(std::size_t entry, const std::string& name) {
+        where_ = ": VRF " + quoted(name) + " (entry " + std::to_string(entry) + ")";
     }
-    void vrfIs(std::size_t entry) { where_ = ": VRF entry " + std::to_string(entry); }
-    void vrfIsNone() { where_.clear(); }
 
     void add(const std::string& what) { lines_.push_back(file_ + where_ + ": " + what); }
     void add(std::string_view field, const std::string& what) {
@@ -63,115 +67,93 @@ class Problems {
     std::vector<std::string> lines_;
 };
 
-// A field given twice would silently win over the first one; the parser's events tell.
-class RepeatedFields {
-  public:
-    explicit RepeatedFields(Problems& problems)
-        : problems_(problems) {}
-
-    void operator()(Json::parse_event_t event, const Json& value) {
-        if (event == Json::parse_event_t::object_start) {
-            open_.emplace_back();
-            if (open_.size() == 2)
-                problems_.vrfIs(++entry_);
-        } else if (event == Json::parse_event_t::object_end) {
-            open_.pop_back();
-            if (open_.size() == 1)
-                problems_.vrfIsNone();
-        } else if (event == Json::parse_event_t::key &&
-                   !open_.back().insert(value.get<std::string>()).second) {
-            problems_.add(value.get<std::string>(), "is given twice");
-        }
-    }
-
-  private:
-    Problems& problems_;
-    std::vector<std::set<std::string>> open_;
-    std::size_t entry_ = 0;
-};
-
-// The library's text without its own error number.
-std::string syntaxProblem(const Json::parse_error& error) {
-    std::string text = error.what();
-    std::size_t end = text.find("] ");
-    return "is not JSON: " + (end == std::string::npos ? text : text.substr(end + 2));
+const Datum* find(const Datum::Record& record, std::string_view field) {
+    const auto at = std::ranges::find(record, field, &Datum::Record::value_type::first);
+    return at == record.end() ? nullptr : &at->second;
 }
 
-std::optional<std::uint32_t> number(const Json& vrf, const char* field, std::uint32_t least,
-                                    std::uint32_t most, Problems& problems) {
-    auto at = vrf.find(field);
-    if (at == vrf.end())
-        return std::nullopt;
-    if (at->is_number_unsigned() && at->get<std::uint64_t>() >= least && at->get<std::uint64_t>() <= most)
-        return at->get<std::uint32_t>();
-    problems.add(field, "is " + at->dump() + ", not a whole number from " + std::to_string(least) + " to " +
-                            std::to_string(most));
-    return std::nullopt;
+// One of the values would silently win.
+void checkRepeated(const Datum::Record& record, Problems& problems) {
+    std::set<std::string_view> seen;
+    for (const auto& [field, value] : record)
+        if (!seen.insert(field).second)
+            problems.add(field, "is given twice");
 }
 
-bool nameOk(const Json& vrf, Problems& problems) {
-    auto at = vrf.find("name");
-    if (at == vrf.end())
-        return problems.add("name", "is missing"), false;
-    if (!at->is_string())
-        return problems.add("name", "is " + at->dump() + ", not a string"), false;
-    const auto& name = at->get_ref<const std::string&>();
-    if (name.empty())
-        return problems.add("name", "is empty"), false;
-    if (name.size() > maxName)
-        problems.add("name",
-                     "has " + std::to_string(name.size()) + " bytes, more than " + std::to_string(maxName));
-    if (name.find('/') != std::string::npos)
-        problems.add("name", "contains \"/\"");
-    for (unsigned char byte : name)
-        if (byte < 0x20 || byte == 0x7f)
-            return problems.add("name", "contains a control byte"), true;
-    return true;
-}
-
-RouteTypeRule rule(const Json& vrf, Problems& problems) {
-    auto at = vrf.find("routeType");
-    if (at == vrf.end())
-        return RouteTypeRule::byProtocol;
-    for (const auto& [value, text] : ruleTexts)
-        if (*at == text)
-            return value;
-    problems.add("routeType", "is " + at->dump() + ", not one of \"static\", \"sparse\", \"by-protocol\"");
-    return RouteTypeRule::byProtocol;
-}
-
-void checkFields(const Json& object, std::initializer_list<std::string_view> known, Problems& problems) {
-    for (const auto& [field, value] : object.items())
-        if (std::find(known.begin(), known.end(), field) == known.end())
+void checkKnown(const Datum::Record& record, std::initializer_list<std::string_view> known,
+                Problems& problems) {
+    for (const auto& [field, value] : record)
+        if (std::ranges::find(known, field) == known.end())
             problems.add(field, "is unknown");
 }
 
-VrfConfig vrfFrom(const Json& json, std::size_t entry, Problems& problems) {
-    problems.vrfIs(entry);
+// Empty where there is none to be used.
+std::string nameOf(const Datum::Record& vrf, Problems& problems) {
+    const Datum* name = find(vrf, "name");
+    if (!name) {
+        problems.add("name", "is missing");
+    } else if (!name->text()) {
+        problems.add("name", "is " + Json::textOf(*name) + ", not a string");
+    } else {
+        const std::string why = L3::VrfName::whyUnusable(*name->text());
+        if (why.empty())
+            return *name->text();
+        problems.add("name", why);
+    }
+    return "";
+}
+
+std::optional<std::uint32_t> number(const Datum::Record& vrf, std::string_view field, std::uint32_t least,
+                                    std::uint32_t most, Problems& problems) {
+    const Datum* value = find(vrf, field);
+    if (!value)
+        return std::nullopt;
+    if (value->number() && *value->number() >= least && *value->number() <= most)
+        return static_cast<std::uint32_t>(*value->number());
+    problems.add(field, "is " + Json::textOf(*value) + ", not a whole number from " + std::to_string(least) +
+                            " to " + std::to_string(most));
+    return std::nullopt;
+}
+
+RouteTypeRule ruleOf(const Datum::Record& vrf, Problems& problems) {
+    const Datum* given = find(vrf, "routeType");
+    if (!given)
+        return RouteTypeRule::byProtocol;
+    for (const auto& [rule, text] : ruleTexts)
+        if (*given == Datum(text))
+            return rule;
+    problems.add("routeType",
+                 "is " + Json::textOf(*given) + ", not one of \"static\", \"sparse\", \"by-protocol\"");
+    return RouteTypeRule::byProtocol;
+}
+
+VrfConfig vrfFrom(const Datum& datum, std::size_t entry, Problems& problems) {
+    problems.enter(entry);
     VrfConfig vrf;
-    if (!json.is_object()) {
+    if (!datum.record()) {
         problems.add("is not an object");
         return vrf;
     }
-    if (nameOk(json, problems)) {
-        vrf.name = json["name"].get<std::string>();
-        problems.vrfIs(entry, vrf.name);
-    }
-    checkFields(json, {"name", "id", "table", "routeType"}, problems);
-    bool isDefault = vrf.name == defaultName;
-    auto id = number(json, "id", 0, maxId, problems);
-    auto table = number(json, "table", 1, maxTable, problems);
+    const Datum::Record& record = *datum.record();
+    checkRepeated(record, problems);
+    vrf.name = nameOf(record, problems);
+    if (!vrf.name.empty())
+        problems.enter(entry, vrf.name);
+    checkKnown(record, {"name", "id", "table", "routeType"}, problems);
+    const bool isDefault = vrf.name == defaultName;
+    const auto id = number(record, "id", 0, L3::VrfId::max, problems);
+    const auto table = number(record, "table", 1, maxTable, problems);
     if (isDefault && id.value_or(0) != 0)
         problems.add("id", "is " + std::to_string(*id) + ", but the default VRF has 0");
-    if (!isDefault && id == 0u)
+    if (!isDefault && id == 0U)
         problems.add("id", "is 0, which belongs to the VRF \"default\"");
-    if (!isDefault && !json.contains("id"))
-        problems.add("id", "is missing");
-    if (!isDefault && !json.contains("table"))
-        problems.add("table", "is missing");
+    if (!isDefault)
+        for (const char* field : {"id", "table"})
+            if (!find(record, field))
+                problems.add(field, "is missing");
     vrf.id = id.value_or(0);
     vrf.table = table.value_or(isDefault ? defaultTable : 0);
-    vrf.routeType = rule(json, problems);
+    vrf.routeType = ruleOf(record, problems);
     return vrf;
 }
 
@@ -182,25 +164,29 @@ void checkUnique(const std::vector<VrfConfig>& vrfs, Problems& problems) {
     std::map<std::uint32_t, std::string> tables;
     for (std::size_t i = 0; i < vrfs.size(); ++i) {
         const VrfConfig& vrf = vrfs[i];
-        problems.vrfIs(i + 1, vrf.name);
+        problems.enter(i + 1, vrf.name);
         if (auto [at, isNew] = names.try_emplace(vrf.name, i + 1); !isNew && !vrf.name.empty())
             problems.add("name", "is that of entry " + std::to_string(at->second) + " too");
         if (auto [at, isNew] = ids.try_emplace(vrf.id, vrf.name); !isNew && vrf.id != 0)
-            problems.add("id",
-                         "is " + std::to_string(vrf.id) + ", which VRF " + Json(at->second).dump() + " has");
+            problems.add("id", "is " + std::to_string(vrf.id) + ", which VRF " + quoted(at->second) + " has");
         if (auto [at, isNew] = tables.try_emplace(vrf.table, vrf.name); !isNew && vrf.table != 0)
-            problems.add("table", "is " + std::to_string(vrf.table) + ", which VRF " +
-                                      Json(at->second).dump() + " mirrors");
+            problems.add("table", "is " + std::to_string(vrf.table) + ", which VRF " + quoted(at->second) +
+                                      " mirrors");
+    }
+}
+
+Datum parsed(std::string_view text, std::string_view file) {
+    try {
+        return Json::parse(text);
+    } catch (const Json::Error& error) {
+        throw KernelConfigError({std::string(file) + ": is " + error.what()});
     }
 }
 
 } // namespace
 
 std::string_view routeTypeRuleText(RouteTypeRule rule) {
-    for (const auto& [value, text] : ruleTexts)
-        if (value == rule)
-            return text;
-    return "unknown";
+    return std::ranges::find(ruleTexts, rule, &std::pair<RouteTypeRule, std::string_view>::first)->second;
 }
 
 KernelConfigError::KernelConfigError(std::vector<std::string> problems)
@@ -208,26 +194,15 @@ KernelConfigError::KernelConfigError(std::vector<std::string> problems)
     , problems_(std::move(problems)) {}
 
 KernelConfig parseKernelConfig(std::string_view text, std::string_view file) {
+    const Datum whole = parsed(text, file);
+    const Datum* list = whole.record() ? find(*whole.record(), "vrfs") : nullptr;
+    if (!list || !list->list())
+        throw KernelConfigError({std::string(file) + ": is not an object with a list \"vrfs\""});
     Problems problems(file);
-    RepeatedFields repeated(problems);
-    Json json;
-    try {
-        json = Json::parse(text, [&](int, Json::parse_event_t event, Json& value) {
-            repeated(event, value);
-            return true;
-        });
-    } catch (const Json::parse_error& error) {
-        problems.vrfIsNone();
-        problems.add(syntaxProblem(error));
-    }
-    problems.throwIfAny();
-    if (!json.is_object() || !json.contains("vrfs") || !json["vrfs"].is_array()) {
-        problems.add("is not an object with a list \"vrfs\"");
-        problems.throwIfAny();
-    }
-    checkFields(json, {"vrfs"}, problems);
+    checkRepeated(*whole.record(), problems);
+    checkKnown(*whole.record(), {"vrfs"}, problems);
     KernelConfig config;
-    for (const Json& entry : json["vrfs"])
+    for (const Datum& entry : *list->list())
         config.vrfs.push_back(vrfFrom(entry, config.vrfs.size() + 1, problems));
     checkUnique(config.vrfs, problems);
     problems.throwIfAny();

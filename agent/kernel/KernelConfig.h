@@ -3,7 +3,7 @@
 //     {"vrfs": [{"name": "default"},
 //               {"name": "red", "id": 3, "table": 100, "routeType": "static"}]}
 //
-// A plain value, checked completely before anyone sees it; MfcMirror holds the one in force. The fields are
+// A plain value, checked completely before anyone sees it; NetlinkSource holds the one in force. The fields are
 // described in docs/kernel-source.md.
 #pragma once
 

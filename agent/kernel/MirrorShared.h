@@ -1,20 +1,21 @@
-// What the VRFs of one mirror share. Owned by MfcMirror.
+// What the VRFs of one mirror share. Mirror owns it.
 #pragma once
 
+#include "agent/kernel/Counters.h"
 #include "agent/kernel/Interfaces.h"
-#include "agent/kernel/KernelStatus.h"
 #include "agent/kernel/OifSets.h"
+#include "agent/kernel/TableSink.h"
 
 namespace Agent::Kernel {
 
 struct MirrorShared {
-    explicit MirrorShared(KernelSink& tables)
+    explicit MirrorShared(TableSink& tables)
         : sink(tables) {}
 
-    KernelSink& sink;
+    TableSink& sink;
     OifSets oifSets;
     Interfaces interfaces;
-    KernelCounters counters;
+    Counters counters;
     bool retry = false; // something changed that may have been in the way of a refused change
 };
 

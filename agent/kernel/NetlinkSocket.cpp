@@ -35,7 +35,7 @@ Fd openNetlink() {
     return fd;
 }
 
-std::size_t receiveBufferIs(int fd, std::size_t bytes) {
+std::size_t growReceiveBuffer(int fd, std::size_t bytes) {
     int wanted = static_cast<int>(bytes);
     if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0)
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
@@ -67,7 +67,7 @@ struct Subscription::Buffers {
 
 Subscription::Subscription(std::size_t bufferBytes)
     : fd_(openNetlink())
-    , bufferBytes_(receiveBufferIs(fd_.get(), bufferBytes))
+    , bufferBytes_(growReceiveBuffer(fd_.get(), bufferBytes))
     , buffers_(std::make_unique<Buffers>()) {
     for (int group : {RTNLGRP_IPV4_MROUTE, RTNLGRP_LINK, RTNLGRP_IPV4_NETCONF})
         if (::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
@@ -77,7 +77,7 @@ Subscription::Subscription(std::size_t bufferBytes)
 
 Subscription::~Subscription() = default;
 
-Subscription::Batch Subscription::receive(std::span<MfcMirror* const> mirrors) {
+Subscription::Batch Subscription::receive(std::span<Mirror* const> mirrors) {
     int count = ::recvmmsg(fd_.get(), buffers_->headers.data(), batchDatagrams, MSG_DONTWAIT, nullptr);
     if (count < 0) {
         if (errno == EAGAIN || errno == EINTR)
@@ -96,8 +96,8 @@ Subscription::Batch Subscription::receive(std::span<MfcMirror* const> mirrors) {
         batch.lost = batch.lost || (!isWhole && isKernels);
         MessageReader reader(buffers_->bytes[i].data(), isWhole && isKernels ? header.msg_len : 0);
         while (reader.next(message_))
-            for (MfcMirror* mirror : mirrors)
-                mirror->event(message_);
+            for (Mirror* mirror : mirrors)
+                mirror->takeEvent(message_);
         header.msg_hdr.msg_namelen = sizeof buffers_->senders[i];
     }
     return batch;
@@ -110,12 +110,12 @@ QuerySocket::QuerySocket()
     , buffer_(answerBytes / sizeof(std::uint32_t)) {
     int yes = 1;
     ::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &yes, sizeof yes);
-    receiveBufferIs(fd_.get(), answerBytes);
+    growReceiveBuffer(fd_.get(), answerBytes);
 }
 
-std::size_t QuerySocket::step(MfcMirror& mirror, const std::function<void()>& settleEvents) {
+std::size_t QuerySocket::step(Mirror& mirror, const std::function<void()>& settleEvents) {
     if (!busy_) {
-        std::optional<KernelQuery> query = mirror.nextQuery(MfcMirror::Clock::now());
+        std::optional<KernelQuery> query = mirror.nextQuery(Mirror::Clock::now());
         if (!query)
             return 0;
         ask(*query);
@@ -126,29 +126,30 @@ std::size_t QuerySocket::step(MfcMirror& mirror, const std::function<void()>& se
         // VIFs and interfaces are taken as read: events that come after them must not be judged by them.
         if (kind_ == KernelQuery::Kind::routes)
             settleEvents();
-        mirror.answered(part.error, interrupted_, MfcMirror::Clock::now());
+        mirror.endAnswer(part.error, interrupted_, Mirror::Clock::now());
     }
     return std::max<std::size_t>(part.messages, 1);
 }
 
 void QuerySocket::ask(const KernelQuery& query) {
+    using Kind = KernelQuery::Kind;
     alignas(nlmsghdr) std::array<char, 256> bytes{};
     nlmsghdr* header = mnl_nlmsg_put_header(bytes.data());
-    bool isDump = query.kind != KernelQuery::Kind::route;
-    header->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | (isDump ? NLM_F_DUMP : 0));
+    header->nlmsg_flags =
+        static_cast<std::uint16_t>(NLM_F_REQUEST | (query.kind == Kind::route ? 0 : NLM_F_DUMP));
     header->nlmsg_seq = ++sequence_;
-    if (query.kind == KernelQuery::Kind::links || query.kind == KernelQuery::Kind::vifs) {
+    if (query.kind == Kind::links || query.kind == Kind::vifs) {
         header->nlmsg_type = RTM_GETLINK;
         auto* fixed = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg)));
-        fixed->ifi_family = query.kind == KernelQuery::Kind::vifs ? RTNL_FAMILY_IPMR : AF_UNSPEC;
-        if (query.kind == KernelQuery::Kind::links)
+        fixed->ifi_family = query.kind == Kind::vifs ? RTNL_FAMILY_IPMR : AF_UNSPEC;
+        if (query.kind == Kind::links)
             mnl_attr_put_u32(header, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
     } else {
         header->nlmsg_type = RTM_GETROUTE;
         auto* fixed = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtmsg)));
         fixed->rtm_family = RTNL_FAMILY_IPMR;
         mnl_attr_put_u32(header, RTA_TABLE, query.table);
-        if (query.kind == KernelQuery::Kind::route) {
+        if (query.kind == Kind::route) {
             fixed->rtm_src_len = fixed->rtm_dst_len = 32;
             mnl_attr_put_u32(header, RTA_SRC, htonl(query.key.source));
             mnl_attr_put_u32(header, RTA_DST, htonl(query.key.group));
@@ -160,7 +161,7 @@ void QuerySocket::ask(const KernelQuery& query) {
     sendError_ = ::send(fd_.get(), header, header->nlmsg_len, 0) < 0 ? errno : 0;
 }
 
-QuerySocket::Part QuerySocket::receive(MfcMirror& mirror) {
+QuerySocket::Part QuerySocket::receive(Mirror& mirror) {
     if (sendError_ != 0)
         return failed(sendError_);
     sockaddr_nl sender{};
@@ -184,7 +185,7 @@ QuerySocket::Part QuerySocket::receive(MfcMirror& mirror) {
         part.complete = ends || !message_.isPart;
         part.error = message_.error;
         if (!ends)
-            mirror.answer(message_);
+            mirror.takeAnswer(message_);
     }
     return part;
 }

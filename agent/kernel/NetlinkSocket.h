@@ -1,13 +1,13 @@
 // The two ways to hear from the kernel: a subscription to its events, and a socket for questions.
 //
-// Neither needs a privilege. A subscription is drained in batches of datagrams by one system call each, as
-// one that has fallen behind loses events. Answers to questions are there when the question has been sent,
-// part by part: the kernel makes the next part of a dump while the one before is read. MfcSource and
-// MfcVerify own them.
+// Neither needs a privilege. A subscription is drained in batches of datagrams by one system call each, as one that
+// has fallen behind loses events. Answers to questions are there when the question has been sent, part by part: the
+// kernel makes the next part of a dump while the one before is read. NetlinkSource owns the subscription;
+// NetlinkSource and Verification each own a socket for the questions of their mirrors.
 #pragma once
 
-#include "agent/Fd.h"
-#include "agent/kernel/MfcMirror.h"
+#include "agent/host/Fd.h"
+#include "agent/kernel/Mirror.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -38,7 +38,7 @@ class Subscription {
     };
     /// Gives the events of the next datagrams to each of the mirrors, in order. Never blocks.
     /// @throws std::system_error when the socket is broken.
-    Batch receive(std::span<MfcMirror* const> mirrors);
+    Batch receive(std::span<Mirror* const> mirrors);
 
   private:
     struct Buffers;
@@ -61,7 +61,7 @@ class QuerySocket {
     /// blocks.
     /// @param settleEvents gives the mirror all events that wait; called before the end of a dump of routes.
     /// @return how many messages were read, at least 1; 0 when there was nothing to do.
-    std::size_t step(MfcMirror& mirror, const std::function<void()>& settleEvents);
+    std::size_t step(Mirror& mirror, const std::function<void()>& settleEvents);
 
   private:
     struct Part {
@@ -70,7 +70,7 @@ class QuerySocket {
         int error = 0; // errno, when complete
     };
     void ask(const KernelQuery& query);
-    Part receive(MfcMirror& mirror);
+    Part receive(Mirror& mirror);
     Part failed(int error);
 
     Fd fd_;

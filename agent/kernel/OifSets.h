@@ -1,18 +1,16 @@
 // Sets of outgoing interfaces, each held once however many routes have it.
 //
-// Routes by the hundred thousand share a few dozen sets. So a route holds an OifSet, a counted pointer into
-// the pool; two are equal when their pointers are; and what a route is told with, the names of its
-// interfaces, is built once a set. Each MfcMirror owns a pool that outlives its routes. Read next:
-// Interfaces.h.
+// Routes by the hundred thousand share a few dozen sets. So a route holds an OifSet, a counted pointer into the
+// pool; two are equal when their pointers are; and the names of its interfaces, with which the sink is told of a
+// route, are put together once a set. Each Mirror owns a pool, which outlives its routes. Read next: Interfaces.h.
 #pragma once
 
-#include "agent/kernel/KernelSink.h"
+#include "agent/host/RouteSource.h"
+#include "state/Handle.h"
 
-#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <span>
-#include <unordered_set>
-#include <utility>
 #include <vector>
 
 namespace Agent::Kernel {
@@ -20,52 +18,24 @@ namespace Agent::Kernel {
 class Interfaces;
 class OifSets;
 
-/// One set of ifindexes, sorted, without repetitions; null is the empty one.
+/// One set of ifindexes, sorted, without repetitions.
 class OifSet {
   public:
+    /// The empty one.
     OifSet() = default;
-    OifSet(const OifSet& other)
-        : node_(other.node_) {
-        if (node_)
-            ++node_->holders;
-    }
-    OifSet(OifSet&& other) noexcept
-        : node_(std::exchange(other.node_, nullptr)) {}
-    OifSet& operator=(OifSet other) noexcept {
-        std::swap(node_, other.node_);
-        return *this;
-    }
-    ~OifSet() {
-        if (node_ && --node_->holders == 0)
-            drop();
-    }
 
     bool operator==(const OifSet&) const = default;
-    bool empty() const { return !node_; }
-    std::span<const int> members() const {
-        return node_ ? std::span<const int>(node_->members) : std::span<const int>();
-    }
+    std::span<const int> members() const;
     bool contains(int ifindex) const;
 
   private:
     friend class OifSets;
-    struct Node {
-        OifSets* pool = nullptr;
-        std::size_t hash = 0;
-        std::uint32_t holders = 0;
-        std::vector<int> members;
-        // The members with their names, as of a version of the interfaces; 0 is none.
-        std::uint64_t namedAt = 0;
-        std::vector<Oif> named;
-    };
+    struct Node;
 
-    explicit OifSet(Node* node)
-        : node_(node) {
-        ++node_->holders;
-    }
-    void drop();
+    explicit OifSet(State::Handle<Node> node)
+        : node_(std::move(node)) {}
 
-    Node* node_ = nullptr;
+    State::Handle<Node> node_; // null: empty
 };
 
 class OifSets {
@@ -87,17 +57,23 @@ class OifSets {
 
   private:
     friend class OifSet;
-    struct Hash {
-        std::size_t operator()(const OifSet::Node* node) const { return node->hash; }
-    };
-    struct Equal {
-        bool operator()(const OifSet::Node* a, const OifSet::Node* b) const {
-            return a->members == b->members;
-        }
-    };
 
-    std::unordered_set<OifSet::Node*, Hash, Equal> nodes_;
-    OifSet::Node probe_;
+    std::map<std::vector<int>, OifSet::Node*> nodes_; // by members; those that someone holds
 };
+
+struct OifSet::Node final : State::RefCounted {
+    explicit Node(OifSets& owner)
+        : pool(owner) {}
+    ~Node() override { pool.nodes_.erase(at); }
+
+    OifSets& pool;
+    std::map<std::vector<int>, Node*>::iterator at; // its place in the pool, where its members are
+    std::uint64_t namedAt = 0; // the version of the interfaces that `named` is of; 0 is none
+    std::vector<Oif> named;    // the members with their names
+};
+
+inline std::span<const int> OifSet::members() const {
+    return node_ ? std::span<const int>(node_->at->first) : std::span<const int>();
+}
 
 } // namespace Agent::Kernel

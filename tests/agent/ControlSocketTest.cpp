@@ -1,5 +1,5 @@
 // The control socket's path: who may have it, and what is left behind.
-#include "agent/ControlSocket.h"
+#include "agent/control/ControlSocket.h"
 
 #include "tests/agent/TestClient.h"
 
@@ -154,17 +154,6 @@ TEST_F(ControlSocketTest, OfManyStartersOverALeftoverOneWins) {
             ::close(fd);
         ::unlink(path.c_str());
     }
-}
-
-TEST(DefaultSocketPath, FollowsTheUser) {
-    if (::geteuid() == 0) {
-        EXPECT_EQ(Agent::defaultSocketPath(), "/run/kestrel-nat.sock");
-        return;
-    }
-    ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
-    EXPECT_EQ(Agent::defaultSocketPath(), "/run/user/7/kestrel-nat.sock");
-    ::unsetenv("XDG_RUNTIME_DIR");
-    EXPECT_THROW(Agent::defaultSocketPath(), std::runtime_error);
 }
 
 } // namespace

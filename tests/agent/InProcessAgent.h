@@ -1,9 +1,8 @@
 // The agent's host and operations in the test's own process, with the real plug-in, routes from Lumen.
 #pragma once
 
-#include "agent/Host.h"
-#include "agent/JsonDatum.h"
-#include "agent/Operations.h"
+#include "agent/changes/Operations.h"
+#include "agent/json/Json.h"
 #include "state/Toggle.h"
 
 #include <nlohmann/json.hpp>
@@ -15,17 +14,24 @@ namespace AgentTest {
 
 using Json = nlohmann::json;
 
+inline State::Datum toDatum(const Json& json) {
+    return Agent::Json::parse(json.dump());
+}
+inline Json toJson(const State::Datum& datum) {
+    return Json::parse(Agent::Json::textOf(datum));
+}
+
 class InProcessAgent {
   public:
     InProcessAgent() {
-        State::toggleOverrideIs(Agent::Host::lumenToggle, true);
+        State::toggleOverrideIs(Agent::Host::sourceToggle, true);
         host.load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so");
     }
 
     Json get(const std::string& path, const std::string& attribute) const {
         Json all = Json::array();
         for (const auto& [key, value] : operations.members(path, attribute).members)
-            all.push_back({Agent::toJson(key), Agent::toJson(value)});
+            all.push_back({toJson(key), toJson(value)});
         return all;
     }
 
@@ -37,9 +43,9 @@ inline Agent::Change setOf(const std::string& path, const std::string& attribute
                            const Json& value = {}) {
     Agent::Change change{.path = path, .attribute = attribute};
     if (!key.is_null())
-        change.key = Agent::toDatum(key);
+        change.key = toDatum(key);
     if (!value.is_null())
-        change.value = Agent::toDatum(value);
+        change.value = toDatum(value);
     return change;
 }
 

@@ -1,5 +1,8 @@
 // JSON-RPC 2.0: what is a request, what is answered, and what is refused before anything looks at it.
-#include "agent/JsonRpc.h"
+#include "agent/control/JsonRpc.h"
+
+#include "agent/host/Refusal.h"
+#include "agent/json/Json.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -17,17 +20,22 @@ class RecordingDispatcher : public Agent::Dispatcher {
   public:
     std::vector<std::string> calls;
 
-    Json call(Agent::ClientId client, const std::string& method, const Json& params) override {
-        calls.push_back(std::to_string(client) + " " + method + " " + params.dump());
+    void call(Agent::ClientId client, std::string_view method, const State::Datum::Record& params,
+              const Text::Reply& reply) override {
+        calls.push_back(std::to_string(client) + " " + std::string(method) + " " +
+                        Agent::Json::textOf(State::Datum(params)));
         if (method == "fail")
-            throw Agent::RpcError(Agent::RpcCode::invalidParams, "no such field", {{"field", "oifs"}});
+            throw Agent::Refusal("no such field", {.field = "oifs"});
         if (method == "slip")
             throw std::logic_error("a slip");
-        if (method == "bytes")
-            return "bad \xff byte";
-        if (method == "big")
-            return std::string(Agent::JsonRpc::batchAnswerLimit / 3, 'b');
-        return params;
+        reply([&](Text::Writer& writer) {
+            if (method == "bytes")
+                writer.value("bad \xff byte");
+            else if (method == "big")
+                writer.value(std::string(Agent::JsonRpc::batchAnswerLimit / 3, 'b'));
+            else
+                Agent::Json::write(writer, State::Datum(params));
+        });
     }
     void clientGone(Agent::ClientId /*client*/) override {}
 };
@@ -36,7 +44,7 @@ class JsonRpcTest : public testing::Test {
   protected:
     std::string answer(const std::string& line) {
         std::string out;
-        rpc.answer(7, line, out);
+        EXPECT_TRUE(rpc.serve(7, line, out));
         return out;
     }
 
@@ -48,7 +56,7 @@ class JsonRpcTest : public testing::Test {
     }
 
     RecordingDispatcher dispatcher;
-    Agent::JsonRpc rpc{dispatcher};
+    Agent::JsonRpc rpc{dispatcher, [](Agent::ClientId, const std::string&) {}};
 };
 
 TEST_F(JsonRpcTest, AnswersUnderTheRequestsOwnId) {
@@ -105,16 +113,18 @@ TEST_F(JsonRpcTest, NestingIsRefusedBeyondItsLimitBeforeItIsParsed) {
     const auto request = [](const std::string& value) {
         return R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":)" + value + "}}";
     };
-    const std::size_t limit = Agent::JsonRpc::depthLimit;
+    const std::size_t limit = Agent::Json::depthLimit;
     EXPECT_EQ(Json::parse(answer(request(nested(limit - 2)))).count("result"), 1U);
-    EXPECT_EQ(error(request(nested(limit - 1))).at("message"),
-              "arrays and objects nest deeper than 64 levels");
+    const auto message = [this](const std::string& line) {
+        return error(line).at("message").get<std::string>();
+    };
+    EXPECT_NE(message(request(nested(limit - 1))).find("nest deeper than 64 levels"), std::string::npos);
     EXPECT_EQ(error(request(nested(10'000))).at("code"), -32700);
     EXPECT_EQ(error(std::string(4U << 20U, '[')).at("code"), -32700);
     std::string objects;
     for (int i = 0; i < 10'000; ++i)
         objects += R"({"a":)";
-    EXPECT_EQ(error(objects).at("message"), "arrays and objects nest deeper than 64 levels");
+    EXPECT_NE(message(objects).find("nest deeper than 64 levels"), std::string::npos);
     EXPECT_EQ(dispatcher.calls.size(), 1U);
 
     // Brackets inside strings nest nothing, also behind escaped quotes; many side by side neither.
@@ -161,13 +171,11 @@ TEST_F(JsonRpcTest, ABatchWhoseAnswersGrowTooLargeIsNotCarriedOutToItsEnd) {
     EXPECT_EQ(whole[5].at("id"), 5);
 }
 
-TEST_F(JsonRpcTest, AnswersAndNotificationsAreOneLineOfUtf8) {
+TEST_F(JsonRpcTest, AnswersAreOneLineOfUtf8) {
     EXPECT_EQ(error(R"({"jsonrpc":"2.0","id":1,"method":"slip"})"),
               (Json{{"code", -32603}, {"message", "a slip"}}));
     EXPECT_EQ(Json::parse(answer(R"({"jsonrpc":"2.0","id":1,"method":"bytes"})")).at("result"),
               "bad \xef\xbf\xbd byte");
-    const std::string line = Agent::JsonRpc::notification("changed", {{"text", "a\nb"}});
-    EXPECT_EQ(line, R"({"jsonrpc":"2.0","method":"changed","params":{"text":"a\nb"}})");
 }
 
 } // namespace

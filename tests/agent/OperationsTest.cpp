@@ -1,7 +1,7 @@
 // Operations in process, with the real plug-in.
-#include "agent/Operations.h"
+#include "agent/changes/Operations.h"
 
-#include "agent/OperationError.h"
+#include "agent/host/Refusal.h"
 #include "tests/agent/InProcessAgent.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,8 @@ namespace AgentTest {
 namespace {
 
 using Agent::Change;
-using Agent::OperationError;
+using Agent::Refusal;
+using Agent::RefusalKind;
 
 const char* const vrfs = "routing/hardware/route/status";
 const char* const enabled = "routing/multicast/fibenabled/status";
@@ -33,7 +34,7 @@ Json requestKey(unsigned intf = 5, unsigned type = 0) {
 TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {
     InProcessAgent agent;
     const std::string attribute = "route";
-    const State::Datum key = Agent::toDatum(route);
+    const State::Datum key = toDatum(route);
     for (const std::string table :
          {"routing/multicast/routestatus/red/static", "lumen/multicast/fib/ipv4/user/red"}) {
         EXPECT_FALSE(agent.operations.change(delOf(table, attribute, route)));
@@ -90,8 +91,8 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
         try {
             agent.operations.change(wrong.change);
             ADD_FAILURE() << wrong.change.path << " " << wrong.text;
-        } catch (const OperationError& error) {
-            EXPECT_EQ(error.code(), -32602);
+        } catch (const Refusal& error) {
+            EXPECT_EQ(error.kind(), RefusalKind::invalid);
             EXPECT_NE(std::string(error.what()).find(wrong.text), std::string::npos) << error.what();
             EXPECT_EQ(error.where().path, wrong.change.path);
             EXPECT_EQ(error.where().field, wrong.field) << error.what();
@@ -117,12 +118,12 @@ TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
     RecordProperty("milliseconds", static_cast<int>(took.count() * 1000));
     EXPECT_LT(took.count(), 5.0) << "something is quadratic";
 
-    changes.back().key = Agent::toDatum(requestKey(0, 1)); // the twin of the first
+    changes.back().key = toDatum(requestKey(0, 1)); // the twin of the first
     changes.erase(changes.begin(), changes.begin() + 4);
     try {
         agent.operations.apply(changes);
         ADD_FAILURE() << "a twin was let through";
-    } catch (const OperationError& error) {
+    } catch (const Refusal& error) {
         EXPECT_EQ(error.where().index, 15999U);
     }
 }
@@ -195,8 +196,8 @@ std::size_t carryOutSingly(InProcessAgent& agent, const std::vector<Change>& cha
     for (std::size_t i = 0; i < changes.size(); ++i) {
         try {
             agent.operations.change(changes[i]);
-        } catch (const OperationError& error) {
-            EXPECT_EQ(error.code(), -32000) << error.what();
+        } catch (const Refusal& error) {
+            EXPECT_EQ(error.kind(), RefusalKind::guard) << error.what();
             return i;
         }
     }
@@ -225,7 +226,7 @@ TEST(OperationsTest, AListIsJudgedAsItsChangesOneByOneWouldBe) {
             try {
                 listed.operations.apply(changes);
                 FAIL() << "the list went through, but its change " << fit << " alone does not";
-            } catch (const OperationError& error) {
+            } catch (const Refusal& error) {
                 ASSERT_EQ(error.where().index, fit) << error.what();
             }
             ASSERT_EQ(picture(listed), before) << "a refused list changed something";

@@ -1,7 +1,7 @@
 // Telling the service manager, over both kinds of socket name.
 #include "agent/ServiceNotify.h"
 
-#include "agent/Fd.h"
+#include "agent/host/Fd.h"
 #include "tests/agent/TestClient.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // socket.
 #pragma once
 
-#include "agent/Fd.h"
+#include "agent/host/Fd.h"
 
 #include <chrono>
 #include <cstddef>

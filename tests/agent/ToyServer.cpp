@@ -1,9 +1,12 @@
 #include "tests/agent/ToyServer.h"
 
-#include "agent/EventLoop.h"
-#include "agent/JsonRpc.h"
-#include "agent/LineServer.h"
+#include "agent/control/JsonRpc.h"
+#include "agent/control/Sessions.h"
+#include "agent/host/PostedTask.h"
+#include "agent/json/Json.h"
 
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
 #include <nlohmann/json.hpp>
 
 #include <sys/resource.h>
@@ -29,10 +32,31 @@ using Json = nlohmann::json;
 
 class ToyDispatcher : public Agent::Dispatcher {
   public:
-    Agent::EventLoop* loop = nullptr;
-    Agent::LineServer* server = nullptr;
+    explicit ToyDispatcher(asio::io_context& loop)
+        : release_(loop, [this] {
+            for (const Text::Reply& reply : std::exchange(replies_, {}))
+                reply([](Text::Writer& writer) { writer.value("late"); });
+        }) {}
 
-    Json call(Agent::ClientId client, const std::string& method, const Json& params) override {
+    Agent::Sessions* server = nullptr;
+
+    void call(Agent::ClientId client, std::string_view method, const State::Datum::Record& given,
+              const Text::Reply& reply) override {
+        if (method == "late") { // is answered when somebody calls "release"
+            replies_.push_back(reply);
+            return;
+        }
+        const Json result = resultOf(client, method, Json::parse(Agent::Json::textOf(State::Datum(given))));
+        reply([&](Text::Writer& writer) { Agent::Json::write(writer, Agent::Json::parse(result.dump())); });
+    }
+
+    void clientGone(Agent::ClientId client) override {
+        ++gone_;
+        followers_.erase(client);
+    }
+
+  private:
+    Json resultOf(Agent::ClientId client, std::string_view method, const Json& params) {
         ++calls_;
         if (method == "echo")
             return params;
@@ -45,44 +69,28 @@ class ToyDispatcher : public Agent::Dispatcher {
         if (method == "sleep")
             std::this_thread::sleep_for(std::chrono::milliseconds(params.at("ms").get<int>()));
         else if (method == "release")
-            loop->defer([replies = std::exchange(replies_, {})] {
-                for (const Reply& reply : replies)
-                    reply("late");
-            });
+            release_.request();
         else if (method == "follow")
             followers_.insert(client);
         else if (method == "tell")
             tell(params.at("count").get<int>(), params.at("bytes").get<std::size_t>());
         else if (method == "status")
-            return {{"clients", server->clients()}, {"cutOff", server->cutOff()}, {"gone", gone_}};
+            return {{"clients", server->clients()}, {"cutOff", server->cutOffCount()}, {"gone", gone_}};
         else
-            throw Agent::RpcError(Agent::RpcCode::methodNotFound, "no method \"" + method + "\"");
+            throw Agent::UnknownMethod("no method \"" + std::string(method) + "\"");
         return true;
     }
 
-    // "late" is answered when somebody calls "release".
-    bool takesLong(const std::string& method, const Json& /*params*/) const override {
-        return method == "late";
-    }
-    void begin(Agent::ClientId /*client*/, const Json& /*params*/, const Reply& reply) override {
-        replies_.push_back(reply);
-    }
-
-    void clientGone(Agent::ClientId client) override {
-        ++gone_;
-        followers_.erase(client);
-    }
-
-  private:
     void tell(int count, std::size_t bytes) {
-        const std::string line = Agent::JsonRpc::notification("told", std::string(bytes, 't'));
+        const Json line{{"jsonrpc", "2.0"}, {"method", "told"}, {"params", std::string(bytes, 't')}};
         for (int i = 0; i < count; ++i)
             for (const Agent::ClientId follower : followers_)
-                server->notify(follower, line);
+                server->notify(follower, line.dump());
     }
 
     std::set<Agent::ClientId> followers_;
-    std::vector<Reply> replies_;
+    std::vector<Text::Reply> replies_;
+    Agent::PostedTask release_;
     int calls_ = 0;
     int gone_ = 0;
 };
@@ -93,14 +101,15 @@ int serve(const std::string& path, unsigned descriptors, int ready) {
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
     try {
-        Agent::EventLoop loop;
-        loop.signalsAre({SIGTERM}, [&loop](int /*signal*/) { loop.stop(); });
-        ToyDispatcher dispatcher;
-        Agent::JsonRpc rpc(dispatcher);
-        Agent::LineServer server(loop, rpc);
-        dispatcher.loop = &loop;
+        asio::io_context loop;
+        asio::signal_set signals(loop, SIGTERM);
+        signals.async_wait([&loop](const asio::error_code&, int /*signal*/) { loop.stop(); });
+        ToyDispatcher dispatcher(loop);
+        Agent::JsonRpc rpc(dispatcher, [&](Agent::ClientId client, const std::string& answer) {
+            dispatcher.server->finish(client, answer);
+        });
+        Agent::Sessions server(loop, rpc);
         dispatcher.server = &server;
-        rpc.serverIs(&server);
         server.listen(path);
         if (::write(ready, "r", 1) != 1)
             return 1;

@@ -1,8 +1,7 @@
 // Watchers of a real agent: what they hear and in which order, how they go on after they were away, and what
 // becomes of those who don't listen.
-#include "agent/AnswerLog.h"
+#include "agent/control/Watchers.h"
 
-#include "agent/Watchers.h"
 #include "tests/agent/AgentProcess.h"
 
 #include <gtest/gtest.h>

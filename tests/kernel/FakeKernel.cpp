@@ -126,7 +126,7 @@ bool FakeReader::drain(std::size_t max) {
         max = ~std::size_t{0};
     }
     for (; max > 0 && !kernel_.events_.empty(); --max) {
-        mirror_.event(kernel_.events_.front());
+        mirror_.takeEvent(kernel_.events_.front());
         kernel_.events_.pop_front();
     }
     if (!kernel_.events_.empty())
@@ -152,7 +152,7 @@ bool FakeReader::step(std::size_t chunk) {
     if (!isLast)
         readAhead(chunk);
     for (const KernelMessage& message : part)
-        mirror_.answer(message);
+        mirror_.takeAnswer(message);
     if (isLast)
         finish();
     return true;
@@ -219,7 +219,7 @@ void FakeReader::finish() {
     if (query_->kind == KernelQuery::Kind::routes)
         drain();
     query_.reset();
-    mirror_.answered(error_, false, now);
+    mirror_.endAnswer(error_, false, now);
 }
 
 void FakeReader::settle() {
@@ -228,7 +228,7 @@ void FakeReader::settle() {
         mirror_.publish(~std::size_t{0});
         if (step(100) || mirror_.publishDue())
             continue;
-        std::optional<MfcMirror::Clock::time_point> due = mirror_.queryWaitsUntil();
+        std::optional<Mirror::Clock::time_point> due = mirror_.queryWaitsUntil();
         if (!due)
             return;
         now = std::max(now, *due);

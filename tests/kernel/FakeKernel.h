@@ -2,11 +2,11 @@
 // subscription that overruns, and dumps that are not atomic. It behaves as Linux was measured to, in what it
 // tells and what it doesn't.
 //
-// A reader (FakeReader) does with it what MfcSource does with the real one, one small step at a time, so that
+// A reader (FakeReader) does with it what NetlinkSource does with the real one, one small step at a time, so that
 // a test can let anything happen between two steps.
 #pragma once
 
-#include "agent/kernel/MfcMirror.h"
+#include "agent/kernel/Mirror.h"
 
 #include <array>
 #include <cstddef>
@@ -74,7 +74,7 @@ class FakeKernel {
 
 class FakeReader {
   public:
-    FakeReader(FakeKernel& kernel, MfcMirror& mirror)
+    FakeReader(FakeKernel& kernel, Mirror& mirror)
         : kernel_(kernel)
         , mirror_(mirror) {}
 
@@ -86,7 +86,7 @@ class FakeReader {
     /// Lets the mirror finish, time passing where it waits.
     void settle();
 
-    MfcMirror::Clock::time_point now{};
+    Mirror::Clock::time_point now{};
     std::vector<KernelQuery> asked;
 
   private:
@@ -94,7 +94,7 @@ class FakeReader {
     void finish();
 
     FakeKernel& kernel_;
-    MfcMirror& mirror_;
+    Mirror& mirror_;
     std::optional<KernelQuery> query_;
     std::size_t position_ = 0;
     std::vector<KernelMessage> ahead_;

@@ -99,8 +99,8 @@ TEST(KernelConfig, WhatIsNoConfigurationAtAll) {
     for (const char* text : {"", "{\"vrfs\": [}", "{\"vrfs\": [{\"name\": \"\xff\"}]}"}) {
         std::vector<std::string> problems = problemsOf(text);
         ASSERT_EQ(problems.size(), 1u) << text;
-        EXPECT_EQ(problems[0].find("kernel.json: is not JSON: parse error at line 1, column "), 0u)
-            << problems[0];
+        EXPECT_EQ(problems[0].find("kernel.json: is not JSON: "), 0u) << problems[0];
+        EXPECT_NE(problems[0].find("(line 1, column "), std::string::npos) << problems[0];
     }
 }
 

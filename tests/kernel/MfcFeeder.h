@@ -4,8 +4,8 @@
 // It holds the table as its daemon: routes and VIFs go when it goes.
 #pragma once
 
-#include "agent/Fd.h"
-#include "agent/kernel/MfcMessage.h"
+#include "agent/host/Fd.h"
+#include "agent/kernel/KernelMessage.h"
 
 #include <cstdint>
 #include <string>

@@ -27,14 +27,13 @@ RecordingSink::VrfRows* RecordingSink::entered(const VrfConfig& vrf, const char*
 }
 
 // As the agent's guards: an identifier belongs to one VRF and isn't changed while the VRF is there.
-bool RecordingSink::vrf(const VrfConfig& vrf, bool multicastEnabled, std::string& why) {
-    if (refuseVrf)
-        why = refuseVrf(vrf, multicastEnabled);
+WhyNot RecordingSink::putVrf(const VrfConfig& vrf, bool multicastEnabled) {
+    WhyNot why = refuseVrf ? refuseVrf(vrf, multicastEnabled) : "";
     for (const auto& [name, other] : vrfs)
         if (other.config.id == vrf.id && name != vrf.name)
             why = "the identifier belongs to " + name;
     if (!why.empty())
-        return false;
+        return why;
     auto [found, isNew] = vrfs.try_emplace(vrf.name, VrfRows{vrf, false, {}});
     if (isNew)
         EXPECT_FALSE(multicastEnabled) << "multicast in the new VRF " << vrf.name;
@@ -43,27 +42,26 @@ bool RecordingSink::vrf(const VrfConfig& vrf, bool multicastEnabled, std::string
     EXPECT_EQ(found->second.config.id, vrf.id) << "the VRF " << vrf.name << " got another identifier";
     found->second.multicast = multicastEnabled;
     note("vrf " + vrf.name + (multicastEnabled ? " on" : " off"));
-    return true;
+    return {};
 }
 
-bool RecordingSink::vrfGone(const VrfConfig& vrf, std::string& why) {
-    VrfRows* rows = entered(vrf, "vrfGone");
+WhyNot RecordingSink::removeVrf(const VrfConfig& vrf) {
+    VrfRows* rows = entered(vrf, "removeVrf");
     if (!rows)
-        return true;
+        return {};
     EXPECT_FALSE(rows->multicast) << "multicast on in the VRF " << vrf.name << " that goes";
     EXPECT_TRUE(rows->rows[0].empty() && rows->rows[1].empty())
         << "rows in the VRF " << vrf.name << " that goes";
-    (void)why;
     vrfs.erase(vrf.name);
     note("no vrf " + vrf.name);
-    return true;
+    return {};
 }
 
-bool RecordingSink::route(const VrfConfig& vrf, RouteType type, const MfcKey& key, std::span<const Oif> oifs,
-                          std::string& why) {
-    VrfRows* rows = entered(vrf, "route");
+WhyNot RecordingSink::putRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key,
+                               std::span<const Oif> oifs) {
+    VrfRows* rows = entered(vrf, "putRoute");
     if (!rows)
-        return false;
+        return "there is no such VRF";
     Row row;
     for (const Oif& oif : oifs) {
         EXPECT_FALSE(oif.name.empty());
@@ -71,25 +69,23 @@ bool RecordingSink::route(const VrfConfig& vrf, RouteType type, const MfcKey& ke
         auto [known, isNew] = names.try_emplace(oif.ifindex, oif.name);
         EXPECT_EQ(known->second, oif.name) << "a rename of " << oif.ifindex << " wasn't told";
     }
-    if (refuseRoute)
-        why = refuseRoute(key);
-    if (!why.empty())
-        return false;
+    if (WhyNot why = refuseRoute ? refuseRoute(key) : ""; !why.empty())
+        return why;
     auto [found, isNew] = rows->rows[at(type)].try_emplace(key, row);
     bool mayRepeat = renamed_.erase({vrf.name, key}) > 0;
     EXPECT_TRUE(isNew || found->second != row || mayRepeat) << "no difference in " << mfcKeyText(key);
     found->second = row;
     note("route " + mfcKeyText(key));
-    return true;
+    return {};
 }
 
-void RecordingSink::routeGone(const VrfConfig& vrf, RouteType type, const MfcKey& key) {
-    VrfRows* rows = entered(vrf, "routeGone");
+void RecordingSink::removeRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key) {
+    VrfRows* rows = entered(vrf, "removeRoute");
     EXPECT_TRUE(rows && rows->rows[at(type)].erase(key) == 1) << "no such row: " << mfcKeyText(key);
     note("no route " + mfcKeyText(key));
 }
 
-bool RecordingSink::interfaceNamed(int ifindex, std::string_view name) {
+bool RecordingSink::renameInterface(int ifindex, std::string_view name) {
     EXPECT_TRUE(names.contains(ifindex)) << "no row was given with " << ifindex;
     names[ifindex] = name;
     note("name " + std::string(name));
@@ -102,7 +98,7 @@ bool RecordingSink::interfaceNamed(int ifindex, std::string_view name) {
     return rowsHoldNames_;
 }
 
-void RecordingSink::interfaceGone(int ifindex) {
+void RecordingSink::forgetInterface(int ifindex) {
     for (const auto& [vrf, rows] : vrfs)
         for (const auto& byKey : rows.rows)
             for (const auto& [key, row] : byKey)

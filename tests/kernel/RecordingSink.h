@@ -1,8 +1,8 @@
 // Tables in memory, as the mirror of the kernel sees the agent's: it keeps what it is told and holds every
-// call against the contract of KernelSink, so that a test fails at the call that breaks it.
+// call against the contract of TableSink, so that a test fails at the call that breaks it.
 #pragma once
 
-#include "agent/kernel/KernelSink.h"
+#include "agent/kernel/TableSink.h"
 
 #include <cstddef>
 #include <functional>
@@ -14,7 +14,7 @@
 
 namespace Agent::Kernel::Test {
 
-class RecordingSink : public KernelSink {
+class RecordingSink : public TableSink {
   public:
     using Row = std::map<int, std::string>; // ifindex -> name as the row's reader sees it
     struct VrfRows {
@@ -27,18 +27,18 @@ class RecordingSink : public KernelSink {
     explicit RecordingSink(bool rowsHoldNames = false)
         : rowsHoldNames_(rowsHoldNames) {}
 
-    bool vrf(const VrfConfig& vrf, bool multicastEnabled, std::string& why) override;
-    bool vrfGone(const VrfConfig& vrf, std::string& why) override;
-    bool route(const VrfConfig& vrf, RouteType type, const MfcKey& key, std::span<const Oif> oifs,
-               std::string& why) override;
-    void routeGone(const VrfConfig& vrf, RouteType type, const MfcKey& key) override;
-    bool interfaceNamed(int ifindex, std::string_view name) override;
-    void interfaceGone(int ifindex) override;
+    WhyNot putVrf(const VrfConfig& vrf, bool multicastEnabled) override;
+    WhyNot removeVrf(const VrfConfig& vrf) override;
+    WhyNot putRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key,
+                    std::span<const Oif> oifs) override;
+    void removeRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key) override;
+    bool renameInterface(int ifindex, std::string_view name) override;
+    void forgetInterface(int ifindex) override;
     std::optional<bool> multicastEnabled(const VrfConfig& vrf) const override;
     void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const override;
 
     /// "e2 e3", sorted by index; "none" for a row without interfaces, "absent" for no row.
-    std::string row(const std::string& vrf, const MfcKey& key, RouteType type = RouteType::sparseMode) const;
+    std::string row(const std::string& vrf, const MfcKey& key, RouteType type = RouteType::sparse) const;
     std::size_t rowCount(const std::string& vrf) const;
 
     /// Refuses what they return a reason for.

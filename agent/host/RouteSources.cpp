@@ -1,3 +1,5 @@
+#include "agent/host/RouteSources.h"
+
 #include "agent/host/LumenSource.h"
 #include "agent/host/QuillSource.h"
 

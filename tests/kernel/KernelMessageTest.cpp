@@ -1,5 +1,5 @@
 // The reader of kernel messages: recorded ones read right, damaged ones are counted and harm nothing.
-#include "agent/kernel/MfcMirror.h"
+#include "agent/kernel/Mirror.h"
 #include "tests/kernel/RecordedMessages.h"
 #include "tests/kernel/RecordingSink.h"
 
@@ -53,7 +53,7 @@ void lengthIs(Bytes& bytes, std::size_t length) {
     std::memcpy(bytes.data(), &raw, sizeof raw);
 }
 
-TEST(MfcMessage, RecordedRoutes) {
+TEST(KernelMessage, RecordedRoutes) {
     KernelMessage added = readOne(bytesOf(Recorded::routeAdded));
     EXPECT_EQ(added.kind, MessageKind::route);
     EXPECT_EQ(added.route.table, 253u);
@@ -83,7 +83,7 @@ TEST(MfcMessage, RecordedRoutes) {
     EXPECT_TRUE(any.isPart);
 }
 
-TEST(MfcMessage, RecordedLinksVifsAndEnds) {
+TEST(KernelMessage, RecordedLinksVifsAndEnds) {
     KernelMessage removed = readOne(bytesOf(Recorded::linkRemoved));
     EXPECT_EQ(removed.kind, MessageKind::linkGone);
     EXPECT_EQ(removed.link.ifindex, 6);
@@ -116,7 +116,7 @@ TEST(MfcMessage, RecordedLinksVifsAndEnds) {
     EXPECT_EQ(none.sequence, 9u);
 }
 
-TEST(MfcMessage, SeveralMessagesInADatagram) {
+TEST(KernelMessage, SeveralMessagesInADatagram) {
     Bytes all;
     for (std::string_view hex : Recorded::all) {
         Bytes one = bytesOf(hex);
@@ -130,7 +130,7 @@ TEST(MfcMessage, SeveralMessagesInADatagram) {
     EXPECT_EQ(count, std::size(Recorded::all));
 }
 
-TEST(MfcMessage, WhatIsUnknownIsSkippedAndWhatIsOfAnotherKindIsNotTaken) {
+TEST(KernelMessage, WhatIsUnknownIsSkippedAndWhatIsOfAnotherKindIsNotTaken) {
     Bytes longer = bytesOf(Recorded::routeAdded);
     longer.insert(longer.end(), {9, 0, 0x77, 0x40, 1, 2, 3, 4, 5, 0, 0, 0});
     lengthIs(longer, longer.size());
@@ -147,7 +147,7 @@ TEST(MfcMessage, WhatIsUnknownIsSkippedAndWhatIsOfAnotherKindIsNotTaken) {
     EXPECT_EQ(readOne(address).kind, MessageKind::other);
 }
 
-TEST(MfcMessage, DamageIsToldFromTheRest) {
+TEST(KernelMessage, DamageIsToldFromTheRest) {
     struct Case {
         const char* what;
         std::string_view message;
@@ -177,7 +177,7 @@ TEST(MfcMessage, DamageIsToldFromTheRest) {
     }
 }
 
-TEST(MfcMessage, CutShortAnywhere) {
+TEST(KernelMessage, CutShortAnywhere) {
     for (std::string_view hex : Recorded::all) {
         Bytes whole = bytesOf(hex);
         for (std::size_t length = 0; length < whole.size(); ++length) {
@@ -196,7 +196,7 @@ TEST(MfcMessage, CutShortAnywhere) {
     }
 }
 
-TEST(MfcMessage, RandomDamageCrashesNothing) {
+TEST(KernelMessage, RandomDamageCrashesNothing) {
     const char* given = std::getenv("KESTREL_TEST_SEED");
     auto seed = static_cast<std::uint32_t>(given ? std::strtoul(given, nullptr, 10) : std::random_device{}());
     SCOPED_TRACE("KESTREL_TEST_SEED=" + std::to_string(seed));
@@ -206,8 +206,9 @@ TEST(MfcMessage, RandomDamageCrashesNothing) {
     };
 
     RecordingSink sink;
-    MfcMirror mirror(sink);
-    mirror.configIs({{{.name = "default", .id = 0, .table = 253}, {.name = "red", .id = 1, .table = 1000}}});
+    Mirror mirror(sink);
+    mirror.reconfigure(
+        {{{.name = "default", .id = 0, .table = 253}, {.name = "red", .id = 1, .table = 1000}}});
     std::size_t messages = 0;
     std::size_t malformed = 0;
     for (int i = 0; i < 20'000; ++i) {
@@ -238,7 +239,7 @@ TEST(MfcMessage, RandomDamageCrashesNothing) {
             malformed += message.kind == MessageKind::malformed;
             for (int oif : message.kind == MessageKind::route ? message.route.oifs : std::vector<int>())
                 ASSERT_GT(oif, 0);
-            mirror.event(message);
+            mirror.takeEvent(message);
         });
         mirror.publish(10);
     }

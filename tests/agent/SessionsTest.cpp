@@ -1,11 +1,11 @@
 // The control server against clients that behave and clients that don't, each over a real socket to another
 // process.
-#include "agent/LineServer.h"
+#include "agent/control/Sessions.h"
 
-#include "agent/EventLoop.h"
 #include "tests/agent/TestClient.h"
 #include "tests/agent/ToyServer.h"
 
+#include <asio/io_context.hpp>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -24,7 +24,9 @@ namespace AgentTest {
 namespace {
 
 using Json = nlohmann::json;
-using Agent::LineServer;
+using Agent::LineHandler;
+using Agent::Session;
+using Agent::Sessions;
 
 std::string request(const std::string& method, const Json& params = Json::object(), const Json& id = 1) {
     return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump();
@@ -36,7 +38,7 @@ std::string requestOf(std::size_t bytes) {
     return request("size", {{"text", std::string(bytes - bare, 'x')}});
 }
 
-class LineServerTest : public testing::Test {
+class SessionsTest : public testing::Test {
   protected:
     TestClient client() const { return TestClient(server.path()); }
 
@@ -60,11 +62,11 @@ class LineServerTest : public testing::Test {
     ToyServer server{folder.file("agent.sock")};
 };
 
-TEST_F(LineServerTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnection) {
+TEST_F(SessionsTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnection) {
     TestClient large = client();
-    const std::string fits = requestOf(LineServer::lineLimit);
+    const std::string fits = requestOf(LineHandler::lineLimit);
     const Json answer = Json::parse(large.ask(fits));
-    EXPECT_GT(answer.at("result"), LineServer::lineLimit - 100);
+    EXPECT_GT(answer.at("result"), LineHandler::lineLimit - 100);
     EXPECT_EQ(Json::parse(large.ask(request("echo", {{"a", 1}}))).at("result").dump(), R"({"a":1})");
 
     // Once with the newline, once without: the byte too many is what counts. What comes after it is not read.
@@ -72,7 +74,7 @@ TEST_F(LineServerTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnec
         TestClient tooLarge = client();
         const std::string good = request("echo", {{"a", 1}}) + "\n";
         std::string lines = good;
-        lines.append(requestOf(LineServer::lineLimit + (end == "\n" ? 1 : 0))).append(end);
+        lines.append(requestOf(LineHandler::lineLimit + (end == "\n" ? 1 : 0))).append(end);
         tooLarge.send(lines);
         EXPECT_EQ(Json::parse(tooLarge.line().value_or("null")).at("result").at("a"), 1);
         const Json refusal = Json::parse(tooLarge.line().value_or("null"));
@@ -83,7 +85,7 @@ TEST_F(LineServerTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnec
     EXPECT_TRUE(clientsBecome(2));
 }
 
-TEST_F(LineServerTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
+TEST_F(SessionsTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
     const std::size_t before = server.memory();
     TestClient deaf = client();
     const std::string asksMuch = request("big", {{"bytes", 1'000'000}}) + "\n";
@@ -106,7 +108,7 @@ TEST_F(LineServerTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
     EXPECT_TRUE(clientsBecome(2));
 }
 
-TEST_F(LineServerTest, AnAnswerThatTakesLongHoldsUpItsOwnClientAlone) {
+TEST_F(SessionsTest, AnAnswerThatTakesLongHoldsUpItsOwnClientAlone) {
     using namespace std::chrono_literals;
     TestClient other = client();
     const auto echoed = [&] { return Json::parse(other.ask(request("echo", {{"a", 1}}))).at("result"); };
@@ -154,7 +156,7 @@ TEST_F(LineServerTest, AnAnswerThatTakesLongHoldsUpItsOwnClientAlone) {
     EXPECT_TRUE(clientsBecome(2));
 }
 
-TEST_F(LineServerTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
+TEST_F(SessionsTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
     TestClient deaf = client();
     TestClient reader = client();
     TestClient teller = client();
@@ -170,14 +172,14 @@ TEST_F(LineServerTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
     }
     EXPECT_EQ(heard, 24);
     EXPECT_EQ(status().at("cutOff"), 1);
-    EXPECT_LT(server.memory(), before + 3 * LineServer::notificationLimit);
+    EXPECT_LT(server.memory(), before + 3 * Session::notificationLimit);
     while (deaf.line()) {
     }
     EXPECT_TRUE(deaf.ended());
     EXPECT_TRUE(clientsBecome(3));
 }
 
-TEST_F(LineServerTest, AClientThatIsToldTooMuchByItsOwnRequestIsCutOffToo) {
+TEST_F(SessionsTest, AClientThatIsToldTooMuchByItsOwnRequestIsCutOffToo) {
     TestClient self = client();
     self.ask(request("follow"));
     self.send(request("tell", {{"count", 40}, {"bytes", 1U << 20U}}) + "\n");
@@ -187,7 +189,7 @@ TEST_F(LineServerTest, AClientThatIsToldTooMuchByItsOwnRequestIsCutOffToo) {
     EXPECT_EQ(status().at("cutOff"), 1);
 }
 
-TEST_F(LineServerTest, WhatARequestCausesIsToldBeforeItsAnswerAlsoInsideABatch) {
+TEST_F(SessionsTest, WhatARequestCausesIsToldBeforeItsAnswerAlsoInsideABatch) {
     TestClient self = client();
     self.ask(request("follow"));
     const std::string tell = request("tell", {{"count", 2}, {"bytes", 3}});
@@ -199,7 +201,7 @@ TEST_F(LineServerTest, WhatARequestCausesIsToldBeforeItsAnswerAlsoInsideABatch) 
     }
 }
 
-TEST_F(LineServerTest, AClientThatClosesItsSendingSideHearsTheAnswersToItsWholeLines) {
+TEST_F(SessionsTest, AClientThatClosesItsSendingSideHearsTheAnswersToItsWholeLines) {
     TestClient half = client();
     std::string lines;
     for (int i = 0; i < 50; ++i)
@@ -211,7 +213,7 @@ TEST_F(LineServerTest, AClientThatClosesItsSendingSideHearsTheAnswersToItsWholeL
     EXPECT_TRUE(half.ended());
 }
 
-TEST_F(LineServerTest, PipelinedLinesAreAnsweredInOrderAndBlankOnesPassedOver) {
+TEST_F(SessionsTest, PipelinedLinesAreAnsweredInOrderAndBlankOnesPassedOver) {
     TestClient piping = client();
     const int count = 3000;
     std::string lines;
@@ -225,7 +227,7 @@ TEST_F(LineServerTest, PipelinedLinesAreAnsweredInOrderAndBlankOnesPassedOver) {
     EXPECT_EQ(piping.line(std::chrono::milliseconds(0)), std::nullopt);
 }
 
-TEST_F(LineServerTest, ALongPipelineDoesNotHoldUpOthers) {
+TEST_F(SessionsTest, ALongPipelineDoesNotHoldUpOthers) {
     TestClient holding = client();
     TestClient piping = client();
     std::vector<std::unique_ptr<TestClient>> others;
@@ -245,7 +247,7 @@ TEST_F(LineServerTest, ALongPipelineDoesNotHoldUpOthers) {
         other->send(request("count") + "\n");
     for (const auto& other : others) {
         const int at = Json::parse(other->line().value_or("null")).at("result");
-        // One line of the pipeline per turn; a turn fetches 64 ready descriptors at most.
+        // One line of the pipeline per turn, however many of the others a turn fetches.
         EXPECT_LE(at, before + 1 + 64 + 4);
     }
     int last = 0;
@@ -254,9 +256,9 @@ TEST_F(LineServerTest, ALongPipelineDoesNotHoldUpOthers) {
     EXPECT_EQ(last, before + 1 + 64 + 500);
 }
 
-TEST_F(LineServerTest, OneClientTooManyIsToldSoAndThereIsRoomAgainWhenOneGoes) {
+TEST_F(SessionsTest, OneClientTooManyIsToldSoAndThereIsRoomAgainWhenOneGoes) {
     std::vector<std::unique_ptr<TestClient>> all;
-    for (std::size_t i = 0; i < LineServer::clientLimit; ++i)
+    for (std::size_t i = 0; i < LineHandler::clientLimit; ++i)
         all.push_back(std::make_unique<TestClient>(server.path()));
     EXPECT_EQ(Json::parse(all.back()->ask(request("echo"))).at("id"), 1);
 
@@ -265,10 +267,10 @@ TEST_F(LineServerTest, OneClientTooManyIsToldSoAndThereIsRoomAgainWhenOneGoes) {
     EXPECT_TRUE(extra.ended());
     all.pop_back();
     all.pop_back();
-    EXPECT_TRUE(clientsBecome(LineServer::clientLimit - 1));
+    EXPECT_TRUE(clientsBecome(LineHandler::clientLimit - 1));
 }
 
-TEST_F(LineServerTest, WithoutDescriptorsLeftTheServerLetsClientsInAgainWhenThereAreSome) {
+TEST_F(SessionsTest, WithoutDescriptorsLeftTheServerLetsClientsInAgainWhenThereAreSome) {
     ToyServer small(folder.file("small.sock"), 24);
     // What needs a descriptor once, such as a sanitizer's look at a type, has had it when the first client
     // has gone.
@@ -291,15 +293,18 @@ TEST_F(LineServerTest, WithoutDescriptorsLeftTheServerLetsClientsInAgainWhenTher
 /// Gives every line back and ends the loop when its client has gone.
 class EchoHandler : public Agent::LineHandler {
   public:
-    explicit EchoHandler(Agent::EventLoop& loop)
+    explicit EchoHandler(asio::io_context& loop)
         : loop_(loop) {}
 
-    void answer(Agent::ClientId /*client*/, std::string_view line, std::string& out) override { out += line; }
-    void refusal(Agent::Refusal /*reason*/, std::string& out) override { out += "refused"; }
+    bool serve(Agent::ClientId /*client*/, std::string_view line, std::string& out) override {
+        out += line;
+        return true;
+    }
+    void refusal(Agent::TurnedAway /*reason*/, std::string& out) override { out += "refused"; }
     void clientGone(Agent::ClientId /*client*/) override { loop_.stop(); }
 
   private:
-    Agent::EventLoop& loop_;
+    asio::io_context& loop_;
 };
 
 struct Pipe {
@@ -338,9 +343,9 @@ TEST(StandardInputAndOutput, ServesOneClientUntilItsInputEnds) {
         answers = drain(output.read.get());
     });
     {
-        Agent::EventLoop loop;
+        asio::io_context loop;
         EchoHandler handler(loop);
-        LineServer server(loop, handler);
+        Sessions server(loop, handler);
         server.serve(input.read.get(), output.write.get());
         loop.run();
     }
@@ -356,9 +361,9 @@ TEST(StandardInputAndOutput, ReadsAFileAndWritesAFile) {
     const Agent::Fd input(::open(folder.file("in").c_str(), O_RDWR | O_CREAT, 0600));
     const Agent::Fd output(::open(folder.file("out").c_str(), O_RDWR | O_CREAT, 0600));
     ASSERT_EQ(::pwrite(input.get(), "one\ntwo\nthr", 11, 0), 11);
-    Agent::EventLoop loop;
+    asio::io_context loop;
     EchoHandler handler(loop);
-    LineServer server(loop, handler);
+    Sessions server(loop, handler);
     server.serve(input.get(), output.get());
     loop.run();
     ::lseek(output.get(), 0, SEEK_SET);
@@ -370,9 +375,9 @@ TEST(StandardInputAndOutput, AReaderThatHasGoneEndsTheServiceAndNotTheProcess) {
     Pipe output;
     output.read.close();
     ASSERT_EQ(::write(input.write.get(), "one\n", 4), 4);
-    Agent::EventLoop loop;
+    asio::io_context loop;
     EchoHandler handler(loop);
-    LineServer server(loop, handler);
+    Sessions server(loop, handler);
     server.serve(input.read.get(), output.write.get());
     loop.run();
     EXPECT_EQ(server.clients(), 0U);

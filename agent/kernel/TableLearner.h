@@ -1,20 +1,20 @@
 // What one table of the kernel holds, as far as events and dumps have told: its routes and its VIFs.
 //
-// It only learns: an entry that changes is queued in the MfcTable, and VrfMirror tells the sink from there.
+// It only learns: an entry that changes is queued in the RouteEntries, and MirroredVrf tells the sink from there.
 //
-// A dump is not one moment of the kernel: routes change, come and go while it runs, and a route deleted
-// during it makes it miss another. Therefore:
+// A dump is not one moment of the kernel: routes change, come and go while it runs, and a route deleted during it
+// makes it miss another. Therefore:
 // - an event of a route during the dump wins over what the dump says of it (touched);
 // - a route that a dump didn't have is removed only when the kernel, asked for that one, denies it;
 // - a dump during which something happened that could have made it miss or misstate a route (disturbed) is
 //   repeated, soon a few times, then at a distance in proportion to its length.
 // So the mirror follows the kernel also under churn that never lets a dump be clean.
 //
-// Owned by a VrfMirror; MfcMirror brings the messages. Read next: MfcTable.h for an entry's fields.
+// A MirroredVrf owns it; Mirror brings the messages. Read next: RouteEntries.h for an entry's fields.
 #pragma once
 
-#include "agent/kernel/MfcTable.h"
 #include "agent/kernel/MirrorShared.h"
+#include "agent/kernel/RouteEntries.h"
 
 #include <chrono>
 #include <optional>
@@ -23,51 +23,52 @@
 
 namespace Agent::Kernel {
 
-class KernelTable {
+class TableLearner {
   public:
     using Clock = std::chrono::steady_clock;
 
-    explicit KernelTable(MirrorShared& shared)
+    explicit TableLearner(MirrorShared& shared)
         : shared_(shared) {}
 
-    MfcTable& routes() { return routes_; }
-    const MfcTable& routes() const { return routes_; }
+    RouteEntries& routes() { return routes_; }
+    const RouteEntries& routes() const { return routes_; }
     const std::vector<Vif>& vifs() const { return vifs_; }
 
-    /// From now on the messages of another table are given, or again those of this one after a gap.
-    void isAnother();
+    /// From now on the messages of another table are given, or again those of this one after a gap. What is known
+    /// stands until the next dump confirms or changes it.
+    void startOver();
 
     /// @param route neither unresolved nor with group zero.
-    void routeEvent(const MfcRoute& route);
-    void routeGoneEvent(const MfcKey& key);
+    void learn(const MfcRoute& route);
+    void learnGone(const MfcKey& key);
     /// Something happened that can make the dump under way, if any, miss or misstate a route.
     void disturbDump() { disturbed_ = disturbed_ || dumpOpen_; }
     /// Events were lost, or may have been: dump the table (again).
-    void dumpWanted() { dumpWanted_ = true; }
+    void wantDump() { dumpWanted_ = true; }
     /// The interface has gone: it has left every route and every VIF without an event of theirs.
     void linkGone(int ifindex);
     /// The interface, which routes may have had for a while, is known by now.
     void linkKnown(int ifindex);
     /// The interface turned out to be internal.
     void linkInternal(int ifindex);
-    /// The VIFs of the table, as read just now.
+    /// Takes the VIFs of the table, as read just now.
     /// @param added interfaces that became a VIF, in this or another table, since they were read before.
-    void vifsAre(std::vector<Vif> vifs, const std::set<int>& added);
-    bool hasVif(int ifindex) const;
+    void takeVifs(std::vector<Vif> vifs, const std::set<int>& added);
 
-    // A dump begins, brings entries, is done when the kernel has said so and all events from before that
-    // moment have been given; then absentees are asked for one by one.
+    // A dump begins, brings entries, and ends when the kernel has said so and all events from before that moment
+    // have been given; then the routes that it lacks are asked for one by one.
 
     bool dumpDue(Clock::time_point now) const { return dumpWanted_ && now >= notBefore_; }
     std::optional<Clock::time_point> dumpWaitsUntil() const;
     bool dumpOpen() const { return dumpOpen_; }
-    void dumpBegins(Clock::time_point now);
-    void dumpEntry(const MfcRoute& route);
-    void dumpDone(Clock::time_point now);
-    void dumpFailed(Clock::time_point now);
-    const MfcKey* absentee() const { return absentees_.empty() ? nullptr : &absentees_.back(); }
-    /// @param found what the kernel has of absentee(); null is nothing.
-    void absenteeIs(const MfcRoute* found, Clock::time_point now);
+    void beginDump(Clock::time_point now);
+    void learnFromDump(const MfcRoute& route);
+    void endDump(Clock::time_point now);
+    void failDump(Clock::time_point now);
+    /// The route to ask for next; null: none.
+    const MfcKey* missing() const { return missing_.empty() ? nullptr : &missing_.back(); }
+    /// @param found what the kernel has of missing(); null is nothing.
+    void learnMissing(const MfcRoute* found, Clock::time_point now);
     /// Asks for routes beyond those that a dump left open; only while no dump is under way.
     void lookUp(std::vector<MfcKey> keys, Clock::time_point now);
     /// Whether a dump of this table has been merged.
@@ -75,21 +76,24 @@ class KernelTable {
     bool resyncPending() const { return dumpWanted_ || dumpActive(); }
 
     /// Forgets an entry that neither the kernel nor the sink has.
-    void eraseIfGone(MfcEntry& entry);
+    void eraseIfGone(RouteEntry& entry);
 
   private:
-    bool dumpActive() const { return dumpOpen_ || !absentees_.empty(); }
-    void dumpSettled(Clock::time_point now);
+    bool dumpActive() const { return dumpOpen_ || !missing_.empty(); }
+    bool hasVif(int ifindex) const;
+    void settleDump(Clock::time_point now);
     void eraseGone();
-    bool merge(MfcEntry& entry, const MfcRoute& route);
-    void addTo(MfcEntry& entry, const MfcRoute& route);
+    bool merge(RouteEntry& entry, const MfcRoute& route);
+    void addTo(RouteEntry& entry, const MfcRoute& route);
     OifSet oifsOf(const MfcRoute& route, const OifSet& more);
     template <class Gone>
+    bool dropOifs(RouteEntry& entry, Gone gone);
+    template <class Gone>
     void strip(Gone gone);
-    void dumpForSeveral();
+    void wantDumpForSeveral();
 
     MirrorShared& shared_;
-    MfcTable routes_;
+    RouteEntries routes_;
     std::vector<Vif> vifs_;
     bool dumpWanted_ = true;
     bool dumpOpen_ = false; // between its beginning and the kernel's "done"
@@ -99,8 +103,8 @@ class KernelTable {
     unsigned disturbedInARow_ = 0;
     Clock::time_point dumpBegan_{};
     Clock::time_point notBefore_{};
-    std::vector<MfcKey> absentees_;
-    std::vector<int> scratch_; // members of the set at hand
+    std::vector<MfcKey> missing_; // the last one is asked for first
+    std::vector<int> scratch_;    // members of the set at hand
 };
 
 } // namespace Agent::Kernel

@@ -3,7 +3,7 @@
 //
 // A MessageReader walks one datagram of a netlink socket and fills one KernelMessage after the other. It
 // believes nothing that it read: lengths are checked against what is left, and what doesn't fit is reported
-// as malformed. It owns no socket and keeps nothing between datagrams. Read next: MfcMirror.h, which holds
+// as malformed. It owns no socket and keeps nothing between datagrams. Read next: Mirror.h, which holds
 // the state that these messages change; NetlinkSocket.h, where they come from.
 #pragma once
 

@@ -1,23 +1,23 @@
-// The mirror of the kernel's multicast forwarding: follows events, asks for dumps where events can't tell,
-// and keeps the agent's tables equal to what it knows.
+// The mirror of the kernel's multicast forwarding: follows events, asks for dumps where events can't tell, and
+// keeps the agent's tables equal to what it knows.
 //
-// It has no socket and no clock, so that a test can be its kernel. Who has them (MfcSource) gives it all
-// events that wait, lets it publish(), and carries out its queries one after the other:
+// It has no socket and no clock, so that a test can be its kernel. Who has them (NetlinkSource) gives it all events
+// that wait, lets it publish(), and carries out its queries one after the other:
 //
-//     query = nextQuery(now); answer(message)...; answered(error, interrupted, now)
+//     query = nextQuery(now); takeAnswer(message)...; endAnswer(error, interrupted, now)
 //
 // What events tell and what they don't:
 // - Routes: each change but those below has an event; unresolved entries stand beside routes and are skipped.
 // - A lost event (overrun): everything is read again, interfaces, VIFs, tables.
 // - An interface that goes leaves routes and VIFs silently; known routes say which. A rename is one row.
-// - A VIF that comes or goes is told only as a number per interface: the VIF tables are read, and those
-// tables
+// - A VIF that comes or goes is told only as a number per interface: the VIF tables are read, and those tables
 //   dumped where an interface came.
 //
-// MfcSource owns it; the sink outlives it. Read next: KernelTable.h, VrfMirror.h.
+// NetlinkSource owns one, and each Verification another; the sink outlives them. Read next: TableLearner.h,
+// MirroredVrf.h.
 #pragma once
 
-#include "agent/kernel/VrfMirror.h"
+#include "agent/kernel/MirroredVrf.h"
 
 #include <chrono>
 #include <cstddef>
@@ -33,7 +33,7 @@ namespace Agent::Kernel {
 
 /// A question to the kernel.
 struct KernelQuery {
-    enum class Kind {
+    enum class Kind : std::uint8_t {
         links,  // all interfaces
         vifs,   // the VIFs of all tables
         routes, // all routes of a table
@@ -44,39 +44,37 @@ struct KernelQuery {
     MfcKey key;
 };
 
-class MfcMirror {
+class Mirror {
   public:
     using Clock = std::chrono::steady_clock;
-    using VrfList = std::vector<std::unique_ptr<VrfMirror>>;
+    using VrfList = std::vector<std::unique_ptr<MirroredVrf>>;
 
-    explicit MfcMirror(KernelSink& sink)
+    explicit Mirror(TableSink& sink)
         : shared_(sink) {}
-    MfcMirror(const MfcMirror&) = delete;
-    MfcMirror& operator=(const MfcMirror&) = delete;
+    Mirror(const Mirror&) = delete;
+    Mirror& operator=(const Mirror&) = delete;
 
     /// Puts a configuration in force; VRFs that it doesn't change are left alone.
-    void configIs(const KernelConfig& config);
+    void reconfigure(const KernelConfig& config);
 
-    /// One message of the subscription.
-    void event(const KernelMessage& message);
+    /// Takes one message of the subscription.
+    void takeEvent(const KernelMessage& message);
     /// The kernel dropped events, or the reader did.
     void overrun();
 
     /// What to ask now, if anything. To be answered before the next question.
     std::optional<KernelQuery> nextQuery(Clock::time_point now);
-    /// One message of the answer.
-    void answer(const KernelMessage& message);
-    /// The answer is complete. At the end of a dump of routes, all events from before that end have been
-    /// given.
+    /// Takes one message of the answer.
+    void takeAnswer(const KernelMessage& message);
+    /// The answer is complete. At the end of a dump of routes, all events from before that end have been given.
     /// @param error errno; 0 where it went well.
-    void answered(int error, bool interrupted, Clock::time_point now);
+    void endAnswer(int error, bool interrupted, Clock::time_point now);
     /// Whether nextQuery() has a question now.
     bool queryDue(Clock::time_point now) const;
     /// When it will have one, if it waits for a time.
     std::optional<Clock::time_point> queryWaitsUntil() const;
 
-    /// Tells the sink up to max routes of what differs, with what goes before and after them. @return how
-    /// many.
+    /// Tells the sink up to max routes of what differs, with what goes before and after them. @return how many.
     std::size_t publish(std::size_t max);
     bool publishDue() const;
     /// Something changed elsewhere that may have been in the way of what the sink refused.
@@ -84,10 +82,12 @@ class MfcMirror {
 
     /// Whether every VRF has had its first dump.
     bool synced() const;
-    /// The counters, the VRFs, the last error.
-    KernelStatus status() const;
-    KernelCounters& counters() { return shared_.counters; }
-    void errorIs(std::string text);
+    const Counters& counters() const { return shared_.counters; }
+    /// Empty: none yet.
+    const std::string& lastError() const { return lastError_; }
+    std::chrono::system_clock::time_point lastErrorAt() const { return lastErrorAt_; }
+    /// A list of the VRFs' states, with those that leave.
+    void vrfStatus(Text::Writer& writer) const;
 
     /// For a comparison: the configured VRFs, those that leave not among them, and the interfaces.
     const VrfList& vrfs() const { return vrfs_; }
@@ -97,15 +97,14 @@ class MfcMirror {
     void routeEvent(const MfcRoute& route, bool gone);
     void linkChanged(int ifindex, Interfaces::Change change);
     void linkGone(int ifindex);
-    void forwardingEvent(const McForwarding& state);
-    VrfMirror* vrfOf(std::uint32_t table) const;
-    bool mirrored(const MfcRoute& route);
-    void linksAnswered();
-    void vifsAnswered();
-    void queryFailed(const KernelQuery& query, int error, Clock::time_point now);
+    MirroredVrf* vrfOf(std::uint32_t table) const;
+    bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
+    void endLinks(bool interrupted);
+    void failQuery(const KernelQuery& query, int error, Clock::time_point now);
+    void noteMalformed(const char* what, const KernelMessage& message);
+    void noteError(std::string text);
     void publishRenames();
     void publishGoneInterfaces();
-    std::size_t publishVrfs(VrfList& vrfs, std::size_t max);
 
     MirrorShared shared_;
     VrfList vrfs_;
@@ -116,7 +115,7 @@ class MfcMirror {
     std::set<int> added_; // interfaces that became VIFs since the VIFs were last asked for
     Clock::time_point notBefore_{};
 
-    std::optional<KernelQuery> query_;
+    std::optional<KernelQuery> query_; // under way
     bool answerMalformed_ = false;
     std::set<int> addedBeforeQuery_;
     std::map<std::uint32_t, std::vector<Vif>> vifAnswer_;

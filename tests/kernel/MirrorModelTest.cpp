@@ -34,7 +34,7 @@ class Churn {
         kernel_.capacity = below(2) == 0 ? 8 : 1'000'000;
         twoVifsAnInterface_ = below(3) == 0;
         configure();
-        mirror_.configIs(config_);
+        mirror_.reconfigure(config_);
     }
 
     void run(int steps) {
@@ -155,7 +155,7 @@ class Churn {
         case 10:
             if (below(10) == 0) {
                 configure();
-                mirror_.configIs(config_);
+                mirror_.reconfigure(config_);
             }
             break;
         case 11:
@@ -208,7 +208,7 @@ class Churn {
     std::mt19937 random_;
     FakeKernel kernel_;
     RecordingSink sink_;
-    MfcMirror mirror_;
+    Mirror mirror_;
     FakeReader reader_;
     KernelConfig config_;
     bool refusing_ = false;
@@ -216,7 +216,7 @@ class Churn {
     bool twoVifsAnInterface_ = false;
 };
 
-TEST(MfcMirrorModel, TablesEqualTheKernelAfterAnyHistory) {
+TEST(MirrorModel, TablesEqualTheKernelAfterAnyHistory) {
     const char* given = std::getenv("KESTREL_TEST_SEED");
     auto first =
         static_cast<std::uint32_t>(given ? std::strtoul(given, nullptr, 10) : std::random_device{}());

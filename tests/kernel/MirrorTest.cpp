@@ -2,6 +2,7 @@
 // asked.
 #include "tests/kernel/FakeKernel.h"
 #include "tests/kernel/RecordingSink.h"
+#include "text/JsonWriter.h"
 
 #include <gtest/gtest.h>
 
@@ -19,9 +20,9 @@ MfcKey numbered(std::uint32_t number) {
 }
 
 // lo is 1, e2..e8 are VIFs 0..6 of the default table, pimreg (9) is VIF 7.
-class MfcMirrorTest : public testing::Test {
+class MirrorTest : public testing::Test {
   protected:
-    MfcMirrorTest() {
+    MirrorTest() {
         kernel.linkIs(1, "lo", true);
         kernel.linkIs(9, "pimreg", true);
         for (int ifindex = 2; ifindex <= 8; ++ifindex) {
@@ -33,7 +34,7 @@ class MfcMirrorTest : public testing::Test {
     }
 
     void start(const KernelConfig& config = {{{.name = "default", .id = 0, .table = table}}}) {
-        mirror.configIs(config);
+        mirror.reconfigure(config);
         settle();
     }
     // Lets everything settle and forgets what was heard and asked on the way.
@@ -54,7 +55,7 @@ class MfcMirrorTest : public testing::Test {
             outputs |= 1u << vif;
         kernel.routeIs(table, {.key = key, .parent = parentVif, .outputs = outputs, .protocol = protocol});
     }
-    std::string row(const MfcKey& key = flow, RouteType type = RouteType::sparseMode) const {
+    std::string row(const MfcKey& key = flow, RouteType type = RouteType::sparse) const {
         return sink.row("default", key, type);
     }
     std::size_t dumpsAsked() const {
@@ -65,12 +66,12 @@ class MfcMirrorTest : public testing::Test {
 
     FakeKernel kernel;
     RecordingSink sink;
-    MfcMirror mirror{sink};
+    Mirror mirror{sink};
     FakeReader reader{kernel, mirror};
     std::vector<std::string> calls;
 };
 
-TEST_F(MfcMirrorTest, ABurstIsOneChangeAndAnUnchangedRouteIsSilent) {
+TEST_F(MirrorTest, ABurstIsOneChangeAndAnUnchangedRouteIsSilent) {
     start();
     route(flow, 0, {1});
     route(flow, 0, {1, 2});
@@ -90,7 +91,7 @@ TEST_F(MfcMirrorTest, ABurstIsOneChangeAndAnUnchangedRouteIsSilent) {
     EXPECT_TRUE(reader.asked.empty());
 }
 
-TEST_F(MfcMirrorTest, MapsEntriesToRows) {
+TEST_F(MirrorTest, MapsEntriesToRows) {
     start();
     route({.source = 0, .group = flow.group}, 0, {0, 1, 7}); // the IIF and the register VIF among the OIFs
     route({.source = 0, .group = 0}, 0, {1});
@@ -110,13 +111,13 @@ TEST_F(MfcMirrorTest, MapsEntriesToRows) {
     EXPECT_EQ(mirror.counters().skippedOtherTable, 1u);
 }
 
-TEST_F(MfcMirrorTest, RouteTypeFollowsTheConfigurationOrTheProtocol) {
+TEST_F(MirrorTest, RouteTypeFollowsTheConfigurationOrTheProtocol) {
     start();
     route(numbered(1), 0, {1}, FakeKernel::byDaemon);
     route(numbered(2), 0, {1}, FakeKernel::byNetlink);
     wake();
-    EXPECT_EQ(row(numbered(1), RouteType::sparseMode), "e3");
-    EXPECT_EQ(row(numbered(2), RouteType::staticRoute), "e3");
+    EXPECT_EQ(row(numbered(1), RouteType::sparse), "e3");
+    EXPECT_EQ(row(numbered(2), RouteType::staticRoutes), "e3");
 
     // The row of the new type is there before the old one goes.
     calls.clear();
@@ -126,11 +127,11 @@ TEST_F(MfcMirrorTest, RouteTypeFollowsTheConfigurationOrTheProtocol) {
               (std::vector<std::string>{"route (10.9.1.2, 239.2.0.2)", "no route (10.9.1.2, 239.2.0.2)"}));
 
     start({{{.name = "default", .id = 0, .table = table, .routeType = RouteTypeRule::staticRoutes}}});
-    EXPECT_EQ(row(numbered(1), RouteType::staticRoute), "e3");
-    EXPECT_EQ(row(numbered(1), RouteType::sparseMode), "absent");
+    EXPECT_EQ(row(numbered(1), RouteType::staticRoutes), "e3");
+    EXPECT_EQ(row(numbered(1), RouteType::sparse), "absent");
 }
 
-TEST_F(MfcMirrorTest, ARouteWithoutIifStaysWithoutOifsButNeverBegins) {
+TEST_F(MirrorTest, ARouteWithoutIifStaysWithoutOifsButNeverBegins) {
     start();
     route(flow, 0, {1});
     wake();
@@ -147,7 +148,7 @@ TEST_F(MfcMirrorTest, ARouteWithoutIifStaysWithoutOifsButNeverBegins) {
     EXPECT_EQ(row(numbered(1)), "e3");
 }
 
-TEST_F(MfcMirrorTest, MulticastIsOnWhileTheTableHasVifs) {
+TEST_F(MirrorTest, MulticastIsOnWhileTheTableHasVifs) {
     for (int vif = 0; vif < 8; ++vif)
         kernel.vifDel(table, vif);
     start();
@@ -176,7 +177,7 @@ TEST_F(MfcMirrorTest, MulticastIsOnWhileTheTableHasVifs) {
     EXPECT_FALSE(sink.vrfs["default"].multicast);
 }
 
-TEST_F(MfcMirrorTest, AnOverrunIsHealedByADumpThatTellsOnlyDifferences) {
+TEST_F(MirrorTest, AnOverrunIsHealedByADumpThatTellsOnlyDifferences) {
     start();
     for (std::uint32_t i = 0; i < 50; ++i)
         route(numbered(i), 0, {1});
@@ -196,7 +197,7 @@ TEST_F(MfcMirrorTest, AnOverrunIsHealedByADumpThatTellsOnlyDifferences) {
 }
 
 // A delete moves the entries behind it, and the dump goes on one too far.
-TEST_F(MfcMirrorTest, ARouteThatADumpMissesStays) {
+TEST_F(MirrorTest, ARouteThatADumpMissesStays) {
     for (std::uint32_t i = 0; i < 12; ++i)
         route(numbered(i), 0, {1});
     start();
@@ -212,7 +213,7 @@ TEST_F(MfcMirrorTest, ARouteThatADumpMissesStays) {
 }
 
 // The dump has read the route when it goes, and brings it after the event.
-TEST_F(MfcMirrorTest, ARouteThatGoesDuringADumpDoesNotComeBack) {
+TEST_F(MirrorTest, ARouteThatGoesDuringADumpDoesNotComeBack) {
     start();
     kernel.lose();
     route(flow, 0, {1}); // without an event
@@ -228,7 +229,7 @@ TEST_F(MfcMirrorTest, ARouteThatGoesDuringADumpDoesNotComeBack) {
     EXPECT_EQ(row(numbered(1)), "e4");
 }
 
-TEST_F(MfcMirrorTest, LastingChurnIsFollowedWithDumpsAtADistance) {
+TEST_F(MirrorTest, LastingChurnIsFollowedWithDumpsAtADistance) {
     for (std::uint32_t i = 0; i < 30; ++i)
         route(numbered(i), 0, {1});
     start();
@@ -252,11 +253,11 @@ TEST_F(MfcMirrorTest, LastingChurnIsFollowedWithDumpsAtADistance) {
     EXPECT_GT(mirror.counters().disturbed, 3u);
     EXPECT_LT(dumpsAsked(), 30u); // 50 ms is the shortest pause
     settle();
-    EXPECT_FALSE(mirror.status().vrfs[0].resyncWanted);
+    EXPECT_FALSE(mirror.vrfs()[0]->kernel().resyncPending());
     EXPECT_EQ(sink.rowCount("default"), kernel.tables[table].routes.size());
 }
 
-TEST_F(MfcMirrorTest, WhatLinksTellNeedsNoDump) {
+TEST_F(MirrorTest, WhatLinksTellNeedsNoDump) {
     start();
     route(flow, 0, {1, 2});
     route(numbered(1), 2, {1});
@@ -282,7 +283,7 @@ TEST_F(MfcMirrorTest, WhatLinksTellNeedsNoDump) {
     EXPECT_EQ(calls.back(), "no name 4");
 }
 
-TEST_F(MfcMirrorTest, AnInterfaceHeardOfLateJoinsItsRoutes) {
+TEST_F(MirrorTest, AnInterfaceHeardOfLateJoinsItsRoutes) {
     start();
     kernel.lose();
     kernel.linkIs(20, "late"); // without an event
@@ -296,11 +297,11 @@ TEST_F(MfcMirrorTest, AnInterfaceHeardOfLateJoinsItsRoutes) {
     EXPECT_EQ(row(), "e3 late");
 }
 
-TEST_F(MfcMirrorTest, RowsThatHoldNamesAreToldAgainAfterARename) {
+TEST_F(MirrorTest, RowsThatHoldNamesAreToldAgainAfterARename) {
     RecordingSink named(true);
-    MfcMirror second(named);
+    Mirror second(named);
     FakeReader secondReader(kernel, second);
-    second.configIs({{{.name = "default", .id = 0, .table = table}}});
+    second.reconfigure({{{.name = "default", .id = 0, .table = table}}});
     route(flow, 0, {1, 2});
     route(numbered(1), 0, {3});
     secondReader.settle();
@@ -312,7 +313,7 @@ TEST_F(MfcMirrorTest, RowsThatHoldNamesAreToldAgainAfterARename) {
 }
 
 // The kernel keeps a route's OIFs by VIF: another interface behind one changes routes without an event.
-TEST_F(MfcMirrorTest, AReusedVifIsDumpedInItsTableAlone) {
+TEST_F(MirrorTest, AReusedVifIsDumpedInItsTableAlone) {
     kernel.linkIs(20, "other");
     kernel.vifIs(100, 0, 20);
     start({{{.name = "default", .id = 0, .table = table}, {.name = "red", .id = 3, .table = 100}}});
@@ -330,7 +331,7 @@ TEST_F(MfcMirrorTest, AReusedVifIsDumpedInItsTableAlone) {
     EXPECT_EQ(reader.asked.back().table, table);
 }
 
-TEST_F(MfcMirrorTest, AConfigurationReadAgainAppliesOnlyDifferences) {
+TEST_F(MirrorTest, AConfigurationReadAgainAppliesOnlyDifferences) {
     kernel.vifIs(100, 0, 2);
     kernel.vifIs(200, 0, 2);
     kernel.vifIs(200, 1, 3);
@@ -343,17 +344,17 @@ TEST_F(MfcMirrorTest, AConfigurationReadAgainAppliesOnlyDifferences) {
     route(flow, 0, {1});
     settle();
 
-    mirror.configIs({{first, red}});
+    mirror.reconfigure({{first, red}});
     reader.settle();
     EXPECT_TRUE(calls.empty());
 
     red.table = 200;
-    mirror.configIs({{first, red}});
+    mirror.reconfigure({{first, red}});
     reader.settle();
     EXPECT_EQ(calls, std::vector<std::string>{"route (10.9.1.2, 239.2.0.2)"});
 
     calls.clear();
-    mirror.configIs({{first}});
+    mirror.reconfigure({{first}});
     reader.settle();
     EXPECT_EQ(calls,
               (std::vector<std::string>{"no route (10.9.1.2, 239.2.0.1)", "no route (10.9.1.2, 239.2.0.2)",
@@ -371,13 +372,13 @@ TEST_F(MfcMirrorTest, AConfigurationReadAgainAppliesOnlyDifferences) {
 
     // Gone and back before anything was told: nothing is told.
     calls.clear();
-    mirror.configIs({{first, red}});
-    mirror.configIs({{first, red, blue}});
+    mirror.reconfigure({{first, red}});
+    mirror.reconfigure({{first, red, blue}});
     reader.settle();
     EXPECT_TRUE(calls.empty());
 }
 
-TEST_F(MfcMirrorTest, WhatIsRefusedStaysPendingAndIsTriedAgain) {
+TEST_F(MirrorTest, WhatIsRefusedStaysPendingAndIsTriedAgain) {
     kernel.vifIs(100, 0, 2);
     kernel.routeIs(100, {.key = flow});
     sink.refuseVrf = [](const VrfConfig& vrf, bool) { return vrf.name == "red" ? "not now" : ""; };
@@ -386,12 +387,14 @@ TEST_F(MfcMirrorTest, WhatIsRefusedStaysPendingAndIsTriedAgain) {
     route(numbered(1), 0, {1});
     route(numbered(2), 0, {1});
     settle();
-    KernelStatus status = mirror.status();
-    ASSERT_EQ(status.vrfs[0].pending.size(), 1u);
-    EXPECT_EQ(status.vrfs[0].pending[0].what, "route (10.9.1.2, 239.2.0.1)");
-    EXPECT_EQ(status.vrfs[0].pending[0].why, "too many");
-    EXPECT_FALSE(status.vrfs[1].entered);
-    EXPECT_EQ(status.vrfs[1].pending[0].why, "not now");
+    std::string status;
+    Text::JsonWriter writer(status);
+    mirror.vrfStatus(writer);
+    EXPECT_NE(status.find(R"_("pending":[{"what":"route (10.9.1.2, 239.2.0.1)","why":"too many"}])_"),
+              std::string::npos)
+        << status;
+    EXPECT_NE(status.find(R"("pending":[{"what":"VRF","why":"not now"}])"), std::string::npos) << status;
+    EXPECT_FALSE(mirror.vrfs()[1]->entered());
     EXPECT_FALSE(mirror.publishDue());
 
     // A row that goes may have been in the way of the refused one.
@@ -404,33 +407,33 @@ TEST_F(MfcMirrorTest, WhatIsRefusedStaysPendingAndIsTriedAgain) {
     mirror.retry();
     settle();
     EXPECT_EQ(sink.row("red", flow), "none");
-    EXPECT_EQ(mirror.status().vrfs[1].pendingCount, 0u);
+    EXPECT_EQ(mirror.vrfs()[1]->pendingCount(), 0u);
 }
 
-TEST_F(MfcMirrorTest, AFailedQueryIsReportedAndRepeatedLater) {
-    mirror.configIs({{{.name = "default", .id = 0, .table = table}}});
+TEST_F(MirrorTest, AFailedQueryIsReportedAndRepeatedLater) {
+    mirror.reconfigure({{{.name = "default", .id = 0, .table = table}}});
     route(flow, 0, {1});
     for (int failures = 0; failures < 3; ++failures) {
         std::optional<KernelQuery> query = mirror.nextQuery(reader.now);
         ASSERT_TRUE(query);
-        mirror.answered(EPERM, false, reader.now);
+        mirror.endAnswer(EPERM, false, reader.now);
         EXPECT_FALSE(mirror.nextQuery(reader.now));
         reader.now = mirror.queryWaitsUntil().value();
     }
-    EXPECT_NE(mirror.status().lastError.find("interfaces can't be read"), std::string::npos);
+    EXPECT_NE(mirror.lastError().find("interfaces can't be read"), std::string::npos);
     KernelMessage broken;
     broken.kind = MessageKind::malformed;
     broken.problem = "cut short";
     ASSERT_TRUE(mirror.nextQuery(reader.now));
-    mirror.answer(broken);
-    mirror.answered(0, false, reader.now);
+    mirror.takeAnswer(broken);
+    mirror.endAnswer(0, false, reader.now);
     EXPECT_EQ(mirror.counters().malformed, 1u);
     settle();
     EXPECT_EQ(row(), "e3");
 }
 
 // The kernel can have several (*,G) entries, one an IIF; they are one row, with the OIFs of all.
-TEST_F(MfcMirrorTest, SeveralEntriesOfOneGroupAreOneRow) {
+TEST_F(MirrorTest, SeveralEntriesOfOneGroupAreOneRow) {
     MfcKey shared{.source = 0, .group = flow.group};
     auto entryIs = [&](int parent, std::uint32_t outputs) {
         kernel.routeIs(table, {.key = shared, .parent = parent, .outputs = outputs}, true);

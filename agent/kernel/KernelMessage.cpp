@@ -1,0 +1,284 @@
+#include "agent/kernel/KernelMessage.h"
+
+#include <arpa/inet.h>
+#include <libmnl/libmnl.h>
+#include <linux/if_arp.h>
+#include <linux/mroute.h>
+#include <linux/netconf.h>
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <span>
+
+namespace Agent::Kernel {
+namespace {
+
+// Thrown at what is wrong with a message; MessageReader::next() tells it.
+struct Malformed {
+    std::string_view problem;
+};
+
+constexpr std::string_view badValue = "an attribute has a wrong size";
+constexpr std::string_view missingValue = "an attribute is missing";
+
+void require(bool holds, std::string_view problem) {
+    if (!holds)
+        throw Malformed{problem};
+}
+
+template <class T>
+T valueOf(const nlattr* attribute) {
+    T value{};
+    require(mnl_attr_get_payload_len(attribute) == sizeof value, badValue);
+    std::memcpy(&value, mnl_attr_get_payload(attribute), sizeof value);
+    return value;
+}
+
+Ipv4 addressOf(const nlattr* attribute) {
+    return ntohl(valueOf<std::uint32_t>(attribute));
+}
+
+// Calls visit(type, attribute) for each attribute.
+template <class Visit>
+void eachAttribute(std::span<const char> bytes, Visit visit) {
+    while (!bytes.empty()) {
+        const auto* attribute = reinterpret_cast<const nlattr*>(bytes.data());
+        require(mnl_attr_ok(attribute, static_cast<int>(bytes.size())), "an attribute does not fit");
+        visit(mnl_attr_get_type(attribute), attribute);
+        // The last one may come without its padding.
+        bytes = bytes.subspan(std::min<std::size_t>(MNL_ALIGN(attribute->nla_len), bytes.size()));
+    }
+}
+
+std::span<const char> payloadOf(const nlattr* attribute) {
+    return {static_cast<const char*>(mnl_attr_get_payload(attribute)), mnl_attr_get_payload_len(attribute)};
+}
+
+template <class Visit>
+void eachNested(const nlattr* outer, Visit visit) {
+    eachAttribute(payloadOf(outer), visit);
+}
+
+template <class Fixed>
+const Fixed& fixedPart(const nlmsghdr* header) {
+    require(mnl_nlmsg_get_payload_len(header) >= sizeof(Fixed), "the fixed part is cut short");
+    return *static_cast<const Fixed*>(mnl_nlmsg_get_payload(header));
+}
+
+template <class Fixed, class Visit>
+void eachAttributeBehind(const nlmsghdr* header, Visit visit) {
+    const std::size_t size = mnl_nlmsg_get_payload_len(header);
+    const std::size_t skip = std::min<std::size_t>(MNL_ALIGN(sizeof(Fixed)), size);
+    eachAttribute(std::span(static_cast<const char*>(mnl_nlmsg_get_payload(header)), size).subspan(skip),
+                  visit);
+}
+
+void readNextHops(std::span<const char> bytes, std::vector<int>& oifs) {
+    while (!bytes.empty()) {
+        rtnexthop hop{};
+        require(bytes.size() >= sizeof hop, "a next hop is cut short");
+        std::memcpy(&hop, bytes.data(), sizeof hop);
+        require(hop.rtnh_len >= sizeof hop && hop.rtnh_len <= bytes.size(), "a next hop has a wrong size");
+        require(hop.rtnh_ifindex > 0, "a next hop has no interface");
+        oifs.push_back(hop.rtnh_ifindex);
+        bytes = bytes.subspan(std::min<std::size_t>(RTNH_ALIGN(hop.rtnh_len), bytes.size()));
+    }
+}
+
+// The kernel always gives both addresses with their full length, also where they are zero.
+void readRoute(const nlmsghdr* header, KernelMessage& message) {
+    constexpr unsigned fullLength = 32;
+    const auto& fixed = fixedPart<rtmsg>(header);
+    if (fixed.rtm_family != RTNL_FAMILY_IPMR)
+        return;
+    MfcRoute& route = message.route;
+    route.table = fixed.rtm_table;
+    route.iif = 0;
+    route.oifs.clear();
+    route.protocol = fixed.rtm_protocol;
+    route.unresolved = (fixed.rtm_flags & RTNH_F_UNRESOLVED) != 0;
+    require(fixed.rtm_src_len == fullLength && fixed.rtm_dst_len == fullLength, "a prefix length is not 32");
+    std::optional<Ipv4> source;
+    std::optional<Ipv4> group;
+    eachAttributeBehind<rtmsg>(header, [&](unsigned type, const nlattr* attribute) {
+        if (type == RTA_TABLE) {
+            route.table = valueOf<std::uint32_t>(attribute);
+        } else if (type == RTA_SRC) {
+            source = addressOf(attribute);
+        } else if (type == RTA_DST) {
+            group = addressOf(attribute);
+        } else if (type == RTA_IIF) {
+            route.iif = valueOf<int>(attribute);
+            require(route.iif > 0, badValue);
+        } else if (type == RTA_MULTIPATH) {
+            readNextHops(payloadOf(attribute), route.oifs);
+        }
+    });
+    require(source && group, missingValue);
+    route.key = {.source = *source, .group = *group};
+    message.kind = header->nlmsg_type == RTM_NEWROUTE ? MessageKind::route : MessageKind::routeGone;
+}
+
+void readInterface(const nlmsghdr* header, const ifinfomsg& fixed, Link& link) {
+    link.ifindex = fixed.ifi_index;
+    link.name.clear();
+    link.internal = (fixed.ifi_flags & IFF_LOOPBACK) != 0 || fixed.ifi_type == ARPHRD_PIMREG;
+    require(link.ifindex > 0, "an interface has no index");
+    eachAttributeBehind<ifinfomsg>(header, [&](unsigned type, const nlattr* attribute) {
+        if (type != IFLA_IFNAME)
+            return;
+        const std::span<const char> text = payloadOf(attribute);
+        link.name.assign(text.data(), strnlen(text.data(), text.size()));
+        require(!link.name.empty(), badValue);
+    });
+    require(!link.name.empty(), missingValue);
+}
+
+Vif vifOf(const nlattr* nested) {
+    Vif vif{.index = -1};
+    eachNested(nested, [&](unsigned type, const nlattr* attribute) {
+        if (type == IPMRA_VIFA_IFINDEX)
+            vif.ifindex = valueOf<int>(attribute);
+        else if (type == IPMRA_VIFA_VIF_ID)
+            vif.index = valueOf<int>(attribute);
+        else if (type == IPMRA_VIFA_FLAGS)
+            vif.isRegister = (valueOf<std::uint16_t>(attribute) & VIFF_REGISTER) != 0;
+    });
+    require(vif.ifindex > 0 && vif.index >= 0, missingValue);
+    return vif;
+}
+
+void readVifTable(const nlmsghdr* header, VifTable& table) {
+    table.vifs.clear();
+    std::optional<std::uint32_t> number;
+    eachAttributeBehind<ifinfomsg>(header, [&](unsigned outer, const nlattr* family) {
+        if (outer != IFLA_AF_SPEC)
+            return;
+        eachNested(family, [&](unsigned type, const nlattr* attribute) {
+            if (type == IPMRA_TABLE_ID)
+                number = valueOf<std::uint32_t>(attribute);
+            else if (type == IPMRA_TABLE_VIFS)
+                eachNested(attribute, [&](unsigned inner, const nlattr* vif) {
+                    if (inner == IPMRA_VIF)
+                        table.vifs.push_back(vifOf(vif));
+                });
+        });
+    });
+    require(number.has_value(), missingValue);
+    table.table = *number;
+}
+
+// Messages of other families are about a role of an interface, and not about the interface: a bridge tells
+// with RTM_DELLINK that a port has left it.
+void readLink(const nlmsghdr* header, KernelMessage& message) {
+    const auto& fixed = fixedPart<ifinfomsg>(header);
+    const bool comes = header->nlmsg_type == RTM_NEWLINK;
+    if (fixed.ifi_family == AF_UNSPEC) {
+        readInterface(header, fixed, message.link);
+        message.kind = comes ? MessageKind::link : MessageKind::linkGone;
+    } else if (fixed.ifi_family == RTNL_FAMILY_IPMR && comes) {
+        readVifTable(header, message.vifTable);
+        message.kind = MessageKind::vifTable;
+    }
+}
+
+// The kernel tells all settings of an interface together where its record is made anew, as after a rename;
+// only a message with nothing else tells a change of the forwarding state. Negative indexes are "all" and
+// "default".
+void readNetconf(const nlmsghdr* header, KernelMessage& message) {
+    if (fixedPart<netconfmsg>(header).ncm_family != AF_INET)
+        return;
+    std::optional<int> ifindex;
+    std::optional<int> tables;
+    bool hasOther = false;
+    eachAttributeBehind<netconfmsg>(header, [&](unsigned type, const nlattr* attribute) {
+        if (type == NETCONFA_IFINDEX)
+            ifindex = valueOf<int>(attribute);
+        else if (type == NETCONFA_MC_FORWARDING)
+            tables = valueOf<int>(attribute);
+        else
+            hasOther = true;
+    });
+    if (!tables || hasOther || ifindex.value_or(0) <= 0)
+        return;
+    message.mcForwarding = {.ifindex = *ifindex, .tables = *tables};
+    message.kind = MessageKind::mcForwarding;
+}
+
+// The kernel gives errors as negative numbers; a dump that ends well may give a positive one, or none.
+void readEnd(const nlmsghdr* header, KernelMessage& message) {
+    const bool isDone = header->nlmsg_type == NLMSG_DONE;
+    message.kind = isDone ? MessageKind::done : MessageKind::error;
+    if (isDone && mnl_nlmsg_get_payload_len(header) < sizeof(int))
+        return;
+    const int error = fixedPart<int>(header);
+    message.error = error < 0 ? -std::max(error, -std::numeric_limits<int>::max()) : 0;
+}
+
+void readBody(const nlmsghdr* header, KernelMessage& message) {
+    switch (header->nlmsg_type) {
+    case RTM_NEWROUTE:
+    case RTM_DELROUTE:
+        return readRoute(header, message);
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+        return readLink(header, message);
+    case RTM_NEWNETCONF:
+        return readNetconf(header, message);
+    case NLMSG_DONE:
+    case NLMSG_ERROR:
+        return readEnd(header, message);
+    case NLMSG_OVERRUN:
+        message.kind = MessageKind::overrun;
+        break;
+    default:
+        break;
+    }
+}
+
+} // namespace
+
+std::string ipv4Text(Ipv4 address) {
+    in_addr raw{.s_addr = htonl(address)};
+    char text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &raw, text, sizeof text);
+    return text;
+}
+
+std::string mfcKeyText(const MfcKey& key) {
+    const auto text = [](Ipv4 address) { return address == 0 ? "*" : ipv4Text(address); };
+    return "(" + text(key.source) + ", " + text(key.group) + ")";
+}
+
+bool MessageReader::next(KernelMessage& message) {
+    message.kind = MessageKind::end;
+    if (left_ == 0)
+        return false;
+    message.kind = MessageKind::other;
+    message.sequence = 0;
+    message.isPart = false;
+    message.interrupted = false;
+    message.error = 0;
+    std::size_t size = left_; // where nothing tells where the next message would start
+    try {
+        const auto* header = reinterpret_cast<const nlmsghdr*>(at_);
+        require(left_ >= sizeof *header && header->nlmsg_len >= sizeof *header && header->nlmsg_len <= left_,
+                "a message does not fit its datagram");
+        size = std::min<std::size_t>(MNL_ALIGN(header->nlmsg_len), left_);
+        message.sequence = header->nlmsg_seq;
+        message.isPart = (header->nlmsg_flags & NLM_F_MULTI) != 0;
+        message.interrupted = (header->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+        readBody(header, message);
+    } catch (const Malformed& found) {
+        message.kind = MessageKind::malformed;
+        message.problem = found.problem;
+    }
+    at_ += size;
+    left_ -= size;
+    return true;
+}
+
+} // namespace Agent::Kernel

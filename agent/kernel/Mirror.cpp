@@ -1,0 +1,334 @@
+#include "agent/kernel/Mirror.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace Agent::Kernel {
+namespace {
+
+using Kind = KernelQuery::Kind;
+
+constexpr Mirror::Clock::duration failurePause = std::chrono::seconds(1);
+
+// What a query asks for.
+std::string queryText(const KernelQuery& query) {
+    switch (query.kind) {
+    case Kind::links:
+        return "interfaces";
+    case Kind::vifs:
+        return "VIFs";
+    case Kind::routes:
+        return "routes of table " + std::to_string(query.table);
+    case Kind::route:
+        return "a route of table " + std::to_string(query.table);
+    }
+    return "";
+}
+
+Mirror::VrfList::iterator named(Mirror::VrfList& list, const std::string& name) {
+    return std::ranges::find_if(list, [&](const auto& vrf) { return vrf->config().name == name; });
+}
+
+} // namespace
+
+// A VRF keeps its identity by its name, also one that was on its way out.
+void Mirror::reconfigure(const KernelConfig& config) {
+    VrfList before = std::exchange(vrfs_, {});
+    for (const VrfConfig& vrf : config.vrfs) {
+        VrfList& holder = named(before, vrf.name) != before.end() ? before : leaving_;
+        const auto known = named(holder, vrf.name);
+        if (known == holder.end()) {
+            vrfs_.push_back(std::make_unique<MirroredVrf>(vrf, shared_));
+            vifsWanted_ = true;
+            continue;
+        }
+        vifsWanted_ = vifsWanted_ || &holder == &leaving_ || (*known)->config().table != vrf.table;
+        (*known)->reconfigure(vrf);
+        vrfs_.push_back(std::move(*known));
+        holder.erase(known);
+    }
+    for (auto& vrf : before) {
+        vrf->leave();
+        leaving_.push_back(std::move(vrf));
+    }
+    shared_.retry = true;
+}
+
+void Mirror::takeEvent(const KernelMessage& message) {
+    ++shared_.counters.events;
+    switch (message.kind) {
+    case MessageKind::route:
+    case MessageKind::routeGone:
+        routeEvent(message.route, message.kind == MessageKind::routeGone);
+        break;
+    case MessageKind::link:
+        linkChanged(message.link.ifindex, shared_.interfaces.learnFromEvent(message.link));
+        break;
+    case MessageKind::linkGone:
+        linkGone(message.link.ifindex);
+        break;
+    case MessageKind::mcForwarding:
+        if (message.mcForwarding.tables > 0)
+            added_.insert(message.mcForwarding.ifindex);
+        vifsWanted_ = true;
+        break;
+    case MessageKind::overrun:
+        overrun();
+        break;
+    case MessageKind::malformed:
+        noteMalformed("a message", message);
+        break;
+    default:
+        break;
+    }
+}
+
+void Mirror::overrun() {
+    ++shared_.counters.overruns;
+    linksWanted_ = true;
+    shared_.interfaces.disturbDump();
+    vifsWanted_ = true;
+    for (const auto& vrf : vrfs_) {
+        vrf->kernel().disturbDump();
+        vrf->kernel().wantDump();
+    }
+}
+
+// What is skipped can still move what isn't: entries with group zero are in the list that a dump walks.
+void Mirror::routeEvent(const MfcRoute& route, bool gone) {
+    MirroredVrf* vrf = vrfOf(route.table);
+    if (vrf && gone && !route.unresolved)
+        vrf->kernel().disturbDump();
+    if (!isMirrored(vrf, route))
+        return;
+    if (gone)
+        vrf->kernel().learnGone(route.key);
+    else
+        vrf->kernel().learn(route);
+}
+
+void Mirror::linkChanged(int ifindex, Interfaces::Change change) {
+    for (const auto& vrf : vrfs_) {
+        if (change.toInternal)
+            vrf->kernel().linkInternal(ifindex);
+        if (change.toKnown)
+            vrf->kernel().linkKnown(ifindex);
+    }
+}
+
+// An answer under way may still have the interface among the VIFs.
+void Mirror::linkGone(int ifindex) {
+    vifsWanted_ = vifsWanted_ || (query_ && query_->kind == Kind::vifs);
+    shared_.interfaces.remove(ifindex);
+    for (const auto& vrf : vrfs_)
+        vrf->kernel().linkGone(ifindex);
+}
+
+MirroredVrf* Mirror::vrfOf(std::uint32_t table) const {
+    const auto at =
+        std::ranges::find_if(vrfs_, [&](const auto& vrf) { return vrf->config().table == table; });
+    return at == vrfs_.end() ? nullptr : at->get();
+}
+
+// Whether the route can be a row; if not, it is counted as skipped.
+bool Mirror::isMirrored(const MirroredVrf* vrf, const MfcRoute& route) {
+    if (!vrf)
+        ++shared_.counters.skippedOtherTable;
+    else if (route.unresolved)
+        ++shared_.counters.skippedUnresolved;
+    else if (route.key.group == 0)
+        ++shared_.counters.skippedGroupZero;
+    else
+        return true;
+    return false;
+}
+
+// Names come before routes that have them, VIFs before routes that lost them.
+std::optional<KernelQuery> Mirror::nextQuery(Clock::time_point now) {
+    if (!queryDue(now))
+        return std::nullopt;
+    answerMalformed_ = false;
+    for (const auto& vrf : vrfs_)
+        if (const MfcKey* key = vrf->kernel().missing()) {
+            routeAnswer_.reset();
+            return query_ = {.kind = Kind::route, .table = vrf->config().table, .key = *key};
+        }
+    if (std::exchange(linksWanted_, false)) {
+        shared_.interfaces.beginDump();
+        return query_ = {.kind = Kind::links, .key = {}};
+    }
+    if (std::exchange(vifsWanted_, false)) {
+        vifAnswer_.clear();
+        addedBeforeQuery_ = std::exchange(added_, {});
+        return query_ = {.kind = Kind::vifs, .key = {}};
+    }
+    const auto due = std::ranges::find_if(vrfs_, [&](const auto& vrf) { return vrf->kernel().dumpDue(now); });
+    (*due)->kernel().beginDump(now);
+    return query_ = {.kind = Kind::routes, .table = (*due)->config().table, .key = {}};
+}
+
+bool Mirror::queryDue(Clock::time_point now) const {
+    return now >= notBefore_ &&
+           (linksWanted_ || vifsWanted_ || std::ranges::any_of(vrfs_, [&](const auto& vrf) {
+                return vrf->kernel().missing() || vrf->kernel().dumpDue(now);
+            }));
+}
+
+std::optional<Mirror::Clock::time_point> Mirror::queryWaitsUntil() const {
+    std::optional<Clock::time_point> earliest;
+    if (linksWanted_ || vifsWanted_)
+        earliest = notBefore_;
+    for (const auto& vrf : vrfs_)
+        if (const auto due = vrf->kernel().dumpWaitsUntil())
+            earliest = std::min(*due, earliest.value_or(*due));
+    return earliest ? std::optional(std::max(*earliest, notBefore_)) : std::nullopt;
+}
+
+// A configuration may have come meanwhile: what it made of a table that was asked for has no dump open.
+void Mirror::takeAnswer(const KernelMessage& message) {
+    if (message.kind == MessageKind::malformed) {
+        noteMalformed("an answer", message);
+        answerMalformed_ = true;
+    } else if (query_->kind == Kind::links && message.kind == MessageKind::link) {
+        linkChanged(message.link.ifindex, shared_.interfaces.learnFromDump(message.link));
+    } else if (query_->kind == Kind::vifs && message.kind == MessageKind::vifTable) {
+        const std::vector<Vif>& part = message.vifTable.vifs;
+        std::vector<Vif>& vifs = vifAnswer_[message.vifTable.table];
+        vifs.insert(vifs.end(), part.begin(), part.end());
+    } else if (message.kind != MessageKind::route) {
+        return;
+    } else if (query_->kind == Kind::route) {
+        if (!message.route.unresolved && message.route.key == query_->key)
+            routeAnswer_ = message.route;
+    } else if (query_->kind == Kind::routes && message.route.table == query_->table) {
+        MirroredVrf* vrf = vrfOf(query_->table);
+        if (isMirrored(vrf, message.route) && vrf->kernel().dumpOpen())
+            vrf->kernel().learnFromDump(message.route);
+    }
+}
+
+void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
+    const KernelQuery query = *std::exchange(query_, std::nullopt);
+    const bool isOfTable = query.kind == Kind::routes || query.kind == Kind::route;
+    if (isOfTable && error == ENOENT)
+        error = 0; // the kernel has made no such table, or has no such route
+    if (answerMalformed_ && query.kind != Kind::routes)
+        error = EBADMSG;
+    if (error != 0)
+        return failQuery(query, error, now);
+    if (query.kind == Kind::links)
+        return endLinks(interrupted);
+    if (query.kind == Kind::vifs) {
+        for (const auto& vrf : vrfs_)
+            vrf->kernel().takeVifs(vifAnswer_[vrf->config().table], addedBeforeQuery_);
+        return;
+    }
+    MirroredVrf* vrf = vrfOf(query.table);
+    if (!vrf)
+        return;
+    TableLearner& table = vrf->kernel();
+    if (query.kind == Kind::route) {
+        if (table.missing() && *table.missing() == query.key)
+            table.learnMissing(routeAnswer_ ? &*routeAnswer_ : nullptr, now);
+    } else if (table.dumpOpen()) {
+        if (interrupted)
+            table.disturbDump();
+        table.endDump(now);
+    }
+}
+
+void Mirror::endLinks(bool interrupted) {
+    if (interrupted)
+        shared_.interfaces.disturbDump();
+    linksWanted_ = linksWanted_ || shared_.interfaces.dumpDisturbed();
+    if (!linksWanted_)
+        for (int ifindex : shared_.interfaces.unseen())
+            linkGone(ifindex);
+}
+
+void Mirror::failQuery(const KernelQuery& query, int error, Clock::time_point now) {
+    noteError("the kernel's " + queryText(query) + " can't be read: " + std::strerror(error));
+    notBefore_ = now + failurePause;
+    if (query.kind == Kind::links) {
+        linksWanted_ = true;
+    } else if (query.kind == Kind::vifs) {
+        vifsWanted_ = true;
+        added_.merge(addedBeforeQuery_);
+    } else if (MirroredVrf* vrf = vrfOf(query.table)) {
+        vrf->kernel().failDump(now);
+    }
+}
+
+// A VRF that leaves gives up what another one may wait for.
+std::size_t Mirror::publish(std::size_t max) {
+    publishRenames();
+    const bool isRetry = std::exchange(shared_.retry, false);
+    std::size_t told = 0;
+    const std::array<VrfList*, 2> lists{&leaving_, &vrfs_};
+    if (isRetry)
+        for (const VrfList* list : lists)
+            for (const auto& vrf : *list)
+                vrf->retry();
+    for (const VrfList* list : lists)
+        for (const auto& vrf : *list)
+            if (vrf->hasWork())
+                told += vrf->publish(max - told);
+    std::erase_if(leaving_, [](const auto& vrf) { return vrf->left(); });
+    publishGoneInterfaces();
+    return told;
+}
+
+bool Mirror::publishDue() const {
+    const auto hasWork = [](const auto& vrf) { return vrf->hasWork() || vrf->left(); };
+    return shared_.retry || !shared_.interfaces.toRename().empty() || std::ranges::any_of(vrfs_, hasWork) ||
+           std::ranges::any_of(leaving_, hasWork);
+}
+
+void Mirror::publishRenames() {
+    for (int ifindex : std::exchange(shared_.interfaces.toRename(), {})) {
+        const bool rowsHoldNames = shared_.sink.renameInterface(ifindex, shared_.interfaces.nameOf(ifindex));
+        shared_.retry = true;
+        if (!rowsHoldNames)
+            continue;
+        for (const VrfList* list : {&leaving_, &vrfs_})
+            for (const auto& vrf : *list)
+                vrf->repeatRoutesWith(ifindex);
+    }
+}
+
+// Only when no route, known or told, has the interface any more: one whose removal the sink refused may still.
+void Mirror::publishGoneInterfaces() {
+    std::erase_if(shared_.interfaces.toForget(), [&](int ifindex) {
+        if (shared_.oifSets.uses(ifindex))
+            return false;
+        shared_.sink.forgetInterface(ifindex);
+        return shared_.retry = true;
+    });
+}
+
+bool Mirror::synced() const {
+    return std::ranges::all_of(vrfs_, [](const auto& vrf) { return vrf->kernel().synced(); });
+}
+
+void Mirror::vrfStatus(Text::Writer& writer) const {
+    writer.beginList();
+    for (const VrfList* list : {&vrfs_, &leaving_})
+        for (const auto& vrf : *list)
+            vrf->status(writer);
+    writer.end();
+}
+
+void Mirror::noteMalformed(const char* what, const KernelMessage& message) {
+    ++shared_.counters.malformed;
+    noteError(what + (" of the kernel is malformed: " + std::string(message.problem)));
+}
+
+void Mirror::noteError(std::string text) {
+    lastError_ = std::move(text);
+    lastErrorAt_ = std::chrono::system_clock::now();
+}
+
+} // namespace Agent::Kernel

@@ -1,0 +1,217 @@
+#include "agent/kernel/MirroredVrf.h"
+
+#include <linux/rtnetlink.h>
+
+#include <utility>
+
+namespace Agent::Kernel {
+namespace {
+
+constexpr std::size_t pendingListed = 20;
+
+void writePending(Text::Writer& writer, const std::string& what, const WhyNot& why) {
+    writer.beginRecord();
+    writer.member("what", what);
+    writer.member("why", why);
+    writer.end();
+}
+
+} // namespace
+
+void MirroredVrf::reconfigure(const VrfConfig& config) {
+    if (leaving_ || config.table != config_.table)
+        kernel_.startOver();
+    leaving_ = false;
+    whyVrf_.clear();
+    if (config.routeType != config_.routeType)
+        kernel_.routes().queueAll();
+    config_ = config;
+    if (entered_ && !mustWithdraw())
+        entered_ = config;
+}
+
+void MirroredVrf::leave() {
+    leaving_ = true;
+    whyVrf_.clear();
+}
+
+std::size_t MirroredVrf::publish(std::size_t max) {
+    if (mustWithdraw() != withdrawing_) {
+        withdrawing_ = mustWithdraw();
+        kernel_.routes().queueAll();
+    }
+    if (!entered_ && !leaving_ && whyVrf_.empty())
+        enter();
+    const std::size_t told = publishRoutes(max);
+    if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
+        if (withdrawing_)
+            remove();
+        else
+            switchMulticast();
+    }
+    return told;
+}
+
+bool MirroredVrf::hasWork() const {
+    if (kernel_.routes().anyQueued() || mustWithdraw() != withdrawing_)
+        return true;
+    if (!whyVrf_.empty())
+        return false;
+    return entered_ ? withdrawing_ || enableWanted() != enabled_ : !leaving_;
+}
+
+// An identifier can't be changed under the VRF's routes.
+bool MirroredVrf::mustWithdraw() const {
+    return entered_ && (leaving_ || entered_->id != config_.id);
+}
+
+void MirroredVrf::enter() {
+    if (!accepted(shared_.sink.putVrf(config_, false)))
+        return;
+    entered_ = config_;
+    kernel_.routes().queueAll();
+}
+
+void MirroredVrf::remove() {
+    if (enabled_ && !accepted(shared_.sink.putVrf(*entered_, false)))
+        return;
+    enabled_ = false;
+    if (accepted(shared_.sink.removeVrf(*entered_)))
+        entered_.reset();
+}
+
+void MirroredVrf::switchMulticast() {
+    if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
+        enabled_ = !enabled_;
+}
+
+// What one VRF is refused can be what another one has just given up.
+bool MirroredVrf::accepted(WhyNot why) {
+    whyVrf_ = std::move(why);
+    if (whyVrf_.empty())
+        shared_.retry = true;
+    else
+        ++shared_.counters.refused;
+    return whyVrf_.empty();
+}
+
+std::size_t MirroredVrf::publishRoutes(std::size_t max) {
+    std::size_t told = 0;
+    for (RouteEntry* entry; told < max && (entry = kernel_.routes().takeQueued()); ++told)
+        settle(*entry);
+    if (std::exchange(rowsFreed_, false) && !refused_.empty())
+        retry();
+    return told;
+}
+
+void MirroredVrf::settle(RouteEntry& entry) {
+    if (entered_) {
+        if (withdrawing_ || !entry.present)
+            withdraw(entry);
+        else if (entry.iif != 0 || entry.installed)
+            install(entry);
+    }
+    kernel_.eraseIfGone(entry);
+}
+
+// A route without an IIF forwards nothing; one that was installed before stays, without OIFs.
+void MirroredVrf::install(RouteEntry& entry) {
+    const RouteType type = entry.iif ? typeOf(entry) : entry.installedType;
+    OifSet oifs = entry.iif ? entry.oifs : OifSet();
+    const std::span<const Oif> named = shared_.oifSets.named(oifs, shared_.interfaces);
+    if (named.size() < oifs.members().size())
+        oifs = shared_.oifSets.get(named);
+    if (entry.installed && type == entry.installedType && oifs == entry.installedOifs && !entry.again) {
+        refused_.erase(entry.key);
+        return;
+    }
+    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, named); !why.empty()) {
+        ++shared_.counters.refused;
+        refused_[entry.key] = std::move(why);
+        return;
+    }
+    // The row of the new type is there before that of the old one goes, so that no answer is without both.
+    if (entry.installed && entry.installedType != type)
+        shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
+    entry.installed = true;
+    entry.installedType = type;
+    entry.installedOifs = std::move(oifs);
+    entry.again = false;
+    ++shared_.counters.changes;
+    refused_.erase(entry.key);
+}
+
+void MirroredVrf::withdraw(RouteEntry& entry) {
+    refused_.erase(entry.key);
+    if (!entry.installed)
+        return;
+    shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
+    entry.installed = false;
+    entry.again = false;
+    entry.installedOifs = {};
+    rowsFreed_ = true;
+    ++shared_.counters.changes;
+}
+
+RouteType MirroredVrf::typeOf(const RouteEntry& entry) const {
+    const bool isStatic = config_.routeType == RouteTypeRule::staticRoutes ||
+                          (config_.routeType == RouteTypeRule::byProtocol && entry.protocol == RTPROT_STATIC);
+    return isStatic ? RouteType::staticRoutes : RouteType::sparse;
+}
+
+void MirroredVrf::retry() {
+    whyVrf_.clear();
+    for (const auto& [key, why] : refused_)
+        if (RouteEntry* entry = kernel_.routes().find(key))
+            kernel_.routes().queue(*entry);
+}
+
+void MirroredVrf::repeatRoutesWith(int ifindex) {
+    kernel_.routes().queueIf([&](RouteEntry& entry) {
+        entry.again = entry.again || entry.installedOifs.contains(ifindex);
+        return entry.again;
+    });
+}
+
+WhyNot MirroredVrf::whyPending(const MfcKey& key) const {
+    const auto at = refused_.find(key);
+    return at == refused_.end() ? whyVrf_ : at->second;
+}
+
+void MirroredVrf::status(Text::Writer& writer) const {
+    std::size_t routes = 0;
+    std::size_t rows = 0;
+    kernel_.routes().each([&](const RouteEntry& entry) {
+        routes += entry.present;
+        rows += entry.installed;
+    });
+    writer.beginRecord();
+    writer.member("vrf", config_.name);
+    writer.member("id", config_.id);
+    writer.member("table", config_.table);
+    writer.member("routeType", routeTypeRuleText(config_.routeType));
+    writer.member("entered", entered());
+    writer.member("multicast", enabled_);
+    writer.member("synced", kernel_.synced());
+    writer.member("resyncWanted", kernel_.resyncPending());
+    writer.member("leaving", leaving_);
+    writer.member("routes", routes);
+    writer.member("rows", rows);
+    writer.field("vifs");
+    writer.beginList();
+    for (const Vif& vif : kernel_.vifs())
+        writer.value(shared_.interfaces.nameOf(vif.ifindex));
+    writer.end();
+    writer.member("pendingCount", pendingCount());
+    writer.field("pending");
+    writer.beginList();
+    if (!whyVrf_.empty())
+        writePending(writer, "VRF", whyVrf_);
+    std::size_t left = pendingListed - (whyVrf_.empty() ? 0 : 1);
+    for (auto at = refused_.begin(); at != refused_.end() && left > 0; ++at, --left)
+        writePending(writer, "route " + mfcKeyText(at->first), at->second);
+    writer.end();
+    writer.end();
+}
+
+} // namespace Agent::Kernel

@@ -1,0 +1,110 @@
+#include "agent/kernel/NetlinkSource.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace Agent::Kernel {
+namespace {
+
+constexpr std::size_t datagramsAtOnce = 8192;
+constexpr std::size_t routesAtOnce = 8192;
+// No event occupies less of the receive buffer: this many can wait at one moment at most.
+constexpr std::size_t leastEventBytes = 512;
+// How often a comparison starts over because events were lost meanwhile.
+constexpr unsigned verifyRoundsAtMost = 3;
+
+} // namespace
+
+NetlinkSource::NetlinkSource(const KernelConfig& config, TableSink& sink, std::size_t receiveBuffer)
+    : config_(config)
+    , sink_(sink)
+    , subscription_(receiveBuffer)
+    , mirror_(sink) {
+    mirror_.reconfigure(config);
+}
+
+void NetlinkSource::onReadable() {
+    drain(datagramsAtOnce);
+    if (!firstLook_)
+        mirror_.publish(routesAtOnce);
+}
+
+bool NetlinkSource::hasWork() const {
+    return mirror_.publishDue() || query_.busy() || mirror_.queryDue(Mirror::Clock::now()) || verification_;
+}
+
+// The first look is read whole before any of it is told: for each part of a dump the kernel walks its list from the
+// beginning, which takes twice as long once the work of telling has driven the list out of the processor's caches.
+// Later, telling comes before asking, so that no event waits for a dump.
+void NetlinkSource::doSlice(std::size_t maxRoutes) {
+    for (std::size_t done = 0; done < maxRoutes;) {
+        std::size_t routes = 0;
+        firstLook_ = firstLook_ && !mirror_.synced();
+        if (mirror_.publishDue() && !(firstLook_ && query_.busy()))
+            routes = mirror_.publish(maxRoutes - done);
+        else if (const std::size_t read = query_.step(mirror_, [this] { settleEvents(); }); read > 0)
+            routes = read;
+        else if (verification_)
+            routes = stepVerify();
+        else
+            break;
+        done += std::max<std::size_t>(routes, 1);
+    }
+}
+
+void NetlinkSource::reconfigure(const KernelConfig& config) {
+    config_ = config;
+    mirror_.reconfigure(config);
+    if (verification_)
+        verification_ = std::make_unique<Verification>(config_, mirror_, sink_);
+}
+
+// After a loss the kernel withholds every further event until none waits any more: then reading on has an end.
+void NetlinkSource::drain(std::size_t datagrams) {
+    const std::array<Mirror*, 2> mirrors{&mirror_, verification_ ? &verification_->fresh() : nullptr};
+    const std::span<Mirror* const> listening(mirrors.data(), verification_ ? 2 : 1);
+    bool mustEnd = false;
+    for (std::size_t read = 0; read < datagrams || mustEnd;) {
+        const Subscription::Batch batch = subscription_.receive(listening);
+        if (batch.lost)
+            for (Mirror* mirror : listening)
+                mirror->overrun();
+        mustEnd = mustEnd || batch.lost;
+        read += std::max<std::size_t>(batch.datagrams, 1);
+        if (batch.drained)
+            return;
+    }
+}
+
+void NetlinkSource::settleEvents() {
+    drain(subscription_.bufferBytes() / leastEventBytes + 1);
+}
+
+void NetlinkSource::verify(VerifyDone done) {
+    if (!verification_) {
+        verification_ = std::make_unique<Verification>(config_, mirror_, sink_);
+        verifyRounds_ = 0;
+    }
+    verifyDone_.push_back(std::move(done));
+}
+
+// Called when the mirror itself has nothing to do. @return how many routes it has dealt with, or messages.
+std::size_t NetlinkSource::stepVerify() {
+    if (const std::size_t read = verification_->learn([this] { settleEvents(); }); read > 0)
+        return read;
+    settleEvents();
+    const auto now = Mirror::Clock::now();
+    const bool moved = mirror_.queryDue(now) || verification_->fresh().queryDue(now);
+    if (moved && ++verifyRounds_ < verifyRoundsAtMost)
+        return 1;
+    mirror_.publish(~std::size_t{0});
+    if (!verification_->compare())
+        return 1;
+    const std::unique_ptr<Verification> finished = std::move(verification_);
+    for (const VerifyDone& done : std::exchange(verifyDone_, {}))
+        done(finished->result());
+    return std::max<std::size_t>(finished->result().rows, 1);
+}
+
+} // namespace Agent::Kernel

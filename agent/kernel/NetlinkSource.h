@@ -1,0 +1,78 @@
+// The Linux kernel as the source of the agent's multicast routes: owns the sockets, and turns their events and
+// answers into calls of the sink by way of the mirror.
+//
+// It knows no event loop: it names a descriptor to watch, is told when it is readable, and says whether it has work
+// left for slices in between, or when it will have some. The events of one wake-up are all read before the sink
+// hears of any, so that however often a route changed, the sink hears of it once; and all are told before the loop
+// sleeps again. A large dump is worked off in slices, with other clients of the loop served between them.
+//
+// It needs no privilege. KernelSource owns it; the sink outlives it. One thread. Read next: Mirror.h.
+#pragma once
+
+#include "agent/kernel/NetlinkSocket.h"
+#include "agent/kernel/Verification.h"
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Agent::Kernel {
+
+class NetlinkSource {
+  public:
+    using VerifyDone = std::function<void(const VerifyResult&)>;
+
+    /// The kernel counts an event as some 800 bytes: this holds 10,000 of them.
+    static constexpr std::size_t defaultReceiveBuffer = 8UL * 1024 * 1024;
+
+    /// Subscribes; everything else is done by the calls below.
+    /// @throws std::system_error when the kernel refuses a socket.
+    NetlinkSource(const KernelConfig& config, TableSink& sink,
+                  std::size_t receiveBuffer = defaultReceiveBuffer);
+
+    /// To be watched for reading as long as the source lives; it stays the source's.
+    int fd() const { return subscription_.fd(); }
+    void onReadable();
+
+    /// Whether the loop must not sleep, as doSlice() has something to do.
+    bool hasWork() const;
+    /// When it will have, if nothing happens before; nothing: it waits for no time.
+    std::optional<Mirror::Clock::time_point> waitsUntil() const { return mirror_.queryWaitsUntil(); }
+    /// Does some work: tells the sink of up to maxRoutes routes, or reads about as many from the kernel.
+    void doSlice(std::size_t maxRoutes);
+
+    /// Puts another configuration in force; what it doesn't change stays as it is.
+    void reconfigure(const KernelConfig& config);
+    /// Tries again what the sink refused; to be called when something else has changed the tables.
+    void retry() { mirror_.retry(); }
+
+    /// Whether the tables have had a first full look at the kernel, with nothing of it left to tell.
+    bool synced() const { return mirror_.synced() && !mirror_.publishDue(); }
+    const Mirror& mirror() const { return mirror_; }
+    /// Bytes that the kernel granted.
+    std::size_t receiveBuffer() const { return subscription_.bufferBytes(); }
+
+    /// Compares the tables with the kernel, in slices; done hears the result. One at a time: a further call hears
+    /// the same result.
+    /// @throws std::system_error when the kernel refuses a socket.
+    void verify(VerifyDone done);
+
+  private:
+    void drain(std::size_t datagrams);
+    void settleEvents();
+    std::size_t stepVerify();
+
+    KernelConfig config_;
+    TableSink& sink_;
+    Subscription subscription_;
+    Mirror mirror_;
+    QuerySocket query_;
+    bool firstLook_ = true; // not every VRF has been dumped yet
+    std::unique_ptr<Verification> verification_;
+    unsigned verifyRounds_ = 0;
+    std::vector<VerifyDone> verifyDone_;
+};
+
+} // namespace Agent::Kernel

@@ -1,0 +1,154 @@
+#include "agent/kernel/Verification.h"
+
+#include <algorithm>
+#include <map>
+
+namespace Agent::Kernel {
+namespace {
+
+constexpr std::size_t differencesListed = 1000;
+
+std::string sortedList(std::vector<std::string> names) {
+    std::ranges::sort(names);
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : " ") + name;
+    return text.empty() ? "none" : text;
+}
+
+std::string onOff(bool on) {
+    return on ? "on" : "off";
+}
+
+std::string routeText(RouteType type, const MfcKey& key) {
+    return std::string(routeTypeText(type)) + " " + mfcKeyText(key);
+}
+
+bool standsStill(const Mirror& mirror) {
+    return std::ranges::none_of(mirror.vrfs(), [](const auto& vrf) { return vrf->kernel().resyncPending(); });
+}
+
+} // namespace
+
+Verification::Verification(const KernelConfig& config, const Mirror& mirror, TableSink& tables)
+    : mirror_(mirror)
+    , tables_(tables)
+    , fresh_(tables) {
+    fresh_.reconfigure(config);
+}
+
+bool Verification::compare() {
+    result_ = {};
+    extras_.clear();
+    for (const auto& vrf : fresh_.vrfs()) {
+        const auto at = std::ranges::find_if(
+            mirror_.vrfs(), [&](const auto& other) { return other->config() == vrf->config(); });
+        compareVrf(*vrf, at == mirror_.vrfs().end() ? nullptr : at->get());
+    }
+    if (!std::exchange(asked_, true) && askForExtras())
+        return false;
+    result_.complete = standsStill(fresh_) && standsStill(mirror_);
+    result_.took = std::chrono::steady_clock::now() - began_;
+    return true;
+}
+
+void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
+    const VrfConfig& config = vrf.config();
+    const auto whyPending = [&](const MfcKey& key) { return known ? known->whyPending(key) : WhyNot(); };
+    const bool multicast = !vrf.kernel().vifs().empty();
+    const std::optional<bool> inTables = tables_.multicastEnabled(config);
+    if (!inTables)
+        return differ({.vrf = config.name, .what = "VRF missing", .pending = whyPending({})});
+    if (*inTables != multicast)
+        differ({.vrf = config.name,
+                .what = "multicast",
+                .kernel = onOff(multicast),
+                .tables = onOff(*inTables),
+                .pending = whyPending({})});
+    RouteEntries& routes = vrf.kernel().routes();
+    routes.each([](RouteEntry& entry) { entry.installed = false; });
+    for (RouteType type : routeTypes)
+        tables_.eachRoute(config, type, [&](const MfcKey& key, std::span<const std::string_view> names) {
+            compareRow(vrf, known, type, key, names);
+        });
+    // An entry without an IIF is a row only where it was one before it lost it.
+    routes.each([&](const RouteEntry& entry) {
+        result_.routes += entry.present;
+        if (entry.present && entry.iif != 0 && !entry.installed)
+            differ({.vrf = config.name,
+                    .what = "missing",
+                    .route = routeText(vrf.typeOf(entry), entry.key),
+                    .kernel = namesOf(entry),
+                    .pending = whyPending(entry.key)});
+    });
+}
+
+// Marks the entry that the row belongs to as installed: this mirror installs nothing itself.
+void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteType type, const MfcKey& key,
+                              std::span<const std::string_view> names) {
+    ++result_.rows;
+    RouteEntry* entry = vrf.kernel().routes().find(key);
+    const bool isPresent = entry && entry->present;
+    Difference difference{.vrf = vrf.config().name,
+                          .what = "extra",
+                          .route = routeText(type, key),
+                          .tables = sortedList({names.begin(), names.end()})};
+    if (!isPresent)
+        extras_.emplace_back(&vrf, key);
+    if (!isPresent || (entry->iif != 0 && vrf.typeOf(*entry) != type))
+        return differ(std::move(difference));
+    entry->installed = true;
+    difference.what = "different";
+    difference.kernel = namesOf(*entry);
+    difference.pending = known ? known->whyPending(key) : "";
+    if (difference.kernel != difference.tables)
+        differ(std::move(difference));
+}
+
+std::string Verification::namesOf(const RouteEntry& entry) const {
+    std::vector<std::string> names;
+    if (entry.iif != 0)
+        for (int ifindex : entry.oifs.members())
+            names.push_back(fresh_.interfaces().nameOf(ifindex));
+    return sortedList(std::move(names));
+}
+
+void Verification::differ(Difference difference) {
+    if (++result_.differenceCount <= differencesListed)
+        result_.differences.push_back(std::move(difference));
+}
+
+// A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name.
+bool Verification::askForExtras() {
+    std::map<MirroredVrf*, std::vector<MfcKey>> keys;
+    for (const auto& [vrf, key] : extras_)
+        keys[vrf].push_back(key);
+    for (auto& [vrf, list] : keys)
+        vrf->kernel().lookUp(std::move(list), Mirror::Clock::now());
+    return !keys.empty();
+}
+
+void VerifyResult::write(Text::Writer& writer) const {
+    writer.beginRecord();
+    writer.member("complete", complete);
+    writer.member("routes", routes);
+    writer.member("rows", rows);
+    writer.member("differenceCount", differenceCount);
+    static constexpr std::string_view columns[] = {"vrf", "what", "route", "kernel", "tables", "pending"};
+    writer.field("differences");
+    writer.beginTable(columns);
+    for (const Difference& one : differences) {
+        const std::string* const texts[] = {&one.vrf,    &one.what,   &one.route,
+                                            &one.kernel, &one.tables, &one.pending};
+        writer.beginRecord();
+        for (std::size_t i = 0; i < std::size(columns); ++i)
+            if (!texts[i]->empty())
+                writer.member(columns[i], *texts[i]);
+        writer.end();
+    }
+    writer.end();
+    writer.member("tookMs", std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
+    writer.end();
+}
+
+} // namespace Agent::Kernel
