@@ -6,8 +6,8 @@
 #pragma once
 
 #include "records/IntfSet.h"
-#include "records/RouteAttribute.h"
 #include "records/RouteModes.h"
+#include "records/RouteRows.h"
 #include "records/VrfName.h"
 #include "state/Collection.h"
 #include "state/Entity.h"
@@ -67,7 +67,8 @@ class RouteRow {
 // The FIB of one VRF and route type.
 class Status final : public State::Entity, public State::ShmObject {
   public:
-    using RouteCollection = Routing::Multicast::Fib::RouteAttribute<RouteRow>;
+    using RouteCollection =
+        State::MapAttribute<IpGenRouteKey, RouteRow::Value, Routing::Multicast::Fib::RouteRows<RouteRow>>;
     static constexpr State::AttributeId routeAttribute = 0;
 
     // `name` is the route type, userMode or sparseMode (RouteModes.h).

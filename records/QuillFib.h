@@ -6,8 +6,9 @@
 
 #include "records/IntfId.h"
 #include "records/OifIndex.h"
-#include "records/RouteAttribute.h"
 #include "records/RouteModes.h"
+#include "records/RouteRows.h"
+#include "state/Collection.h"
 #include "state/ShmTable.h"
 
 #include <string>
@@ -45,7 +46,8 @@ class RouteRow {
 
 class Status final : public State::ShmTable {
   public:
-    using RouteCollection = Routing::Multicast::Fib::RouteAttribute<RouteRow>;
+    using RouteCollection =
+        State::MapAttribute<IpGenRouteKey, Route, Routing::Multicast::Fib::RouteRows<RouteRow>>;
     static constexpr State::AttributeId routeAttribute = 0;
 
     explicit Status(std::string_view tableName)

@@ -22,10 +22,13 @@
 
 namespace Routing::Multicast::Fib {
 
-// `Row` is a movable type with `const IpGenRouteKey& key() const`.
+// The storage of a table's map attribute (state/HashedEntries.h says what that has). `Row`, movable, has:
+// Value; Row(key, Value); key(); value() by reference.
 template <class Row>
 class RouteRows {
   public:
+    using Value = typename Row::Value;
+
     explicit RouteRows(std::uint32_t seed)
         : sourced_(seed, RowKey{&pool_})
         , starred_(seed, RowKey{&pool_})
@@ -37,28 +40,23 @@ class RouteRows {
 
     std::size_t size() const { return sourced_.size() + starred_.size(); }
 
-    // The row under the key, or null; valid until the table changes.
-    Row* find(const IpGenRouteKey& key) { return const_cast<Row*>(std::as_const(*this).find(key)); }
-    const Row* find(const IpGenRouteKey& key) const {
+    // The value under the key, or null; valid until the table changes.
+    const Value* find(const IpGenRouteKey& key) const {
         const std::uint32_t number = numberOf(key);
-        return number == none ? nullptr : &pool_[number].row;
+        return number == none ? nullptr : &std::as_const(pool_[number].row).value();
     }
 
-    // Appends a row whose key is not there yet.
-    void insert(Row row) {
-        const IpGenRouteKey key = row.key();
-        const std::uint32_t number = pool_.take(std::move(row));
-        part(key).findOrInsert(key, [&] { return number; });
-        foundLast_ = number;
-        if (key.hasSource()) {
-            append(sourcedByGroup_, key.group.ipv4(), number, groupSide);
-            append(sourcedBySource_, key.source.ipv4(), number, sourceSide);
-        } else {
-            append(starredByGroup_, key.group.ipv4(), number, groupSide);
-        }
+    // The value under the key, and whether it was appended: makeValue() then, which must not use the table.
+    template <class MakeValue>
+    std::pair<Value*, bool> findOrInsert(const IpGenRouteKey& key, MakeValue makeValue) {
+        std::uint32_t number = numberOf(key);
+        const bool isNew = number == none;
+        if (isNew)
+            number = append(Row(key, makeValue()));
+        return {&pool_[number].row.value(), isNew};
     }
 
-    // Removes the row under the key and hands it to consume(Row&&); false when absent.
+    // Removes the row under the key and hands its value to consume(Value&&); false when absent.
     template <class Consume>
     bool extract(const IpGenRouteKey& key, Consume consume) {
         const std::uint32_t number = numberOf(key);
@@ -72,18 +70,23 @@ class RouteRows {
             unlink(starredByGroup_, key.group.ipv4(), number, groupSide);
         }
         part(key).erase(key);
-        consume(pool_.giveBack(number));
+        Row row = pool_.giveBack(number);
+        consume(std::move(row.value()));
         return true;
     }
 
-    // Visits rows in table order with visit(const Row&) until it answers false, beginning behind `after` if
+    void clear() {
+        visit(nullptr, [&](const IpGenRouteKey& key, const Value&) { return extract(key, [](Value&&) {}); });
+    }
+
+    // Visits rows in table order with visit(key, value) until it answers false, beginning behind `after` if
     // that is given and there. The body may change the table as that of a walk over a Table may; but a row
     // that it removes is gone at once, so it copies what it needs of the current one.
     template <class Visit>
-    void walk(Visit visit, const IpGenRouteKey* after = nullptr) const {
+    void visit(const IpGenRouteKey* after, Visit visitor) const {
         const auto visitAll = [&](auto&& numbers) {
             for (const std::uint32_t number : numbers)
-                if (!visit(std::as_const(pool_[number].row)))
+                if (!shown(number, visitor))
                     return false;
             return true;
         };
@@ -93,7 +96,7 @@ class RouteRows {
             visitAll(starred);
     }
 
-    // Visits, in table order, every row that a request for (source, group) can match, with visit(const Row&)
+    // Visits, in table order, every row that a request for (source, group) can match, with visit(key, value)
     // until it answers false; zero stands for any. The body must not change the table.
     template <class Visit>
     void candidates(L3::IpAddr source, L3::IpAddr group, Visit visit) const {
@@ -105,7 +108,7 @@ class RouteRows {
                 chain(starredByGroup_, group, groupSide, visit);
         } else {
             const std::uint32_t exact = numberOf(IpGenRouteKey::host(source, group));
-            if (exact == none || visit(pool_[exact].row))
+            if (exact == none || shown(exact, visit))
                 chain(starredByGroup_, group, groupSide, visit);
         }
     }
@@ -225,17 +228,39 @@ class RouteRows {
         return *found;
     }
 
+    // Shows the row to visit(key, value); its answer.
+    template <class Visit>
+    bool shown(std::uint32_t number, Visit& visit) const {
+        const Row& row = pool_[number].row;
+        return visit(row.key(), row.value());
+    }
+
+    // Appends a row whose key is not there yet; its number.
+    std::uint32_t append(Row row) {
+        const IpGenRouteKey key = row.key();
+        const std::uint32_t number = pool_.take(std::move(row));
+        part(key).findOrInsert(key, [&] { return number; });
+        foundLast_ = number;
+        if (key.hasSource()) {
+            link(sourcedByGroup_, key.group.ipv4(), number, groupSide);
+            link(sourcedBySource_, key.source.ipv4(), number, sourceSide);
+        } else {
+            link(starredByGroup_, key.group.ipv4(), number, groupSide);
+        }
+        return number;
+    }
+
     template <class HeadTable>
-    void append(HeadTable& heads, L3::IpAddr address, std::uint32_t number, Side side) {
-        Link& link = pool_[number].links[side];
+    void link(HeadTable& heads, L3::IpAddr address, std::uint32_t number, Side side) {
+        Link& own = pool_[number].links[side];
         const auto [head, isNew] = heads.findOrInsert(address, [&] { return number; });
-        link.next = none;
+        own.next = none;
         if (isNew) {
-            link.previous = number;
+            own.previous = number;
             return;
         }
         Link& headLink = pool_[*head].links[side];
-        link.previous = headLink.previous;
+        own.previous = headLink.previous;
         pool_[headLink.previous].links[side].next = number;
         headLink.previous = number;
     }
@@ -260,10 +285,10 @@ class RouteRows {
     bool chain(const HeadTable& heads, L3::IpAddr address, Side side, Visit& visit) const {
         const std::uint32_t* head = heads.find(address);
         for (std::uint32_t number = head == nullptr ? none : *head; number != none;) {
-            const Slot& slot = pool_[number];
-            number = slot.links[side].next;
-            if (!visit(slot.row))
+            const std::uint32_t next = pool_[number].links[side].next;
+            if (!shown(number, visit))
                 return false;
+            number = next;
         }
         return true;
     }

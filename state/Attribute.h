@@ -33,8 +33,7 @@ std::vector<std::unique_ptr<const Attribute>> attributes(Attributes... made) {
 
 using AttributePointer = std::unique_ptr<const Attribute>;
 
-// ---- one value
-// ----------------------------------------------------------------------------------------------
+// ---- one value ----------------------------------------------------------------------------------------------
 
 template <class E, auto get, auto set_>
 class ValueAttributeOf final : public Attribute {
@@ -73,8 +72,7 @@ AttributePointer valueAttribute(std::string_view name, AttributeId id) {
     return std::make_unique<ValueAttributeOf<E, get, set>>(name, id);
 }
 
-// ---- collections
-// --------------------------------------------------------------------------------------------
+// ---- collections --------------------------------------------------------------------------------------------
 
 // What all three kinds of collection share. `Access`, a captureless lambda, yields the collection of an E,
 // const for a const one.
@@ -106,7 +104,6 @@ class CollectionAttributeOf : public Attribute {
   public:
     const ValueType* keyType() const override { return &State::valueType<K>(); }
     std::size_t size(const Entity& entity) const override { return of(entity).size(); }
-    Datum notifiedKey(const void* key) const override { return toDatum(*static_cast<const K*>(key)); }
     bool del(Entity& entity, const Datum& key) const override {
         const K typed = keyOf(&key);
         const bool present = of(std::as_const(entity)).has(typed);

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "state/Hash.h"
+#include "state/HashedEntries.h"
 #include "state/Publisher.h"
 #include "state/Table.h"
 
@@ -34,26 +35,23 @@ inline constexpr bool isHandle<Handle<T>> = true;
 // What MapAttribute::edit does with the value once it was edited.
 enum class Edited { unchanged, changed, remove };
 
-template <class K, class V>
+// `Storage` holds the entries (state/HashedEntries.h says what it has).
+template <class K, class V, class Storage = HashedEntries<K, V>>
 class MapAttribute {
   public:
     using Key = K;
     using Value = V;
-    using Entry = MapEntry<K, V>;
-    struct KeyOf {
-        const K& operator()(const Entry& entry) const { return entry.key; }
-    };
 
     // The collection numbered `id` of `owner`, which announces its changes.
     MapAttribute(const Publisher& owner, AttributeId id, std::uint32_t constant)
         : owner_(owner)
-        , table_(processHashSeed() ^ constant)
+        , storage_(processHashSeed() ^ constant)
         , id_(id) {}
 
-    std::size_t size() const { return table_.size(); }
-    bool has(const K& key) const { return table_.find(key) != nullptr; }
+    std::size_t size() const { return storage_.size(); }
+    bool has(const K& key) const { return storage_.find(key) != nullptr; }
     // The value in place, null when absent; valid until the collection changes.
-    const V* find(const K& key) const { return valueOf(table_.find(key)); }
+    const V* find(const K& key) const { return storage_.find(key); }
     // The value, or the default (zero, null, empty) when absent.
     V get(const K& key) const {
         const V* value = find(key);
@@ -64,49 +62,49 @@ class MapAttribute {
     bool is(const K& key, V value) {
         if constexpr (isHandle<V>) {
             if (!value)
-                return erase(key, key, [](V&&) {});
+                return erase(key, [](V&&) {});
         }
-        return put(key, key, std::move(value));
+        return put(key, std::move(value));
     }
 
     // Removes and hands back the old value; the default when absent.
     V del(const K& key) {
         V old{};
-        erase(key, key, [&](V&& value) { old = std::move(value); });
+        erase(key, [&](V&& value) { old = std::move(value); });
         return old;
     }
 
     // For who has several maps of one seed (those of one attribute): look-ups that hash the key once.
-    HashedKey<K> hashed(const K& key) const { return table_.hashed(key); }
-    const V* find(const HashedKey<K>& key) const { return valueOf(table_.find(key)); }
-    void prefetch(const HashedKey<K>& key) const { table_.prefetch(key); }
-    bool is(const HashedKey<K>& key, V value) requires(!isHandle<V>) {
-        return put(key, key.key(), std::move(value));
-    }
+    HashedKey<K> hashed(const K& key) const { return storage_.table().hashed(key); }
+    const V* find(const HashedKey<K>& key) const { return storage_.find(key); }
+    void prefetch(const HashedKey<K>& key) const { storage_.table().prefetch(key); }
+    bool is(const HashedKey<K>& key, V value) requires(!isHandle<V>) { return put(key, std::move(value)); }
     // Removes; true if it was there.
     bool drop(const HashedKey<K>& key) {
-        return erase(key, key.key(), [](V&&) {});
+        return erase(key, [](V&&) {});
     }
 
     // Removes all: member by member with an announcement each where someone listens, else silently.
     void delAll() {
         if (!owner_.hasSubscribers()) {
-            table_.clear();
+            storage_.clear();
             ++changes_;
             return;
         }
-        for (const Entry& entry : table_.walk())
-            del(entry.key);
+        storage_.visit(nullptr, [&](const K& key, const V&) {
+            del(key);
+            return true;
+        });
     }
 
     // Changes a value in place, an absent one from its default: `change(V&)` says what became of it.
     template <class Change>
     void edit(const K& key, Change change) {
-        auto [entry, inserted] = table_.findOrInsert(key, [&] { return Entry{key, V{}}; });
+        const auto [value, inserted] = storage_.findOrInsert(key, [] { return V{}; });
         ++changes_;
-        const Edited edited = change(entry->value);
+        const Edited edited = change(*value);
         if (edited == Edited::remove) {
-            table_.erase(key);
+            storage_.extract(key, [](V&&) {});
             if (inserted)
                 return;
         } else if (edited == Edited::unchanged && !inserted) {
@@ -116,50 +114,49 @@ class MapAttribute {
     }
 
     // Visits {key, value} in order of insertion.
-    auto walk() const { return table_.walk(); }
-    // The same with visit(key, value) -> go on; behind `after`, if that is given and there.
+    auto walk() const { return storage_.table().walk(); }
+    // visit(key, value) -> go on; in order, behind `after` if that is given and there.
     template <class Visit>
     void visit(const K* after, Visit visitor) const {
-        for (const Entry& entry : after == nullptr ? table_.walk() : table_.walkAfter(*after))
-            if (!visitor(entry.key, entry.value))
-                return;
+        storage_.visit(after, visitor);
     }
 
-    std::size_t memoryBytes() const { return table_.memoryBytes(); }
+    // For look-ups that the storage alone has.
+    const Storage& storage() const { return storage_; }
+    std::size_t memoryBytes() const { return storage_.memoryBytes(); }
     // Another number after each change, also after a removal that found nothing; for who keeps what it
     // computed from the whole collection.
     std::uint32_t changes() const { return changes_; }
 
   private:
-    static const V* valueOf(const Entry* entry) { return entry == nullptr ? nullptr : &entry->value; }
-
-    // `given` is `key`, hashed or not.
+    // `Given` is a K or a HashedKey<K>.
     template <class Given>
-    bool put(const Given& given, const K& key, V&& value) {
-        auto [entry, inserted] = table_.findOrInsert(given, [&] { return Entry{key, std::move(value)}; });
+    bool put(const Given& key, V&& value) {
+        const auto [present, inserted] =
+            storage_.findOrInsert(key, [&]() -> V&& { return std::move(value); });
         if (!inserted) {
-            if (entry->value == value)
+            if (*present == value)
                 return false;
-            entry->value = std::move(value);
+            *present = std::move(value);
         }
         ++changes_;
-        owner_.publish(id_, &key);
+        owner_.publish(id_, &unhashed(key));
         return true;
     }
     template <class Given, class Consume>
-    bool erase(const Given& given, const K& key, Consume consume) {
+    bool erase(const Given& key, Consume consume) {
         ++changes_;
         if (!owner_.hasSubscribers())
-            return table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); });
-        const K copy = key; // `key` may be the member's own
-        if (!table_.extract(given, [&](Entry&& entry) { consume(std::move(entry.value)); }))
+            return storage_.extract(key, consume);
+        const K copy = unhashed(key); // the key may be the member's own
+        if (!storage_.extract(key, consume))
             return false;
         owner_.publish(id_, &copy);
         return true;
     }
 
     const Publisher& owner_;
-    Table<Entry, KeyOf> table_;
+    Storage storage_;
     AttributeId id_;
     std::uint32_t changes_ = 0;
 };

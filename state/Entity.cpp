@@ -35,9 +35,6 @@ void Attribute::walk(const Entity&, const Datum*, MemberVisitor&) const {
 bool Attribute::del(Entity&, const Datum&) const {
     unsupported("removed");
 }
-Datum Attribute::notifiedKey(const void*) const {
-    return {};
-}
 Handle<Entity> Attribute::member(const Entity&, const Datum&) const {
     return {};
 }

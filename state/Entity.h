@@ -70,8 +70,6 @@ class Attribute {
     virtual bool set(Entity& entity, const Datum* key, const Datum* value) const = 0;
     // Removes a member; true if it was there.
     virtual bool del(Entity& entity, const Datum& key) const;
-    // The key of a notification of this attribute.
-    virtual Datum notifiedKey(const void* key) const;
     // The member entity, or null.
     virtual Handle<Entity> member(const Entity& entity, const Datum& key) const;
     // Makes a member entity of `owner` from its key, without inserting it.

@@ -78,4 +78,14 @@ class HashedKey {
     std::uint32_t hash_;
 };
 
+// The key itself, of one that may be hashed.
+template <class Key>
+const Key& unhashed(const Key& key) {
+    return key;
+}
+template <class Key>
+const Key& unhashed(const HashedKey<Key>& key) {
+    return key.key();
+}
+
 } // namespace State

@@ -18,17 +18,14 @@ void ShmEntityManager::doMount(std::string_view path, std::string_view typeName,
             table->sizingIs(mount);
     }
     mountedIs(path, {std::string(typeName), true});
-    record({std::string(path), std::string(typeName), mount});
 }
 
-void ShmEntityManager::doMount(std::string_view path, std::string_view typeName, const EntityMount& mount) {
+void ShmEntityManager::doMount(std::string_view path, std::string_view typeName, const EntityMount&) {
     mountedIs(path, {std::string(typeName), false});
-    record({std::string(path), std::string(typeName), mount});
 }
 
 void ShmEntityManager::doUnmount(std::string_view path) {
     mounted_.erase(std::string(path));
-    record({std::string(path), {}, {}});
 }
 
 Handle<Entity> ShmEntityManager::getEntity(std::string_view path) const {
@@ -59,12 +56,6 @@ void ShmEntityManager::mountedIs(std::string_view path, Mounted mount) {
     const std::string key(path);
     mounted_.erase(key);
     mounted_.findOrInsert(key, [&] { return Entry{key, std::move(mount)}; });
-}
-
-void ShmEntityManager::record(Record made) {
-    if (journal_.size() == journalLimit)
-        journal_.erase(journal_.begin(), journal_.begin() + journalLimit / 2);
-    journal_.push_back(std::move(made));
 }
 
 } // namespace State

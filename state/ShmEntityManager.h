@@ -8,29 +8,20 @@
 
 #include <string>
 #include <string_view>
-#include <variant>
-#include <vector>
 
 namespace State {
 
 class ShmEntityManager : public RefCounted {
   public:
-    // One mount or unmount, as it was asked for.
-    struct Record {
-        std::string path;
-        std::string typeName; // empty: an unmount
-        std::variant<std::monostate, TableMount, EntityMount> description;
-    };
-
     ShmEntityManager(Handle<Store> tableStore, Handle<Store> entityStore);
 
     // Mounts a table. Mode 0 makes it in the table store if it is not there and applies the sizings; the
     // other modes make nothing. Errors: UnknownTypeError and CreationError of Store::entityIs in mode 0.
-    void doMount(std::string_view path, std::string_view typeName, const TableMount& mount);
+    virtual void doMount(std::string_view path, std::string_view typeName, const TableMount& mount);
     // Mounts an entity of the entity store; makes nothing.
-    void doMount(std::string_view path, std::string_view typeName, const EntityMount& mount);
+    virtual void doMount(std::string_view path, std::string_view typeName, const EntityMount& mount);
     // Releases the mount at the path; one that is not mounted is accepted.
-    void doUnmount(std::string_view path);
+    virtual void doUnmount(std::string_view path);
 
     // The table or entity that is mounted at the path, or null: not mounted, not there, or not of the mount's
     // type.
@@ -45,9 +36,6 @@ class ShmEntityManager : public RefCounted {
     void assertSafeToAccess(const Entity* entity, std::string_view path) const;
 
     bool mounted(std::string_view path) const;
-    // All mounts and unmounts asked for so far, in order, up to `journalLimit` of the latest.
-    const std::vector<Record>& journal() const { return journal_; }
-    static constexpr std::size_t journalLimit = 4096;
 
   private:
     struct Mounted {
@@ -60,12 +48,10 @@ class ShmEntityManager : public RefCounted {
     };
 
     void mountedIs(std::string_view path, Mounted mount);
-    void record(Record made);
 
     Handle<Store> tableStore_;
     Handle<Store> entityStore_;
     Table<Entry, PathOf> mounted_;
-    std::vector<Record> journal_;
 };
 
 } // namespace State

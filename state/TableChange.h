@@ -1,8 +1,6 @@
-// How a table (state/Table.h, which includes this) changes: adding, removing, giving memory back, and what
-// was removed under a walk.
+// How a table changes: adding, removing, giving memory back, and what was removed under a walk. The second part of
+// state/Table.h, which includes it at its end; nobody else does.
 #pragma once
-
-#include "state/Table.h"
 
 #include <algorithm>
 #include <array>

@@ -34,6 +34,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 namespace State {
 
@@ -58,6 +59,28 @@ template <class... Fields>
 constexpr Description<Fields...> describe(std::string_view typeName, Fields... fields) {
     return {typeName, {fields...}};
 }
+
+// Stands for a value of any type, where only the count of the members matters.
+struct AnyMember {
+    template <class T>
+    operator T() const;
+};
+
+template <class T, std::size_t... i>
+constexpr bool takesMembers(std::index_sequence<i...>) {
+    return requires { T{(static_cast<void>(i), AnyMember{})...}; };
+}
+
+// How many members an aggregate has: the most initialisers that it takes.
+template <class T, std::size_t count = 16>
+constexpr std::size_t memberCountOf() {
+    if constexpr (count == 0 || takesMembers<T>(std::make_index_sequence<count>()))
+        return count;
+    else
+        return memberCountOf<T, count - 1>();
+}
+template <class T>
+constexpr std::size_t memberCount = memberCountOf<T>();
 
 // A structured value: an aggregate with a field list.
 template <class T>
@@ -121,15 +144,6 @@ void appendValue(std::string& out, const T& value) {
     ValueTraits<T>::print(out, value);
 }
 
-// The form in which messages carry `value`: as the value form, plain strings unquoted.
-template <class T>
-void appendPlain(std::string& out, const T& value) {
-    if constexpr (std::convertible_to<const T&, std::string_view>)
-        out += std::string_view(value);
-    else
-        ValueTraits<T>::print(out, value);
-}
-
 template <class T>
 std::string valueText(const T& value) {
     std::string out;
@@ -160,8 +174,7 @@ T fromDatum(const Datum& datum) {
     return value;
 }
 
-// ---- hashing
-// ------------------------------------------------------------------------------------------------
+// ---- hashing ------------------------------------------------------------------------------------------------
 
 template <class T>
 void mixInto(Hasher& hasher, const T& value) {
@@ -186,8 +199,7 @@ constexpr std::uint32_t hashFields(const T& value, std::uint32_t seed) {
     return hasher.result();
 }
 
-// ---- the traits
-// ---------------------------------------------------------------------------------------------
+// ---- the traits ---------------------------------------------------------------------------------------------
 
 // Raises ParseError: `typeName` cannot be built from what is there.
 [[noreturn]] void wrongKind(std::string_view typeName, std::string_view wanted, const Datum& datum);
@@ -335,6 +347,8 @@ struct ValueTraits<T> {
 
 template <Described T>
 struct ValueTraits<T> {
+    static_assert(std::tuple_size_v<decltype(T::describe().fields)> == memberCount<T>,
+                  "describe() lists every member, so that all that is derived from it follows");
     static constexpr ValueKind kind = ValueKind::record;
     static constexpr std::string_view name() { return T::describe().typeName; }
 

@@ -1,6 +1,7 @@
 // The answering side of the mgroup service: follows the group status and keeps the responses of each
 // requested (VRF, source, group) in step with it.
 #include "KestrelNat/KestrelNatMulticastSm/NatMgroupSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/Requesters.h"
 #include "state/Errors.h"
 #include "state/Trace.h"
 
@@ -19,7 +20,8 @@ void NatMgroupSm::handleMcastGroupIds(const KestrelL3::IpMcastKey& key) {
         return;
     }
     const MrouteSourceAndGroup sg{.sourceIp = key.source.ipv4(), .groupIp = key.group.ipv4()};
-    const auto* found = vrfIdSourceAndGroupToIntf_.find({.vrfId = key.vrfId, .sg = sg});
+    const VrfIdMrouteSourceAndGroup flow{.vrfId = key.vrfId, .sg = sg};
+    const auto* found = vrfIdSourceAndGroupToIntf_.find(flow);
     if (found == nullptr) {
         TRACE(0, "handleMcastGroupIds", " NOT found sourceIp=", sg.sourceIp, " groupIp=", sg.groupIp);
         return;
@@ -31,12 +33,7 @@ void NatMgroupSm::handleMcastGroupIds(const KestrelL3::IpMcastKey& key) {
     // Meant: the status row's VLAN does not choose among the requesters, so those of every VLAN of the flow
     // get its id, each under a key of type 1 whatever the type of its request.
     requesters.iv().visit([&](const MrouteIntfAndVlan& requester) {
-        const NatMrouteKey responseKey{.intf = requester.intf,
-                                       .vrfId = key.vrfId,
-                                       .vlanId = requester.vlanId,
-                                       .sourceIp = sg.sourceIp,
-                                       .groupIp = sg.groupIp,
-                                       .type = NatRequestType::mgroupRequest};
+        const NatMrouteKey responseKey = requestKey(flow, requester, NatRequestType::mgroupRequest);
         if (const auto item = statusItem(key)) {
             TRACE(8, "updated groupId for key (s=", sg.sourceIp, ", g=", sg.groupIp, ", v=", key.vlanId,
                   "), newGroupId=", item->groupId);

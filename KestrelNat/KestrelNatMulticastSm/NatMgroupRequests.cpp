@@ -1,6 +1,7 @@
 // The request side of the mgroup service: a request becomes a row of the group configuration, and is answered
 // at once where its group is allocated already.
 #include "KestrelNat/KestrelNatMulticastSm/NatMgroupSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/Requesters.h"
 #include "state/Trace.h"
 
 TRACE_FACILITY("KestrelNatMulticastSm");
@@ -40,13 +41,7 @@ void NatMgroupSm::handleMgroupReq() {
 }
 
 void NatMgroupSm::addRequest(const NatMrouteKey& key) {
-    vrfIdSourceAndGroupToIntf_.edit(VrfIdMrouteSourceAndGroup::of(key),
-                                    [&](MrouteIntfAndVlanSet& requesters) {
-                                        const MrouteIntfAndVlan requester = MrouteIntfAndVlan::of(key);
-                                        const bool isNew = !requesters.ivHas(requester);
-                                        requesters.ivIs(requester);
-                                        return isNew ? State::Edited::changed : State::Edited::unchanged;
-                                    });
+    recordRequester(vrfIdSourceAndGroupToIntf_, key);
     const KestrelL3::IpMcastKey groupKey = groupKeyOf(key);
     if (l3MgroupConfig_)
         l3MgroupConfig_->mroutesIs(KestrelCommon::MrouteGroup::MrouteItem(groupKey));
@@ -56,15 +51,7 @@ void NatMgroupSm::addRequest(const NatMrouteKey& key) {
 }
 
 void NatMgroupSm::deleteRequest(const NatMrouteKey& key) {
-    vrfIdSourceAndGroupToIntf_.edit(VrfIdMrouteSourceAndGroup::of(key),
-                                    [&](MrouteIntfAndVlanSet& requesters) {
-                                        const MrouteIntfAndVlan requester = MrouteIntfAndVlan::of(key);
-                                        const bool isThere = requesters.ivHas(requester);
-                                        requesters.ivDel(requester);
-                                        return !requesters ? State::Edited::remove
-                                               : isThere   ? State::Edited::changed
-                                                           : State::Edited::unchanged;
-                                    });
+    forgetRequester(vrfIdSourceAndGroupToIntf_, key);
     if (mgroupResponseMap_)
         mgroupResponseMap_->mgroupIdDel(key);
     // Meant: the row goes although a request that differs only in its interface may still want it. The next

@@ -45,12 +45,13 @@ struct RouteMatch {
 // Calls collect(routeKey, row) for the rows that the request takes, in table order.
 template <class Routes, class Collect>
 void eachMatch(const RouteMatch& match, const Routes& routes, Collect collect) {
-    routes.candidates(match.source, match.group, [&](const IpGenRouteKey& routeKey, const auto& row) {
-        if (!match.matches(routeKey))
-            return true;
-        collect(routeKey, row);
-        return !match.isFirstOnly();
-    });
+    routes.storage().candidates(match.source, match.group,
+                                [&](const IpGenRouteKey& routeKey, const auto& row) {
+                                    if (!match.matches(routeKey))
+                                        return true;
+                                    collect(routeKey, row);
+                                    return !match.isFirstOnly();
+                                });
 }
 
 // ---- Lumen

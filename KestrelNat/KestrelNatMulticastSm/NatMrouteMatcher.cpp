@@ -1,5 +1,6 @@
 #include "KestrelNat/KestrelNatMulticastSm/NatMrouteMatcher.h"
 
+#include "KestrelNat/KestrelNatMulticastSm/Requesters.h"
 #include "state/Fatal.h"
 #include "state/TypeRegistry.h"
 #include "state/ValueType.h"
@@ -21,19 +22,13 @@ State::Handle<NatMrouteMatcher> natMrouteMatcherFactory() {
 
 void NatMrouteMatcher::add(const MrouteSourceAndGroup& sg, const NatMrouteKey& key) {
     edit(sg, [&](MrouteKeySet& keys) {
-        const std::size_t before = keys.mrouteKey().size();
-        keys.mrouteKeyIs(key);
-        return keys.mrouteKey().size() == before ? State::Edited::unchanged : State::Edited::changed;
+        return editSet(keys, [&](MrouteKeySet& set) { set.mrouteKeyIs(key); });
     });
 }
 
 void NatMrouteMatcher::remove(const MrouteSourceAndGroup& sg, const NatMrouteKey& key) {
     edit(sg, [&](MrouteKeySet& keys) {
-        const std::size_t before = keys.mrouteKey().size();
-        keys.mrouteKeyDel(key);
-        if (!keys)
-            return State::Edited::remove;
-        return keys.mrouteKey().size() == before ? State::Edited::unchanged : State::Edited::changed;
+        return editSet(keys, [&](MrouteKeySet& set) { set.mrouteKeyDel(key); });
     });
 }
 

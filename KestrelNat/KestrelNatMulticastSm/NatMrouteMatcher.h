@@ -34,6 +34,7 @@ class NatMrouteMatcher final : public State::Publisher {
         bool mrouteKeyHas(const NatMrouteKey& key) const { return mrouteKey_.has(key); }
         // The set itself: mrouteKey().forEach(...), mrouteKey().size().
         const auto& mrouteKey() const { return mrouteKey_; }
+        std::size_t elementCount() const { return mrouteKey_.size(); }
         explicit operator bool() const { return !mrouteKey_.empty(); }
 
         std::uint32_t hash(std::uint32_t seed) const { return mrouteKey_.hash(seed); }

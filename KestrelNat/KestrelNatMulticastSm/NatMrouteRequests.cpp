@@ -1,5 +1,6 @@
 // Requests of the mroute service: the record of who asks for which flow.
 #include "KestrelNat/KestrelNatMulticastSm/NatMrouteSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/Requesters.h"
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 #include "state/Fatal.h"
 #include "state/Trace.h"
@@ -17,34 +18,14 @@ void NatMrouteSm::handleMrouteReq(const NatMrouteKey& req) {
     const auto sg = MrouteSourceAndGroup::of(req);
     if (added) {
         watchedMroutesWrap(req.vrfId)->add(sg, req);
-        recordRequester(req);
+        recordRequester(vrfIdSourceAndGroupToIntf_, req);
     } else {
         removeWatchedMroute(req.vrfId, sg, req);
-        forgetRequester(req);
+        forgetRequester(vrfIdSourceAndGroupToIntf_, req);
     }
 
     for (const std::string& routeType : routeTypes())
         updateMrouteResponseMap(req, routeType, added);
-}
-
-void NatMrouteSm::recordRequester(const NatMrouteKey& req) {
-    vrfIdSourceAndGroupToIntf_.edit(
-        VrfIdMrouteSourceAndGroup::of(req), [&](MrouteIntfAndVlanSet& requesters) {
-            const std::size_t before = requesters.iv().size();
-            requesters.ivIs(MrouteIntfAndVlan::of(req));
-            return requesters.iv().size() == before ? State::Edited::unchanged : State::Edited::changed;
-        });
-}
-
-void NatMrouteSm::forgetRequester(const NatMrouteKey& req) {
-    vrfIdSourceAndGroupToIntf_.edit(
-        VrfIdMrouteSourceAndGroup::of(req), [&](MrouteIntfAndVlanSet& requesters) {
-            const std::size_t before = requesters.iv().size();
-            requesters.ivDel(MrouteIntfAndVlan::of(req));
-            if (!requesters)
-                return State::Edited::remove;
-            return requesters.iv().size() == before ? State::Edited::unchanged : State::Edited::changed;
-        });
 }
 
 void NatMrouteSm::handleMrouteReq() {

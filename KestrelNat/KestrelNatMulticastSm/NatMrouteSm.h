@@ -177,8 +177,6 @@ class NatMrouteSm final : public State::StateMachine {
                     const NatMcastRouteKey& key);
     void watchPresentTables();
     void retire();
-    void recordRequester(const NatMrouteKey& req);
-    void forgetRequester(const NatMrouteKey& req);
     TypeMap typeMap(bool isStatic) const;
     ResponsePlace responsePlace(const NatMrouteKey& key, const std::string& routeType) const;
     void writeResponse(const NatMrouteOifSet& egressIntfs, const ResponsePlace& place,

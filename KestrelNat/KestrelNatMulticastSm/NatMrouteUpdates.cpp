@@ -1,6 +1,7 @@
 // Route updates of the mroute service: from a changed route to the requests that it concerns, and to no
 // other.
 #include "KestrelNat/KestrelNatMulticastSm/NatMrouteSm.h"
+#include "KestrelNat/KestrelNatMulticastSm/Requesters.h"
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 #include "state/Errors.h"
 #include "state/Fatal.h"
@@ -97,12 +98,7 @@ NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSour
 // This is meant: the record knows no types, and the mroute service's own requests are of type 0.
 void NatMrouteSm::answerRequester(const VrfIdMrouteSourceAndGroup& vsg, const MrouteIntfAndVlan& requester,
                                   const RouteTable& table) {
-    const NatMrouteKey key{.intf = requester.intf,
-                           .vrfId = vsg.vrfId,
-                           .vlanId = requester.vlanId,
-                           .sourceIp = vsg.sg.sourceIp,
-                           .groupIp = vsg.sg.groupIp,
-                           .type = NatRequestType{0}};
+    const NatMrouteKey key = requestKey(vsg, requester, NatRequestType{0});
     const ResponsePlace place = responsePlace(key, table.name());
     const NatMrouteOifSet oifs = getEgressIntfsForMrouteKey(key, table.quillRoutes, table.lumenMfib);
     writeResponse(oifs, place, table.name(), true);

@@ -96,6 +96,7 @@ class MrouteIntfAndVlanSet {
     bool ivHas(const MrouteIntfAndVlan& member) const { return iv_.has(member); }
     // The set itself: iv().forEach(...), iv().size().
     const auto& iv() const { return iv_; }
+    std::size_t elementCount() const { return iv_.size(); }
     explicit operator bool() const { return !iv_.empty(); }
 
     std::uint32_t hash(std::uint32_t seed) const { return iv_.hash(seed); }

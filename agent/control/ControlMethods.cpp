@@ -208,9 +208,7 @@ void ControlService::writeSnapshot(Writer& writer, bool withText) const {
     writer.beginList();
     for (const AnswerChange& answer : log_.snapshot()) {
         writer.beginRecord();
-        writeAnswerMembers(writer, answer);
-        if (withText)
-            writeAnswerNames(writer, operations_, answer, true);
+        writeAnswerMembers(writer, operations_, answer, withText);
         writer.end();
     }
     writer.end();

@@ -12,9 +12,7 @@ void writeChange(Text::Writer& writer, const Operations& operations, std::uint64
                  const AnswerChange& change, bool withText) {
     writer.beginRecord();
     writer.member("seq", seq);
-    writeAnswerMembers(writer, change);
-    if (withText)
-        writeAnswerNames(writer, operations, change, true);
+    writeAnswerMembers(writer, operations, change, withText);
     writer.end();
 }
 

@@ -86,18 +86,20 @@ std::string textOf(simdjson::error_code code) {
     return name == std::string::npos ? text : text.substr(name + 2);
 }
 
-// Looks at every value, so that what is wrong with one is met.
+// Looks at every value, so that what is wrong with one is met: a simdjson_error, also for one that nests too deep.
 template <class Value>
-void visit(Value&& value) {
+void visit(Value&& value, int depth) {
+    if (depth > depthLimit)
+        throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
     switch (ondemand::json_type(value.type())) {
     case ondemand::json_type::array:
         for (auto element : value.get_array())
-            visit(element);
+            visit(element, depth + 1);
         break;
     case ondemand::json_type::object:
         for (auto field : value.get_object()) {
             static_cast<void>(std::string_view(field.unescaped_key()));
-            visit(field.value());
+            visit(field.value(), depth + 1);
         }
         break;
     case ondemand::json_type::string:
@@ -115,9 +117,9 @@ void visit(Value&& value) {
     }
 }
 
-// Where the fault is in a text that is no JSON. The parser that reads documents does not tell; the one that reads
-// on demand does, but lets some texts through, those with something behind their value.
-std::size_t faultAt(std::string_view text) {
+// What is wrong with a text that the parser of documents did not take, and where, which it does not tell. The one
+// that reads on demand does; it lets some texts through, those with something behind their value.
+std::string faultOf(std::string_view text, simdjson::error_code error) {
     // It gives up at once on a text whose last bracket does not close the first: one that does is added.
     const std::size_t first = text.find_first_not_of(" \t\r\n");
     const char open = first == std::string_view::npos ? '\0' : text[first];
@@ -125,14 +127,17 @@ std::size_t faultAt(std::string_view text) {
     ondemand::parser parser;
     ondemand::document document;
     if (parser.iterate(padded).get(document) != simdjson::SUCCESS)
-        return firstFault(text);
+        return textOf(error) + placeText(text, firstFault(text));
     try {
-        visit(document);
-    } catch (const simdjson::simdjson_error&) { // NOLINT(bugprone-empty-catch): its place is what is wanted
+        visit(document, 1);
+    } catch (const simdjson::simdjson_error& met) {
+        error = met.error() == simdjson::DEPTH_ERROR ? simdjson::DEPTH_ERROR : error;
     }
     const char* at = nullptr;
     const bool isWithin = document.current_location().get(at) == simdjson::SUCCESS;
-    return isWithin ? std::min(static_cast<std::size_t>(at - padded.data()), text.size()) : text.size();
+    const std::size_t place =
+        isWithin ? std::min(static_cast<std::size_t>(at - padded.data()), text.size()) : text.size();
+    return (error == simdjson::DEPTH_ERROR ? tooDeep() : textOf(error)) + placeText(text, place);
 }
 
 // A parser for texts up to some length, which refuses those that nest too deep.
@@ -150,8 +155,7 @@ Datum parseWith(dom::parser& parser, std::string_view text) {
         return datumOf(element);
     if (error == simdjson::MEMALLOC)
         throw std::bad_alloc();
-    throw Error("not JSON: " + (error == simdjson::DEPTH_ERROR ? tooDeep() : textOf(error)) +
-                placeText(text, faultAt(text)));
+    throw Error("not JSON: " + faultOf(text, error));
 }
 
 } // namespace

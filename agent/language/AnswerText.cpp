@@ -35,21 +35,19 @@ std::string answerLine(const Operations& operations, const AnswerChange& change)
     return line + std::to_string(key.vlanId) + ": " + answerWords(change.answer, "gone");
 }
 
-void writeAnswerMembers(Text::Writer& writer, const AnswerChange& change) {
+void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
+                        bool withText) {
     writer.member("path", change.service->answerPath);
     writer.member("attribute", change.service->answerAttribute);
     writer.field("key");
     Json::write(writer, State::toDatum(change.key));
     writer.field("value");
     Json::write(writer, toDatum(change.answer));
-}
-
-void writeAnswerNames(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
-                      bool withText) {
+    if (!withText)
+        return;
     if (const auto name = operations.vrfNameOf(change.key.vrfId.value()))
         writer.member("vrf", *name);
-    if (withText)
-        writer.member("text", answerLine(operations, change));
+    writer.member("text", answerLine(operations, change));
 }
 
 void writeAnswers(Text::Writer& writer, const Operations& operations,
@@ -61,8 +59,7 @@ void writeAnswers(Text::Writer& writer, const Operations& operations,
             continue;
         }
         writer.beginRecord();
-        writeAnswerMembers(writer, change);
-        writeAnswerNames(writer, operations, change, withText);
+        writeAnswerMembers(writer, operations, change, withText);
         writer.end();
     }
     writer.end();

@@ -20,12 +20,11 @@ std::string answerWords(const Answer& answer, std::string_view absent);
 /// more.
 std::string answerLine(const Operations& operations, const AnswerChange& change);
 /// The members of an open record: path, attribute, key, value.
-void writeAnswerMembers(Text::Writer& writer, const AnswerChange& change);
-/// More of them: `vrf`, the name of the VRF that has the identifier (where one has it), and with text the line.
-void writeAnswerNames(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
-                      bool withText);
-/// The changes as a list: for people of lines, else of records with their names.
+/// @param withText whether there are also `vrf`, the name of the VRF that has the identifier, and `text`, the line.
+void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
+                        bool withText);
+/// The changes as a list: for people of lines, else of records.
 void writeAnswers(Text::Writer& writer, const Operations& operations,
-                  const std::vector<AnswerChange>& changes, bool withText = false);
+                  const std::vector<AnswerChange>& changes, bool withText);
 
 } // namespace Agent

@@ -51,13 +51,13 @@ Action told(Text::Tell tell) {
 
 void writeResult(const Operations& operations, const ApplyResult& result, Text::Writer& writer) {
     if (writer.isForPeople()) {
-        writeAnswers(writer, operations, result.answers);
+        writeAnswers(writer, operations, result.answers, true);
         return;
     }
     writer.beginRecord();
     writer.member("changed", result.changed);
     writer.field("answers");
-    writeAnswers(writer, operations, result.answers);
+    writeAnswers(writer, operations, result.answers, true);
     writer.end();
 }
 

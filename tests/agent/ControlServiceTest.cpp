@@ -101,7 +101,7 @@ TEST_F(ControlServiceTest, RefusalsNameTheRuleAndTheParameter) {
         {"get", {{"path", "api/mroute"}}, "nearest known one is api/mroute/re", ""},
         {"get", {{"path", vrfs}, {"attribute", "x"}}, "has vrfStatus", "attribute"},
         {"get", {{"path", vrfs}, {"key", "red"}}, "name the attribute", "attribute"},
-        {"get", members({{"key", 1.5}}), "is not whole", "key"},
+        {"get", members({{"key", 1.5}}), "not 1.5", "key"},
         {"get", members({{"key", {1}}}), "takes a string", "key"},
         {"get", members({{"after", "red"}}), "begin again", "after"},
         {"get", members({{"limit", 65537}}), "at most 65536", "limit"},
@@ -204,8 +204,8 @@ TEST_F(ControlServiceTest, TheSchemaTellsWhatRequestsAreHeldAgainst) {
     for (const Json& method : schema.at("methods")) {
         for (const Json& parameter : method.at("parameters")) {
             const Json error = client.error(method.at("name"), {{parameter.at("name"), Json(nullptr)}});
-            if (parameter.at("type") != "any")
-                EXPECT_EQ(error.at("data").at("field"), parameter.at("name")) << error;
+            EXPECT_TRUE(parameter.at("type") == "any" || error.at("data").at("field") == parameter.at("name"))
+                << error;
         }
     }
     // Every type that is named is described.

@@ -2,6 +2,8 @@
 #include "KestrelNat/KestrelNatMulticastSm/NatMgroupSm.h"
 #include "KestrelNat/KestrelNatMulticastSm/NatMrouteMatcher.h"
 #include "KestrelNat/KestrelNatMulticastSm/NatMrouteRouteMap.h"
+#include "records/IpGenRouteKey.h"
+#include "records/IpMcastKey.h"
 #include "state/Errors.h"
 #include "state/TypeRegistry.h"
 #include "tests/nat/NatFixture.h"
@@ -23,6 +25,46 @@ TEST(Types, AreCreatedByNameAndReady) {
     const auto mroute = made<NatMrouteSm>("KestrelNat::NatMrouteSm", {none, none, none, none, none});
     const auto mgroup = made<NatMgroupSm>("KestrelNat::NatMgroupSm", {none, none, none, none, none});
     EXPECT_TRUE(mroute && mroute->notificationActive() && mgroup && mgroup->notificationActive());
+}
+
+// A value of the type that differs from its default in what it is compared, hashed and printed by.
+template <class T>
+T another() {
+    T value{};
+    if constexpr (std::is_same_v<T, L3::IntfId>)
+        value = L3::IntfId("Ethernet9");
+    else if constexpr (std::is_same_v<T, L3::IpGenAddr>)
+        value = L3::IpAddr(7);
+    else if constexpr (std::is_same_v<T, L3::IpGenPrefix>)
+        value = L3::IpGenPrefix::host(L3::IpAddr(7));
+    else if constexpr (std::is_same_v<T, std::string>)
+        value = "other";
+    else if constexpr (State::Described<T>)
+        State::ValueTraits<T>::eachField([&](const auto& field) {
+            value.*(field.member) = another<std::remove_cvref_t<decltype(value.*(field.member))>>();
+        });
+    else
+        value = static_cast<T>(7);
+    return value;
+}
+
+template <class T>
+class KeyTypes : public testing::Test {};
+using AllKeys = testing::Types<NatMrouteKey, KestrelL3::IpMcastKey, Routing::Multicast::Fib::IpGenRouteKey,
+                               NatMcastRouteKey, MrouteSourceAndGroup, VrfIdMrouteSourceAndGroup, MrouteIntfAndVlan>;
+TYPED_TEST_SUITE(KeyTypes, AllKeys);
+
+TYPED_TEST(KeyTypes, EveryMemberIsComparedHashedAndPrinted) {
+    State::ValueTraits<TypeParam>::eachField([](const auto& field) {
+        SCOPED_TRACE(std::string(field.name));
+        const TypeParam plain{};
+        TypeParam changed{};
+        changed.*(field.member) = another<std::remove_cvref_t<decltype(changed.*(field.member))>>();
+        EXPECT_NE(changed, plain);
+        EXPECT_NE(changed.hash(1), plain.hash(1));
+        EXPECT_NE(State::valueText(changed), State::valueText(plain));
+        EXPECT_EQ(State::fromDatum<TypeParam>(State::toDatum(changed)), changed);
+    });
 }
 
 TEST(Types, KeysPrintInTheValueFormAndParseBackOrNameTheAttributeThatIsWrong) {

@@ -127,13 +127,13 @@ class RandomTable {
             if (matches(row.key, source, group))
                 literal.push_back(row);
         const auto& routes = source_.table->routeCollection();
-        Rows found = collect([&](auto visit) { routes.candidates(source, group, visit); });
+        Rows found = collect([&](auto visit) { routes.storage().candidates(source, group, visit); });
         std::erase_if(found, [&](const Row& row) { return !matches(row.key, source, group); });
         ASSERT_EQ(found, literal) << source.stringValue() << " " << group.stringValue();
         if (!literal.empty()) { // and it stops when told to
             std::size_t visited = 0;
-            routes.candidates(source, group,
-                              [&](const IpGenRouteKey&, const auto&) { return ++visited < 1; });
+            routes.storage().candidates(source, group,
+                                        [&](const IpGenRouteKey&, const auto&) { return ++visited < 1; });
             ASSERT_EQ(visited, 1U);
         }
     }

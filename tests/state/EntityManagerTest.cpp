@@ -172,14 +172,6 @@ TEST_F(ShmEntityManagerTest, UnmountingIsAbsoluteAndTakesNothingFromTheStore) {
     EXPECT_TRUE(sheet->rowsHas("row"));
 }
 
-TEST_F(ShmEntityManagerTest, KeepsTheLatestOfWhatWasAskedFor) {
-    constexpr std::size_t limit = State::ShmEntityManager::journalLimit;
-    for (std::size_t i = 0; i < 2 * limit; ++i)
-        manager->doUnmount(std::to_string(i));
-    EXPECT_LE(manager->journal().size(), limit);
-    EXPECT_EQ(manager->journal().back().path, std::to_string(2 * limit - 1));
-}
-
 TEST_F(ShmEntityManagerTest, ReadingWhatIsNotMountedEndsTheProcess) {
     const auto box = entities->entityIs("box", boxType);
     const auto stranger = State::makeHandle<Box>();
