@@ -2,9 +2,9 @@
 // against before it is played. What lines do is in ScenarioFilesTest and ControlServiceTest.
 #include "agent/language/Language.h"
 
-#include "state/Toggle.h"
 #include "state/Trace.h"
 #include "tests/agent/AgentProcess.h"
+#include "tests/agent/InProcessAgent.h"
 #include "text/JsonWriter.h"
 #include "text/TextWriter.h"
 
@@ -27,7 +27,7 @@ class LanguageTest : public testing::Test {
   protected:
     LanguageTest() {
         language.addShown("weather", [](Text::Writer& writer) { writer.value("fine"); });
-        host.start();
+        agent.host.start();
     }
 
     template <class Writer>
@@ -52,15 +52,8 @@ class LanguageTest : public testing::Test {
         }
     }
 
-    // The toggle is read as the library is loaded.
-    struct Toggled {
-        Toggled() { State::toggleOverrideIs(Agent::Host::sourceToggle, true); }
-    } toggled;
-    struct Loaded : Agent::Host {
-        Loaded() { load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so"); }
-    } host;
-    Agent::Operations operations{host};
-    Agent::Language language{operations, [] {}};
+    InProcessAgent agent;
+    Agent::Language language{agent.operations, [] {}};
     TemporaryFolder folder;
 };
 
@@ -122,12 +115,12 @@ TEST_F(LanguageTest, ACheckJudgesEachLineByThoseBeforeItAndDoesNothing) {
         std::string::npos);
     EXPECT_NE(fault({given, "route red static nonsense 239.1.1.1 oifs Ethernet1", "mark"}).find(":2: "),
               std::string::npos);
-    EXPECT_EQ(operations.counters().changes, 0U);
+    EXPECT_EQ(agent.operations.counters().changes, 0U);
     EXPECT_EQ(told<Text::TextWriter>("trace").find('3'), std::string::npos);
 
     // Carried out in one list they do what they do one by one.
     const std::vector<std::string> again = {given, "no vrf red", "vrf red multicast on"};
-    operations.apply(language.changes(again, false).changes);
+    agent.operations.apply(language.changes(again, false).changes);
     EXPECT_EQ(told<Text::JsonWriter>("get " + vrfs + " vrfStatus red"), R"({"vrfId":0})");
     try {
         language.changes(std::vector<std::string>{"vrf blue", "", "mark"}, false);
