@@ -5,8 +5,8 @@
 
 namespace Agent {
 
-std::string addressText(L3::IpAddr address) {
-    return address.isZero() ? "any" : address.stringValue();
+std::string addressText(const L3::IpGenAddr& address) {
+    return address == L3::IpGenAddr() ? "any" : address.stringValue();
 }
 
 std::string vrfText(const Operations& operations, std::uint32_t vrfId) {

@@ -10,7 +10,7 @@
 namespace Agent {
 
 /// "any" for the address zero.
-std::string addressText(L3::IpAddr address);
+std::string addressText(const L3::IpGenAddr& address);
 /// The name of the VRF that has the identifier; where none has it the number.
 std::string vrfText(const Operations& operations, std::uint32_t vrfId);
 /// An answer as the grammar writes it: its interfaces or "none", a group id; `absent` where there is none.

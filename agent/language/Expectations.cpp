@@ -74,10 +74,13 @@ Action Expectations::read(WordReader& words, const StateCommands& names) {
     if (isAbsent || words.accept("trace"))
         return readTrace(words, isAbsent);
     const NamedRequest named = names.request(words);
+    const Service& service = *named.service;
+    // Refuses a key that is none.
+    static_cast<void>(operations_.value(service.answerPath, service.answerAttribute, &named.key));
     words.expect("=");
-    const std::string expected = readAnswer(words, *named.service);
+    const std::string expected = readAnswer(words, service);
     words.expectEnd();
-    return held([this, named, expected] { holdAnswer(*named.service, named.key, expected); });
+    return held([this, named, expected] { holdAnswer(named, expected); });
 }
 
 Action Expectations::readTrace(WordReader& words, bool isAbsent) {
@@ -91,15 +94,13 @@ std::uint64_t Expectations::mark() {
     return mark_;
 }
 
-void Expectations::holdAnswer(const Service& service, const State::Datum& key,
-                              const std::string& expected) const {
+void Expectations::holdAnswer(const NamedRequest& named, const std::string& expected) const {
     settle_();
-    static_cast<void>(
-        operations_.value(service.answerPath, service.answerAttribute, &key)); // refuses bad keys
     const AnswerMaps maps(operations_.host().stores());
-    const std::string actual = actualAnswer(maps.answer(service, State::fromDatum<RequestKey>(key)).answer);
+    const auto key = State::fromDatum<RequestKey>(named.key);
+    const std::string actual = actualAnswer(maps.answer(*named.service, key).answer);
     if (actual != expected)
-        failed(std::string(service.name) + " answer", expected, actual);
+        failed(std::string(named.service->name) + " answer", expected, actual);
 }
 
 void Expectations::holdTrace(const std::string& text, bool isAbsent) const {

@@ -9,6 +9,7 @@
 
 namespace Agent {
 
+struct NamedRequest;
 class StateCommands;
 
 class Expectations {
@@ -28,7 +29,7 @@ class Expectations {
 
   private:
     Action readTrace(WordReader& words, bool isAbsent);
-    void holdAnswer(const Service& service, const State::Datum& key, const std::string& expected) const;
+    void holdAnswer(const NamedRequest& named, const std::string& expected) const;
     void holdTrace(const std::string& text, bool isAbsent) const;
 
     const Operations& operations_;

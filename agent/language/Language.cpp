@@ -27,6 +27,8 @@ std::vector<std::string> linesOf(const std::string& file) {
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
+    if (in.bad()) // a folder
+        throw std::runtime_error(file + ": cannot be read");
     return lines;
 }
 
@@ -133,10 +135,15 @@ Action Language::readShow(WordReader& words) {
 }
 
 Action Language::readGet(WordReader& words) {
+    // At each word, so that a refusal names the one that is wrong.
     GetQuery query{.path = words.word("a path")};
-    if (!words.atEnd())
+    const auto check = [&] { checkQuery(operations_, query); };
+    words.checkLast(check);
+    if (!words.atEnd()) {
         query.attribute = words.word("an attribute");
-    while (!words.atEnd())
+        words.checkLast(check);
+    }
+    while (!words.atEnd()) {
         if (words.accept("limit"))
             query.limit = words.number("how many members", GetQuery::pageLimit);
         else if (words.accept("after"))
@@ -145,7 +152,8 @@ Action Language::readGet(WordReader& words) {
             query.key = datumOfWord(words.word("a key"));
         else
             words.expectEnd();
-    checkQuery(operations_, query);
+        words.checkLast(check);
+    }
     return told([this, query](Text::Writer& writer) { get(operations_, query, writer); });
 }
 
@@ -155,9 +163,9 @@ Action Language::readTrace(WordReader& words) {
         query.last = words.number("how many records", 1'000'000);
     } else if (!words.atEnd()) {
         query.facility = words.word("a facility");
+        words.checkLast([&] { checkQuery(query); });
         query.level = words.number("a level", TraceQuery::maxLevel);
     }
-    checkQuery(query);
     return [query](const Text::Reply& reply) { trace(query, reply); };
 }
 

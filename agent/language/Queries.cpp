@@ -23,14 +23,17 @@ const Datum* pointerTo(const std::optional<Datum>& datum) {
     return datum ? &*datum : nullptr;
 }
 
-void writeMember(Text::Writer& writer, AttributeKind kind, const Datum& key, const Datum& value) {
-    if (kind == AttributeKind::set) {
+std::string plain(const Datum& datum) {
+    return datum.text() != nullptr ? *datum.text() : Json::textOf(datum);
+}
+
+// Writes a member of a collection. @param isLine whether it stands on a line of its own, for people.
+void writeMember(Text::Writer& writer, bool isLine, AttributeKind kind, const Datum& key,
+                 const Datum& value) {
+    if (isLine) {
+        writer.value(kind == AttributeKind::set ? plain(key) : plain(key) + " = " + plain(value));
+    } else if (kind == AttributeKind::set) {
         Json::write(writer, key);
-    } else if (writer.isForPeople()) {
-        const auto plain = [](const Datum& datum) {
-            return datum.text() != nullptr ? *datum.text() : Json::textOf(datum);
-        };
-        writer.value(plain(key) + " = " + plain(value));
     } else {
         writer.beginRecord();
         writer.field("key");
@@ -55,9 +58,24 @@ void getAttribute(const Operations& operations, const GetQuery& query, std::stri
                    " members, more than fit one answer: read them in pages, with limit and after",
                "limit", RefusalKind::limit);
     writer.beginList();
+    const bool isLine = writer.isForPeople() && !query.attribute.empty();
     for (const auto& [key, value] : page.members)
-        writeMember(writer, kind, key, value);
+        writeMember(writer, isLine, kind, key, value);
     writer.end();
+}
+
+// Refuses keys that are none of the attribute's.
+void checkMember(const Operations& operations, const GetQuery& query, AttributeKind kind) {
+    if (query.key) {
+        static_cast<void>(operations.value(query.path, query.attribute, &*query.key));
+    } else if (query.after && kind != AttributeKind::value) {
+        try {
+            static_cast<void>(operations.value(query.path, query.attribute, &*query.after));
+        } catch (Refusal& refusal) {
+            refusal.where().field = "after";
+            throw;
+        }
+    }
 }
 
 void writeRecords(Text::Writer& writer, std::size_t count) {
@@ -103,7 +121,7 @@ void writeLevels(Text::Writer& writer, const TraceQuery& query) {
 
 void checkQuery(const Operations& operations, const GetQuery& query) {
     if (!query.attribute.empty())
-        static_cast<void>(operations.attributeAt(query.path, query.attribute));
+        checkMember(operations, query, operations.attributeAt(query.path, query.attribute).kind());
     else if (static_cast<void>(operations.typeAt(query.path)); query.key || query.after)
         refuse("a key is that of an attribute's member: name the attribute", "attribute");
     if (query.limit.value_or(0) > GetQuery::pageLimit)
@@ -135,6 +153,7 @@ void checkQuery(const TraceQuery& query) {
         return;
     const auto known = State::traceLevels();
     std::vector<std::string_view> names;
+    names.reserve(known.size());
     for (const State::TraceLevel& level : known)
         names.push_back(level.facility);
     if (std::ranges::find(names, *query.facility) == names.end())

@@ -21,11 +21,11 @@ struct GetQuery {
     std::optional<State::Datum> after = {}; // the member behind which to begin
 };
 
-/// @throws Refusal when the path, the attribute or the form of the question is none.
+/// @throws Refusal when the path, the attribute, a key or the form of the question is none.
 void checkQuery(const Operations& operations, const GetQuery& query);
 /// Writes the value (null where there is none); a collection as a list, of keys or of {key, value}; without an
-/// attribute a record of all. For people a member of a collection a line.
-/// @throws Refusal as checkQuery() does, for a key that is none, for more members than fit a result.
+/// attribute a record of all. For people a member of a collection named is a line.
+/// @throws Refusal as checkQuery() does, when `after` is no member, for more members than fit a result.
 void get(const Operations& operations, const GetQuery& query, Text::Writer& writer);
 
 struct TraceQuery {

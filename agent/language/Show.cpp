@@ -30,12 +30,18 @@ struct Row {
 
 using Rows = std::vector<Row>;
 
-// Something that can be shown. Columns are the names of the rows' members; `of` the service whose answers they are.
+// Something that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
+// for people; `of` the service whose answers they are.
 struct Shown {
     std::string_view name;
     std::vector<std::string_view> columns;
     void (*collect)(const Operations& operations, const Service* of, Rows& rows);
     const Service* of = nullptr;
+    std::size_t hidden = 0;
+
+    std::size_t columnsFor(const Text::Writer& writer) const {
+        return columns.size() - (writer.isForPeople() ? hidden : 0);
+    }
 };
 
 Row requestRow(const Operations& operations, const RequestKey& key) {
@@ -52,15 +58,17 @@ void collectAnswers(const Operations& operations, const Service* of, Rows& rows)
     const auto& database = *operations.host().stores().database;
     const auto requests = database.entity(of->requestPath);
     const auto answers = database.entity(of->answerPath);
-    for (const RequestKey& key : of->requests(*requests).walk()) {
+    const auto add = [&](const RequestKey& key, const Answer& answer) {
         rows.push_back(requestRow(operations, key));
-        rows.back().cells.push_back(toDatum(of->answer(*answers, key)));
-    }
+        rows.back().cells.push_back(toDatum(answer));
+        rows.back().cells.push_back(State::toDatum(key.type));
+    };
+    for (const RequestKey& key : of->requests(*requests).walk())
+        add(key, of->answer(*answers, key));
     of->eachAnswer(*answers, [&](const RequestKey& key, const Answer& answer) {
         if (of->requests(*requests).has(key))
             return;
-        rows.push_back(requestRow(operations, key));
-        rows.back().cells.push_back(toDatum(answer));
+        add(key, answer);
         rows.back().withdrawn = answerWords(answer, "") + " (withdrawn)";
     });
 }
@@ -129,9 +137,8 @@ void collectGroups(const Operations& operations, const Service* /*of*/, Rows& ro
         rows.push_back({.vrf = vrf,
                         .group = key.group.ipv4().value(),
                         .source = key.source.ipv4().value(),
-                        .cells = {Datum(vrf), Datum(addressText(key.source.ipv4())),
-                                  Datum(addressText(key.group.ipv4())), Datum(std::uint64_t{key.vlanId}),
-                                  Datum(isWanted), id}});
+                        .cells = {Datum(vrf), Datum(addressText(key.source)), Datum(addressText(key.group)),
+                                  Datum(std::uint64_t{key.vlanId}), Datum(isWanted), id}});
     };
     if (config)
         for (const KestrelL3::IpMcastKey& key : config->mroutesCollection().walk()) {
@@ -148,9 +155,10 @@ std::span<const Shown> everythingShown() {
         std::vector<Shown> all;
         for (const Service& service : services())
             all.push_back({service.name,
-                           {"vrf", "source", "group", "intf", "vlan", service.answerColumn},
+                           {"vrf", "source", "group", "intf", "vlan", service.answerColumn, "type"},
                            &collectAnswers,
-                           &service});
+                           &service,
+                           1});
         all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
         all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
         all.push_back(
@@ -163,9 +171,10 @@ std::span<const Shown> everythingShown() {
 
 void writeRow(Text::Writer& writer, const Shown& shown, const Row& row) {
     writer.beginRecord();
-    for (std::size_t i = 0; i < row.cells.size(); ++i) {
+    const std::size_t columns = shown.columnsFor(writer);
+    for (std::size_t i = 0; i < columns; ++i) {
         writer.field(shown.columns[i]);
-        const bool isLast = i + 1 == row.cells.size();
+        const bool isLast = i + 1 == columns;
         if (writer.isForPeople() && isLast && !row.withdrawn.empty())
             writer.value(row.withdrawn);
         else
@@ -197,7 +206,7 @@ void show(const Operations& operations, std::string_view what, Text::Writer& wri
         writer.member("show", what);
         writer.field("rows");
     }
-    writer.beginTable(shown.columns);
+    writer.beginTable(std::span(shown.columns).first(shown.columnsFor(writer)));
     for (const Row& row : rows)
         writeRow(writer, shown, row);
     writer.end();

@@ -6,6 +6,7 @@
 #include "records/NatStatus.h"
 #include "records/RouteStatus.h"
 
+#include <charconv>
 #include <utility>
 
 namespace Agent {
@@ -19,6 +20,7 @@ using Routing::Hardware::RouteStatus;
 using Routing::Multicast::Fib::VrfEnabledStatus;
 using State::Datum;
 
+constexpr const char* statusAttribute = "vrfStatus";
 constexpr const char* idField = "vrfId";
 
 std::string address(WordReader& words, const char* what) {
@@ -106,21 +108,42 @@ bool StateCommands::compile(const std::vector<std::string>& given, bool raw, std
 
 void StateCommands::add(Change change) {
     change.raw = raw_;
+    noteVrf(change);
     changes_->push_back(std::move(change));
+}
+
+// Takes in what a change of a VRF's entry says to later lines, whichever verb made it.
+void StateCommands::noteVrf(const Change& change) {
+    if (change.path != RouteStatus::path || change.attribute != statusAttribute ||
+        change.key->text() == nullptr)
+        return;
+    const std::string& name = *change.key->text();
+    if (change.op == Op::del) {
+        vrfs_[name].reset();
+        return;
+    }
+    const auto known = vrfs_.find(name);
+    std::uint32_t id = (known != vrfs_.end() ? known->second : operations_.vrfIdOf(name)).value_or(0);
+    if (const Datum::Record* entry = change.value ? change.value->record() : nullptr)
+        for (const auto& [field, content] : *entry)
+            if (field == idField && content.number() != nullptr)
+                id = static_cast<std::uint32_t>(*content.number());
+    vrfs_[name] = id;
 }
 
 void StateCommands::vrf(WordReader& words) {
     const std::string name = words.word("a VRF's name");
     const Datum key(name);
-    const bool isNew = !vrfIds_.contains(name) && !operations_.value(RouteStatus::path, "vrfStatus", &key);
+    const auto known = vrfs_.find(name);
+    const bool isNew =
+        known != vrfs_.end() ? !known->second : !operations_.value(RouteStatus::path, statusAttribute, &key);
     const bool hasId = words.accept("id");
     if (hasId || isNew) {
         const std::uint64_t id = hasId ? words.number("an identifier", UINT32_MAX) : 0;
         add({.path = RouteStatus::path,
-             .attribute = "vrfStatus",
+             .attribute = statusAttribute,
              .key = key,
              .value = Datum(Datum::Record{{idField, id}})});
-        vrfIds_[name] = static_cast<std::uint32_t>(id);
     }
     if (!words.accept("multicast"))
         return;
@@ -134,8 +157,7 @@ void StateCommands::vrf(WordReader& words) {
 void StateCommands::noVrf(WordReader& words) {
     const std::string name = words.word("a VRF's name");
     add({.op = Op::del, .path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = Datum(name)});
-    add({.op = Op::del, .path = RouteStatus::path, .attribute = "vrfStatus", .key = Datum(name)});
-    vrfIds_[name] = 0;
+    add({.op = Op::del, .path = RouteStatus::path, .attribute = statusAttribute, .key = Datum(name)});
 }
 
 void StateCommands::route(WordReader& words) {
@@ -230,9 +252,11 @@ void StateCommands::egress(WordReader& words) {
 
 void StateCommands::set(WordReader& words) {
     Change change{.path = words.word("a path")};
+    words.checkLast([&] { static_cast<void>(operations_.typeAt(change.path)); });
     if (!words.atEnd()) {
         change.attribute = words.word("an attribute");
-        const auto kind = operations_.attributeAt(change.path, change.attribute).kind();
+        auto kind = State::AttributeKind::value;
+        words.checkLast([&] { kind = operations_.attributeAt(change.path, change.attribute).kind(); });
         if (kind != State::AttributeKind::value)
             change.key = datumOfWord(words.word("a key"));
         if (kind == State::AttributeKind::value || !words.atEnd())
@@ -249,15 +273,15 @@ void StateCommands::del(WordReader& words) {
 
 std::uint32_t StateCommands::vrfId(WordReader& words) const {
     const std::string name = words.word("a VRF's name");
-    const auto given = vrfIds_.find(name);
-    if (given != vrfIds_.end() && (given->second != 0 || name == "default"))
-        return given->second;
-    if (given == vrfIds_.end())
-        if (const auto id = operations_.vrfIdOf(name))
-            return *id;
-    if (name.find_first_not_of("0123456789") == std::string::npos)
-        return static_cast<std::uint32_t>(WordReader({name}).number("an identifier", UINT32_MAX));
-    throw Refusal("VRF '" + name + "' has no identifier");
+    const auto known = vrfs_.find(name);
+    const auto id = known != vrfs_.end() ? known->second : operations_.vrfIdOf(name);
+    if (GuardFacts::isIdentified(name, id))
+        return *id;
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    if (error != std::errc{} || end != name.data() + name.size())
+        words.refuseLast("VRF '" + name + "' has no identifier");
+    return number;
 }
 
 } // namespace Agent

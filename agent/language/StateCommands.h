@@ -18,6 +18,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,7 +38,7 @@ class StateCommands {
     explicit StateCommands(const Operations& operations);
 
     /// The VRF will have the identifier, by nobody's line.
-    void know(const std::string& vrfName, std::uint32_t id) { vrfIds_[vrfName] = id; }
+    void know(const std::string& vrfName, std::uint32_t id) { vrfs_[vrfName] = id; }
     /// Appends the changes that a line stands for; false if it is no state command (nothing was read then).
     /// @throws Refusal for a state command that is malformed or names what is not there.
     bool compile(const std::vector<std::string>& words, bool raw, std::vector<Change>& changes);
@@ -63,10 +65,12 @@ class StateCommands {
     std::uint32_t vrfId(WordReader& words) const;
     State::Datum groupKey(WordReader& words) const;
     void add(Change change);
+    void noteVrf(const Change& change);
 
     const Operations& operations_;
     std::unique_ptr<RouteDraft> routes_;
-    std::map<std::string, std::uint32_t, std::less<>> vrfIds_; // that earlier lines gave; 0 is none
+    // VRFs that earlier lines named with their identifiers (0: without one), or took back (nothing).
+    std::map<std::string, std::optional<std::uint32_t>, std::less<>> vrfs_;
     std::vector<Change>* changes_ = nullptr;
     bool raw_ = false;
 };

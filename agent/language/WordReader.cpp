@@ -34,11 +34,12 @@ std::size_t WordReader::oneOf(std::string_view what, std::span<const std::string
         return static_cast<std::size_t>(found - words.begin());
     }
     std::string wanted(what);
-    wanted += ": ";
+    wanted += " (";
     for (std::size_t i = 0; i < words.size(); ++i) {
         wanted += i == 0 ? "" : i + 1 == words.size() ? " or " : ", ";
         wanted += words[i];
     }
+    wanted += ')';
     refuse(wanted, Text::suggestion(given, words));
 }
 
@@ -76,6 +77,15 @@ void WordReader::refuse(std::string_view wanted, std::string_view more) const {
 
 void WordReader::refuseLast(const std::string& message) const {
     throw Refusal(message, {.word = next_});
+}
+
+void WordReader::checkLast(const std::function<void()>& check) const {
+    try {
+        check();
+    } catch (Refusal& refusal) {
+        refusal.where().word = next_;
+        throw;
+    }
 }
 
 } // namespace Agent

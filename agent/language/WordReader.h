@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -35,6 +36,8 @@ class WordReader {
     [[noreturn]] void refuse(std::string_view wanted, std::string_view more = {}) const;
     /// Refuses the word taken last, with a text of its own.
     [[noreturn]] void refuseLast(const std::string& message) const;
+    /// Has the word taken last checked: what `check` throws as a Refusal goes on with the number of that word.
+    void checkLast(const std::function<void()>& check) const;
 
   private:
     std::vector<std::string> words_;
