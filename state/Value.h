@@ -68,7 +68,9 @@ struct AnyMember {
 
 template <class T, std::size_t... i>
 constexpr bool takesMembers(std::index_sequence<i...>) {
-    return requires { T{(static_cast<void>(i), AnyMember{})...}; };
+    return requires {
+        T{(static_cast<void>(i), AnyMember{})...};
+    };
 }
 
 // How many members an aggregate has: the most initialisers that it takes.

@@ -21,9 +21,8 @@ State::Handle<NatMrouteMatcher> natMrouteMatcherFactory() {
 }
 
 void NatMrouteMatcher::add(const MrouteSourceAndGroup& sg, const NatMrouteKey& key) {
-    edit(sg, [&](MrouteKeySet& keys) {
-        return editSet(keys, [&](MrouteKeySet& set) { set.mrouteKeyIs(key); });
-    });
+    edit(sg,
+         [&](MrouteKeySet& keys) { return editSet(keys, [&](MrouteKeySet& set) { set.mrouteKeyIs(key); }); });
 }
 
 void NatMrouteMatcher::remove(const MrouteSourceAndGroup& sg, const NatMrouteKey& key) {

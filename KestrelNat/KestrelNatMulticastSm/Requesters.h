@@ -40,7 +40,12 @@ inline NatMrouteKey requestKey(const VrfIdMrouteSourceAndGroup& flow, const Mrou
     const auto& [sourceIp, groupIp] = sg;
     const auto& [intf, vlanId] = requester;
     static_assert(State::memberCount<NatMrouteKey> == 6, "where does the new member of a request come from?");
-    return {.intf = intf, .vrfId = vrfId, .vlanId = vlanId, .sourceIp = sourceIp, .groupIp = groupIp, .type = type};
+    return {.intf = intf,
+            .vrfId = vrfId,
+            .vlanId = vlanId,
+            .sourceIp = sourceIp,
+            .groupIp = groupIp,
+            .type = type};
 }
 
 } // namespace KestrelNat

@@ -50,8 +50,9 @@ T another() {
 
 template <class T>
 class KeyTypes : public testing::Test {};
-using AllKeys = testing::Types<NatMrouteKey, KestrelL3::IpMcastKey, Routing::Multicast::Fib::IpGenRouteKey,
-                               NatMcastRouteKey, MrouteSourceAndGroup, VrfIdMrouteSourceAndGroup, MrouteIntfAndVlan>;
+using AllKeys =
+    testing::Types<NatMrouteKey, KestrelL3::IpMcastKey, Routing::Multicast::Fib::IpGenRouteKey,
+                   NatMcastRouteKey, MrouteSourceAndGroup, VrfIdMrouteSourceAndGroup, MrouteIntfAndVlan>;
 TYPED_TEST_SUITE(KeyTypes, AllKeys);
 
 TYPED_TEST(KeyTypes, EveryMemberIsComparedHashedAndPrinted) {
