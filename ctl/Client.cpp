@@ -1,43 +1,41 @@
 #include "ctl/Client.h"
 
-#include <nlohmann/json.hpp>
+#include "text/JsonWriter.h"
 
-#include <poll.h>
-#include <sys/socket.h>
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/read_until.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/streambuf.hpp>
+#include <asio/write.hpp>
+
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <cstring>
+#include <csignal>
+#include <utility>
 
 namespace Ctl {
 
 namespace {
 
-/// The message, and where the fault is as far as the message does not say so itself.
-std::string textOf(const Json& error) {
-    std::string text = error.value("message", std::string("the agent refuses without a message"));
-    const auto data = error.find("data");
-    if (data == error.end() || !data->is_object())
+// The message, and where the fault is as far as the message does not say so itself.
+std::string textOf(const Message& error) {
+    std::string text = error.findText("message").value_or("the agent refuses without a message");
+    const std::optional<Message> data = error.find("data");
+    if (!data)
         return text;
     std::string where;
     for (const char* name : {"path", "attribute", "field"}) {
-        const auto part = data->find(name);
-        if (part == data->end() || !part->is_string())
-            continue;
-        const std::string& value = part->get_ref<const std::string&>();
-        if (text.find(value) == std::string::npos)
-            where += (where.empty() ? "" : ", ") + (name + (" " + value));
+        const std::optional<std::string> value = data->findText(name);
+        if (value && text.find(*value) == std::string::npos)
+            where += (where.empty() ? "" : ", ") + (name + (" " + *value));
     }
     return where.empty() ? text : text + " (" + where + ")";
 }
 
-std::string whyNot(int error, const std::string& path) {
-    switch (error) {
+std::string whyNot(const asio::error_code& error, const std::string& path) {
+    switch (error.value()) {
     case ENOENT:
         return "no agent at " + path + ": there is no such socket; --socket names another";
     case ECONNREFUSED:
@@ -46,145 +44,158 @@ std::string whyNot(int error, const std::string& path) {
     case EPERM:
         return "the agent at " + path + " serves its own user only: permission denied";
     default:
-        return "no agent at " + path + ": " + std::strerror(error);
+        return "no agent at " + path + ": " + error.message();
     }
 }
 
 } // namespace
 
-AgentError::AgentError(const Json& error)
+AgentError::AgentError(const Message& error)
     : std::runtime_error(textOf(error))
-    , code_(error.value("code", 0))
-    , object_(std::make_shared<const Json>(error)) {}
+    , object_(error) {}
+
+bool AgentError::isUsage() const {
+    const std::optional<Message> data = object_.find("data");
+    // With a line's number it is a line of a file.
+    return data && data->findNumber("word") && !data->find("line");
+}
+
+struct Client::Connection {
+    // Bytes of the first line that was received, without its newline.
+    std::optional<std::size_t> lineLength() const;
+    std::string_view bytes() const;
+    // Waits for a line or the connection's end; false when the wait ended without.
+    bool awaitLine(std::optional<Clock::time_point> deadline, bool endsOnInterrupt);
+
+    asio::io_context context;
+    asio::local::stream_protocol::socket socket{context};
+    asio::signal_set signals{context};
+    asio::streambuf received;
+    asio::error_code readError;
+    bool isReading = false; // a read outlives a wait that ended without it
+    bool isInterrupted = false;
+};
+
+std::string_view Client::Connection::bytes() const {
+    return {static_cast<const char*>(received.data().data()), received.size()};
+}
+
+std::optional<std::size_t> Client::Connection::lineLength() const {
+    const std::size_t end = bytes().find('\n');
+    return end == std::string_view::npos ? std::nullopt : std::optional(end);
+}
+
+bool Client::Connection::awaitLine(std::optional<Clock::time_point> deadline, bool endsOnInterrupt) {
+    if (lineLength() || readError)
+        return true;
+    if (!std::exchange(isReading, true))
+        asio::async_read_until(socket, received, '\n', [this](const asio::error_code& error, std::size_t) {
+            readError = error;
+            isReading = false;
+        });
+    context.restart();
+    while (isReading && !(endsOnInterrupt && isInterrupted))
+        if ((deadline ? context.run_one_until(*deadline) : context.run_one()) == 0)
+            return false;
+    return !isReading;
+}
 
 Client::Client(const std::string& path)
-    : path_(path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path)
+    : path_(path)
+    , connection_(std::make_unique<Connection>()) {
+    if (path.empty() || path.size() >= sizeof sockaddr_un::sun_path)
         throw ConnectionError("no agent at '" + path + "': a socket's path has 1 to " +
-                              std::to_string(sizeof address.sun_path - 1) + " bytes");
-    std::memcpy(address.sun_path, path.data(), path.size());
-    socket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (socket_ < 0 || ::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        const int error = errno;
-        if (socket_ >= 0)
-            ::close(socket_);
+                              std::to_string(sizeof sockaddr_un::sun_path - 1) + " bytes");
+    asio::error_code error;
+    connection_->socket.connect(path, error);
+    if (error)
         throw ConnectionError(whyNot(error, path));
-    }
 }
 
-Client::~Client() {
-    ::close(socket_);
-}
+Client::~Client() = default;
 
-Json Client::call(const std::string& method, const Json& params) {
+Message Client::call(std::string_view method, const Text::Tell& params) {
     const std::int64_t id = ++lastId_;
-    const std::string request =
-        Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump();
+    std::string request;
+    Text::JsonWriter writer(request);
+    writer.beginRecord();
+    writer.member("jsonrpc", "2.0");
+    writer.member("id", id);
+    writer.member("method", method);
+    writer.field("params");
+    params(writer);
+    writer.end();
     if (request.size() > messageLimit)
         throw std::runtime_error("the request has " + std::to_string(request.size()) +
                                  " bytes, the agent takes " + std::to_string(messageLimit));
-    send(request + "\n");
+    send(request += '\n');
     for (;;) {
-        const std::optional<std::string> line = takeLine();
-        if (!line) {
-            receive(std::nullopt, -1);
-            continue;
-        }
-        Json message = Json::parse(*line, nullptr, false);
-        if (!message.is_object())
+        std::string line = takeLine();
+        const std::optional<Message> message = Message::parse(line);
+        if (!message)
             lost("it speaks another language");
-        if (message.contains("method")) {
-            notifications_.push_back(*line);
+        if (message->find("method")) {
+            notifications_.push_back(std::move(line));
             continue;
         }
         // Without an id the agent refuses something as a whole, such as one client too many.
-        if (const auto error = message.find("error"); error != message.end() && error->is_object())
+        if (const std::optional<Message> error = message->find("error"))
             throw AgentError(*error);
-        if (message.value("id", Json()) == id && message.contains("result"))
-            return std::move(message["result"]);
-        lost("it answers another question");
+        std::optional<Message> result = message->find("result");
+        if (message->findNumber("id") != id || !result)
+            lost("it answers another question");
+        return *std::move(result);
     }
 }
 
-std::optional<Json> Client::notification(std::optional<Clock::time_point> deadline, int cancel) {
-    while (notifications_.empty())
-        if (std::optional<std::string> line = takeLine())
-            notifications_.push_back(std::move(*line));
-        else if (!receive(deadline, cancel))
+void Client::endOnInterrupt() {
+    asio::signal_set& signals = connection_->signals;
+    signals.add(SIGINT);
+    signals.add(SIGTERM);
+    signals.async_wait([connection = connection_.get()](const asio::error_code& error, int) {
+        connection->isInterrupted = !error;
+    });
+}
+
+std::optional<Message> Client::notification(std::optional<Clock::time_point> deadline) {
+    if (notifications_.empty()) {
+        if (!connection_->awaitLine(deadline, true))
             return std::nullopt;
-    const Json message = Json::parse(notifications_.front(), nullptr, false);
+        notifications_.push_back(takeLine());
+    }
+    const std::optional<Message> message = Message::parse(notifications_.front());
     notifications_.pop_front();
-    if (!message.is_object() || !message.contains("params"))
+    std::optional<Message> params = message ? message->find("params") : std::nullopt;
+    if (!params)
         lost("it speaks another language");
-    return message.at("params");
+    return params;
+}
+
+bool Client::hasNotification() const {
+    return !notifications_.empty() || connection_->lineLength();
 }
 
 void Client::send(std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
-        if (count >= 0)
-            text.remove_prefix(static_cast<std::size_t>(count));
-        else if (errno == EPIPE || errno == ECONNRESET)
-            return; // it may have said why before it closed
-        else if (errno != EINTR)
-            lost(std::strerror(errno));
-    }
+    asio::error_code error;
+    asio::write(connection_->socket, asio::buffer(text), error);
+    // One that has gone may have said why before it went.
+    if (error && error != asio::error::broken_pipe && error != asio::error::connection_reset)
+        lost(error.message());
 }
 
-/// Waits for bytes and takes what is there.
-/// @return false when the deadline or `cancel` came first.
-bool Client::receive(std::optional<Clock::time_point> deadline, int cancel) {
-    int timeout = -1;
-    if (deadline) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
-        timeout = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
-    }
-    std::array<pollfd, 2> waits{
-        {{.fd = socket_, .events = POLLIN, .revents = 0}, {.fd = cancel, .events = POLLIN, .revents = 0}}};
-    const int ready = ::poll(waits.data(), waits.size(), timeout);
-    if (ready < 0 && errno != EINTR)
-        lost(std::strerror(errno));
-    if (ready == 0 || waits[1].revents != 0)
-        return false;
-    if (ready < 0)
-        return true;
-    std::array<char, 65536> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init)
-    const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), 0);
-    if (count == 0)
-        lost("it closed the connection");
-    if (count > 0)
-        received_.append(buffer.data(), static_cast<std::size_t>(count));
-    else if (errno != EINTR)
-        lost(std::strerror(errno));
-    return true;
-}
-
-std::optional<std::string> Client::takeLine() {
-    const std::size_t end = received_.find('\n', scanned_);
-    if (end == std::string::npos) {
-        received_.erase(0, begin_);
-        begin_ = 0;
-        scanned_ = received_.size();
-        return std::nullopt;
-    }
-    std::string line = received_.substr(begin_, end - begin_);
-    begin_ = scanned_ = end + 1;
+std::string Client::takeLine() {
+    connection_->awaitLine(std::nullopt, false);
+    const std::optional<std::size_t> length = connection_->lineLength();
+    if (!length)
+        lost(connection_->readError == asio::error::eof ? "it closed the connection"
+                                                        : connection_->readError.message());
+    std::string line(connection_->bytes().substr(0, *length));
+    connection_->received.consume(*length + 1);
     return line;
 }
 
 void Client::lost(const std::string& why) const {
     throw ConnectionError("the agent at " + path_ + " is lost: " + why);
-}
-
-std::string defaultSocketPath() {
-    if (::geteuid() == 0)
-        return "/run/kestrel-nat.sock";
-    const char* directory = std::getenv("XDG_RUNTIME_DIR");
-    if (directory == nullptr || *directory == '\0')
-        throw std::runtime_error("XDG_RUNTIME_DIR is not set: name the agent's socket with --socket");
-    return std::string(directory) + "/kestrel-nat.sock";
 }
 
 } // namespace Ctl

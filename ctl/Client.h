@@ -4,9 +4,11 @@
 // CommandLine.cpp makes one per run. Read next: Commands.h.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
+#include "ctl/Message.h"
+#include "text/Writer.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -17,15 +19,7 @@
 
 namespace Ctl {
 
-/// Keeps the order in which the agent wrote the fields.
-using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
-
-/// The agent can't be reached, or has gone; the message names the socket's path.
-class ConnectionError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 
 /// The agent answered with an error object.
 class AgentError : public std::runtime_error {
@@ -34,15 +28,16 @@ class AgentError : public std::runtime_error {
     static constexpr int expectationFailed = -32001;
 
     /// @param error the error object of the answer.
-    explicit AgentError(const Json& error);
+    explicit AgentError(const Message& error);
 
-    int code() const { return code_; }
+    bool isExpectation() const { return object_.findNumber("code") == expectationFailed; }
+    /// Whether a word of the line is wrong that the user gave on the command line.
+    bool isUsage() const;
     /// The whole error object.
-    const Json& object() const { return *object_; }
+    const Message& object() const { return object_; }
 
   private:
-    int code_;
-    std::shared_ptr<const Json> object_;
+    Message object_;
 };
 
 class Client {
@@ -51,7 +46,7 @@ class Client {
     static constexpr std::size_t messageLimit = 4U << 20U;
 
     /// Connects.
-    /// @throws ConnectionError when nobody serves the path, or not for this user.
+    /// @throws ConnectionError when nobody serves the path, or not for this user; it names the path.
     explicit Client(const std::string& path);
     ~Client();
     Client(const Client&) = delete;
@@ -61,36 +56,31 @@ class Client {
     /// @throws AgentError when the agent refuses it; ConnectionError when the agent goes before it has
     /// answered.
     /// @throws std::runtime_error when the request is larger than the agent takes.
-    Json call(const std::string& method, const Json& params);
+    Message call(std::string_view method, const Text::Tell& params);
+
+    /// Has SIGINT and SIGTERM end the waits for notifications instead of the program.
+    void endOnInterrupt();
 
     /// Waits for the next notification.
     /// @param deadline until when; none waits for ever.
-    /// @param cancel a descriptor that ends the wait when it becomes readable; -1 is none.
     /// @return the notification's parameters, or nothing when the wait ended without one.
     /// @throws ConnectionError when the agent closed the connection.
-    std::optional<Json> notification(std::optional<Clock::time_point> deadline, int cancel = -1);
+    std::optional<Message> notification(std::optional<Clock::time_point> deadline = std::nullopt);
 
     /// Whether a notification has arrived that notification() would return at once.
-    bool hasNotification() const { return !notifications_.empty(); }
+    bool hasNotification() const;
 
   private:
+    struct Connection;
+
     void send(std::string_view text);
-    bool receive(std::optional<Clock::time_point> deadline, int cancel);
-    std::optional<std::string> takeLine();
+    std::string takeLine();
     [[noreturn]] void lost(const std::string& why) const;
 
     std::string path_;
-    int socket_ = -1;
+    std::unique_ptr<Connection> connection_;
     std::int64_t lastId_ = 0;
-    std::string received_;
-    std::size_t begin_ = 0;                 // of what is not taken yet in received_
-    std::size_t scanned_ = 0;               // no newline from begin_ to here
     std::deque<std::string> notifications_; // as received
 };
-
-/// The socket that is spoken to unless told otherwise: /run/kestrel-nat.sock as root, else
-/// $XDG_RUNTIME_DIR/kestrel-nat.sock.
-/// @throws std::runtime_error when XDG_RUNTIME_DIR is needed and not set.
-std::string defaultSocketPath();
 
 } // namespace Ctl

@@ -2,12 +2,14 @@
 
 #include "ctl/Client.h"
 #include "ctl/Commands.h"
-#include "ctl/LineHelp.h"
+#include "ctl/Duration.h"
 #include "ctl/Watch.h"
-#include "ctl/Words.h"
+#include "text/Nearest.h"
+#include "text/SocketPath.h"
+#include "text/Verbs.h"
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -21,18 +23,15 @@ namespace {
 
 constexpr const char* rawHelp = "Change it even where the agent's guards refuse to";
 
-/// What the command line says. The options' targets live here while CLI11 reads them.
+// What the command line says. The options' targets live here while CLI11 reads them.
 struct CommandLine {
     std::string socket;
-    bool json = false;
-    bool raw = false;
-    std::vector<std::string> words; // of a line of the grammar
+    bool isJson = false;
+    bool isRaw = false;
+    std::vector<std::string> words;       // of a line of the grammar
+    std::vector<std::string> optionWords; // that options put behind them
     std::string since;
-    GetCommand get;
     ApplyCommand apply;
-    TraceCommand trace;
-    std::string type;
-    std::string verify;
     std::function<int(Client&, const Output&)> action;
 };
 
@@ -41,13 +40,10 @@ CLI::ValidationError usageError(const std::string& what) {
 }
 
 bool isLine(const std::string& command) {
-    const auto lines = lineCommands();
-    return command == "wait" || std::any_of(lines.begin(), lines.end(), [&command](const LineHelp& line) {
-               return line.takesMore && line.name == command;
-           });
+    return command == "wait" || Text::verb(command) != nullptr;
 }
 
-/// The command's place in the arguments; their end when there is none.
+// The command's place in the arguments; their end when there is none.
 std::size_t commandAt(const std::vector<std::string>& arguments) {
     std::size_t at = 0;
     while (at < arguments.size() && arguments[at].starts_with("-"))
@@ -55,8 +51,8 @@ std::size_t commandAt(const std::vector<std::string>& arguments) {
     return std::min(at, arguments.size());
 }
 
-/// Takes the words of a line of the grammar out of the arguments, so that no option or list is read into
-/// them. Behind the command what begins with "--" is an option, up to a lone "--".
+// Takes the words of a line of the grammar out of the arguments, so that no option or list is read into
+// them. Behind the command what begins with "--" is an option, up to a lone "--".
 std::vector<std::string> takeWords(std::vector<std::string>& arguments) {
     const std::size_t command = commandAt(arguments);
     if (command == arguments.size() || !isLine(arguments[command]))
@@ -71,14 +67,16 @@ std::vector<std::string> takeWords(std::vector<std::string>& arguments) {
         }
         const bool isOption = argument->starts_with("--") || *argument == "-h";
         (isOption ? others : words).push_back(*argument);
-        if (*argument == "--socket" && argument + 1 != arguments.end())
+        const bool takesValue = *argument == "--socket" || *argument == "--limit" || *argument == "--after" ||
+                                *argument == "--last";
+        if (takesValue && argument + 1 != arguments.end())
             others.push_back(*++argument);
     }
     arguments = std::move(others);
     return words;
 }
 
-/// The help of a line: its forms are its usage.
+// The help of a line: its forms are its usage.
 class LineFormatter : public CLI::Formatter {
   public:
     explicit LineFormatter(std::string forms)
@@ -91,19 +89,59 @@ class LineFormatter : public CLI::Formatter {
     std::string forms_;
 };
 
-void addLine(CLI::App& app, CommandLine& line, const LineHelp& help) {
-    CLI::App* command = app.add_subcommand(help.name, help.summary);
-    command->formatter(std::make_shared<LineFormatter>(help.forms));
-    command->footer(help.notes);
-    if (help.changes)
-        command->add_flag("--raw", line.raw, rawHelp);
-    command->callback([&line, help] {
-        if (help.takesMore && line.words.empty())
-            throw usageError(help.name + " takes more words:\n" + help.forms);
-        LineCommand run{.words = help.words, .raw = line.raw};
-        run.words.insert(run.words.end(), line.words.begin(), line.words.end());
+// Whether every form of the line has words behind the verb that can't be left out.
+bool needsWords(const Text::VerbHelp& verb) {
+    const std::string alone = "  " + std::string(verb.name);
+    return verb.forms.find(alone + "\n") == std::string_view::npos &&
+           verb.forms.find(alone + " [") == std::string_view::npos;
+}
+
+// An option that stands for words at the line's end.
+CLI::Option* addWordOption(CLI::App& command, CommandLine& line, const std::string& word,
+                           const std::string& help) {
+    const auto add = [&line, word](const std::string& value) {
+        line.optionWords.insert(line.optionWords.end(), {word, value});
+    };
+    return command.add_option_function<std::string>("--" + word, add, help);
+}
+
+void addLine(CLI::App& app, CommandLine& line, const Text::VerbHelp& verb) {
+    CLI::App& command = *app.add_subcommand(std::string(verb.name), std::string(verb.summary));
+    command.formatter(std::make_shared<LineFormatter>(std::string(verb.forms)));
+    command.footer(std::string(verb.notes));
+    const CLI::Range members(std::uint64_t{1}, std::uint64_t{1'000'000});
+    if (verb.changes)
+        command.add_flag("--raw", line.isRaw, rawHelp);
+    if (verb.name == "get") {
+        addWordOption(command, line, "limit", "At most so many members")->check(members);
+        addWordOption(command, line, "after", "Members behind this one: JSON, or a word")->type_name("KEY");
+    } else if (verb.name == "trace") {
+        addWordOption(command, line, "last", "The ring's last so many records")->check(members);
+    }
+    command.callback([&line, &verb] {
+        if (needsWords(verb) && line.words.empty())
+            throw usageError(std::string(verb.name) + " takes more words:\n" + std::string(verb.forms));
+        LineCommand run{.words = {std::string(verb.name)}, .isRaw = line.isRaw};
+        for (const auto* words : {&line.words, &line.optionWords})
+            run.words.insert(run.words.end(), words->begin(), words->end());
+        if (!std::all_of(run.words.begin(), run.words.end(), isUtf8))
+            throw usageError("the words are not UTF-8");
         line.action = [run](Client& client, const Output& output) { return runLine(client, run, output); };
     });
+}
+
+// The forms of `expect` that name an answer, for `wait`.
+std::string waitForms() {
+    const std::string_view forms = Text::verb("expect")->forms;
+    std::string answers;
+    for (std::size_t begin = 0; begin < forms.size();) {
+        const std::size_t end = forms.find('\n', begin) + 1;
+        std::string form(forms.substr(begin, end - begin));
+        if (form.find(" trace ") == std::string::npos)
+            answers += form.replace(form.find("expect"), 6, "wait");
+        begin = end;
+    }
+    return answers;
 }
 
 WaitCommand waitOf(std::vector<std::string> words) {
@@ -117,14 +155,16 @@ WaitCommand waitOf(std::vector<std::string> words) {
     }
     const bool isAnswer = !words.empty() && (words[0] == "mroute" || words[0] == "mgroup");
     if (!isAnswer || std::find(words.begin(), words.end(), "=") == words.end())
-        throw usageError("wait takes an answer and what it should be:\n" + answerForms("wait"));
+        throw usageError("wait takes an answer and what it should be:\n" + waitForms());
+    if (!std::all_of(words.begin(), words.end(), isUtf8))
+        throw usageError("the words are not UTF-8");
     wait.words = std::move(words);
     return wait;
 }
 
 void addWait(CLI::App& app, CommandLine& line) {
     CLI::App* command = app.add_subcommand("wait", "Wait until an answer is what it should be");
-    command->formatter(std::make_shared<LineFormatter>(answerForms("wait")));
+    command->formatter(std::make_shared<LineFormatter>(waitForms()));
     command->footer("Behind it may stand timeout TIME, such as 500ms, 2s (5s unless told) or 1m.\n"
                     "Ends with status 3 and says both sides when the time runs out.");
     command->callback([&line] {
@@ -160,78 +200,16 @@ void addWatch(CLI::App& app, CommandLine& line) {
     });
 }
 
-void addGet(CLI::App& app, CommandLine& line) {
-    CLI::App* command = app.add_subcommand("get", "Read a value or a collection");
-    GetCommand& get = line.get;
-    command->add_option("PATH", get.path, "Where")->required();
-    command->add_option("ATTRIBUTE", get.attribute, "Which; without it, all of them");
-    command->add_option("KEY", get.key, "The member of a collection: JSON, or a word");
-    command->add_option("--limit", get.limit, "At most so many members")
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000}));
-    command->add_option("--after", get.after, "Members behind this one: JSON, or a word")->type_name("KEY");
-    command->callback([&line] {
-        line.action = [&line](Client& client, const Output& output) {
-            return runGet(client, line.get, output);
-        };
-    });
-}
-
 void addApply(CLI::App& app, CommandLine& line) {
     CLI::App* command = app.add_subcommand("apply", "Apply a file of state commands: all of it, or nothing");
     command->add_option("FILE", line.apply.file, "The file; - is standard input")->required();
-    command->add_flag("--dry-run", line.apply.dryRun, "Say which answers would change, and change nothing");
-    command->add_flag("--raw", line.apply.raw, rawHelp);
+    command->add_flag("--dry-run", line.apply.isDryRun, "Say which answers would change, and change nothing");
+    command->add_flag("--raw", line.apply.isRaw, rawHelp);
     command->footer("The file holds vrf, route, request, group, egress, set, del and no, one a line.\n"
                     "Prints the answers that changed.");
     command->callback([&line] {
         line.action = [&line](Client& client, const Output& output) {
             return runApply(client, line.apply, output);
-        };
-    });
-}
-
-void addTrace(CLI::App& app, CommandLine& line) {
-    CLI::App* command = app.add_subcommand("trace", "Show or set trace levels, or read the trace ring");
-    TraceCommand& trace = line.trace;
-    CLI::Option* facility = command->add_option("FACILITY", trace.facility, "Whose level to set");
-    CLI::Option* level =
-        command->add_option("LEVEL", trace.level, "0 (the least) to 9")->check(CLI::Range(0, 9));
-    facility->needs(level);
-    command->add_option("--last", trace.last, "The ring's last so many records")
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000}))
-        ->excludes(facility);
-    command->callback([&line] {
-        line.action = [&line](Client& client, const Output& output) {
-            return runTrace(client, line.trace, output);
-        };
-    });
-}
-
-void addSchema(CLI::App& app, CommandLine& line) {
-    CLI::App* command = app.add_subcommand("schema", "Tell what can be read, set and called");
-    command->add_option("TYPE", line.type, "One type; without it, all");
-    command->callback([&line] {
-        line.action = [&line](Client& client, const Output& output) {
-            return runSchema(client, line.type, output);
-        };
-    });
-}
-
-void addStatus(CLI::App& app, CommandLine& line) {
-    CLI::App* command =
-        app.add_subcommand("status", "Show how the agent fares: version, readiness, sizes, counters");
-    command->callback([&line] { line.action = runStatus; });
-}
-
-void addKernel(CLI::App& app, CommandLine& line) {
-    CLI::App* command = app.add_subcommand("kernel", "Show how the mirror of the kernel's routes fares");
-    command->add_option("verify", line.verify,
-                        "The word verify: compare what the kernel has now with the tables");
-    command->callback([&line] {
-        if (!line.verify.empty() && line.verify != "verify")
-            throw usageError("kernel takes the word verify, not '" + line.verify + "'");
-        line.action = [&line](Client& client, const Output& output) {
-            return runKernel(client, !line.verify.empty(), output);
         };
     });
 }
@@ -247,38 +225,67 @@ void addCommands(CLI::App& app, CommandLine& line) {
                    "The agent's control socket (/run/kestrel-nat.sock as root, else "
                    "$XDG_RUNTIME_DIR/kestrel-nat.sock)")
         ->type_name("PATH");
-    app.add_flag("--json", line.json, "Print the result object as it came");
-    for (const LineHelp& help : lineCommands())
-        addLine(app, line, help);
-    addGet(app, line);
+    app.add_flag("--json", line.isJson, "Print the result object as it came");
+    for (const Text::VerbHelp& verb : Text::verbs())
+        addLine(app, line, verb);
     addWatch(app, line);
     addWait(app, line);
     addApply(app, line);
-    addTrace(app, line);
-    addSchema(app, line);
-    addStatus(app, line);
-    addKernel(app, line);
     app.footer(
         "kestrelctl COMMAND --help tells more. Exit status: 0 done, 1 failed, 2 usage, 3 a wait ran out.");
 }
 
-bool isCommand(const CLI::App& app, const std::string& name) {
-    const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
-    return std::any_of(commands.begin(), commands.end(),
-                       [&name](const CLI::App* command) { return command->get_name() == name; });
+// "there is no KIND 'WORD'", and which was meant or whose help lists them.
+std::string unknown(const std::string& kind, const std::string& word, const std::vector<std::string>& known,
+                    const std::string& program) {
+    const std::string meant =
+        Text::suggestion(word, std::vector<std::string_view>(known.begin(), known.end()));
+    return "there is no " + kind + " '" + word + "'" +
+           (meant.empty() ? "; " + program + " --help lists them" : meant) + '\n';
 }
 
-/// @return the exit status if that was all: help, the version or a fault.
+std::vector<std::string> commandsOf(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(command->get_name());
+    return names;
+}
+
+std::vector<std::string> optionsOf(const CLI::App& app, const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::App* each : {&command, &app})
+        for (const CLI::Option* option : each->get_options([](const CLI::Option*) { return true; }))
+            if (!option->get_lnames().empty())
+                names.push_back("--" + option->get_lnames().front());
+    return names;
+}
+
+// What is wrong with the usage, told in full.
+std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
+    const auto commands = app.get_subcommands();
+    if (commands.empty() && error.get_name() == "RequiredError")
+        return "no command is given\nkestrelctl --help tells more\n";
+    const CLI::App& command = commands.empty() ? app : *commands.front();
+    const std::string program = commands.empty() ? "kestrelctl" : "kestrelctl " + command.get_name();
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError))
+        for (const std::string& argument : app.remaining(true))
+            if (argument.starts_with("-"))
+                return unknown("option", argument.substr(0, argument.find('=')), optionsOf(app, command),
+                               program);
+    return error.what() + ("\n" + program) + " --help tells more\n";
+}
+
+// Returns the exit status if that was all: help, the version or a fault.
 std::optional<int> read(CommandLine& line, std::vector<std::string> arguments, std::ostream& out,
                         std::ostream& err) {
     CLI::App app("Speaks to kestrel-agent: asks which interfaces and hardware groups multicast flows use.",
                  "kestrelctl");
     addCommands(app, line);
+    const std::vector<std::string> commands = commandsOf(app);
     const std::size_t command = commandAt(arguments);
-    const bool hasCommand = command < arguments.size();
-    if (hasCommand && !isCommand(app, arguments[command])) {
-        err << "kestrelctl: there is no command '" << arguments[command]
-            << "'; kestrelctl --help lists them\n";
+    if (command < arguments.size() &&
+        std::find(commands.begin(), commands.end(), arguments[command]) == commands.end()) {
+        err << "kestrelctl: " << unknown("command", arguments[command], commands, "kestrelctl");
         return exitUsage;
     }
     line.words = takeWords(arguments);
@@ -291,11 +298,7 @@ std::optional<int> read(CommandLine& line, std::vector<std::string> arguments, s
             app.exit(error, out, err);
             return exitDone;
         }
-        const auto commands = app.get_subcommands();
-        const std::string what =
-            hasCommand || error.get_name() != "RequiredError" ? error.what() : "no command is given";
-        err << "kestrelctl: " << what << "\nkestrelctl "
-            << (commands.empty() ? "" : commands.front()->get_name() + " ") << "--help tells more\n";
+        err << "kestrelctl: " << usageText(app, error);
         return exitUsage;
     }
 }
@@ -307,14 +310,15 @@ int run(const std::vector<std::string>& arguments, std::ostream& out, std::ostre
     if (const std::optional<int> status = read(line, arguments, out, err))
         return *status;
     try {
-        Client client(line.socket.empty() ? defaultSocketPath() : line.socket);
-        const int status = line.action(client, {.out = out, .err = err, .json = line.json});
+        Client client(line.socket.empty() ? Text::defaultSocketPath(::geteuid() == 0) : line.socket);
+        const int status = line.action(client, {.out = out, .err = err, .isJson = line.isJson});
         out.flush();
         if (out)
             return status;
         err << "kestrelctl: the result can't be written\n";
     } catch (const AgentError& error) {
-        err << (line.json ? error.object().dump() : std::string("kestrelctl: ") + error.what()) << '\n';
+        err << (line.isJson ? error.object().json() : std::string("kestrelctl: ") + error.what()) << '\n';
+        return error.isUsage() ? exitUsage : exitFailed;
     } catch (const std::exception& error) {
         err << "kestrelctl: " << error.what() << '\n';
     }

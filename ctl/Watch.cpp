@@ -1,133 +1,108 @@
 #include "ctl/Watch.h"
 
 #include "ctl/Client.h"
-#include "ctl/CommandLine.h"
-#include "ctl/Print.h"
-#include "ctl/Words.h"
+#include "ctl/Commands.h"
+#include "ctl/Duration.h"
 
-#include <nlohmann/json.hpp>
-
-#include <sys/signalfd.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <optional>
 #include <ostream>
-#include <string>
 
 namespace Ctl {
 
 namespace {
 
-/// Turns the signals by which a user ends a program into a descriptor, while it lives.
-class Interrupts {
-  public:
-    Interrupts() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGINT);
-        sigaddset(&signals, SIGTERM);
-        ::pthread_sigmask(SIG_BLOCK, &signals, &before_);
-        fd_ = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    }
-    ~Interrupts() {
-        signalfd_siginfo info{};
-        while (::read(fd_, &info, sizeof info) > 0) { // they are obeyed by now
-        }
-        ::close(fd_);
-        ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    Interrupts(const Interrupts&) = delete;
-    Interrupts& operator=(const Interrupts&) = delete;
-
-    int fd() const { return fd_; }
-
-  private:
-    int fd_ = -1;
-    sigset_t before_{};
-};
-
-/// Prints what has been seen and remembers how far that goes.
+// Prints what has been seen and remembers how far that goes.
 class Watcher {
   public:
-    explicit Watcher(const Output& output)
-        : output_(output) {}
+    Watcher(const WatchCommand& command, const Output& output)
+        : since_(command)
+        , output_(output) {}
 
-    /// The answer to `watch`: the changes that were missed, or the answers as they are.
-    void begin(const Json& answer, bool resumed) {
-        instance_ = plain(answer.at("instance"));
-        if (output_.json) {
-            output_.out << answer.dump() << '\n';
+    void tellParameters(Text::Writer& params) const {
+        params.beginRecord();
+        if (!since_.instance.empty()) {
+            params.field("since");
+            params.beginRecord();
+            params.member("instance", since_.instance);
+            params.member("seq", since_.seq);
+            params.end();
+        }
+        if (!output_.isJson)
+            params.member("text", true);
+        params.end();
+    }
+
+    // The answer to `watch`: the changes that were missed, or the answers as they are.
+    void begin(const Message& answer) {
+        std::string instance = answer.text("instance");
+        if (output_.isJson) {
+            output_.out << answer.json() << '\n';
         } else {
-            if (resumed && answer.value("lost", false))
+            if (!since_.instance.empty() && answer.isTrue("lost"))
                 output_.err << "kestrelctl: the changes since then are not known any more; these are all "
                                "answers now\n";
             for (const char* list : {"snapshot", "changes"})
-                for (const Json& change : answer.value(list, Json::array()))
-                    output_.out << changeText(change) << '\n';
+                for (const Message& change : answer.list(list))
+                    output_.out << change.text("text") << '\n';
         }
-        seq_ = answer.at("seq").get<std::uint64_t>();
+        since_ = {.instance = std::move(instance), .seq = seqOf(answer)};
+        hasBegun_ = true;
     }
 
-    void changed(const Json& change) {
-        output_.out << (output_.json ? change.dump() : changeText(change)) << '\n';
-        seq_ = change.at("seq").get<std::uint64_t>();
+    void changed(const Message& change) {
+        output_.out << (output_.isJson ? change.json() : change.text("text")) << '\n';
+        since_.seq = seqOf(change);
     }
 
     void tellHowToGoOn() const {
-        if (!instance_.empty())
-            output_.err << "kestrelctl: go on with watch --since " << instance_ << ':' << seq_ << '\n';
+        output_.out.flush();
+        if (hasBegun_)
+            output_.err << "kestrelctl: go on with watch --since " << since_.instance << ':' << since_.seq
+                        << '\n';
     }
 
   private:
+    static std::uint64_t seqOf(const Message& message) {
+        return static_cast<std::uint64_t>(message.number("seq"));
+    }
+
+    WatchCommand since_; // what has been printed
     const Output& output_;
-    std::string instance_;
-    std::uint64_t seq_ = 0;
+    bool hasBegun_ = false;
 };
 
-std::string durationText(std::chrono::milliseconds duration) {
-    return duration.count() % 1000 == 0 ? std::to_string(duration.count() / 1000) + "s"
-                                        : std::to_string(duration.count()) + "ms";
-}
-
-/// Looks once; prints the result of an expectation that holds.
-/// @return nothing where it holds, otherwise what the agent says of it.
+// Looks once; prints the result of an expectation that holds.
+// Returns nothing where it holds, otherwise what the agent says of it.
 std::optional<std::string> whyUnmet(Client& client, const LineCommand& expectation, const Output& output) {
     try {
         runLine(client, expectation, output);
         return std::nullopt;
     } catch (const AgentError& error) {
-        if (error.code() != AgentError::expectationFailed)
+        if (!error.isExpectation())
             throw;
-        return output.json ? error.object().dump() : error.what();
+        return output.isJson ? error.object().json() : error.what();
     }
 }
 
 } // namespace
 
 int runWatch(Client& client, const WatchCommand& command, const Output& output) {
-    const bool resumed = !command.instance.empty();
-    Json params = Json::object();
-    if (resumed)
-        params["since"] = {{"instance", command.instance}, {"seq", command.seq}};
-    const Interrupts interrupts;
-    Watcher watcher(output);
+    client.endOnInterrupt();
+    Watcher watcher(command, output);
     try {
-        watcher.begin(client.call("watch", params), resumed);
+        watcher.begin(client.call("watch", [&](Text::Writer& params) { watcher.tellParameters(params); }));
         for (;;) {
             if (!client.hasNotification())
                 output.out.flush();
-            const std::optional<Json> change = client.notification(std::nullopt, interrupts.fd());
+            const std::optional<Message> change = client.notification();
             if (!change)
                 break;
             watcher.changed(*change);
         }
     } catch (const ConnectionError&) {
-        output.out.flush();
         watcher.tellHowToGoOn();
         throw;
     }
-    output.out.flush();
     watcher.tellHowToGoOn();
     return exitDone;
 }
@@ -136,16 +111,19 @@ int runWait(Client& client, const WaitCommand& command, const Output& output) {
     const Clock::time_point deadline = Clock::now() + command.timeout;
     LineCommand expectation{.words = command.words};
     expectation.words.insert(expectation.words.begin(), "expect");
-    client.call("watch", Json::object()); // before the first look, so that no change falls between
+    // Before the first look, so that no change falls between.
+    client.call("watch", [](Text::Writer& params) {
+        params.beginRecord();
+        params.end();
+    });
     for (;;) {
         const std::optional<std::string> unmet = whyUnmet(client, expectation, output);
         if (!unmet)
             return exitDone;
         if (Clock::now() >= deadline || !client.notification(deadline)) {
-            output.err << (output.json
-                               ? ""
-                               : "kestrelctl: timed out after " + durationText(command.timeout) + ": ")
-                       << *unmet << '\n';
+            if (!output.isJson)
+                output.err << "kestrelctl: timed out after " << durationText(command.timeout) << ": ";
+            output.err << *unmet << '\n';
             return exitTimedOut;
         }
         while (client.hasNotification()) // one look answers for all of them

@@ -1,19 +1,24 @@
 // The commands that follow the agent's answers as they change: `watch` and `wait`.
 #pragma once
 
-#include "ctl/Commands.h"
+#include "ctl/Output.h"
 
 #include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace Ctl {
 
+class Client;
+
 struct WatchCommand {
-    std::string instance;  ///< of the agent whose changes were seen; empty begins anew
-    std::uint64_t seq = 0; ///< the last of them
+    std::string instance;  // of the agent whose changes were seen; empty begins anew
+    std::uint64_t seq = 0; // the last of them
 };
 
 struct WaitCommand {
-    std::vector<std::string> words; ///< of the expectation: mroute ... = ...
+    std::vector<std::string> words; // of the expectation: mroute ... = ...
     std::chrono::milliseconds timeout{5000};
 };
 

@@ -19,12 +19,14 @@ MfcKey mfcKey(const RouteKey& key) {
     return {.source = key.source.ipv4().value(), .group = key.group.ipv4().value()};
 }
 
-Change enabling(const VrfConfig& vrf, bool enabled) {
-    return {.path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = vrf.name, .value = enabled};
-}
-
-Change deletion(const char* path, const char* attribute, const VrfConfig& vrf) {
-    return {.op = Change::Op::del, .path = path, .attribute = attribute, .key = vrf.name};
+// Sets the VRF's entry, or removes it where there is no value.
+Change entryOf(const VrfConfig& vrf, const char* path, const char* attribute,
+               std::optional<State::Datum> value = {}) {
+    return {.op = value ? Change::Op::set : Change::Op::del,
+            .path = path,
+            .attribute = attribute,
+            .key = vrf.name,
+            .value = std::move(value)};
 }
 
 } // namespace
@@ -39,45 +41,29 @@ WhyNot AgentTables::apply(std::span<const Change> changes) {
 }
 
 WhyNot AgentTables::putVrf(const VrfConfig& vrf, bool multicastEnabled) {
-    std::vector<Change> changes;
-    if (!multicastEnabled)
-        changes.push_back(enabling(vrf, false));
-    changes.push_back({.path = RouteStatus::path,
-                       .attribute = "vrfStatus",
-                       .key = vrf.name,
-                       .value = State::Datum::Record{{"vrfId", std::uint64_t{vrf.id}}}});
+    const State::Datum::Record entry{{"vrfId", std::uint64_t{vrf.id}}};
+    std::vector<Change> changes{entryOf(vrf, RouteStatus::path, "vrfStatus", entry)};
     for (const RouteType type : routeTypes)
         changes.push_back({.path = operations_.host().routes().tablePath(vrf.name, type)});
-    if (multicastEnabled)
-        changes.push_back(enabling(vrf, true));
+    // Multicast goes on last, and off first.
+    changes.insert(multicastEnabled ? changes.end() : changes.begin(),
+                   entryOf(vrf, VrfEnabledStatus::path, "vrfEnabled", multicastEnabled));
     return apply(changes);
 }
 
 WhyNot AgentTables::removeVrf(const VrfConfig& vrf) {
-    const Change changes[] = {deletion(VrfEnabledStatus::path, "vrfEnabled", vrf),
-                              deletion(RouteStatus::path, "vrfStatus", vrf)};
+    const Change changes[] = {entryOf(vrf, VrfEnabledStatus::path, "vrfEnabled"),
+                              entryOf(vrf, RouteStatus::path, "vrfStatus")};
     WhyNot why = apply(changes);
     if (why.empty())
-        tables_.erase(vrf.name);
+        std::erase_if(tables_, [&](const auto& table) { return table.first.first == vrf.name; });
     return why;
-}
-
-std::unique_ptr<RouteTable>& AgentTables::tableOf(const VrfConfig& vrf, RouteType type) {
-    return tables_[vrf.name][static_cast<std::size_t>(type)];
-}
-
-template <class Visit>
-void AgentTables::eachTable(Visit visit) {
-    for (auto& [vrf, tables] : tables_)
-        for (const auto& table : tables)
-            if (table)
-                visit(*table);
 }
 
 WhyNot AgentTables::putRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key,
                              std::span<const Oif> oifs) {
     try {
-        std::unique_ptr<RouteTable>& table = tableOf(vrf, type);
+        std::unique_ptr<RouteTable>& table = tables_[{vrf.name, type}];
         if (!table)
             table = operations_.host().routes().table(vrf.name, type);
         operations_.changedDirectly(table->put(routeKey(key), oifs));
@@ -90,22 +76,23 @@ WhyNot AgentTables::putRoute(const VrfConfig& vrf, RouteType type, const MfcKey&
 }
 
 void AgentTables::removeRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key) {
-    if (const auto& table = tableOf(vrf, type))
-        operations_.changedDirectly(table->erase(routeKey(key)));
+    if (const auto at = tables_.find({vrf.name, type}); at != tables_.end())
+        operations_.changedDirectly(at->second->erase(routeKey(key)));
 }
 
 bool AgentTables::renameInterface(int ifindex, std::string_view name) {
     bool rowsHoldNames = false;
-    eachTable([&](RouteTable& table) {
-        const bool isRenamed = table.rename(ifindex, name);
+    for (const auto& [place, table] : tables_) {
+        const bool isRenamed = table->rename(ifindex, name);
         operations_.changedDirectly(isRenamed);
         rowsHoldNames = rowsHoldNames || !isRenamed;
-    });
+    }
     return rowsHoldNames;
 }
 
 void AgentTables::forgetInterface(int ifindex) {
-    eachTable([&](RouteTable& table) { table.forget(ifindex); });
+    for (const auto& [place, table] : tables_)
+        table->forget(ifindex);
 }
 
 std::optional<bool> AgentTables::multicastEnabled(const VrfConfig& vrf) const {

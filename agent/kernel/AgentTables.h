@@ -8,10 +8,8 @@
 #include "agent/changes/Operations.h"
 #include "agent/kernel/TableSink.h"
 
-#include <array>
 #include <map>
 #include <memory>
-#include <string>
 
 namespace Agent::Kernel {
 
@@ -32,16 +30,11 @@ class AgentTables final : public TableSink {
     void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const override;
 
   private:
-    // Of a VRF, by route type; those that have had a route.
-    using Tables = std::array<std::unique_ptr<RouteTable>, std::size(routeTypes)>;
-
     WhyNot apply(std::span<const Change> changes);
-    std::unique_ptr<RouteTable>& tableOf(const VrfConfig& vrf, RouteType type);
-    template <class Visit>
-    void eachTable(Visit visit);
 
     Operations& operations_;
-    std::map<std::string, Tables> tables_; // by VRF
+    // By VRF and route type, those that have had a route.
+    std::map<std::pair<std::string, RouteType>, std::unique_ptr<RouteTable>> tables_;
 };
 
 } // namespace Agent::Kernel

@@ -19,36 +19,26 @@ std::string Interfaces::nameOf(int ifindex) const {
     return at == map_.end() ? "#" + std::to_string(ifindex) : at->second.name;
 }
 
-Interfaces::Change Interfaces::learnFromEvent(const Link& link) {
-    const Change change = learn(link);
-    map_[link.ifindex].touched = dump_;
-    return change;
-}
-
-Interfaces::Change Interfaces::learnFromDump(const Link& link) {
-    const Interface* known = find(link.ifindex);
-    return known && known->touched == dump_ ? Change() : learn(link);
-}
-
-Interfaces::Change Interfaces::learn(const Link& link) {
-    Interface& known = map_[link.ifindex];
+bool Interfaces::learn(const Link& link, bool isFromDump) {
+    const auto [at, isNew] = map_.try_emplace(link.ifindex);
+    Interface& known = at->second;
+    if (isFromDump && known.touched == dump_)
+        return false;
     known.seen = dump_;
+    known.touched = isFromDump ? known.touched : dump_;
     // Where another interface took the index before the sink heard that the first went, the sink sees a rename.
     if (toForget_.erase(link.ifindex) > 0)
         known.told = true;
     if (known.name != link.name) {
         known.name = link.name;
-        ++version_;
         if (known.told)
             toRename_.insert(link.ifindex);
     }
     const bool wasInternal = std::exchange(known.internal, known.internal || link.internal);
-    return {.toInternal = known.internal && !wasInternal, .toKnown = missing_.erase(link.ifindex) > 0};
+    return isNew || known.internal != wasInternal;
 }
 
 void Interfaces::remove(int ifindex) {
-    disturbed_ = true;
-    missing_.erase(ifindex);
     toRename_.erase(ifindex);
     const auto at = map_.find(ifindex);
     if (at == map_.end())
@@ -56,12 +46,6 @@ void Interfaces::remove(int ifindex) {
     if (at->second.told)
         toForget_.insert(ifindex);
     map_.erase(at);
-    ++version_;
-}
-
-void Interfaces::beginDump() {
-    ++dump_;
-    disturbed_ = false;
 }
 
 std::vector<int> Interfaces::unseen() const {

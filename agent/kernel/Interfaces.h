@@ -1,11 +1,9 @@
 // The network interfaces by ifindex: their names, which of them are never reported as OIFs, and what the sink has
 // to hear of them.
 //
-// A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is
-// gone, if nothing went meanwhile. Mirror owns it, brings the messages, and tells the sink and the VRFs what
-// follows; OifSets marks the interfaces that the sink is told of, or would be if they had a name. Names stay in
-// place while their interface exists; version() advances when one may have changed, so that lists of names can be
-// kept.
+// A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is gone,
+// if nothing went meanwhile. Mirror changes it and tells the sink and the VRFs what follows; MirrorShared, its
+// owner, marks the interfaces that the sink is told of.
 #pragma once
 
 #include "agent/kernel/KernelMessage.h"
@@ -33,24 +31,14 @@ class Interfaces {
     bool isInternal(int ifindex) const;
     /// "#7" for an interface that isn't known.
     std::string nameOf(int ifindex) const;
-    /// Never 0.
-    std::uint64_t version() const { return version_; }
 
-    /// What a message about an interface changed for routes that have it.
-    struct Change {
-        bool toInternal = false; // it must leave their OIFs
-        bool toKnown = false;    // they were told without it, as it had no name
-    };
-    Change learnFromEvent(const Link& link);
-    Change learnFromDump(const Link& link);
+    /// @return whether routes that have the interface look otherwise now: they were told without it, as it had no
+    /// name, or must be, as it turned out to be internal.
+    bool learn(const Link& link, bool isFromDump);
     void remove(int ifindex);
-    /// Routes are told without the interface, as it isn't known.
-    void noteMissing(int ifindex) { missing_.insert(ifindex); }
 
-    void beginDump();
-    void disturbDump() { disturbed_ = true; }
-    /// Whether the dump has to be repeated; if not, unseen() are gone.
-    bool dumpDisturbed() const { return disturbed_; }
+    void beginDump() { ++dump_; }
+    /// Those that the dump didn't have: gone, if nothing else went meanwhile.
     std::vector<int> unseen() const;
 
     /// Interfaces that the sink knows by another name, and those that it need not know any more; who tells it
@@ -60,13 +48,8 @@ class Interfaces {
     std::set<int>& toForget() { return toForget_; }
 
   private:
-    Change learn(const Link& link);
-
     std::unordered_map<int, Interface> map_;
-    std::uint64_t version_ = 1;
     std::uint32_t dump_ = 0; // the number of the latest
-    bool disturbed_ = false;
-    std::set<int> missing_;
     std::set<int> toRename_;
     std::set<int> toForget_;
 };

@@ -7,7 +7,10 @@
 // described in docs/kernel-source.md.
 #pragma once
 
+#include "agent/host/RouteSource.h"
+
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -15,21 +18,12 @@
 
 namespace Agent::Kernel {
 
-/// How the type of a table's routes is decided.
-enum class RouteTypeRule : std::uint8_t {
-    staticRoutes, // "static"
-    sparse,       // "sparse"
-    byProtocol,   // "by-protocol": static where the route was set as a static one, else sparse
-};
-
-/// "static", "sparse" or "by-protocol".
-std::string_view routeTypeRuleText(RouteTypeRule rule);
-
 struct VrfConfig {
     std::string name;
     std::uint32_t id = 0;
     std::uint32_t table = 0;
-    RouteTypeRule routeType = RouteTypeRule::byProtocol;
+    /// None: by protocol, static where the route was set as a static one, else sparse.
+    std::optional<RouteType> routeType = std::nullopt;
     bool operator==(const VrfConfig&) const = default;
 };
 
@@ -39,15 +33,14 @@ struct KernelConfig {
     bool operator==(const KernelConfig&) const = default;
 };
 
-/// Everything that is wrong with a configuration, one line a problem; each names the file, and the VRF and
-/// the field where there is one.
+/// "static", "sparse" or "by-protocol".
+std::string_view routeTypeText(const VrfConfig& vrf);
+
+/// Everything that is wrong with a configuration, one line a problem; each names the file, and the VRF and the field
+/// where there is one.
 class KernelConfigError : public std::runtime_error {
   public:
-    explicit KernelConfigError(std::vector<std::string> problems);
-    const std::vector<std::string>& problems() const { return problems_; }
-
-  private:
-    std::vector<std::string> problems_;
+    using std::runtime_error::runtime_error;
 };
 
 /// @throws KernelConfigError when the file can't be read or anything in it is wrong.

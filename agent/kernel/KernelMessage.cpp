@@ -1,5 +1,7 @@
 #include "agent/kernel/KernelMessage.h"
 
+#include "records/IpAddr.h"
+
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <linux/if_arp.h>
@@ -37,10 +39,6 @@ T valueOf(const nlattr* attribute) {
     return value;
 }
 
-Ipv4 addressOf(const nlattr* attribute) {
-    return ntohl(valueOf<std::uint32_t>(attribute));
-}
-
 // Calls visit(type, attribute) for each attribute.
 template <class Visit>
 void eachAttribute(std::span<const char> bytes, Visit visit) {
@@ -55,11 +53,6 @@ void eachAttribute(std::span<const char> bytes, Visit visit) {
 
 std::span<const char> payloadOf(const nlattr* attribute) {
     return {static_cast<const char*>(mnl_attr_get_payload(attribute)), mnl_attr_get_payload_len(attribute)};
-}
-
-template <class Visit>
-void eachNested(const nlattr* outer, Visit visit) {
-    eachAttribute(payloadOf(outer), visit);
 }
 
 template <class Fixed>
@@ -107,9 +100,9 @@ void readRoute(const nlmsghdr* header, KernelMessage& message) {
         if (type == RTA_TABLE) {
             route.table = valueOf<std::uint32_t>(attribute);
         } else if (type == RTA_SRC) {
-            source = addressOf(attribute);
+            source = ntohl(valueOf<std::uint32_t>(attribute));
         } else if (type == RTA_DST) {
-            group = addressOf(attribute);
+            group = ntohl(valueOf<std::uint32_t>(attribute));
         } else if (type == RTA_IIF) {
             route.iif = valueOf<int>(attribute);
             require(route.iif > 0, badValue);
@@ -122,24 +115,9 @@ void readRoute(const nlmsghdr* header, KernelMessage& message) {
     message.kind = header->nlmsg_type == RTM_NEWROUTE ? MessageKind::route : MessageKind::routeGone;
 }
 
-void readInterface(const nlmsghdr* header, const ifinfomsg& fixed, Link& link) {
-    link.ifindex = fixed.ifi_index;
-    link.name.clear();
-    link.internal = (fixed.ifi_flags & IFF_LOOPBACK) != 0 || fixed.ifi_type == ARPHRD_PIMREG;
-    require(link.ifindex > 0, "an interface has no index");
-    eachAttributeBehind<ifinfomsg>(header, [&](unsigned type, const nlattr* attribute) {
-        if (type != IFLA_IFNAME)
-            return;
-        const std::span<const char> text = payloadOf(attribute);
-        link.name.assign(text.data(), strnlen(text.data(), text.size()));
-        require(!link.name.empty(), badValue);
-    });
-    require(!link.name.empty(), missingValue);
-}
-
 Vif vifOf(const nlattr* nested) {
     Vif vif{.index = -1};
-    eachNested(nested, [&](unsigned type, const nlattr* attribute) {
+    eachAttribute(payloadOf(nested), [&](unsigned type, const nlattr* attribute) {
         if (type == IPMRA_VIFA_IFINDEX)
             vif.ifindex = valueOf<int>(attribute);
         else if (type == IPMRA_VIFA_VIF_ID)
@@ -151,24 +129,26 @@ Vif vifOf(const nlattr* nested) {
     return vif;
 }
 
-void readVifTable(const nlmsghdr* header, VifTable& table) {
-    table.vifs.clear();
+void readVifTable(const nlmsghdr* header, KernelMessage& message) {
+    std::vector<Vif>& vifs = message.vifTable.vifs;
+    vifs.clear();
     std::optional<std::uint32_t> number;
     eachAttributeBehind<ifinfomsg>(header, [&](unsigned outer, const nlattr* family) {
         if (outer != IFLA_AF_SPEC)
             return;
-        eachNested(family, [&](unsigned type, const nlattr* attribute) {
+        eachAttribute(payloadOf(family), [&](unsigned type, const nlattr* attribute) {
             if (type == IPMRA_TABLE_ID)
                 number = valueOf<std::uint32_t>(attribute);
             else if (type == IPMRA_TABLE_VIFS)
-                eachNested(attribute, [&](unsigned inner, const nlattr* vif) {
+                eachAttribute(payloadOf(attribute), [&](unsigned inner, const nlattr* vif) {
                     if (inner == IPMRA_VIF)
-                        table.vifs.push_back(vifOf(vif));
+                        vifs.push_back(vifOf(vif));
                 });
         });
     });
     require(number.has_value(), missingValue);
-    table.table = *number;
+    message.vifTable.table = *number;
+    message.kind = MessageKind::vifTable;
 }
 
 // Messages of other families are about a role of an interface, and not about the interface: a bridge tells
@@ -176,13 +156,21 @@ void readVifTable(const nlmsghdr* header, VifTable& table) {
 void readLink(const nlmsghdr* header, KernelMessage& message) {
     const auto& fixed = fixedPart<ifinfomsg>(header);
     const bool comes = header->nlmsg_type == RTM_NEWLINK;
-    if (fixed.ifi_family == AF_UNSPEC) {
-        readInterface(header, fixed, message.link);
-        message.kind = comes ? MessageKind::link : MessageKind::linkGone;
-    } else if (fixed.ifi_family == RTNL_FAMILY_IPMR && comes) {
-        readVifTable(header, message.vifTable);
-        message.kind = MessageKind::vifTable;
-    }
+    if (fixed.ifi_family == RTNL_FAMILY_IPMR && comes)
+        return readVifTable(header, message);
+    if (fixed.ifi_family != AF_UNSPEC)
+        return;
+    require(fixed.ifi_index > 0, "an interface has no index");
+    message.link = {.ifindex = fixed.ifi_index,
+                    .name = {},
+                    .internal = (fixed.ifi_flags & IFF_LOOPBACK) != 0 || fixed.ifi_type == ARPHRD_PIMREG};
+    eachAttributeBehind<ifinfomsg>(header, [&](unsigned type, const nlattr* attribute) {
+        const std::span<const char> text = payloadOf(attribute);
+        if (type == IFLA_IFNAME)
+            message.link.name.assign(text.data(), strnlen(text.data(), text.size()));
+    });
+    require(!message.link.name.empty(), missingValue);
+    message.kind = comes ? MessageKind::link : MessageKind::linkGone;
 }
 
 // The kernel tells all settings of an interface together where its record is made anew, as after a rename;
@@ -219,37 +207,23 @@ void readEnd(const nlmsghdr* header, KernelMessage& message) {
 }
 
 void readBody(const nlmsghdr* header, KernelMessage& message) {
-    switch (header->nlmsg_type) {
-    case RTM_NEWROUTE:
-    case RTM_DELROUTE:
-        return readRoute(header, message);
-    case RTM_NEWLINK:
-    case RTM_DELLINK:
-        return readLink(header, message);
-    case RTM_NEWNETCONF:
-        return readNetconf(header, message);
-    case NLMSG_DONE:
-    case NLMSG_ERROR:
-        return readEnd(header, message);
-    case NLMSG_OVERRUN:
+    const unsigned type = header->nlmsg_type;
+    if (type == RTM_NEWROUTE || type == RTM_DELROUTE)
+        readRoute(header, message);
+    else if (type == RTM_NEWLINK || type == RTM_DELLINK)
+        readLink(header, message);
+    else if (type == RTM_NEWNETCONF)
+        readNetconf(header, message);
+    else if (type == NLMSG_DONE || type == NLMSG_ERROR)
+        readEnd(header, message);
+    else if (type == NLMSG_OVERRUN)
         message.kind = MessageKind::overrun;
-        break;
-    default:
-        break;
-    }
 }
 
 } // namespace
 
-std::string ipv4Text(Ipv4 address) {
-    in_addr raw{.s_addr = htonl(address)};
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &raw, text, sizeof text);
-    return text;
-}
-
 std::string mfcKeyText(const MfcKey& key) {
-    const auto text = [](Ipv4 address) { return address == 0 ? "*" : ipv4Text(address); };
+    const auto text = [](Ipv4 address) { return address == 0 ? "*" : L3::IpAddr(address).stringValue(); };
     return "(" + text(key.source) + ", " + text(key.group) + ")";
 }
 
@@ -259,8 +233,7 @@ bool MessageReader::next(KernelMessage& message) {
         return false;
     message.kind = MessageKind::other;
     message.sequence = 0;
-    message.isPart = false;
-    message.interrupted = false;
+    message.isPart = message.interrupted = false;
     message.error = 0;
     std::size_t size = left_; // where nothing tells where the next message would start
     try {

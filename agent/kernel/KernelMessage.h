@@ -1,10 +1,8 @@
-// What the kernel says about multicast forwarding, as plain structs: routes, links, VIF tables, and the
-// forwarding state of single interfaces.
+// What the kernel says about multicast forwarding, as plain structs.
 //
-// A MessageReader walks one datagram of a netlink socket and fills one KernelMessage after the other. It
-// believes nothing that it read: lengths are checked against what is left, and what doesn't fit is reported
-// as malformed. It owns no socket and keeps nothing between datagrams. Read next: Mirror.h, which holds
-// the state that these messages change; NetlinkSocket.h, where they come from.
+// A MessageReader walks one datagram of a netlink socket and fills one KernelMessage after the other. It believes
+// nothing that it read: what doesn't fit is reported as malformed. It keeps nothing between datagrams. Read next:
+// NetlinkSocket.h, where messages come from; Mirror.h, which holds the state that they change.
 #pragma once
 
 #include <compare>
@@ -26,13 +24,11 @@ struct MfcKey {
     auto operator<=>(const MfcKey&) const = default;
 };
 
-/// "10.0.0.1".
-std::string ipv4Text(Ipv4 address);
 /// "(10.0.0.1, 239.1.1.1)", with "*" for 0.
 std::string mfcKeyText(const MfcKey& key);
 
-/// One entry of the multicast forwarding cache. An unresolved one stands for packets that wait for a route:
-/// it has neither IIF nor OIFs, and it can exist beside a route of the same key.
+/// One entry of the multicast forwarding cache. An unresolved one stands for packets that wait for a route: it has
+/// neither IIF nor OIFs, and can exist beside a route of the same key.
 struct MfcRoute {
     std::uint32_t table = 0;
     MfcKey key;
@@ -46,9 +42,7 @@ struct MfcRoute {
 struct Link {
     int ifindex = 0;
     std::string name;
-    /// The loopback interface, or one on which a PIM daemon receives register messages: never an OIF to
-    /// report.
-    bool internal = false;
+    bool internal = false; // lo, or where a PIM daemon receives register messages: never an OIF to report
 };
 
 struct Vif {
@@ -71,17 +65,17 @@ struct McForwarding {
 };
 
 enum class MessageKind {
-    end,          // no further message in this datagram
-    route,        // a route was added or changed, or is part of an answer
-    routeGone,    //
-    link,         // an interface came or changed, or is part of an answer
-    linkGone,     //
-    vifTable,     //
-    mcForwarding, //
-    done,         // an answer is complete; error is set when it ended early
-    error,        // the request failed (error is the errno), or succeeded (0)
-    overrun,      // the kernel says that it dropped messages
-    other,        // well-formed and of no concern here
+    end,   // no further message in this datagram
+    route, // a route was added or changed, or is part of an answer
+    routeGone,
+    link, // an interface came or changed, or is part of an answer
+    linkGone,
+    vifTable,
+    mcForwarding,
+    done,    // an answer is complete; error is set when it ended early
+    error,   // the request failed (error is the errno), or succeeded (0)
+    overrun, // the kernel says that it dropped messages
+    other,   // well-formed and of no concern here
     malformed,
 };
 
@@ -106,9 +100,8 @@ class MessageReader {
         : at_(static_cast<const char*>(data))
         , left_(size) {}
 
-    /// Reads the next message.
-    /// @return false when there is none left; message.kind is then end. A header that can't be right ends the
-    /// datagram with one malformed message, as nothing tells where the next one would start.
+    /// Reads the next message. A header that can't be right ends the datagram with one malformed message.
+    /// @return false when there is none left; message.kind is then end.
     bool next(KernelMessage& message);
 
   private:

@@ -1,19 +1,12 @@
-// `--kernel CONFIG`: the mirror of the kernel's multicast forwarding cache on the agent's loop, writing the agent's
-// tables, and what `kernel` and `kernel verify` show of it.
+// `--kernel CONFIG`: the mirror of the kernel's multicast forwarding cache on the agent's loop, and what `kernel` and
+// `kernel verify` show of it.
 //
-// It ties three together: NetlinkSource.h, which reads the kernel and holds the mirror; AgentTables.h, which the
-// mirror writes; and the loop, on which it works in slices. The application owns it, makes it once the plug-in
-// runs, and ends it before the plug-in. Read next: NetlinkSource.h.
+// It ties together NetlinkSource.h, which reads the kernel and holds the mirror, AgentTables.h, which the mirror
+// writes, and the loop, on which it works in slices. The application owns it and makes it once the plug-in runs.
 #pragma once
 
 #include "agent/kernel/AgentTables.h"
 #include "agent/kernel/NetlinkSource.h"
-#include "text/Writer.h"
-
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <string>
 
 namespace asio {
 class io_context;
@@ -31,8 +24,6 @@ class KernelSource {
     /// @throws KernelConfigError that names file and fault; std::system_error
     KernelSource(asio::io_context& loop, Operations& operations, const std::string& configFile);
     ~KernelSource();
-    KernelSource(const KernelSource&) = delete;
-    KernelSource& operator=(const KernelSource&) = delete;
 
     /// State and counters as a record.
     void status(Text::Writer& writer) const;

@@ -1,7 +1,6 @@
 #include "agent/kernel/Mirror.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -15,17 +14,9 @@ constexpr Mirror::Clock::duration failurePause = std::chrono::seconds(1);
 
 // What a query asks for.
 std::string queryText(const KernelQuery& query) {
-    switch (query.kind) {
-    case Kind::links:
-        return "interfaces";
-    case Kind::vifs:
-        return "VIFs";
-    case Kind::routes:
-        return "routes of table " + std::to_string(query.table);
-    case Kind::route:
-        return "a route of table " + std::to_string(query.table);
-    }
-    return "";
+    static constexpr const char* texts[] = {"interfaces", "VIFs", "routes of table ", "a route of table "};
+    return texts[static_cast<std::size_t>(query.kind)] +
+           (query.table == 0 ? "" : std::to_string(query.table));
 }
 
 Mirror::VrfList::iterator named(Mirror::VrfList& list, const std::string& name) {
@@ -59,37 +50,27 @@ void Mirror::reconfigure(const KernelConfig& config) {
 
 void Mirror::takeEvent(const KernelMessage& message) {
     ++shared_.counters.events;
-    switch (message.kind) {
-    case MessageKind::route:
-    case MessageKind::routeGone:
+    if (message.kind == MessageKind::route || message.kind == MessageKind::routeGone) {
         routeEvent(message.route, message.kind == MessageKind::routeGone);
-        break;
-    case MessageKind::link:
-        linkChanged(message.link.ifindex, shared_.interfaces.learnFromEvent(message.link));
-        break;
-    case MessageKind::linkGone:
+    } else if (message.kind == MessageKind::link) {
+        if (shared_.interfaces.learn(message.link, false))
+            linkChanged(message.link.ifindex);
+    } else if (message.kind == MessageKind::linkGone) {
         linkGone(message.link.ifindex);
-        break;
-    case MessageKind::mcForwarding:
+    } else if (message.kind == MessageKind::mcForwarding) {
         if (message.mcForwarding.tables > 0)
             added_.insert(message.mcForwarding.ifindex);
         vifsWanted_ = true;
-        break;
-    case MessageKind::overrun:
+    } else if (message.kind == MessageKind::overrun) {
         overrun();
-        break;
-    case MessageKind::malformed:
+    } else if (message.kind == MessageKind::malformed) {
         noteMalformed("a message", message);
-        break;
-    default:
-        break;
     }
 }
 
 void Mirror::overrun() {
     ++shared_.counters.overruns;
     linksWanted_ = true;
-    shared_.interfaces.disturbDump();
     vifsWanted_ = true;
     for (const auto& vrf : vrfs_) {
         vrf->kernel().disturbDump();
@@ -110,17 +91,14 @@ void Mirror::routeEvent(const MfcRoute& route, bool gone) {
         vrf->kernel().learn(route);
 }
 
-void Mirror::linkChanged(int ifindex, Interfaces::Change change) {
-    for (const auto& vrf : vrfs_) {
-        if (change.toInternal)
-            vrf->kernel().linkInternal(ifindex);
-        if (change.toKnown)
-            vrf->kernel().linkKnown(ifindex);
-    }
+void Mirror::linkChanged(int ifindex) {
+    for (const auto& vrf : vrfs_)
+        vrf->kernel().linkChanged(ifindex);
 }
 
-// An answer under way may still have the interface among the VIFs.
+// An answer under way may still have the interface, among the VIFs too.
 void Mirror::linkGone(int ifindex) {
+    linksWanted_ = linksWanted_ || (query_ && query_->kind == Kind::links);
     vifsWanted_ = vifsWanted_ || (query_ && query_->kind == Kind::vifs);
     shared_.interfaces.remove(ifindex);
     for (const auto& vrf : vrfs_)
@@ -170,21 +148,14 @@ std::optional<KernelQuery> Mirror::nextQuery(Clock::time_point now) {
     return query_ = {.kind = Kind::routes, .table = (*due)->config().table, .key = {}};
 }
 
-bool Mirror::queryDue(Clock::time_point now) const {
-    return now >= notBefore_ &&
-           (linksWanted_ || vifsWanted_ || std::ranges::any_of(vrfs_, [&](const auto& vrf) {
-                return vrf->kernel().missing() || vrf->kernel().dumpDue(now);
-            }));
-}
-
-std::optional<Mirror::Clock::time_point> Mirror::queryWaitsUntil() const {
+std::optional<Mirror::Clock::time_point> Mirror::queryDueAt() const {
     std::optional<Clock::time_point> earliest;
     if (linksWanted_ || vifsWanted_)
         earliest = notBefore_;
     for (const auto& vrf : vrfs_)
-        if (const auto due = vrf->kernel().dumpWaitsUntil())
-            earliest = std::min(*due, earliest.value_or(*due));
-    return earliest ? std::optional(std::max(*earliest, notBefore_)) : std::nullopt;
+        if (const auto due = vrf->kernel().queryDueAt())
+            earliest = std::min(std::max(*due, notBefore_), earliest.value_or(Clock::time_point::max()));
+    return earliest;
 }
 
 // A configuration may have come meanwhile: what it made of a table that was asked for has no dump open.
@@ -193,7 +164,8 @@ void Mirror::takeAnswer(const KernelMessage& message) {
         noteMalformed("an answer", message);
         answerMalformed_ = true;
     } else if (query_->kind == Kind::links && message.kind == MessageKind::link) {
-        linkChanged(message.link.ifindex, shared_.interfaces.learnFromDump(message.link));
+        if (shared_.interfaces.learn(message.link, true))
+            linkChanged(message.link.ifindex);
     } else if (query_->kind == Kind::vifs && message.kind == MessageKind::vifTable) {
         const std::vector<Vif>& part = message.vifTable.vifs;
         std::vector<Vif>& vifs = vifAnswer_[message.vifTable.table];
@@ -219,8 +191,13 @@ void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
         error = EBADMSG;
     if (error != 0)
         return failQuery(query, error, now);
-    if (query.kind == Kind::links)
-        return endLinks(interrupted);
+    if (query.kind == Kind::links) {
+        linksWanted_ = linksWanted_ || interrupted;
+        if (!linksWanted_)
+            for (int ifindex : shared_.interfaces.unseen())
+                linkGone(ifindex);
+        return;
+    }
     if (query.kind == Kind::vifs) {
         for (const auto& vrf : vrfs_)
             vrf->kernel().takeVifs(vifAnswer_[vrf->config().table], addedBeforeQuery_);
@@ -240,15 +217,6 @@ void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
     }
 }
 
-void Mirror::endLinks(bool interrupted) {
-    if (interrupted)
-        shared_.interfaces.disturbDump();
-    linksWanted_ = linksWanted_ || shared_.interfaces.dumpDisturbed();
-    if (!linksWanted_)
-        for (int ifindex : shared_.interfaces.unseen())
-            linkGone(ifindex);
-}
-
 void Mirror::failQuery(const KernelQuery& query, int error, Clock::time_point now) {
     noteError("the kernel's " + queryText(query) + " can't be read: " + std::strerror(error));
     notBefore_ = now + failurePause;
@@ -258,21 +226,19 @@ void Mirror::failQuery(const KernelQuery& query, int error, Clock::time_point no
         vifsWanted_ = true;
         added_.merge(addedBeforeQuery_);
     } else if (MirroredVrf* vrf = vrfOf(query.table)) {
-        vrf->kernel().failDump(now);
+        vrf->kernel().abandonDump();
     }
 }
 
 // A VRF that leaves gives up what another one may wait for.
 std::size_t Mirror::publish(std::size_t max) {
     publishRenames();
-    const bool isRetry = std::exchange(shared_.retry, false);
-    std::size_t told = 0;
-    const std::array<VrfList*, 2> lists{&leaving_, &vrfs_};
-    if (isRetry)
-        for (const VrfList* list : lists)
+    if (std::exchange(shared_.retry, false))
+        for (const VrfList* list : {&leaving_, &vrfs_})
             for (const auto& vrf : *list)
                 vrf->retry();
-    for (const VrfList* list : lists)
+    std::size_t told = 0;
+    for (const VrfList* list : {&leaving_, &vrfs_})
         for (const auto& vrf : *list)
             if (vrf->hasWork())
                 told += vrf->publish(max - told);
@@ -299,14 +265,28 @@ void Mirror::publishRenames() {
     }
 }
 
-// Only when no route, known or told, has the interface any more: one whose removal the sink refused may still.
+// Only when no route, known or told, has the interface any more: one whose change the sink refused may still.
 void Mirror::publishGoneInterfaces() {
-    std::erase_if(shared_.interfaces.toForget(), [&](int ifindex) {
-        if (shared_.oifSets.uses(ifindex))
+    std::set<int>& toForget = shared_.interfaces.toForget();
+    if (!toForget.empty() || shared_.oifSets.size() > sweepAt_)
+        sweepOifSets();
+    std::erase_if(toForget, [&](int ifindex) {
+        if (std::ranges::any_of(shared_.oifSets,
+                                [&](const auto& set) { return std::ranges::binary_search(set, ifindex); }))
             return false;
         shared_.sink.forgetInterface(ifindex);
         return shared_.retry = true;
     });
+}
+
+void Mirror::sweepOifSets() {
+    std::set<OifSet> used;
+    for (const VrfList* list : {&leaving_, &vrfs_})
+        for (const auto& vrf : *list)
+            for (const RouteEntry& entry : vrf->kernel().routes().all())
+                used.insert({entry.oifs, entry.installedOifs});
+    std::erase_if(shared_.oifSets, [&](const auto& set) { return !used.contains(&set); });
+    sweepAt_ = 2 * shared_.oifSets.size() + 1000;
 }
 
 bool Mirror::synced() const {

@@ -1,8 +1,8 @@
 // The mirror of the kernel's multicast forwarding: follows events, asks for dumps where events can't tell, and
 // keeps the agent's tables equal to what it knows.
 //
-// It has no socket and no clock, so that a test can be its kernel. Who has them (NetlinkSource) gives it all events
-// that wait, lets it publish(), and carries out its queries one after the other:
+// It has no socket and no clock, so that a test can be its kernel. Who has them gives it all events that wait, lets
+// it publish(), and carries out its queries one after the other:
 //
 //     query = nextQuery(now); takeAnswer(message)...; endAnswer(error, interrupted, now)
 //
@@ -13,21 +13,12 @@
 // - A VIF that comes or goes is told only as a number per interface: the VIF tables are read, and those tables
 //   dumped where an interface came.
 //
-// NetlinkSource owns one, and each Verification another; the sink outlives them. Read next: TableLearner.h,
-// MirroredVrf.h.
+// NetlinkSource owns one, each Verification another; the sink outlives them. Read next: MirroredVrf.h.
 #pragma once
 
 #include "agent/kernel/MirroredVrf.h"
 
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <map>
 #include <memory>
-#include <optional>
-#include <set>
-#include <string>
-#include <vector>
 
 namespace Agent::Kernel {
 
@@ -69,10 +60,11 @@ class Mirror {
     /// The answer is complete. At the end of a dump of routes, all events from before that end have been given.
     /// @param error errno; 0 where it went well.
     void endAnswer(int error, bool interrupted, Clock::time_point now);
-    /// Whether nextQuery() has a question now.
-    bool queryDue(Clock::time_point now) const;
-    /// When it will have one, if it waits for a time.
-    std::optional<Clock::time_point> queryWaitsUntil() const;
+    /// When nextQuery() has a question, if nothing happens before; perhaps by now.
+    std::optional<Clock::time_point> queryDueAt() const;
+    bool queryDue(Clock::time_point now) const {
+        return queryDueAt().value_or(Clock::time_point::max()) <= now;
+    }
 
     /// Tells the sink up to max routes of what differs, with what goes before and after them. @return how many.
     std::size_t publish(std::size_t max);
@@ -95,20 +87,21 @@ class Mirror {
 
   private:
     void routeEvent(const MfcRoute& route, bool gone);
-    void linkChanged(int ifindex, Interfaces::Change change);
+    void linkChanged(int ifindex);
     void linkGone(int ifindex);
     MirroredVrf* vrfOf(std::uint32_t table) const;
     bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
-    void endLinks(bool interrupted);
     void failQuery(const KernelQuery& query, int error, Clock::time_point now);
     void noteMalformed(const char* what, const KernelMessage& message);
     void noteError(std::string text);
     void publishRenames();
     void publishGoneInterfaces();
+    void sweepOifSets();
 
     MirrorShared shared_;
     VrfList vrfs_;
     VrfList leaving_;
+    std::size_t sweepAt_ = 1000; // sets of OIFs
 
     bool linksWanted_ = true;
     bool vifsWanted_ = true;

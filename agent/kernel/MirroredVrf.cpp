@@ -2,6 +2,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -30,24 +31,25 @@ void MirroredVrf::reconfigure(const VrfConfig& config) {
         entered_ = config;
 }
 
-void MirroredVrf::leave() {
-    leaving_ = true;
-    whyVrf_.clear();
-}
-
 std::size_t MirroredVrf::publish(std::size_t max) {
     if (mustWithdraw() != withdrawing_) {
         withdrawing_ = mustWithdraw();
         kernel_.routes().queueAll();
     }
-    if (!entered_ && !leaving_ && whyVrf_.empty())
-        enter();
-    const std::size_t told = publishRoutes(max);
+    if (!entered_ && !leaving_ && whyVrf_.empty() && accepted(shared_.sink.putVrf(config_, false))) {
+        entered_ = config_;
+        kernel_.routes().queueAll();
+    }
+    std::size_t told = 0;
+    for (; told < max && kernel_.routes().anyQueued(); ++told)
+        settle(kernel_.routes().takeQueued());
+    if (std::exchange(rowsFreed_, false) && !refused_.empty())
+        retry();
     if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
         if (withdrawing_)
             remove();
-        else
-            switchMulticast();
+        else if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
+            enabled_ = !enabled_;
     }
     return told;
 }
@@ -65,24 +67,12 @@ bool MirroredVrf::mustWithdraw() const {
     return entered_ && (leaving_ || entered_->id != config_.id);
 }
 
-void MirroredVrf::enter() {
-    if (!accepted(shared_.sink.putVrf(config_, false)))
-        return;
-    entered_ = config_;
-    kernel_.routes().queueAll();
-}
-
 void MirroredVrf::remove() {
     if (enabled_ && !accepted(shared_.sink.putVrf(*entered_, false)))
         return;
     enabled_ = false;
     if (accepted(shared_.sink.removeVrf(*entered_)))
         entered_.reset();
-}
-
-void MirroredVrf::switchMulticast() {
-    if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
-        enabled_ = !enabled_;
 }
 
 // What one VRF is refused can be what another one has just given up.
@@ -93,15 +83,6 @@ bool MirroredVrf::accepted(WhyNot why) {
     else
         ++shared_.counters.refused;
     return whyVrf_.empty();
-}
-
-std::size_t MirroredVrf::publishRoutes(std::size_t max) {
-    std::size_t told = 0;
-    for (RouteEntry* entry; told < max && (entry = kernel_.routes().takeQueued()); ++told)
-        settle(*entry);
-    if (std::exchange(rowsFreed_, false) && !refused_.empty())
-        retry();
-    return told;
 }
 
 void MirroredVrf::settle(RouteEntry& entry) {
@@ -117,10 +98,8 @@ void MirroredVrf::settle(RouteEntry& entry) {
 // A route without an IIF forwards nothing; one that was installed before stays, without OIFs.
 void MirroredVrf::install(RouteEntry& entry) {
     const RouteType type = entry.iif ? typeOf(entry) : entry.installedType;
-    OifSet oifs = entry.iif ? entry.oifs : OifSet();
-    const std::span<const Oif> named = shared_.oifSets.named(oifs, shared_.interfaces);
-    if (named.size() < oifs.members().size())
-        oifs = shared_.oifSets.get(named);
+    OifSet oifs = entry.iif ? entry.oifs : &noOifs;
+    const std::span<const Oif> named = shared_.named(oifs);
     if (entry.installed && type == entry.installedType && oifs == entry.installedOifs && !entry.again) {
         refused_.erase(entry.key);
         return;
@@ -135,7 +114,7 @@ void MirroredVrf::install(RouteEntry& entry) {
         shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = true;
     entry.installedType = type;
-    entry.installedOifs = std::move(oifs);
+    entry.installedOifs = oifs;
     entry.again = false;
     ++shared_.counters.changes;
     refused_.erase(entry.key);
@@ -148,15 +127,14 @@ void MirroredVrf::withdraw(RouteEntry& entry) {
     shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = false;
     entry.again = false;
-    entry.installedOifs = {};
+    entry.installedOifs = &noOifs;
     rowsFreed_ = true;
     ++shared_.counters.changes;
 }
 
 RouteType MirroredVrf::typeOf(const RouteEntry& entry) const {
-    const bool isStatic = config_.routeType == RouteTypeRule::staticRoutes ||
-                          (config_.routeType == RouteTypeRule::byProtocol && entry.protocol == RTPROT_STATIC);
-    return isStatic ? RouteType::staticRoutes : RouteType::sparse;
+    return config_.routeType.value_or(entry.protocol == RTPROT_STATIC ? RouteType::staticRoutes
+                                                                      : RouteType::sparse);
 }
 
 void MirroredVrf::retry() {
@@ -168,7 +146,7 @@ void MirroredVrf::retry() {
 
 void MirroredVrf::repeatRoutesWith(int ifindex) {
     kernel_.routes().queueIf([&](RouteEntry& entry) {
-        entry.again = entry.again || entry.installedOifs.contains(ifindex);
+        entry.again = entry.again || std::ranges::binary_search(*entry.installedOifs, ifindex);
         return entry.again;
     });
 }
@@ -179,24 +157,19 @@ WhyNot MirroredVrf::whyPending(const MfcKey& key) const {
 }
 
 void MirroredVrf::status(Text::Writer& writer) const {
-    std::size_t routes = 0;
-    std::size_t rows = 0;
-    kernel_.routes().each([&](const RouteEntry& entry) {
-        routes += entry.present;
-        rows += entry.installed;
-    });
+    const auto& entries = kernel_.routes().all();
     writer.beginRecord();
     writer.member("vrf", config_.name);
     writer.member("id", config_.id);
     writer.member("table", config_.table);
-    writer.member("routeType", routeTypeRuleText(config_.routeType));
+    writer.member("routeType", routeTypeText(config_));
     writer.member("entered", entered());
     writer.member("multicast", enabled_);
     writer.member("synced", kernel_.synced());
     writer.member("resyncWanted", kernel_.resyncPending());
     writer.member("leaving", leaving_);
-    writer.member("routes", routes);
-    writer.member("rows", rows);
+    writer.member("routes", std::ranges::count_if(entries, &RouteEntry::present));
+    writer.member("rows", std::ranges::count_if(entries, &RouteEntry::installed));
     writer.field("vifs");
     writer.beginList();
     for (const Vif& vif : kernel_.vifs())

@@ -1,18 +1,14 @@
 // One VRF of the mirror: makes the agent's tables follow its table of the kernel.
 //
-// The kernel's side, in TableLearner, queues the routes that changed. The configuration says what the VRF is.
-// publish() tells the sink the difference, one call a queued route however often it changed, and brings the VRF in
-// and out. What the sink refuses stays known here as pending, until retry() or a change of the route.
-//
-// Mirror owns it. Read next: TableLearner.h.
+// TableLearner queues the routes that changed in the kernel, the configuration says what the VRF is. publish() tells
+// the sink the difference, one call a queued route however often it changed, and brings the VRF in and out. What the
+// sink refuses stays pending here until retry() or a change of the route. Mirror owns it. Read next: TableLearner.h.
 #pragma once
 
 #include "agent/kernel/TableLearner.h"
 #include "text/Writer.h"
 
-#include <cstddef>
 #include <map>
-#include <optional>
 
 namespace Agent::Kernel {
 
@@ -30,7 +26,10 @@ class MirroredVrf {
     /// Another table keeps the routes that both tables have; another id takes the VRF out and brings it back.
     void reconfigure(const VrfConfig& config);
     /// Takes the routes out, then the VRF; reconfigure() calls it back.
-    void leave();
+    void leave() {
+        leaving_ = true;
+        whyVrf_.clear();
+    }
     /// Whether nothing is left of a VRF that leaves.
     bool left() const { return leaving_ && !entered_; }
 
@@ -54,11 +53,8 @@ class MirroredVrf {
   private:
     bool mustWithdraw() const;
     bool enableWanted() const { return kernel_.synced() ? !kernel_.vifs().empty() : enabled_; }
-    void enter();
     void remove();
-    void switchMulticast();
     bool accepted(WhyNot why);
-    std::size_t publishRoutes(std::size_t max);
     void settle(RouteEntry& entry);
     void install(RouteEntry& entry);
     void withdraw(RouteEntry& entry);

@@ -47,16 +47,15 @@ std::size_t growReceiveBuffer(int fd, std::size_t bytes) {
 
 } // namespace
 
-struct Subscription::Buffers {
+struct Subscription::Batch {
     std::array<std::array<std::uint32_t, eventBytes / sizeof(std::uint32_t)>, batchDatagrams> bytes;
     std::array<sockaddr_nl, batchDatagrams> senders{};
     std::array<iovec, batchDatagrams> vectors{};
     std::array<mmsghdr, batchDatagrams> headers{};
 
-    void prepare() {
+    Batch() {
         for (std::size_t i = 0; i < batchDatagrams; ++i) {
             vectors[i] = {.iov_base = bytes[i].data(), .iov_len = eventBytes};
-            headers[i].msg_hdr = {};
             headers[i].msg_hdr.msg_name = &senders[i];
             headers[i].msg_hdr.msg_namelen = sizeof senders[i];
             headers[i].msg_hdr.msg_iov = &vectors[i];
@@ -68,39 +67,50 @@ struct Subscription::Buffers {
 Subscription::Subscription(std::size_t bufferBytes)
     : fd_(openNetlink())
     , bufferBytes_(growReceiveBuffer(fd_.get(), bufferBytes))
-    , buffers_(std::make_unique<Buffers>()) {
+    , batch_(std::make_unique<Batch>()) {
     for (int group : {RTNLGRP_IPV4_MROUTE, RTNLGRP_LINK, RTNLGRP_IPV4_NETCONF})
         if (::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
             failHere("can't subscribe to the kernel's multicast routes");
-    buffers_->prepare();
 }
 
 Subscription::~Subscription() = default;
 
-Subscription::Batch Subscription::receive(std::span<Mirror* const> mirrors) {
-    int count = ::recvmmsg(fd_.get(), buffers_->headers.data(), batchDatagrams, MSG_DONTWAIT, nullptr);
-    if (count < 0) {
-        if (errno == EAGAIN || errno == EINTR)
-            return {.drained = errno == EAGAIN};
-        if (errno == ENOBUFS)
-            return {.lost = true};
-        failHere("can't read the kernel's events");
+// After a loss the kernel withholds every further event until none waits any more: then reading on has an end.
+void Subscription::drain(std::size_t limit, std::span<Mirror* const> mirrors) {
+    bool mustEnd = false;
+    for (std::size_t read = 0; read < limit || mustEnd;) {
+        const int count =
+            ::recvmmsg(fd_.get(), batch_->headers.data(), batchDatagrams, MSG_DONTWAIT, nullptr);
+        if (count < 0 && errno == EAGAIN)
+            return;
+        if (count < 0 && errno != ENOBUFS && errno != EINTR)
+            failHere("can't read the kernel's events");
+        bool lost = count < 0 && errno == ENOBUFS;
+        const auto datagrams = static_cast<std::size_t>(std::max(count, 0));
+        for (std::size_t i = 0; i < datagrams; ++i)
+            lost = !deliver(i, mirrors) || lost;
+        for (Mirror* mirror : lost ? mirrors : std::span<Mirror* const>())
+            mirror->overrun();
+        if (count >= 0 && datagrams < batchDatagrams)
+            return;
+        mustEnd = mustEnd || lost;
+        read += datagrams + 1;
     }
-    Batch batch;
-    batch.datagrams = static_cast<std::size_t>(count);
-    batch.drained = batch.datagrams < batchDatagrams;
-    for (std::size_t i = 0; i < batch.datagrams; ++i) {
-        mmsghdr& header = buffers_->headers[i];
-        bool isWhole = (header.msg_hdr.msg_flags & MSG_TRUNC) == 0;
-        bool isKernels = buffers_->senders[i].nl_pid == 0;
-        batch.lost = batch.lost || (!isWhole && isKernels);
-        MessageReader reader(buffers_->bytes[i].data(), isWhole && isKernels ? header.msg_len : 0);
-        while (reader.next(message_))
-            for (Mirror* mirror : mirrors)
-                mirror->takeEvent(message_);
-        header.msg_hdr.msg_namelen = sizeof buffers_->senders[i];
-    }
-    return batch;
+}
+
+// One datagram of the batch. @return whether it is whole.
+bool Subscription::deliver(std::size_t index, std::span<Mirror* const> mirrors) {
+    mmsghdr& header = batch_->headers[index];
+    header.msg_hdr.msg_namelen = sizeof(sockaddr_nl); // for the next one
+    if (batch_->senders[index].nl_pid != 0)
+        return true; // not the kernel's
+    if ((header.msg_hdr.msg_flags & MSG_TRUNC) != 0)
+        return false;
+    MessageReader reader(batch_->bytes[index].data(), header.msg_len);
+    while (reader.next(message_))
+        for (Mirror* mirror : mirrors)
+            mirror->takeEvent(message_);
+    return true;
 }
 
 // With strict checks the kernel heeds the table that a dump asks for; where it knows no strict checks it
@@ -115,20 +125,19 @@ QuerySocket::QuerySocket()
 
 std::size_t QuerySocket::step(Mirror& mirror, const std::function<void()>& settleEvents) {
     if (!busy_) {
-        std::optional<KernelQuery> query = mirror.nextQuery(Mirror::Clock::now());
+        const std::optional<KernelQuery> query = mirror.nextQuery(Mirror::Clock::now());
         if (!query)
             return 0;
         ask(*query);
     }
-    Part part = receive(mirror);
-    if (part.complete) {
-        busy_ = false;
+    const std::size_t messages = busy_ ? receive(mirror) : 0;
+    if (!busy_) {
         // VIFs and interfaces are taken as read: events that come after them must not be judged by them.
         if (kind_ == KernelQuery::Kind::routes)
             settleEvents();
-        mirror.endAnswer(part.error, interrupted_, Mirror::Clock::now());
+        mirror.endAnswer(error_, interrupted_, Mirror::Clock::now());
     }
-    return std::max<std::size_t>(part.messages, 1);
+    return std::max<std::size_t>(messages, 1);
 }
 
 void QuerySocket::ask(const KernelQuery& query) {
@@ -158,44 +167,44 @@ void QuerySocket::ask(const KernelQuery& query) {
     kind_ = query.kind;
     busy_ = true;
     interrupted_ = false;
-    sendError_ = ::send(fd_.get(), header, header->nlmsg_len, 0) < 0 ? errno : 0;
+    if (::send(fd_.get(), header, header->nlmsg_len, 0) < 0)
+        breakOff(errno);
 }
 
-QuerySocket::Part QuerySocket::receive(Mirror& mirror) {
-    if (sendError_ != 0)
-        return failed(sendError_);
+std::size_t QuerySocket::receive(Mirror& mirror) {
     sockaddr_nl sender{};
     socklen_t senderSize = sizeof sender;
-    ssize_t size = ::recvfrom(fd_.get(), buffer_.data(), answerBytes, MSG_DONTWAIT | MSG_TRUNC,
-                              reinterpret_cast<sockaddr*>(&sender), &senderSize);
+    const ssize_t size = ::recvfrom(fd_.get(), buffer_.data(), answerBytes, MSG_DONTWAIT | MSG_TRUNC,
+                                    reinterpret_cast<sockaddr*>(&sender), &senderSize);
     if (size < 0 && errno == EINTR)
-        return {};
-    if (size < 0)
-        return failed(errno);
-    if (static_cast<std::size_t>(size) > answerBytes)
-        return failed(EMSGSIZE);
-    Part part;
+        return 0;
+    if (size < 0 || static_cast<std::size_t>(size) > answerBytes) {
+        breakOff(size < 0 ? errno : EMSGSIZE);
+        return 0;
+    }
+    std::size_t messages = 0;
     MessageReader reader(buffer_.data(), sender.nl_pid == 0 ? static_cast<std::size_t>(size) : 0);
-    while (!part.complete && reader.next(message_)) {
+    while (busy_ && reader.next(message_)) {
         if (message_.sequence != sequence_)
             continue;
-        ++part.messages;
+        ++messages;
         interrupted_ = interrupted_ || message_.interrupted;
-        bool ends = message_.kind == MessageKind::done || message_.kind == MessageKind::error;
-        part.complete = ends || !message_.isPart;
-        part.error = message_.error;
+        const bool ends = message_.kind == MessageKind::done || message_.kind == MessageKind::error;
+        busy_ = !ends && message_.isPart;
+        error_ = message_.error;
         if (!ends)
             mirror.takeAnswer(message_);
     }
-    return part;
+    return messages;
 }
 
 // What is left of an answer that broke off is in the way of the next one.
-QuerySocket::Part QuerySocket::failed(int error) {
+void QuerySocket::breakOff(int error) {
     while (::recv(fd_.get(), buffer_.data(), answerBytes, MSG_DONTWAIT) >= 0 || errno == EINTR ||
            errno == ENOBUFS) {
     }
-    return {.complete = true, .error = error};
+    busy_ = false;
+    error_ = error;
 }
 
 } // namespace Agent::Kernel

@@ -1,7 +1,6 @@
 #include "agent/kernel/NetlinkSource.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -9,8 +8,6 @@ namespace {
 
 constexpr std::size_t datagramsAtOnce = 8192;
 constexpr std::size_t routesAtOnce = 8192;
-// No event occupies less of the receive buffer: this many can wait at one moment at most.
-constexpr std::size_t leastEventBytes = 512;
 // How often a comparison starts over because events were lost meanwhile.
 constexpr unsigned verifyRoundsAtMost = 3;
 
@@ -43,7 +40,7 @@ void NetlinkSource::doSlice(std::size_t maxRoutes) {
         firstLook_ = firstLook_ && !mirror_.synced();
         if (mirror_.publishDue() && !(firstLook_ && query_.busy()))
             routes = mirror_.publish(maxRoutes - done);
-        else if (const std::size_t read = query_.step(mirror_, [this] { settleEvents(); }); read > 0)
+        else if (const std::size_t read = query_.step(mirror_, settleEvents_); read > 0)
             routes = read;
         else if (verification_)
             routes = stepVerify();
@@ -60,25 +57,9 @@ void NetlinkSource::reconfigure(const KernelConfig& config) {
         verification_ = std::make_unique<Verification>(config_, mirror_, sink_);
 }
 
-// After a loss the kernel withholds every further event until none waits any more: then reading on has an end.
 void NetlinkSource::drain(std::size_t datagrams) {
-    const std::array<Mirror*, 2> mirrors{&mirror_, verification_ ? &verification_->fresh() : nullptr};
-    const std::span<Mirror* const> listening(mirrors.data(), verification_ ? 2 : 1);
-    bool mustEnd = false;
-    for (std::size_t read = 0; read < datagrams || mustEnd;) {
-        const Subscription::Batch batch = subscription_.receive(listening);
-        if (batch.lost)
-            for (Mirror* mirror : listening)
-                mirror->overrun();
-        mustEnd = mustEnd || batch.lost;
-        read += std::max<std::size_t>(batch.datagrams, 1);
-        if (batch.drained)
-            return;
-    }
-}
-
-void NetlinkSource::settleEvents() {
-    drain(subscription_.bufferBytes() / leastEventBytes + 1);
+    Mirror* const mirrors[] = {&mirror_, verification_ ? &verification_->fresh() : nullptr};
+    subscription_.drain(datagrams, std::span(mirrors, verification_ ? 2 : 1));
 }
 
 void NetlinkSource::verify(VerifyDone done) {
@@ -91,9 +72,9 @@ void NetlinkSource::verify(VerifyDone done) {
 
 // Called when the mirror itself has nothing to do. @return how many routes it has dealt with, or messages.
 std::size_t NetlinkSource::stepVerify() {
-    if (const std::size_t read = verification_->learn([this] { settleEvents(); }); read > 0)
+    if (const std::size_t read = verification_->learn(settleEvents_); read > 0)
         return read;
-    settleEvents();
+    settleEvents_();
     const auto now = Mirror::Clock::now();
     const bool moved = mirror_.queryDue(now) || verification_->fresh().queryDue(now);
     if (moved && ++verifyRounds_ < verifyRoundsAtMost)

@@ -1,22 +1,13 @@
 // The Linux kernel as the source of the agent's multicast routes: owns the sockets, and turns their events and
 // answers into calls of the sink by way of the mirror.
 //
-// It knows no event loop: it names a descriptor to watch, is told when it is readable, and says whether it has work
-// left for slices in between, or when it will have some. The events of one wake-up are all read before the sink
-// hears of any, so that however often a route changed, the sink hears of it once; and all are told before the loop
-// sleeps again. A large dump is worked off in slices, with other clients of the loop served between them.
-//
-// It needs no privilege. KernelSource owns it; the sink outlives it. One thread. Read next: Mirror.h.
+// It knows no event loop: it names a descriptor to watch, is told when that is readable, and says whether it has work
+// for slices in between, or when it will. The events of one wake-up are all read before the sink hears of any, so that
+// it hears once of a route that changed often. A large dump is worked off in slices, others of the loop being served
+// between them. KernelSource owns it; the sink outlives it. Read next: Mirror.h.
 #pragma once
 
-#include "agent/kernel/NetlinkSocket.h"
 #include "agent/kernel/Verification.h"
-
-#include <cstddef>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <vector>
 
 namespace Agent::Kernel {
 
@@ -39,7 +30,7 @@ class NetlinkSource {
     /// Whether the loop must not sleep, as doSlice() has something to do.
     bool hasWork() const;
     /// When it will have, if nothing happens before; nothing: it waits for no time.
-    std::optional<Mirror::Clock::time_point> waitsUntil() const { return mirror_.queryWaitsUntil(); }
+    std::optional<Mirror::Clock::time_point> waitsUntil() const { return mirror_.queryDueAt(); }
     /// Does some work: tells the sink of up to maxRoutes routes, or reads about as many from the kernel.
     void doSlice(std::size_t maxRoutes);
 
@@ -54,16 +45,15 @@ class NetlinkSource {
     /// Bytes that the kernel granted.
     std::size_t receiveBuffer() const { return subscription_.bufferBytes(); }
 
-    /// Compares the tables with the kernel, in slices; done hears the result. One at a time: a further call hears
-    /// the same result.
+    /// Compares the tables with the kernel, in slices; done hears the result. A call meanwhile hears the same one.
     /// @throws std::system_error when the kernel refuses a socket.
     void verify(VerifyDone done);
 
   private:
     void drain(std::size_t datagrams);
-    void settleEvents();
     std::size_t stepVerify();
 
+    const std::function<void()> settleEvents_ = [this] { drain(subscription_.mostWaiting()); };
     KernelConfig config_;
     TableSink& sink_;
     Subscription subscription_;

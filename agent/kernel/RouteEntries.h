@@ -1,28 +1,32 @@
-// The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and
-// which wait to be told to the sink.
+// The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and which
+// wait to be told to the sink. Entries stay in place from get() to erase().
 //
-// Entries stay in place from get() to erase(), and are visited in the order in which they came. Owned by a
-// TableLearner, which changes what the kernel has of an entry; MirroredVrf changes what is installed, and
+// A TableLearner owns it and changes what the kernel has of an entry; MirroredVrf changes what is installed, and
 // Verification, which installs nothing, marks there which entries it found.
 #pragma once
 
+#include "agent/host/RouteSource.h"
 #include "agent/kernel/KernelMessage.h"
-#include "agent/kernel/OifSets.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <list>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace Agent::Kernel {
+
+/// A set of outgoing interfaces by ifindex, sorted. Routes by the hundred thousand share a few dozen, so each is
+/// held once (MirrorShared::oifSets), and two are equal when their pointers are.
+using OifSet = const std::vector<int>*;
+inline const std::vector<int> noOifs;
 
 /// One route. It exists while the kernel has it (present) or the sink has it (installed), and for the length of a
 /// dump after it has gone.
 struct RouteEntry {
     MfcKey key;
-    OifSet oifs;               // of the kernel, without the IIF and internal interfaces
-    OifSet installedOifs;      // of the sink
+    OifSet oifs = &noOifs; // of the kernel, without the IIF and internal interfaces
+    OifSet installedOifs = &noOifs;
     int iif = 0;               // 0: none, the route forwards nothing
     std::uint32_t seen = 0;    // the dump that had it last
     std::uint32_t touched = 0; // the dump during which an event told its state
@@ -38,32 +42,34 @@ struct RouteEntry {
 class RouteEntries {
   public:
     std::size_t size() const { return entries_.size(); }
+    /// All, in the order in which they came.
+    std::list<RouteEntry>& all() { return entries_; }
+    const std::list<RouteEntry>& all() const { return entries_; }
 
     /// Null where there is none.
-    RouteEntry* find(const MfcKey& key);
+    RouteEntry* find(const MfcKey& key) {
+        const auto at = index_.find(key);
+        return at == index_.end() ? nullptr : &*at->second;
+    }
     /// The entry of the key, made where there is none.
-    RouteEntry& get(const MfcKey& key);
+    RouteEntry& get(const MfcKey& key) {
+        const auto [at, isNew] = index_.try_emplace(key);
+        if (isNew)
+            at->second = entries_.insert(entries_.end(), RouteEntry{.key = key});
+        return *at->second;
+    }
     /// The entry must not be queued.
-    void erase(RouteEntry& entry);
+    void erase(RouteEntry& entry) {
+        const auto at = index_.find(entry.key);
+        entries_.erase(at->second);
+        index_.erase(at);
+    }
 
     /// Puts an entry in line for the sink, where it isn't yet.
-    void queue(RouteEntry& entry);
-    /// The first in line, or null.
-    RouteEntry* takeQueued();
-    bool anyQueued() const { return !queue_.empty(); }
-
-    /// Calls visit for each entry; visit may erase the one it is given, and none other, and adds none.
-    template <class Visit>
-    void each(Visit visit) {
-        for (auto next = entries_.begin(); next != entries_.end();)
-            visit(*next++);
+    void queue(RouteEntry& entry) {
+        if (!std::exchange(entry.queued, true))
+            queue_.push_back(&entry);
     }
-    template <class Visit>
-    void each(Visit visit) const {
-        for (const RouteEntry& entry : entries_)
-            visit(entry);
-    }
-
     /// Queues the entries for which chosen(entry) is true.
     template <class Chosen>
     void queueIf(Chosen chosen) {
@@ -74,10 +80,23 @@ class RouteEntries {
     void queueAll() {
         queueIf([](const RouteEntry&) { return true; });
     }
+    bool anyQueued() const { return !queue_.empty(); }
+    /// The first in line, which there must be.
+    RouteEntry& takeQueued() {
+        RouteEntry& entry = *queue_.front();
+        queue_.pop_front();
+        entry.queued = false;
+        return entry;
+    }
 
   private:
+    // Mixes the two addresses, so that sources and groups that count up together don't meet.
     struct Hash {
-        std::size_t operator()(const MfcKey& key) const;
+        std::size_t operator()(const MfcKey& key) const {
+            const std::uint64_t mixed =
+                (static_cast<std::uint64_t>(key.source) << 32 | key.group) * 0xd6e8feb86659fd93;
+            return mixed ^ (mixed >> 32);
+        }
     };
 
     std::list<RouteEntry> entries_;

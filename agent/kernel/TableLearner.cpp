@@ -13,18 +13,14 @@ constexpr unsigned repeatsAtOnce = 3;
 constexpr int pauseFactor = 4;
 constexpr TableLearner::Clock::duration shortestPause = 50ms;
 constexpr TableLearner::Clock::duration longestPause = 10s;
-constexpr TableLearner::Clock::duration failurePause = 1s;
 
 } // namespace
 
 void TableLearner::startOver() {
     vifs_.clear();
-    missing_.clear();
-    dumpOpen_ = false;
     synced_ = false;
-    dumpWanted_ = true;
+    abandonDump();
     notBefore_ = {};
-    eraseGone();
 }
 
 void TableLearner::learn(const MfcRoute& route) {
@@ -68,14 +64,12 @@ void TableLearner::linkGone(int ifindex) {
     strip([&](int other) { return other == ifindex; });
 }
 
-void TableLearner::linkKnown(int ifindex) {
-    routes_.queueIf([&](const RouteEntry& entry) { return entry.oifs.contains(ifindex); });
-}
-
-void TableLearner::linkInternal(int ifindex) {
-    if (shared_.oifSets.uses(ifindex))
-        routes_.queueIf(
-            [&](RouteEntry& entry) { return dropOifs(entry, [&](int other) { return other == ifindex; }); });
+void TableLearner::linkChanged(int ifindex) {
+    const bool isInternal = shared_.interfaces.isInternal(ifindex);
+    routes_.queueIf([&](RouteEntry& entry) {
+        return isInternal ? dropOifs(entry, [&](int other) { return other == ifindex; })
+                          : std::ranges::binary_search(*entry.oifs, ifindex);
+    });
 }
 
 // A VIF that went takes its interface out of all routes, and nothing else. One that came can bring interfaces
@@ -89,14 +83,12 @@ void TableLearner::takeVifs(std::vector<Vif> vifs, const std::set<int>& added) {
     vifs_ = std::move(vifs);
     if (cameOrMoved && routes_.size() > 0)
         dumpWanted_ = true;
-    strip([&](int ifindex) { return !hasVif(ifindex); });
+    strip([&](int ifindex) { return std::ranges::find(vifs_, ifindex, &Vif::ifindex) == vifs_.end(); });
 }
 
-bool TableLearner::hasVif(int ifindex) const {
-    return std::ranges::find(vifs_, ifindex, &Vif::ifindex) != vifs_.end();
-}
-
-std::optional<TableLearner::Clock::time_point> TableLearner::dumpWaitsUntil() const {
+std::optional<TableLearner::Clock::time_point> TableLearner::queryDueAt() const {
+    if (missing())
+        return Clock::time_point();
     return dumpWanted_ ? std::optional(notBefore_) : std::nullopt;
 }
 
@@ -113,31 +105,26 @@ void TableLearner::learnFromDump(const MfcRoute& route) {
     RouteEntry& entry = routes_.get(route.key);
     if (entry.touched == dump_) {
         dumpWanted_ = dumpWanted_ || (route.key.source == 0 && entry.iif != route.iif);
-    } else if (entry.seen == dump_) {
-        addTo(entry, route);
-    } else {
+    } else if (entry.seen != dump_) {
         entry.several = false;
         entry.seen = dump_;
         merge(entry, route);
+    } else {
+        // One more entry of the same key: together they are one route with the interfaces of all that forward.
+        entry.several = true;
+        if (route.iif == 0)
+            return;
+        entry.oifs = oifsOf(route, entry.iif ? *entry.oifs : noOifs);
+        entry.iif = entry.iif ? entry.iif : route.iif;
+        routes_.queue(entry);
     }
-}
-
-// One more entry of the same key: together they are one route with the interfaces of all that forward.
-void TableLearner::addTo(RouteEntry& entry, const MfcRoute& route) {
-    entry.several = true;
-    if (route.iif == 0)
-        return;
-    entry.oifs = oifsOf(route, entry.iif ? entry.oifs : OifSet());
-    entry.iif = entry.iif ? entry.iif : route.iif;
-    routes_.queue(entry);
 }
 
 void TableLearner::endDump(Clock::time_point now) {
     dumpOpen_ = false;
-    routes_.each([&](RouteEntry& entry) {
+    for (const RouteEntry& entry : routes_.all())
         if (entry.present && entry.seen != dump_ && entry.touched != dump_)
             missing_.push_back(entry.key);
-    });
     if (missing_.empty())
         settleDump(now);
 }
@@ -181,17 +168,17 @@ void TableLearner::settleDump(Clock::time_point now) {
             now + std::clamp<Clock::duration>((now - dumpBegan_) * pauseFactor, shortestPause, longestPause);
 }
 
-void TableLearner::failDump(Clock::time_point now) {
+void TableLearner::abandonDump() {
     dumpOpen_ = false;
     missing_.clear();
     eraseGone();
     dumpWanted_ = true;
-    notBefore_ = now + failurePause;
 }
 
 // Entries stay while a dump is under way, so that it can't bring back what went meanwhile.
 void TableLearner::eraseGone() {
-    routes_.each([&](RouteEntry& entry) { eraseIfGone(entry); });
+    for (auto next = routes_.all().begin(); next != routes_.all().end();)
+        eraseIfGone(*next++);
 }
 
 void TableLearner::eraseIfGone(RouteEntry& entry) {
@@ -200,31 +187,31 @@ void TableLearner::eraseIfGone(RouteEntry& entry) {
 }
 
 bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
-    OifSet oifs = oifsOf(route, {});
+    const OifSet oifs = oifsOf(route, {});
     if (entry.present && entry.iif == route.iif && entry.protocol == route.protocol && entry.oifs == oifs)
         return false;
     entry.present = true;
     entry.iif = route.iif;
     entry.protocol = route.protocol;
-    entry.oifs = std::move(oifs);
+    entry.oifs = oifs;
     routes_.queue(entry);
     return true;
 }
 
-OifSet TableLearner::oifsOf(const MfcRoute& route, const OifSet& more) {
-    scratch_.assign(more.members().begin(), more.members().end());
+OifSet TableLearner::oifsOf(const MfcRoute& route, std::vector<int> more) {
     for (int ifindex : route.oifs)
         if (ifindex != route.iif && !shared_.interfaces.isInternal(ifindex))
-            scratch_.push_back(ifindex);
-    return shared_.oifSets.get(scratch_);
+            more.push_back(ifindex);
+    return shared_.oifSet(std::move(more));
 }
 
 template <class Gone>
 bool TableLearner::dropOifs(RouteEntry& entry, Gone gone) {
-    scratch_.assign(entry.oifs.members().begin(), entry.oifs.members().end());
-    if (std::erase_if(scratch_, gone) == 0)
+    if (std::ranges::none_of(*entry.oifs, gone))
         return false;
-    entry.oifs = shared_.oifSets.get(scratch_);
+    std::vector<int> left = *entry.oifs;
+    std::erase_if(left, gone);
+    entry.oifs = shared_.oifSet(std::move(left));
     return true;
 }
 
@@ -242,7 +229,7 @@ void TableLearner::strip(Gone gone) {
 
 // Which of several entries of one key a VIF leaves isn't known.
 void TableLearner::wantDumpForSeveral() {
-    routes_.each([&](const RouteEntry& entry) { dumpWanted_ = dumpWanted_ || entry.several; });
+    dumpWanted_ = dumpWanted_ || std::ranges::any_of(routes_.all(), &RouteEntry::several);
 }
 
 } // namespace Agent::Kernel

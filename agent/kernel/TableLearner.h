@@ -1,25 +1,20 @@
 // What one table of the kernel holds, as far as events and dumps have told: its routes and its VIFs.
 //
-// It only learns: an entry that changes is queued in the RouteEntries, and MirroredVrf tells the sink from there.
-//
-// A dump is not one moment of the kernel: routes change, come and go while it runs, and a route deleted during it
-// makes it miss another. Therefore:
+// It only learns: an entry that changes is queued (RouteEntries.h), and MirroredVrf tells the sink from there. A dump
+// is not one moment of the kernel: routes come, change and go while it runs, and one that is deleted makes it miss
+// another. Therefore:
 // - an event of a route during the dump wins over what the dump says of it (touched);
 // - a route that a dump didn't have is removed only when the kernel, asked for that one, denies it;
 // - a dump during which something happened that could have made it miss or misstate a route (disturbed) is
 //   repeated, soon a few times, then at a distance in proportion to its length.
-// So the mirror follows the kernel also under churn that never lets a dump be clean.
-//
-// A MirroredVrf owns it; Mirror brings the messages. Read next: RouteEntries.h for an entry's fields.
+// So the mirror follows the kernel also under churn that never lets a dump be clean. A MirroredVrf owns it; Mirror
+// brings the messages.
 #pragma once
 
 #include "agent/kernel/MirrorShared.h"
-#include "agent/kernel/RouteEntries.h"
 
 #include <chrono>
 #include <optional>
-#include <set>
-#include <vector>
 
 namespace Agent::Kernel {
 
@@ -34,8 +29,7 @@ class TableLearner {
     const RouteEntries& routes() const { return routes_; }
     const std::vector<Vif>& vifs() const { return vifs_; }
 
-    /// From now on the messages of another table are given, or again those of this one after a gap. What is known
-    /// stands until the next dump confirms or changes it.
+    /// Messages of another table follow, or of this one after a gap. What is known stands until the next dump.
     void startOver();
 
     /// @param route neither unresolved nor with group zero.
@@ -47,24 +41,22 @@ class TableLearner {
     void wantDump() { dumpWanted_ = true; }
     /// The interface has gone: it has left every route and every VIF without an event of theirs.
     void linkGone(int ifindex);
-    /// The interface, which routes may have had for a while, is known by now.
-    void linkKnown(int ifindex);
-    /// The interface turned out to be internal.
-    void linkInternal(int ifindex);
-    /// Takes the VIFs of the table, as read just now.
-    /// @param added interfaces that became a VIF, in this or another table, since they were read before.
+    /// The interface, which routes may have had for a while, has got a name, or turned out to be internal.
+    void linkChanged(int ifindex);
+    /// Takes the VIFs of the table, as read just now, and which interfaces became VIFs of any since the last time.
     void takeVifs(std::vector<Vif> vifs, const std::set<int>& added);
 
     // A dump begins, brings entries, and ends when the kernel has said so and all events from before that moment
     // have been given; then the routes that it lacks are asked for one by one.
-
     bool dumpDue(Clock::time_point now) const { return dumpWanted_ && now >= notBefore_; }
-    std::optional<Clock::time_point> dumpWaitsUntil() const;
+    /// When there is a route to ask for, or a dump.
+    std::optional<Clock::time_point> queryDueAt() const;
     bool dumpOpen() const { return dumpOpen_; }
     void beginDump(Clock::time_point now);
     void learnFromDump(const MfcRoute& route);
     void endDump(Clock::time_point now);
-    void failDump(Clock::time_point now);
+    /// Has it begin anew later.
+    void abandonDump();
     /// The route to ask for next; null: none.
     const MfcKey* missing() const { return missing_.empty() ? nullptr : &missing_.back(); }
     /// @param found what the kernel has of missing(); null is nothing.
@@ -80,12 +72,10 @@ class TableLearner {
 
   private:
     bool dumpActive() const { return dumpOpen_ || !missing_.empty(); }
-    bool hasVif(int ifindex) const;
     void settleDump(Clock::time_point now);
     void eraseGone();
     bool merge(RouteEntry& entry, const MfcRoute& route);
-    void addTo(RouteEntry& entry, const MfcRoute& route);
-    OifSet oifsOf(const MfcRoute& route, const OifSet& more);
+    OifSet oifsOf(const MfcRoute& route, std::vector<int> more);
     template <class Gone>
     bool dropOifs(RouteEntry& entry, Gone gone);
     template <class Gone>
@@ -104,7 +94,6 @@ class TableLearner {
     Clock::time_point dumpBegan_{};
     Clock::time_point notBefore_{};
     std::vector<MfcKey> missing_; // the last one is asked for first
-    std::vector<int> scratch_;    // members of the set at hand
 };
 
 } // namespace Agent::Kernel

@@ -1,10 +1,9 @@
 // What the mirror of the kernel writes to: the agent's tables, as far as the mirror needs to know them.
 //
-// AgentTables implements it over the source of routes in force; KernelSource owns that. Mirror, its MirroredVrfs
-// and Verification are the callers. Calls come in an order that the tables can follow: a VRF before its routes,
-// routes gone before their VRF, multicast switched off before a VRF goes. Each is a real difference to what was
-// accepted before. What returns a text has changed nothing and says why; the mirror keeps the change pending,
-// shows it, and calls again when something that may matter has changed. No call may re-enter the mirror.
+// AgentTables implements it. Mirror, its MirroredVrfs and Verification call it, in an order that the tables can follow:
+// a VRF before its routes, routes gone before their VRF, multicast switched off before a VRF goes. Each call is a real
+// difference to what was accepted before. What returns a text has changed nothing and says why; the mirror keeps the
+// change pending and calls again when something that may matter has changed. No call may re-enter the mirror.
 #pragma once
 
 #include "agent/host/RouteSource.h"
@@ -12,10 +11,7 @@
 #include "agent/kernel/KernelMessage.h"
 
 #include <functional>
-#include <optional>
 #include <span>
-#include <string>
-#include <string_view>
 
 namespace Agent::Kernel {
 
@@ -46,8 +42,7 @@ class TableSink {
     /// An interface that routes were offered with is gone; no accepted route has it any more.
     virtual void forgetInterface(int ifindex) = 0;
 
-    /// What the tables hold, for a comparison with the kernel: whether multicast is enabled (nothing where the VRF
-    /// is not there), and the rows.
+    /// What the tables hold: whether multicast is enabled (nothing where the VRF is not there), and the rows.
     virtual std::optional<bool> multicastEnabled(const VrfConfig& vrf) const = 0;
     virtual void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const = 0;
 };

@@ -1,7 +1,7 @@
 #include "agent/kernel/Verification.h"
 
 #include <algorithm>
-#include <map>
+#include <utility>
 
 namespace Agent::Kernel {
 namespace {
@@ -14,10 +14,6 @@ std::string sortedList(std::vector<std::string> names) {
     for (const std::string& name : names)
         text += (text.empty() ? "" : " ") + name;
     return text.empty() ? "none" : text;
-}
-
-std::string onOff(bool on) {
-    return on ? "on" : "off";
 }
 
 std::string routeText(RouteType type, const MfcKey& key) {
@@ -45,8 +41,12 @@ bool Verification::compare() {
             mirror_.vrfs(), [&](const auto& other) { return other->config() == vrf->config(); });
         compareVrf(*vrf, at == mirror_.vrfs().end() ? nullptr : at->get());
     }
-    if (!std::exchange(asked_, true) && askForExtras())
+    // A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name.
+    if (!std::exchange(asked_, true) && !extras_.empty()) {
+        for (auto& [vrf, keys] : extras_)
+            vrf->kernel().lookUp(std::move(keys), Mirror::Clock::now());
         return false;
+    }
     result_.complete = standsStill(fresh_) && standsStill(mirror_);
     result_.took = std::chrono::steady_clock::now() - began_;
     return true;
@@ -55,32 +55,27 @@ bool Verification::compare() {
 void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
     const VrfConfig& config = vrf.config();
     const auto whyPending = [&](const MfcKey& key) { return known ? known->whyPending(key) : WhyNot(); };
+    const auto onOff = [](bool on) { return on ? "on" : "off"; };
     const bool multicast = !vrf.kernel().vifs().empty();
     const std::optional<bool> inTables = tables_.multicastEnabled(config);
     if (!inTables)
-        return differ({.vrf = config.name, .what = "VRF missing", .pending = whyPending({})});
+        return differ({config.name, "VRF missing", "", "", "", whyPending({})});
     if (*inTables != multicast)
-        differ({.vrf = config.name,
-                .what = "multicast",
-                .kernel = onOff(multicast),
-                .tables = onOff(*inTables),
-                .pending = whyPending({})});
+        differ({config.name, "multicast", "", onOff(multicast), onOff(*inTables), whyPending({})});
     RouteEntries& routes = vrf.kernel().routes();
-    routes.each([](RouteEntry& entry) { entry.installed = false; });
+    for (RouteEntry& entry : routes.all())
+        entry.installed = false;
     for (RouteType type : routeTypes)
         tables_.eachRoute(config, type, [&](const MfcKey& key, std::span<const std::string_view> names) {
             compareRow(vrf, known, type, key, names);
         });
     // An entry without an IIF is a row only where it was one before it lost it.
-    routes.each([&](const RouteEntry& entry) {
+    for (const RouteEntry& entry : routes.all()) {
         result_.routes += entry.present;
         if (entry.present && entry.iif != 0 && !entry.installed)
-            differ({.vrf = config.name,
-                    .what = "missing",
-                    .route = routeText(vrf.typeOf(entry), entry.key),
-                    .kernel = namesOf(entry),
-                    .pending = whyPending(entry.key)});
-    });
+            differ({config.name, "missing", routeText(vrf.typeOf(entry), entry.key), namesOf(entry), "",
+                    whyPending(entry.key)});
+    }
 }
 
 // Marks the entry that the row belongs to as installed: this mirror installs nothing itself.
@@ -89,12 +84,10 @@ void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteT
     ++result_.rows;
     RouteEntry* entry = vrf.kernel().routes().find(key);
     const bool isPresent = entry && entry->present;
-    Difference difference{.vrf = vrf.config().name,
-                          .what = "extra",
-                          .route = routeText(type, key),
-                          .tables = sortedList({names.begin(), names.end()})};
+    Difference difference{
+        vrf.config().name, "extra", routeText(type, key), "", sortedList({names.begin(), names.end()}), ""};
     if (!isPresent)
-        extras_.emplace_back(&vrf, key);
+        extras_[&vrf].push_back(key);
     if (!isPresent || (entry->iif != 0 && vrf.typeOf(*entry) != type))
         return differ(std::move(difference));
     entry->installed = true;
@@ -108,7 +101,7 @@ void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteT
 std::string Verification::namesOf(const RouteEntry& entry) const {
     std::vector<std::string> names;
     if (entry.iif != 0)
-        for (int ifindex : entry.oifs.members())
+        for (int ifindex : *entry.oifs)
             names.push_back(fresh_.interfaces().nameOf(ifindex));
     return sortedList(std::move(names));
 }
@@ -116,16 +109,6 @@ std::string Verification::namesOf(const RouteEntry& entry) const {
 void Verification::differ(Difference difference) {
     if (++result_.differenceCount <= differencesListed)
         result_.differences.push_back(std::move(difference));
-}
-
-// A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name.
-bool Verification::askForExtras() {
-    std::map<MirroredVrf*, std::vector<MfcKey>> keys;
-    for (const auto& [vrf, key] : extras_)
-        keys[vrf].push_back(key);
-    for (auto& [vrf, list] : keys)
-        vrf->kernel().lookUp(std::move(list), Mirror::Clock::now());
-    return !keys.empty();
 }
 
 void VerifyResult::write(Text::Writer& writer) const {

@@ -1,18 +1,13 @@
 // Compares the agent's tables with the kernel, as an operator asks for with `kestrelctl kernel verify`.
 //
-// A second mirror learns everything anew, from dumps of its own and from the events that also the first one gets
-// meanwhile; it never publishes. Then the tables themselves are held against it, so that a fault of the first
-// mirror shows as well as one of the tables. NetlinkSource makes one for each comparison and drives it in slices.
+// A second mirror learns everything anew, from dumps of its own and from the events that also the first one gets; it
+// never publishes. Then the tables are held against it, so that a fault of the first mirror shows as well as one of
+// the tables. NetlinkSource makes one for each comparison and drives it in slices.
 #pragma once
 
 #include "agent/kernel/NetlinkSocket.h"
 
-#include <chrono>
-#include <cstddef>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <map>
 
 namespace Agent::Kernel {
 
@@ -45,12 +40,10 @@ class Verification {
     /// The mirror that learns; it must get every event from now on.
     Mirror& fresh() { return fresh_; }
 
-    /// Learns the next part of what the kernel has. @return how many messages were read, at least 1; 0 when it has
-    /// learnt all it can.
+    /// Learns the next part of what the kernel has. @return how many messages were read; 0: there is no more.
     std::size_t learn(const std::function<void()>& settleEvents) { return query_.step(fresh_, settleEvents); }
 
-    /// Compares. All events must have been given to both mirrors, and all differences that the first one knows been
-    /// published.
+    /// Compares, once both mirrors have all events and the first one has published what it knows.
     /// @return false when single routes must be asked for first: learn() and compare again.
     bool compare();
 
@@ -62,14 +55,13 @@ class Verification {
                     std::span<const std::string_view> names);
     std::string namesOf(const RouteEntry& entry) const;
     void differ(Difference difference);
-    bool askForExtras();
 
     const Mirror& mirror_;
     TableSink& tables_;
     Mirror fresh_;
     QuerySocket query_;
     std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
-    std::vector<std::pair<MirroredVrf*, MfcKey>> extras_;
+    std::map<MirroredVrf*, std::vector<MfcKey>> extras_; // rows that the kernel lacks
     bool asked_ = false;
     VerifyResult result_;
 };

@@ -1,6 +1,7 @@
 #include "tests/ctl/FakeAgent.h"
 
 #include "ctl/CommandLine.h"
+#include "ctl/Message.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -13,10 +14,25 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace CtlTest {
+
+namespace {
+
+Request requestOf(const std::string& line) {
+    const std::optional<Ctl::Message> message = Ctl::Message::parse(line);
+    if (!message || message->findText("jsonrpc") != "2.0")
+        throw std::runtime_error("no request: " + line);
+    return {.method = message->text("method"),
+            .params = message->at("params").json(),
+            .id = message->number("id")};
+}
+
+} // namespace
 
 FakeAgent::FakeAgent(Answer answer)
     : answer_(std::move(answer))
@@ -73,7 +89,7 @@ void FakeAgent::serveClient() {
             return;
         received.append(buffer.data(), static_cast<std::size_t>(count));
         for (std::size_t end = 0; (end = received.find('\n')) != std::string::npos;) {
-            const Json request = Json::parse(received.substr(0, end));
+            const auto request = requestOf(received.substr(0, end));
             received.erase(0, end + 1);
             const std::string answer = answer_(request);
             { // before the answer, by which the client goes on
@@ -97,7 +113,7 @@ void FakeAgent::tell(const std::string& text) {
     }
 }
 
-std::vector<Json> FakeAgent::requests() const {
+std::vector<Request> FakeAgent::requests() const {
     const std::lock_guard lock(mutex_);
     return requests_;
 }
@@ -111,16 +127,16 @@ bool FakeAgent::awaitRequests(std::size_t count) const {
     return false;
 }
 
-std::string resultLine(const Json& request, const Json& result) {
-    return Json{{"jsonrpc", "2.0"}, {"id", request.at("id")}, {"result", result}}.dump() + "\n";
+std::string resultLine(const Request& request, const std::string& result) {
+    return R"({"jsonrpc":"2.0","id":)" + std::to_string(request.id) + R"(,"result":)" + result + "}\n";
 }
 
-std::string errorLine(const Json& request, const Json& error) {
-    return Json{{"jsonrpc", "2.0"}, {"id", request.at("id")}, {"error", error}}.dump() + "\n";
+std::string errorLine(const Request& request, const std::string& error) {
+    return R"({"jsonrpc":"2.0","id":)" + std::to_string(request.id) + R"(,"error":)" + error + "}\n";
 }
 
-std::string changedLine(const Json& change) {
-    return Json{{"jsonrpc", "2.0"}, {"method", "changed"}, {"params", change}}.dump() + "\n";
+std::string changedLine(const std::string& change) {
+    return R"({"jsonrpc":"2.0","method":"changed","params":)" + change + "}\n";
 }
 
 Outcome runCtl(const std::vector<std::string>& arguments) {

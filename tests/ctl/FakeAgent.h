@@ -2,8 +2,7 @@
 // keeps what it was asked. One client at a time.
 #pragma once
 
-#include <nlohmann/json.hpp>
-
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -12,12 +11,17 @@
 
 namespace CtlTest {
 
-using Json = nlohmann::ordered_json;
+// A request that was received; what is sent back is written as JSON text.
+struct Request {
+    std::string method;
+    std::string params; // JSON, without blanks
+    std::int64_t id = 0;
+};
 
 class FakeAgent {
   public:
     /// Gives the text to send back for a request, lines with their newlines; nothing closes the connection.
-    using Answer = std::function<std::string(const Json& request)>;
+    using Answer = std::function<std::string(const Request& request)>;
 
     explicit FakeAgent(Answer answer);
     ~FakeAgent();
@@ -26,7 +30,7 @@ class FakeAgent {
 
     const std::string& path() const { return path_; }
     /// What has been asked so far.
-    std::vector<Json> requests() const;
+    std::vector<Request> requests() const;
     /// Waits until so many requests have been answered; false when they don't.
     bool awaitRequests(std::size_t count) const;
     /// Sends text to the client that is connected.
@@ -43,14 +47,14 @@ class FakeAgent {
     int client_ = -1;
     int stop_ = -1;
     mutable std::mutex mutex_;
-    std::vector<Json> requests_;
+    std::vector<Request> requests_;
     std::thread thread_;
 };
 
-/// Answers to a request, each a line.
-std::string resultLine(const Json& request, const Json& result);
-std::string errorLine(const Json& request, const Json& error);
-std::string changedLine(const Json& change);
+/// Answers to a request, each a line; results, errors and changes are JSON.
+std::string resultLine(const Request& request, const std::string& result);
+std::string errorLine(const Request& request, const std::string& error);
+std::string changedLine(const std::string& change);
 
 /// A run of kestrelctl.
 struct Outcome {

@@ -1,11 +1,11 @@
 // watch and wait against a fake agent that tells changes.
 #include "tests/ctl/FakeAgent.h"
 
-#include "ctl/CommandLine.h"
+#include "ctl/Duration.h"
+#include "ctl/Output.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -19,91 +19,78 @@ namespace {
 
 using namespace std::chrono_literals;
 
-Json change(int seq, const Json& value) {
-    return {{"seq", seq},
-            {"path", "api/mgroup/resp"},
-            {"attribute", "mgroupId"},
-            {"key",
-             {{"intf", "Ethernet5"},
-              {"vrfId", 3},
-              {"vlanId", 10},
-              {"sourceIp", "10.0.0.1"},
-              {"groupIp", "239.1.1.1"},
-              {"type", 1}}},
-            {"value", value}};
+// A change as the agent tells it; its text tells people `value`.
+std::string change(int seq, const std::string& value) {
+    return R"({"seq":)" + std::to_string(seq) + R"(,"path":"api/mgroup/resp","value":)" + value +
+           R"(,"text":"answer: )" + value + "\"}";
 }
 
-std::string line(const std::string& value) {
-    return "mgroup (10.0.0.1, 239.1.1.1) in 3 for Ethernet5 vlan 10: " + value + "\n";
-}
+const std::string nothingYet = R"({"instance":"i","seq":0,"snapshot":[]})";
 
 TEST(Watch, PrintsTheAnswersThenALineAChangeAndSaysHowToGoOn) {
-    FakeAgent agent([&agent](const Json& request) {
-        const Json begin{{"instance", "i-1"}, {"seq", 7}, {"snapshot", {change(0, 16)}}};
+    FakeAgent agent([&agent](const Request& request) {
+        const std::string begin = R"({"instance":"i-1","seq":7,"snapshot":[)" + change(0, "16") + "]}";
         // The last one is cut: the agent was killed while it wrote.
-        agent.tell(resultLine(request, begin) + changedLine(change(8, 17)) + changedLine(change(9, nullptr)) +
-                   changedLine(change(10, 18)).substr(0, 40));
+        agent.tell(resultLine(request, begin) + changedLine(change(8, "17")) +
+                   changedLine(change(9, "null")) + changedLine(change(10, "18")).substr(0, 40));
         return std::string();
     });
     const Outcome run = runCtl(agent, {"watch"});
     EXPECT_EQ(run.status, Ctl::exitFailed);
-    EXPECT_EQ(run.out, line("16") + line("17") + line("gone"));
+    EXPECT_EQ(run.out, "answer: 16\nanswer: 17\nanswer: null\n");
     EXPECT_EQ(run.err, "kestrelctl: go on with watch --since i-1:9\nkestrelctl: the agent at " +
                            agent.path() + " is lost: it closed the connection\n");
-    EXPECT_EQ(agent.requests().at(0).at("params").dump(), "{}");
+    EXPECT_EQ(agent.requests().at(0).params, R"({"text":true})");
 
     const Outcome json = runCtl(agent, {"watch", "--json"});
-    EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 3);
-    EXPECT_EQ(Json::parse(json.out.substr(0, json.out.find('\n'))).at("seq"), 7);
+    EXPECT_EQ(json.out, R"({"instance":"i-1","seq":7,"snapshot":[)" + change(0, "16") + "]}\n" +
+                            change(8, "17") + "\n" + change(9, "null") + "\n");
+    EXPECT_EQ(agent.requests().at(1).params, "{}");
 }
 
 TEST(Watch, GoesOnWhereItEnded) {
-    Json begin{{"instance", "a:b"}, {"seq", 9}, {"changes", {change(9, 17)}}};
-    FakeAgent agent([&](const Json& request) {
+    std::string begin = R"({"instance":"a:b","seq":9,"changes":[)" + change(9, "17") + "]}";
+    FakeAgent agent([&](const Request& request) {
         agent.tell(resultLine(request, begin));
         return std::string();
     });
     const Outcome known = runCtl(agent, {"watch", "--since", "a:b:8"});
-    EXPECT_EQ(agent.requests().back().at("params").dump(), R"({"since":{"instance":"a:b","seq":8}})");
-    EXPECT_EQ(known.out, line("17"));
+    EXPECT_EQ(agent.requests().back().params, R"({"since":{"instance":"a:b","seq":8},"text":true})");
+    EXPECT_EQ(known.out, "answer: 17\n");
     EXPECT_EQ(known.err.find("kestrelctl: go on with watch --since a:b:9"), 0U);
 
-    begin = {{"instance", "c"}, {"seq", 2}, {"lost", true}, {"snapshot", {change(0, 18)}}};
+    begin = R"({"instance":"c","seq":2,"lost":true,"snapshot":[)" + change(0, "18") + "]}";
     const Outcome lost = runCtl(agent, {"watch", "--since", "a:b:9"});
-    EXPECT_EQ(lost.out, line("18"));
+    EXPECT_EQ(lost.out, "answer: 18\n");
     EXPECT_NE(lost.err.find("are not known any more"), std::string::npos);
     EXPECT_NE(lost.err.find("watch --since c:2"), std::string::npos);
 }
 
 TEST(Watch, EndsWellWhenItIsInterrupted) {
-    FakeAgent agent([](const Json& request) {
-        return resultLine(request, {{"instance", "i"}, {"seq", 0}, {"snapshot", Json::array()}});
-    });
+    FakeAgent agent([](const Request& request) { return resultLine(request, nothingYet); });
     Outcome run;
     std::thread watching([&] { run = runCtl(agent, {"watch"}); });
     ASSERT_TRUE(agent.awaitRequests(1));
-    agent.tell(changedLine(change(1, 17)));
+    agent.tell(changedLine(change(1, "17")));
     std::this_thread::sleep_for(20ms);
     ::pthread_kill(watching.native_handle(), SIGINT);
     watching.join();
     EXPECT_EQ(run.status, Ctl::exitDone);
-    EXPECT_EQ(run.out, line("17"));
+    EXPECT_EQ(run.out, "answer: 17\n");
     EXPECT_EQ(run.err, "kestrelctl: go on with watch --since i:1\n");
 }
 
-/// An agent whose one expectation holds from the change `holdsAt` on; each failing look is followed by
-/// `next`.
+// An agent whose one expectation holds from the change `holdsAt` on; each failing look is followed by `next`.
 class WaitTest : public testing::Test {
   protected:
-    std::string answer(const Json& request) {
-        if (request.at("method") == "watch")
-            return resultLine(request, {{"instance", "i"}, {"seq", 0}, {"snapshot", Json::array()}});
+    std::string answer(const Request& request) {
+        if (request.method == "watch")
+            return resultLine(request, nothingYet);
         ++looks;
         if (changes >= holdsAt)
-            return resultLine(request, {{"result", {{"held", true}}}, {"text", ""}});
-        return errorLine(request, {{"code", -32001},
-                                   {"message", "mgroup: expected 17, but it is absent"},
-                                   {"data", {{"expected", "17"}, {"actual", "absent"}}}}) +
+            return resultLine(request, R"({"result":{"held":true},"text":""})");
+        return errorLine(request, R"({"code":-32001,"message":"mgroup: expected 17, but it is absent",)"
+                                  R"("data":{"expected":"17","actual":"absent"}})") +
                next();
     }
 
@@ -115,7 +102,7 @@ class WaitTest : public testing::Test {
     std::atomic<int> changes = 0;
     std::atomic<int> looks = 0;
     int holdsAt = 0;
-    FakeAgent agent{[this](const Json& request) { return answer(request); }};
+    FakeAgent agent{[this](const Request& request) { return answer(request); }};
 };
 
 TEST_F(WaitTest, LooksAgainAfterEachChangeAndNotInBetween) {
@@ -125,14 +112,14 @@ TEST_F(WaitTest, LooksAgainAfterEachChangeAndNotInBetween) {
             EXPECT_TRUE(agent.awaitRequests(static_cast<std::size_t>(i) + 1));
             std::this_thread::sleep_for(30ms);
             ++changes;
-            agent.tell(changedLine(change(i, i)));
+            agent.tell(changedLine(change(i, std::to_string(i))));
         }
     });
     const Outcome run = runCtl(agent, wait("10s"));
     telling.join();
     EXPECT_EQ(run.status, Ctl::exitDone) << run.err;
     EXPECT_EQ(looks, 4);
-    EXPECT_EQ(agent.requests().at(1).at("params").at("line"), "expect mgroup intf Ethernet5 = 17");
+    EXPECT_EQ(agent.requests().at(1).params, R"({"line":"expect mgroup intf Ethernet5 = 17","text":true})");
     EXPECT_EQ(runCtl(agent, {"wait", "mgroup", "=", "17", "--json"}).out, "{\"held\":true}\n") << "at once";
 }
 
@@ -141,7 +128,7 @@ TEST_F(WaitTest, LooksOnceForChangesThatCameTogether) {
     next = [this] {
         std::string all;
         while (changes < holdsAt)
-            all += changedLine(change(++changes, 16));
+            all += changedLine(change(++changes, "16"));
         return all;
     };
     EXPECT_EQ(runCtl(agent, wait("10s")).status, Ctl::exitDone);
@@ -159,17 +146,26 @@ TEST_F(WaitTest, ThatRanOutIsStatus3WithBothSides) {
 
 TEST_F(WaitTest, ChangesWithoutEndDoNotDrawItOut) {
     holdsAt = 1;
-    next = [] { return changedLine(change(1, 16)); };
+    next = [] { return changedLine(change(1, "16")); };
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(runCtl(agent, wait("60ms")).status, Ctl::exitTimedOut);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
 }
 
+TEST(Wait, TimesAreWrittenWithTheirUnit) {
+    EXPECT_EQ(Ctl::durationOf("500ms"), 500ms);
+    EXPECT_EQ(Ctl::durationOf("2s"), 2s);
+    EXPECT_EQ(Ctl::durationOf("2"), 2s);
+    EXPECT_EQ(Ctl::durationOf("1m"), 1min);
+    for (const std::string word : {"", "s", "-1s", "2h", "1.5s", "2 s", "99999999999s"})
+        EXPECT_EQ(Ctl::durationOf(word), std::nullopt) << word;
+}
+
 TEST(Wait, WhatCanNotHoldIsAnErrorAtOnce) {
-    const FakeAgent agent([](const Json& request) {
-        return request.at("method") == "watch"
-                   ? resultLine(request, Json::object())
-                   : errorLine(request, {{"code", -32602}, {"message", "there is no VRF 'rde'"}});
+    const FakeAgent agent([](const Request& request) {
+        return request.method == "watch"
+                   ? resultLine(request, "{}")
+                   : errorLine(request, R"({"code":-32602,"message":"there is no VRF 'rde'"})");
     });
     const Outcome run = runCtl(agent, {"wait", "mroute", "vrf", "rde", "=", "none", "timeout", "10s"});
     EXPECT_EQ(run.status, Ctl::exitFailed);

@@ -228,7 +228,7 @@ void FakeReader::settle() {
         mirror_.publish(~std::size_t{0});
         if (step(100) || mirror_.publishDue())
             continue;
-        std::optional<Mirror::Clock::time_point> due = mirror_.queryWaitsUntil();
+        std::optional<Mirror::Clock::time_point> due = mirror_.queryDueAt();
         if (!due)
             return;
         now = std::max(now, *due);

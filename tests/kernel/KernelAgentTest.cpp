@@ -54,8 +54,8 @@ void requestAll(RpcClient& client, const char* operation) {
                                 {{"intf", "Ethernet5"},
                                  {"vrfId", 0},
                                  {"vlanId", 10},
-                                 {"sourceIp", ipv4Text(numbered(i).source)},
-                                 {"groupIp", ipv4Text(numbered(i).group)},
+                                 {"sourceIp", L3::IpAddr(numbered(i).source).stringValue()},
+                                 {"groupIp", L3::IpAddr(numbered(i).group).stringValue()},
                                  {"type", 0}}}});
         client.result("apply", {{"changes", changes}});
     }
@@ -126,8 +126,8 @@ TEST_P(KernelAgentTest, AfterLostEventsAnswersAreAsIfAskedAnew) {
 
     const auto followed = answers(client);
     EXPECT_EQ(followed.size(), routes * 3 / 4);
-    EXPECT_EQ(followed.at(ipv4Text(numbered(1).group)), "e3 e4 ");
-    EXPECT_EQ(followed.at(ipv4Text(numbered(2).group)), "e2 ");
+    EXPECT_EQ(followed.at(L3::IpAddr(numbered(1).group).stringValue()), "e3 e4 ");
+    EXPECT_EQ(followed.at(L3::IpAddr(numbered(2).group).stringValue()), "e2 ");
     requestAll(client, "del");
     EXPECT_TRUE(answers(client).empty());
     requestAll(client, "set");

@@ -95,12 +95,13 @@ class Churn {
         config_.vrfs.clear();
         std::uint32_t turn = static_cast<std::uint32_t>(below(3));
         const char* names[] = {"default", "red", "blue"};
+        const std::optional<RouteType> types[] = {RouteType::staticRoutes, RouteType::sparse, std::nullopt};
         for (std::uint32_t i = 0; i < 3; ++i)
             if (i == 0 || below(4) > 0)
                 config_.vrfs.push_back({.name = names[i],
                                         .id = i == 0 ? 0 : (i + turn) % 2 + 1,
                                         .table = tableOf[(i + turn) % 3],
-                                        .routeType = static_cast<RouteTypeRule>(below(3))});
+                                        .routeType = types[below(3)]});
     }
 
     void change() {
@@ -196,9 +197,8 @@ class Churn {
         if (route.iif == 0)
             return;
         forwarding = true;
-        bool isStatic =
-            vrf.routeType == RouteTypeRule::staticRoutes ||
-            (vrf.routeType == RouteTypeRule::byProtocol && route.protocol == FakeKernel::byNetlink);
+        bool isStatic = vrf.routeType == RouteType::staticRoutes ||
+                        (!vrf.routeType && route.protocol == FakeKernel::byNetlink);
         RecordingSink::Row& row = expected[isStatic ? 0 : 1][route.key];
         for (int oif : route.oifs)
             if (oif != route.iif && !kernel_.links[oif].internal)

@@ -126,7 +126,7 @@ TEST_F(MirrorTest, RouteTypeFollowsTheConfigurationOrTheProtocol) {
     EXPECT_EQ(calls,
               (std::vector<std::string>{"route (10.9.1.2, 239.2.0.2)", "no route (10.9.1.2, 239.2.0.2)"}));
 
-    start({{{.name = "default", .id = 0, .table = table, .routeType = RouteTypeRule::staticRoutes}}});
+    start({{{.name = "default", .id = 0, .table = table, .routeType = RouteType::staticRoutes}}});
     EXPECT_EQ(row(numbered(1), RouteType::staticRoutes), "e3");
     EXPECT_EQ(row(numbered(1), RouteType::sparse), "absent");
 }
@@ -418,7 +418,7 @@ TEST_F(MirrorTest, AFailedQueryIsReportedAndRepeatedLater) {
         ASSERT_TRUE(query);
         mirror.endAnswer(EPERM, false, reader.now);
         EXPECT_FALSE(mirror.nextQuery(reader.now));
-        reader.now = mirror.queryWaitsUntil().value();
+        reader.now = mirror.queryDueAt().value();
     }
     EXPECT_NE(mirror.lastError().find("interfaces can't be read"), std::string::npos);
     KernelMessage broken;

@@ -4,6 +4,7 @@
 #include "tests/kernel/NetNamespace.h"
 #include "tests/kernel/RecordingSink.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -107,9 +108,9 @@ class Loop {
     // Nothing comes any more, and no resynchronisation waits.
     bool quiet() const {
         pollfd fd{source.fd(), POLLIN, 0};
-        return poll(&fd, 1, 0) == 0 && std::ranges::none_of(source.mirror().vrfs(), [](const auto& vrf) {
-                   return vrf->kernel().resyncPending();
-               });
+        return poll(&fd, 1, 0) == 0 &&
+               std::none_of(source.mirror().vrfs().begin(), source.mirror().vrfs().end(),
+                            [](const auto& vrf) { return vrf->kernel().resyncPending(); });
     }
 };
 

@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -68,4 +71,24 @@ TEST(SocketPath, IsTheUsersOwnUnlessItIsRoots) {
 }
 
 } // namespace
+// The page is what help tells, verb by verb.
+TEST(GrammarPage, HasEveryVerbAsHelpTellsIt) {
+    std::ifstream file(KESTREL_SOURCE_DIR "/docs/grammar.md");
+    const std::string page(std::istreambuf_iterator<char>(file), {});
+    std::size_t at = 0;
+    for (const Text::VerbHelp& verb : Text::verbs()) {
+        std::vector<std::string> parts{"### " + std::string(verb.name) + "\n", std::string(verb.summary)};
+        std::istringstream forms{std::string(verb.forms)};
+        for (std::string form; std::getline(forms, form);)
+            parts.push_back("\n" + form.substr(2) + "\n");
+        parts.emplace_back(verb.notes);
+        for (const std::string& part : parts) {
+            const std::size_t found = page.find(part, at);
+            ASSERT_NE(found, std::string::npos)
+                << "docs/grammar.md lacks, behind what comes before it: " << part;
+            at = found + part.size() - 1;
+        }
+    }
+}
+
 } // namespace TextTest
