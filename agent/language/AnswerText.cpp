@@ -1,7 +1,6 @@
 #include "agent/language/AnswerText.h"
 
-#include "agent/json/Json.h"
-#include "state/Value.h"
+#include "agent/json/ValueWriter.h"
 
 namespace Agent {
 
@@ -40,9 +39,14 @@ void writeAnswerMembers(Text::Writer& writer, const Operations& operations, cons
     writer.member("path", change.service->answerPath);
     writer.member("attribute", change.service->answerAttribute);
     writer.field("key");
-    Json::write(writer, State::toDatum(change.key));
+    Json::writeValue(writer, change.key);
     writer.field("value");
-    Json::write(writer, toDatum(change.answer));
+    if (const auto* oifs = std::get_if<KestrelNat::NatMrouteOifSet>(&change.answer))
+        Json::writeValue(writer, *oifs);
+    else if (const auto* number = std::get_if<std::uint32_t>(&change.answer))
+        writer.value(*number);
+    else
+        writer.value(nullptr);
     if (!withText)
         return;
     if (const auto name = operations.vrfNameOf(change.key.vrfId.value()))
