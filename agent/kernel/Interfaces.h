@@ -41,8 +41,7 @@ class Interfaces {
     /// Those that the dump didn't have: gone, if nothing else went meanwhile.
     std::vector<int> unseen() const;
 
-    /// Interfaces that the sink knows by another name, and those that it need not know any more; who tells it
-    /// takes them out.
+    /// What the sink knows by another name, and what it need not know any more; who tells it takes them out.
     std::set<int>& toRename() { return toRename_; }
     const std::set<int>& toRename() const { return toRename_; }
     std::set<int>& toForget() { return toForget_; }

@@ -32,8 +32,7 @@ bool NetlinkSource::hasWork() const {
 }
 
 // The first look is read whole before any of it is told: for each part of a dump the kernel walks its list from the
-// beginning, which takes twice as long once the work of telling has driven the list out of the processor's caches.
-// Later, telling comes before asking, so that no event waits for a dump.
+// beginning, twice as long where telling has driven it out of the processor's caches. Later, no event waits for a dump.
 void NetlinkSource::doSlice(std::size_t maxRoutes) {
     for (std::size_t done = 0; done < maxRoutes;) {
         std::size_t routes = 0;

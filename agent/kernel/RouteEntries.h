@@ -21,8 +21,7 @@ namespace Agent::Kernel {
 using OifSet = const std::vector<int>*;
 inline const std::vector<int> noOifs;
 
-/// One route. It exists while the kernel has it (present) or the sink has it (installed), and for the length of a
-/// dump after it has gone.
+/// One route. It exists while the kernel has it (present) or the sink (installed), and to the end of a dump after that.
 struct RouteEntry {
     MfcKey key;
     OifSet oifs = &noOifs; // of the kernel, without the IIF and internal interfaces

@@ -1,4 +1,5 @@
 // The kernel source in a real agent: what reaches the answers, and what its configuration does while it runs.
+#include "records/IpAddr.h"
 #include "tests/agent/AgentProcess.h"
 #include "tests/kernel/MfcFeeder.h"
 #include "tests/kernel/NetNamespace.h"

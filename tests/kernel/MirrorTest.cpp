@@ -212,23 +212,6 @@ TEST_F(MirrorTest, ARouteThatADumpMissesStays) {
     EXPECT_EQ(mirror.counters().lookups, 1u);
 }
 
-// The dump has read the route when it goes, and brings it after the event.
-TEST_F(MirrorTest, ARouteThatGoesDuringADumpDoesNotComeBack) {
-    start();
-    kernel.lose();
-    route(flow, 0, {1}); // without an event
-    route(numbered(1), 0, {1});
-    reader.drain();
-    while (dumpsAsked() == 0)
-        reader.step();
-    kernel.routeDel(table, flow);
-    route(numbered(1), 0, {2});
-    wake();
-    reader.settle();
-    EXPECT_EQ(calls, std::vector<std::string>{"route (10.9.1.2, 239.2.0.1)"});
-    EXPECT_EQ(row(numbered(1)), "e4");
-}
-
 TEST_F(MirrorTest, LastingChurnIsFollowedWithDumpsAtADistance) {
     for (std::uint32_t i = 0; i < 30; ++i)
         route(numbered(i), 0, {1});
@@ -295,21 +278,6 @@ TEST_F(MirrorTest, AnInterfaceHeardOfLateJoinsItsRoutes) {
     EXPECT_EQ(row(), "e3");
     settle();
     EXPECT_EQ(row(), "e3 late");
-}
-
-TEST_F(MirrorTest, RowsThatHoldNamesAreToldAgainAfterARename) {
-    RecordingSink named(true);
-    Mirror second(named);
-    FakeReader secondReader(kernel, second);
-    second.reconfigure({{{.name = "default", .id = 0, .table = table}}});
-    route(flow, 0, {1, 2});
-    route(numbered(1), 0, {3});
-    secondReader.settle();
-    std::size_t before = named.calls;
-    kernel.linkIs(3, "uplink");
-    secondReader.settle();
-    EXPECT_EQ(named.row("default", flow), "uplink e4");
-    EXPECT_EQ(named.calls, before + 2); // the name, and one row
 }
 
 // The kernel keeps a route's OIFs by VIF: another interface behind one changes routes without an event.
@@ -430,49 +398,6 @@ TEST_F(MirrorTest, AFailedQueryIsReportedAndRepeatedLater) {
     EXPECT_EQ(mirror.counters().malformed, 1u);
     settle();
     EXPECT_EQ(row(), "e3");
-}
-
-// The kernel can have several (*,G) entries, one an IIF; they are one row, with the OIFs of all.
-TEST_F(MirrorTest, SeveralEntriesOfOneGroupAreOneRow) {
-    MfcKey shared{.source = 0, .group = flow.group};
-    auto entryIs = [&](int parent, std::uint32_t outputs) {
-        kernel.routeIs(table, {.key = shared, .parent = parent, .outputs = outputs}, true);
-    };
-    start();
-    entryIs(0, 0b0011);
-    entryIs(2, 0b1100);
-    settle();
-    EXPECT_EQ(row(shared), "e3 e5");
-    kernel.routeDel(table, shared);
-    settle();
-    EXPECT_EQ(row(shared), "e5");
-
-    // What an IIF takes with it when its interface or its VIF goes.
-    entryIs(0, 0b0011);
-    entryIs(4, 0b100000);
-    settle();
-    EXPECT_EQ(row(shared), "e3 e5 e7");
-    kernel.linkDel(4);
-    settle();
-    EXPECT_EQ(row(shared), "e3 e7");
-    kernel.vifDel(table, 4);
-    settle();
-    EXPECT_EQ(row(shared), "e3");
-
-    // One that an overrun hid, and another that comes while the dump is under way.
-    kernel.lose();
-    entryIs(5, 0b0010000000);
-    reader.drain();
-    entryIs(3, 0b100000);
-    while (dumpsAsked() == 0)
-        reader.step();
-    entryIs(3, 0b1000000);
-    settle();
-    EXPECT_EQ(row(shared), "e3 e8");
-
-    kernel.daemonStop(table);
-    settle();
-    EXPECT_EQ(row(shared), "absent");
 }
 
 } // namespace
