@@ -13,14 +13,16 @@
 // buffer of the same size and thrown away.
 //
 // Everything happens in a network namespace of this program's own.
-#include "agent/EventLoop.h"
-#include "agent/Host.h"
-#include "agent/KernelMirror.h"
-#include "agent/Operations.h"
+#include "agent/changes/Operations.h"
+#include "agent/host/Fd.h"
+#include "agent/kernel/KernelSource.h"
 #include "bench/Report.h"
 #include "records/NatMroute.h"
 #include "tests/kernel/MfcFeeder.h"
 #include "tests/kernel/NetNamespace.h"
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
@@ -147,11 +149,6 @@ Agent::Fd netlinkSocket() {
     return fd;
 }
 
-void runOneTurn(Agent::EventLoop& loop) {
-    loop.defer([&loop] { loop.stop(); });
-    loop.run();
-}
-
 // The agent without its control socket: the plug-in, the mirror of the kernel, requests for the first
 // routes, and a subscriber to the answers.
 class Mirrored {
@@ -160,7 +157,7 @@ class Mirrored {
         : requests_(requests) {
         host_.load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so");
         host_.start();
-        const auto collection = host_.inDatabase<KestrelNat::NatMrouteRequestSet>("api/mroute/req");
+        const auto collection = host_.stores().inDatabase<KestrelNat::NatMrouteRequestSet>();
         for (std::size_t i = 0; i < requests; ++i) {
             collection->mrouteReqIs({.intf = L3::IntfId("Ethernet99"),
                                      .vrfId = 0,
@@ -178,24 +175,18 @@ class Mirrored {
     // answered are.
     void follow(const std::string& config, std::size_t routes) {
         const std::size_t answered = heard_ + std::min(routes, requests_);
-        mirror_ = Agent::makeKernelMirror(operations_, loop_, config);
-        const auto hook = loop_.turnHookIs([&] {
-            if (rows() == routes && heard_ == answered)
-                loop_.stop();
-            return false;
-        });
-        loop_.defer([] {}); // a turn to begin with
-        loop_.run();
-        loop_.turnHookDel(hook);
+        mirror_ = std::make_unique<Agent::Kernel::KernelSource>(loop_, operations_, config);
+        while (rows() != routes || heard_ != answered)
+            loop_.run_one();
     }
     // When the next answer with an interface was told; waits for it.
     Clock::time_point answerTold() {
-        wanted_ = heard_ + 1;
-        loop_.run();
+        for (const std::size_t wanted = heard_ + 1; heard_ < wanted;)
+            loop_.run_one();
         return last_;
     }
     // Takes in what the kernel has told.
-    void catchUp() { runOneTurn(loop_); }
+    void catchUp() { loop_.poll(); }
 
   private:
     static void hear(void* self, const State::Notification& change) {
@@ -205,24 +196,18 @@ class Mirrored {
         if (answer == nullptr || answer->empty())
             return;
         mirrored.last_ = Clock::now();
-        if (++mirrored.heard_ == mirrored.wanted_)
-            mirrored.loop_.stop();
+        ++mirrored.heard_;
     }
-    std::size_t rows() const {
-        const char* const table = host_.isLumen() ? "lumen/multicast/fib/ipv4/sparsemode/default"
-                                                  : "routing/multicast/routestatus/default/sparsemode";
-        return operations_.members(table, "route", nullptr, 1).size;
-    }
+    std::size_t rows() const { return host_.routes().routes("default", Agent::RouteType::sparse); }
 
     std::size_t requests_;
-    Agent::EventLoop loop_;
+    asio::io_context loop_;
     Agent::Host host_;
     Agent::Operations operations_{host_};
     State::Handle<const KestrelNat::NatMrouteResponseMap> answers_ =
-        host_.inDatabase<KestrelNat::NatMrouteResponseMap>("api/mroute/resp");
-    std::unique_ptr<Agent::KernelSource> mirror_;
+        host_.stores().inDatabase<KestrelNat::NatMrouteResponseMap>();
+    std::unique_ptr<Agent::Kernel::KernelSource> mirror_;
     std::size_t heard_ = 0; // answers with an interface
-    std::size_t wanted_ = 0;
     Clock::time_point last_;
 };
 
@@ -234,13 +219,11 @@ class BareReader {
         address.nl_family = AF_NETLINK;
         if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             Bench::refuse("the bare reader's socket can't be bound");
-        loop_.fdIs(fd_.get(), Agent::EventLoop::readable, [this](unsigned /*ready*/) {
-            if (::recv(fd_.get(), buffer_.data(), buffer_.size(), 0) > 0) {
-                last_ = Clock::now();
-                loop_.stop();
-            }
-        });
+        read();
     }
+    ~BareReader() { onLoop_.release(); }
+    BareReader(const BareReader&) = delete;
+    BareReader& operator=(const BareReader&) = delete;
 
     // NETLINK_ADD_MEMBERSHIP or NETLINK_DROP_MEMBERSHIP.
     void membershipIs(int which) const {
@@ -250,13 +233,28 @@ class BareReader {
     }
     // When the next notification was read; waits for it.
     Clock::time_point arrival() {
-        loop_.run();
+        for (const std::size_t before = reads_; reads_ == before;)
+            loop_.run_one();
         return last_;
     }
 
   private:
-    Agent::EventLoop loop_;
+    void read() {
+        onLoop_.async_wait(asio::posix::descriptor_base::wait_read, [this](const asio::error_code& error) {
+            if (error)
+                return;
+            if (::recv(fd_.get(), buffer_.data(), buffer_.size(), 0) > 0) {
+                last_ = Clock::now();
+                ++reads_;
+            }
+            read();
+        });
+    }
+
+    asio::io_context loop_;
     Agent::Fd fd_ = netlinkSocket();
+    asio::posix::stream_descriptor onLoop_{loop_, fd_.get()};
+    std::size_t reads_ = 0;
     std::array<char, 32768> buffer_{};
     Clock::time_point last_;
 };

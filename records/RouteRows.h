@@ -49,11 +49,10 @@ class RouteRows {
     /// The value under the key, and whether it was appended: makeValue() then, which must not use the table.
     template <class MakeValue>
     std::pair<Value*, bool> findOrInsert(const IpGenRouteKey& key, MakeValue makeValue) {
-        std::uint32_t number = numberOf(key);
-        const bool isNew = number == none;
-        if (isNew)
-            number = append(Row(key, makeValue()));
-        return {&pool_[number].row.value(), isNew};
+        if (const std::uint32_t number = numberOf(key); number != none)
+            return {&pool_[number].row.value(), false};
+        const std::uint32_t number = append(Row(key, makeValue()));
+        return {&pool_[number].row.value(), true};
     }
 
     /// Removes the row under the key and hands its value to consume(Value&&); false when absent.
