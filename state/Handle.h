@@ -98,7 +98,7 @@ class Handle {
 
     template <class U>
     friend bool operator==(const Handle& a, const Handle<U>& b) noexcept {
-        return a.get() == b.get();
+        return a.get() == b.get(); // NOLINT(clang-analyzer-cplusplus.Move): a moved-from handle is null
     }
     friend bool operator==(const Handle& a, std::nullptr_t) noexcept { return a.object_ == nullptr; }
 

@@ -15,7 +15,7 @@
 // closes. Adding never moves entries.
 //
 // Cost: no operation but clear() does more than a bounded amount of work, at any size, as long as hashes tell
-// keys apart: adding re-hashes at most one page of the index (768 keys), removing moves at most 255 entries,
+// keys apart: adding re-hashes at most one page of the index (384 keys), removing moves at most 255 entries,
 // closing a walk does as much per member that was removed. Removing gives memory back: of two neighbouring
 // segments, more than half is in use.
 //

@@ -3,11 +3,11 @@
 // asked.
 //
 // Extendible hashing (Fagin, Nievergelt, Pippenger, Strong: "Extendible hashing - a fast access method for
-// dynamic files", 1979). Slots of 32 bits stand in pages of at most 1024; the upper bits of a hash choose the
+// dynamic files", 1979). Slots of 32 bits stand in pages of at most 512; the upper bits of a hash choose the
 // page through a directory, the lower bits its first slot in there, and collisions probe linearly. A page
-// that is three quarters full doubles, at 1024 slots it splits in two, and two that have become sparse join:
+// that is three quarters full doubles, at 512 slots it splits in two, and two that have become sparse join:
 // no change re-hashes more than one page's keys, at any size. (Where hashes do not tell keys apart, a page
-// grows beyond 1024 instead.)
+// grows beyond 512 instead.)
 #pragma once
 
 #include "state/TableSegment.h"

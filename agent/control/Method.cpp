@@ -3,6 +3,7 @@
 #include "agent/host/Refusal.h"
 
 #include <algorithm>
+#include <initializer_list>
 
 namespace Agent {
 
@@ -42,7 +43,11 @@ std::string namesOf(std::span<const Parameter> parameters) {
     return names;
 }
 
-[[noreturn]] void refuse(std::string message, std::string_view field) {
+// Refuses with the parts of a message, joined.
+[[noreturn]] void refuse(std::initializer_list<std::string_view> parts, std::string_view field) {
+    std::string message;
+    for (const std::string_view part : parts)
+        message += part;
     throw Refusal(message, {.field = std::string(field)});
 }
 
@@ -55,19 +60,18 @@ std::string_view typeText(ParameterType type) {
 
 Parameters::Parameters(const Datum::Record& given, std::span<const Parameter> known, std::string_view owner)
     : given_(given) {
-    const std::string takes(owner);
     for (const auto& [name, value] : given) {
         const auto parameter = std::ranges::find(known, std::string_view(name), &Parameter::name);
         if (parameter == known.end())
-            refuse(takes + " has no parameter \"" + name + "\"; there are " + namesOf(known), name);
+            refuse({owner, " has no parameter \"", name, "\"; there are ", namesOf(known)}, name);
         if (find(name) != &value)
-            refuse("parameter \"" + name + "\" of " + takes + " is given twice", name);
+            refuse({"parameter \"", name, "\" of ", owner, " is given twice"}, name);
         if (!isOf(parameter->type, value))
-            refuse("parameter \"" + name + "\" of " + takes + " must be " + wanted(parameter->type), name);
+            refuse({"parameter \"", name, "\" of ", owner, " must be ", wanted(parameter->type)}, name);
     }
     for (const Parameter& parameter : known)
         if (parameter.isRequired && find(parameter.name) == nullptr)
-            refuse(takes + " needs the parameter \"" + std::string(parameter.name) + "\"", parameter.name);
+            refuse({owner, " needs the parameter \"", parameter.name, "\""}, parameter.name);
 }
 
 const Datum* Parameters::find(std::string_view name) const {

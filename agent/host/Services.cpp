@@ -43,20 +43,20 @@ std::span<const Service> services() {
         row<NatMrouteRequestSet, NatMrouteResponseMap>(
             {.name = "mroute",
              .answerColumn = "oifs",
-             .requestType = NatRequestType::mrouteRequest,
              .requestAttribute = "mrouteReq",
              .answerAttribute = "mrouteResp",
              .readyAttribute = "mrouteSmReady",
+             .requestType = NatRequestType::mrouteRequest,
              .readsRoutes = true},
             [](auto& entity) -> auto& { return entity.mrouteReqCollection(); },
             [](auto& entity) -> auto& { return entity.mrouteRespCollection(); }),
         row<NatMgroupRequestSet, NatMgroupResponseMap>(
             {.name = "mgroup",
              .answerColumn = "id",
-             .requestType = NatRequestType::mgroupRequest,
              .requestAttribute = "mgroupReq",
              .answerAttribute = "mgroupId",
-             .readyAttribute = "mgroupSmReady"},
+             .readyAttribute = "mgroupSmReady",
+             .requestType = NatRequestType::mgroupRequest},
             [](auto& entity) -> auto& { return entity.mgroupReqCollection(); },
             [](auto& entity) -> auto& { return entity.mgroupIdCollection(); }),
     };

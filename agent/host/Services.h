@@ -32,18 +32,18 @@ using AnswerVisitor = std::function<void(const RequestKey&, const Answer&)>;
 struct Service {
     std::string_view name;         // in lines and tables: "mroute"
     std::string_view answerColumn; // of `show`: "oifs"
-    KestrelNat::NatRequestType requestType = {};
     std::string_view requestAttribute;
     std::string_view answerAttribute;
     std::string_view readyAttribute; // of KestrelNat::MulticastSmStatus
-    bool readsRoutes = false;        // its answers are gathered from route tables
+    KestrelNat::NatRequestType requestType = {};
+    bool readsRoutes = false; // its answers are gathered from route tables
 
     // What follows from the types of the entities at both ends.
+    bool answersInterfaces = false; // else with a number
     const char* requestPath = nullptr;
     const State::EntityType& (*requestEntity)() = nullptr;
     const RequestSet& (*requests)(const State::Entity& entity) = nullptr;
     const char* answerPath = nullptr;
-    bool answersInterfaces = false; // else with a number
     const State::EntityType& (*answerEntity)() = nullptr;
     Answer (*answer)(const State::Entity& entity, const RequestKey& key) = nullptr;
     void (*eachAnswer)(const State::Entity& entity, const AnswerVisitor& visit) = nullptr;
