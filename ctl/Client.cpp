@@ -123,7 +123,9 @@ Message Client::call(std::string_view method, const Text::Tell& params) {
     writer.member("id", id);
     writer.member("method", method);
     writer.field("params");
+    writer.beginRecord();
     params(writer);
+    writer.end();
     writer.end();
     if (request.size() > messageLimit)
         throw std::runtime_error("the request has " + std::to_string(request.size()) +

@@ -53,6 +53,7 @@ class Client {
     Client& operator=(const Client&) = delete;
 
     /// Sends a request and waits for its result.
+    /// @param params writes the members of its parameters.
     /// @throws AgentError when the agent refuses it; ConnectionError when the agent goes before it has
     /// answered.
     /// @throws std::runtime_error when the request is larger than the agent takes.

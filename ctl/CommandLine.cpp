@@ -1,8 +1,6 @@
 #include "ctl/CommandLine.h"
 
 #include "ctl/Client.h"
-#include "ctl/Commands.h"
-#include "ctl/Duration.h"
 #include "ctl/Watch.h"
 #include "text/Nearest.h"
 #include "text/SocketPath.h"
@@ -113,10 +111,12 @@ void addLine(CLI::App& app, CommandLine& line, const Text::VerbHelp& verb) {
     if (verb.changes)
         command.add_flag("--raw", line.isRaw, rawHelp);
     if (verb.name == "get") {
-        addWordOption(command, line, "limit", "At most so many members")->check(members);
+        addWordOption(command, line, "limit", "At most so many members")->type_name("N")->check(members);
         addWordOption(command, line, "after", "Members behind this one: JSON, or a word")->type_name("KEY");
     } else if (verb.name == "trace") {
-        addWordOption(command, line, "last", "The ring's last so many records")->check(members);
+        addWordOption(command, line, "last", "The ring's last so many records")
+            ->type_name("N")
+            ->check(members);
     }
     command.callback([&line, &verb] {
         if (needsWords(verb) && line.words.empty())
@@ -124,8 +124,6 @@ void addLine(CLI::App& app, CommandLine& line, const Text::VerbHelp& verb) {
         LineCommand run{.words = {std::string(verb.name)}, .isRaw = line.isRaw};
         for (const auto* words : {&line.words, &line.optionWords})
             run.words.insert(run.words.end(), words->begin(), words->end());
-        if (!std::all_of(run.words.begin(), run.words.end(), isUtf8))
-            throw usageError("the words are not UTF-8");
         line.action = [run](Client& client, const Output& output) { return runLine(client, run, output); };
     });
 }
@@ -156,8 +154,6 @@ WaitCommand waitOf(std::vector<std::string> words) {
     const bool isAnswer = !words.empty() && (words[0] == "mroute" || words[0] == "mgroup");
     if (!isAnswer || std::find(words.begin(), words.end(), "=") == words.end())
         throw usageError("wait takes an answer and what it should be:\n" + waitForms());
-    if (!std::all_of(words.begin(), words.end(), isUtf8))
-        throw usageError("the words are not UTF-8");
     wait.words = std::move(words);
     return wait;
 }
@@ -292,6 +288,9 @@ std::optional<int> read(CommandLine& line, std::vector<std::string> arguments, s
     std::reverse(arguments.begin(), arguments.end()); // CLI11 takes them from the back
     try {
         app.parse(arguments);
+        for (const auto* words : {&line.words, &line.optionWords})
+            if (!std::all_of(words->begin(), words->end(), isUtf8))
+                throw usageError("a word is not UTF-8");
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {

@@ -11,7 +11,7 @@ namespace Ctl {
 
 /// Runs one command.
 /// @param arguments without the program's name.
-/// @return the exit status (Output.h). Results go to out, errors to err.
+/// @return the exit status (Commands.h). Results go to out, errors to err.
 int run(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err);
 
 } // namespace Ctl

@@ -57,11 +57,9 @@ void tellFlag(Text::Writer& params, const char* name, bool isSet) {
 
 int runLine(Client& client, const LineCommand& command, const Output& output) {
     const Message answer = client.call("command", [&](Text::Writer& params) {
-        params.beginRecord();
         params.member("line", Text::joinWords(command.words));
         tellFlag(params, "raw", command.isRaw);
         tellFlag(params, "text", !output.isJson);
-        params.end();
     });
     output.out << (output.isJson ? answer.at("result").json() + "\n" : answer.text("text"));
     return exitDone;
@@ -69,10 +67,9 @@ int runLine(Client& client, const LineCommand& command, const Output& output) {
 
 int runApply(Client& client, const ApplyCommand& command, const Output& output) {
     const std::vector<std::string> lines = linesOf(command.file);
-    const auto apply = [&]() -> Message {
+    const auto apply = [&] {
         try {
             return client.call("apply", [&](Text::Writer& params) {
-                params.beginRecord();
                 params.field("lines");
                 params.beginList();
                 for (const std::string& line : lines)
@@ -81,7 +78,6 @@ int runApply(Client& client, const ApplyCommand& command, const Output& output) 
                 tellFlag(params, "dryRun", command.isDryRun);
                 tellFlag(params, "raw", command.isRaw);
                 tellFlag(params, "text", !output.isJson);
-                params.end();
             });
         } catch (const AgentError& error) {
             if (output.isJson)

@@ -5,14 +5,26 @@
 // Read next: Client.h; Watch.h for the commands that follow changes.
 #pragma once
 
-#include "ctl/Output.h"
-
+#include <iosfwd>
 #include <string>
 #include <vector>
 
 namespace Ctl {
 
 class Client;
+
+/// Exit statuses.
+constexpr int exitDone = 0;
+constexpr int exitFailed = 1;
+constexpr int exitUsage = 2;
+constexpr int exitTimedOut = 3;
+
+/// How results are wanted, and where they go.
+struct Output {
+    std::ostream& out;
+    std::ostream& err;
+    bool isJson = false; // results and errors as they came, instead of the text that the agent makes of them
+};
 
 /// A line of the grammar.
 struct LineCommand {

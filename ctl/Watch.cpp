@@ -1,11 +1,10 @@
 #include "ctl/Watch.h"
 
 #include "ctl/Client.h"
-#include "ctl/Commands.h"
-#include "ctl/Duration.h"
 
-#include <optional>
+#include <charconv>
 #include <ostream>
+#include <utility>
 
 namespace Ctl {
 
@@ -19,7 +18,6 @@ class Watcher {
         , output_(output) {}
 
     void tellParameters(Text::Writer& params) const {
-        params.beginRecord();
         if (!since_.instance.empty()) {
             params.field("since");
             params.beginRecord();
@@ -29,7 +27,6 @@ class Watcher {
         }
         if (!output_.isJson)
             params.member("text", true);
-        params.end();
     }
 
     // The answer to `watch`: the changes that were missed, or the answers as they are.
@@ -71,6 +68,11 @@ class Watcher {
     bool hasBegun_ = false;
 };
 
+std::string durationText(std::chrono::milliseconds duration) {
+    return duration.count() % 1000 == 0 ? std::to_string(duration.count() / 1000) + "s"
+                                        : std::to_string(duration.count()) + "ms";
+}
+
 // Looks once; prints the result of an expectation that holds.
 // Returns nothing where it holds, otherwise what the agent says of it.
 std::optional<std::string> whyUnmet(Client& client, const LineCommand& expectation, const Output& output) {
@@ -85,6 +87,22 @@ std::optional<std::string> whyUnmet(Client& client, const LineCommand& expectati
 }
 
 } // namespace
+
+std::optional<std::chrono::milliseconds> durationOf(std::string_view text) {
+    constexpr std::uint32_t longest = 1'000'000; // of any unit
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || number > longest)
+        return std::nullopt;
+    const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
+    if (unit == "ms")
+        return std::chrono::milliseconds(number);
+    if (unit == "s" || unit.empty())
+        return std::chrono::seconds(number);
+    if (unit == "m")
+        return std::chrono::minutes(number);
+    return std::nullopt;
+}
 
 int runWatch(Client& client, const WatchCommand& command, const Output& output) {
     client.endOnInterrupt();
@@ -112,10 +130,7 @@ int runWait(Client& client, const WaitCommand& command, const Output& output) {
     LineCommand expectation{.words = command.words};
     expectation.words.insert(expectation.words.begin(), "expect");
     // Before the first look, so that no change falls between.
-    client.call("watch", [](Text::Writer& params) {
-        params.beginRecord();
-        params.end();
-    });
+    client.call("watch", [](Text::Writer&) {});
     for (;;) {
         const std::optional<std::string> unmet = whyUnmet(client, expectation, output);
         if (!unmet)

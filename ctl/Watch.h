@@ -1,16 +1,16 @@
 // The commands that follow the agent's answers as they change: `watch` and `wait`.
 #pragma once
 
-#include "ctl/Output.h"
+#include "ctl/Commands.h"
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Ctl {
-
-class Client;
 
 struct WatchCommand {
     std::string instance;  // of the agent whose changes were seen; empty begins anew
@@ -21,6 +21,9 @@ struct WaitCommand {
     std::vector<std::string> words; // of the expectation: mroute ... = ...
     std::chrono::milliseconds timeout{5000};
 };
+
+/// A duration such as "500ms", "2s", "1m" or "2" (seconds); nothing for any other text.
+std::optional<std::chrono::milliseconds> durationOf(std::string_view text);
 
 /// Prints the answers, then a line a change, until it is interrupted or the agent goes. Says then on `err`
 /// how to go on from there.

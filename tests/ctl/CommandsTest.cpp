@@ -2,7 +2,7 @@
 #include "tests/ctl/FakeAgent.h"
 
 #include "ctl/CommandLine.h"
-#include "ctl/Output.h"
+#include "ctl/Commands.h"
 
 #include <gtest/gtest.h>
 
@@ -105,6 +105,7 @@ TEST(Usage, FaultsAreStatus2AndNobodyIsAsked) {
         {"show", "mroute", "--raw"},
         {"get"},
         {"get", "p", "--limit", "0"},
+        {"get", "p", "a", "--after", "\xff"},
         {"get", "p", "--limit", "many"},
         {"set", "p", "a", "\xff"},
         {"apply"},

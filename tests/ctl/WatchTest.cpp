@@ -1,8 +1,7 @@
 // watch and wait against a fake agent that tells changes.
 #include "tests/ctl/FakeAgent.h"
 
-#include "ctl/Duration.h"
-#include "ctl/Output.h"
+#include "ctl/Watch.h"
 
 #include <gtest/gtest.h>
 
