@@ -65,37 +65,20 @@ std::string readUntil(int fd, const std::string& end, std::chrono::milliseconds 
 
 } // namespace
 
-Json RpcClient::ask(const std::string& method, const Json& params) {
+Json RpcClient::ask(const std::string& method, const Json& params, const char* wanted) {
     const int id = ++lastId_;
-    send(Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump() + "\n");
+    send(json("{'jsonrpc': '2.0', 'id': %, 'method': %, 'params': %}", id, method, params).dump() + "\n");
     while (const auto text = line()) {
         Json message = Json::parse(*text);
         if (message.contains("id")) {
             EXPECT_EQ(message.at("id"), id) << *text;
-            return message;
+            EXPECT_TRUE(message.contains(wanted)) << method << params << " was answered with " << message;
+            return message.contains(wanted) ? message.at(wanted) : Json();
         }
         notifications_.push_back(message.at("params"));
     }
     ADD_FAILURE() << "no answer to " << method;
     return {};
-}
-
-Json RpcClient::result(const std::string& method, const Json& params) {
-    const Json answer = ask(method, params);
-    if (!answer.contains("result")) {
-        ADD_FAILURE() << method << params << " was answered with " << answer;
-        return {};
-    }
-    return answer.at("result");
-}
-
-Json RpcClient::error(const std::string& method, const Json& params) {
-    const Json answer = ask(method, params);
-    if (!answer.contains("error")) {
-        ADD_FAILURE() << method << params << " was answered with " << answer;
-        return {};
-    }
-    return answer.at("error");
 }
 
 Json RpcClient::notification(std::chrono::milliseconds patience) {

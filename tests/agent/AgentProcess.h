@@ -1,9 +1,8 @@
 // A real kestrel-agent in a process of its own, and a client that talks JSON-RPC to it.
 #pragma once
 
+#include "tests/agent/Json.h"
 #include "tests/agent/TestClient.h"
-
-#include <nlohmann/json.hpp>
 
 #include <sys/types.h>
 
@@ -13,24 +12,26 @@
 
 namespace AgentTest {
 
-using Json = nlohmann::json;
-
 /// A client that numbers its requests and keeps notifications apart from answers.
 class RpcClient : public TestClient {
   public:
     using TestClient::TestClient;
 
-    /// The answer, whole: with `result` or `error`.
-    Json ask(const std::string& method, const Json& params = Json::object());
     /// The result. Fails the test and yields null when there is an error instead.
-    Json result(const std::string& method, const Json& params = Json::object());
+    Json result(const std::string& method, const Json& params = json("{}")) {
+        return ask(method, params, "result");
+    }
     /// The error object. Fails the test and yields null when there is a result instead.
-    Json error(const std::string& method, const Json& params = Json::object());
+    Json error(const std::string& method, const Json& params = json("{}")) {
+        return ask(method, params, "error");
+    }
 
     /// Parameters of the next notification; null when none came in time.
     Json notification(std::chrono::milliseconds patience = std::chrono::seconds(20));
 
   private:
+    Json ask(const std::string& method, const Json& params, const char* wanted);
+
     int lastId_ = 0;
     std::vector<Json> notifications_;
 };

@@ -16,23 +16,29 @@ const char* const enabled = "routing/multicast/fibenabled/status";
 const char* const capability = "hardware/kestrel/nat/capability/config";
 
 Json member(const std::string& path, const std::string& attribute, const Json& key, const Json& value = {}) {
-    Json change{{"op", "set"}, {"path", path}, {"attribute", attribute}, {"key", key}};
-    if (!value.is_null())
-        change["value"] = value;
-    return change;
+    return json("{'op': 'set', 'path': %, 'attribute': %, 'key': %}", path, attribute, key)
+        .with("value", value);
 }
 
 Json removal(const std::string& path, const std::string& attribute, const Json& key) {
-    return {{"op", "del"}, {"path", path}, {"attribute", attribute}, {"key", key}};
+    return json("{'op': 'del', 'path': %, 'attribute': %, 'key': %}", path, attribute, key);
 }
 
-Json raw(Json change) {
-    change["raw"] = true;
-    return change;
+Json raw(const Json& change) {
+    return change.with("raw", true);
+}
+
+// A table or FIB is there.
+Json table(const std::string& path) {
+    return json("{'op': 'set', 'path': %}", path);
+}
+
+Json lists(const std::vector<Json>& changes) {
+    return json("{'changes': %}", changes);
 }
 
 Json vrf(const std::string& name, std::uint32_t id) {
-    return member(vrfs, "vrfStatus", name, {{"vrfId", id}});
+    return member(vrfs, "vrfStatus", name, json("{'vrfId': %}", id));
 }
 
 Json multicast(const std::string& name, bool on = true) {
@@ -40,20 +46,16 @@ Json multicast(const std::string& name, bool on = true) {
 }
 
 Json allVrfs() {
-    return {{"op", "set"}, {"path", capability}, {"attribute", "egressFromAllVrfs"}, {"value", true}};
+    return json("{'op': 'set', 'path': %, 'attribute': 'egressFromAllVrfs', 'value': true}", capability);
 }
 
 Json requestKey(const std::string& source = "10.0.0.1", const std::string& group = "239.1.1.1") {
-    return {{"intf", "Ethernet5"}, {"vrfId", 3}, {"vlanId", 10}, {"sourceIp", source}, {"groupIp", group}};
+    return json("{'intf': 'Ethernet5', 'vrfId': 3, 'vlanId': 10, 'sourceIp': %, 'groupIp': %}", source,
+                group);
 }
 
 Json request(const Json& key, const std::string& service = "mroute") {
     return member("api/" + service + "/req", service + "Req", key);
-}
-
-Json with(Json object, const std::string& field, const Json& value) {
-    object[field] = value;
-    return object;
 }
 
 // Paths of the two tables or FIBs of a VRF.
@@ -64,7 +66,7 @@ std::string tablePath(bool isLumen, const std::string& name, bool isStatic = tru
 
 void addTables(std::vector<Json>& changes, bool isLumen, const std::string& name) {
     for (const bool isStatic : {true, false})
-        changes.push_back({{"op", "set"}, {"path", tablePath(isLumen, name, isStatic)}});
+        changes.push_back(table(tablePath(isLumen, name, isStatic)));
 }
 
 // A VRF with tables and multicast.
@@ -93,7 +95,7 @@ class GuardsTest : public testing::TestWithParam<bool> {
     }
 
     static Json everything(RpcClient& client, const Json& change) {
-        return client.result("get", {{"path", change.at("path")}});
+        return client.result("get", json("{'path': %}", change.at("path")));
     }
 
     void check(const Case& given) const {
@@ -103,36 +105,35 @@ class GuardsTest : public testing::TestWithParam<bool> {
         const TemporaryFolder folder;
         AgentProcess agent(folder, options());
         RpcClient client = agent.client();
-        client.result("apply", {{"changes", given.before}});
+        client.result("apply", lists(given.before));
 
         const Json before = everything(client, given.change);
         for (const bool inList : {false, true}) {
-            Json params = given.change;
-            params.erase("op");
-            const Json error = inList ? client.error("apply", {{"changes", {given.change}}})
-                                      : client.error(given.change.at("op"), params);
-            EXPECT_EQ(error.value("code", 0), -32000);
-            const std::string message = error.value("message", "");
+            const Json error = inList
+                                   ? client.error("apply", lists({given.change}))
+                                   : client.error(given.change.at("op").text(), given.change.with("op", {}));
+            EXPECT_EQ(error.at("code"), -32000);
+            const std::string message = error.at("message").text();
             EXPECT_NE(message.find(given.text), std::string::npos) << message;
             EXPECT_NE(message.find("raw lets it through"), std::string::npos) << message;
-            EXPECT_EQ(error.at("data").value("path", ""), given.change.at("path"));
-            EXPECT_EQ(error.at("data").value("field", ""), given.field);
+            EXPECT_EQ(error.at("data").at("path"), given.change.at("path"));
+            EXPECT_EQ(error.at("data").at("field"), given.field);
         }
         EXPECT_EQ(everything(client, given.change), before) << "a refused change changed something";
         checkRaw(given, agent, client);
     }
 
     static void checkRaw(const Case& given, AgentProcess& agent, RpcClient& client) {
-        const Json list{{"changes", {raw(given.change)}}};
-        const Json foretold = client.result("apply", with(list, "dryRun", true));
-        EXPECT_NE(foretold.value("assertion", "").find(given.end), std::string::npos) << foretold;
+        const Json list = lists({raw(given.change)});
+        const Json foretold = client.result("apply", list.with("dryRun", true));
         EXPECT_EQ(foretold.contains("assertion"), !given.end.empty()) << foretold;
         if (given.end.empty()) {
-            EXPECT_EQ(client.result("apply", list).value("changed", 0), 1);
+            EXPECT_EQ(client.result("apply", list).at("changed"), 1);
             EXPECT_EQ(agent.stop(), 0) << agent.said();
             return;
         }
-        client.send(Json{{"jsonrpc", "2.0"}, {"id", 1}, {"method", "apply"}, {"params", list}}.dump() + "\n");
+        EXPECT_NE(foretold.at("assertion").text().find(given.end), std::string::npos) << foretold;
+        client.send(json("{'jsonrpc': '2.0', 'id': 1, 'method': 'apply', 'params': %}", list).dump() + "\n");
         EXPECT_EQ(agent.wait(), 128 + SIGABRT);
         EXPECT_NE(agent.said().find(given.end), std::string::npos) << agent.said();
         EXPECT_NE(agent.said().find("last trace records:"), std::string::npos);
@@ -147,12 +148,12 @@ TEST_P(GuardsTest, Requests) {
     const std::string needs = "req.intf().stringValue() != \"\" && req.vlanId() != 0";
 
     check({inUse, request(requestKey("0.0.0.0", "0.0.0.0")), "(*,*)", "sourceIp", "reqKey is (*, *)"});
-    check({inUse, request(with(requestKey(), "intf", "")), "without an interface", "intf", needs});
-    check({inUse, request(with(requestKey(), "vlanId", 0)), "VLAN 0", "vlanId", needs});
-    check({withRequest, request(with(requestKey(), "type", 1)), "differs by its type alone", "type"});
-    check({withRequest, request(with(requestKey(), "type", 77)), "differs by its type alone", "type"});
+    check({inUse, request(requestKey().with("intf", "")), "without an interface", "intf", needs});
+    check({inUse, request(requestKey().with("vlanId", 0)), "VLAN 0", "vlanId", needs});
+    check({withRequest, request(requestKey().with("type", 1)), "differs by its type alone", "type"});
+    check({withRequest, request(requestKey().with("type", 77)), "differs by its type alone", "type"});
     check({{}, request(requestKey("0.0.0.0", "0.0.0.0"), "mgroup"), "(*,*)", "sourceIp"});
-    check({{request(with(requestKey(), "type", 1), "mgroup")},
+    check({{request(requestKey().with("type", 1), "mgroup")},
            request(requestKey(), "mgroup"),
            "differs by its type alone",
            "type"});
@@ -177,12 +178,12 @@ TEST_P(GuardsTest, NamesOfVrfs) {
     check({{}, vrf("a/b", 3), "no '/'", "key"});
     check({{}, vrf("a\nb", 3), "no control bytes", "key"});
     check({{}, multicast("a/b", false), "no '/'", "key"});
-    check({{}, {{"op", "set"}, {"path", tablePath(isLumen(), "a\x7f")}}, "no control bytes", "path"});
-    check({{}, member("lumen/multicast/fib/ipv4/user", "status", "a/b", Json::object()), "no '/'", "key"});
+    check({{}, table(tablePath(isLumen(), "a\x7f")), "no control bytes", "path"});
+    check({{}, member("lumen/multicast/fib/ipv4/user", "status", "a/b", json("{}")), "no '/'", "key"});
 }
 
 TEST_P(GuardsTest, MulticastInAVrf) {
-    const std::vector<Json> oneTable{vrf("red", 3), {{"op", "set"}, {"path", tablePath(isLumen(), "red")}}};
+    const std::vector<Json> oneTable{vrf("red", 3), table(tablePath(isLumen(), "red"))};
     check({.before = oneTable,
            .change = multicast("red"),
            .text = "there is no sparse route table",
@@ -221,24 +222,24 @@ TEST_P(GuardsTest, AllVrfs) {
 }
 
 TEST_P(GuardsTest, Routes) {
-    const Json key{{"source", "10.0.0.1/32"}, {"group", "239.1.1.1/32"}};
-    const Json ipv6{{"source", "2001:db8::1/128"}, {"group", "239.1.1.1/32"}};
-    const std::string table = tablePath(isLumen(), "red");
+    const Json key = json("{'source': '10.0.0.1/32', 'group': '239.1.1.1/32'}");
+    const Json ipv6 = json("{'source': '2001:db8::1/128', 'group': '239.1.1.1/32'}");
+    const std::string red = tablePath(isLumen(), "red");
     std::vector<Json> asked = vrfInUse(isLumen(), "red", 3);
     asked.push_back(request(requestKey()));
 
-    check({asked, member(table, "route", ipv6, Json::object()), "IPv4 keys", "source"});
+    check({asked, member(red, "route", ipv6, json("{}")), "IPv4 keys", "source"});
     Case beyond{.before = asked,
-                .change = member(table, "route", key, {{"oifs", {1, 512}}}),
+                .change = member(red, "route", key, json("{'oifs': [1, 512]}")),
                 .text = "the OIF index 512 is none",
                 .field = "oifs",
                 .isForLumen = false};
     check(beyond);
-    beyond.change = member(table, "route", key, {{"oifs", {1, 600}}});
+    beyond.change = member(red, "route", key, json("{'oifs': [1, 600]}"));
     beyond.text = "the OIF index 600 is none";
     beyond.end = "Quill::Multicast::Fib::OifIndex::value <";
     check(beyond);
-    beyond.change = member(table, "oifIndexIntf", 512, "Ethernet1");
+    beyond.change = member(red, "oifIndexIntf", 512, "Ethernet1");
     beyond.text = "the OIF index 512 is none";
     beyond.field = "key";
     beyond.end = "";
@@ -247,17 +248,16 @@ TEST_P(GuardsTest, Routes) {
 
 TEST_P(GuardsTest, WhatThePlugInWrites) {
     const std::string text = "is written by the plug-in alone";
-    check(
-        {{}, member("api/mroute/resp", "mrouteResp", requestKey(), Json::array({"Ethernet1"})), text, "key"});
+    check({{}, member("api/mroute/resp", "mrouteResp", requestKey(), json("['Ethernet1']")), text, "key"});
     check({{}, member("api/mgroup/resp", "mgroupId", requestKey(), 17), text, "key"});
     check(
         {{},
-         {{"op", "set"}, {"path", "api/multicastSmStatus"}, {"attribute", "mrouteSmReady"}, {"value", false}},
+         json("{'op': 'set', 'path': 'api/multicastSmStatus', 'attribute': 'mrouteSmReady', 'value': false}"),
          text,
          "value"});
     check({{},
            member("l3/mroutegroup/config", "mroutes",
-                  {{"vrfId", 3}, {"source", "10.0.0.1"}, {"group", "239.1.1.1"}, {"vlanId", 10}}),
+                  json("{'vrfId': 3, 'source': '10.0.0.1', 'group': '239.1.1.1', 'vlanId': 10}")),
            text,
            "key"});
 }
@@ -266,22 +266,22 @@ TEST_P(GuardsTest, WhatARawChangeLeftBehindIsRemembered) {
     const TemporaryFolder folder;
     AgentProcess agent(folder, options());
     RpcClient client = agent.client();
-    client.result("apply", {{"changes", vrfInUse(isLumen(), "red", 3)}});
+    client.result("apply", lists(vrfInUse(isLumen(), "red", 3)));
     // The plug-in keeps the VRF whose entry goes, and would end the process when it came again.
-    client.result("apply", {{"changes", {raw(removal(vrfs, "vrfStatus", "red"))}}});
-    EXPECT_EQ(client.error("apply", {{"changes", {vrf("red", 3)}}}).value("code", 0), -32000);
-    client.result("apply", {{"changes", {multicast("red", false), vrf("red", 3), multicast("red")}}});
+    client.result("apply", lists({raw(removal(vrfs, "vrfStatus", "red"))}));
+    EXPECT_EQ(client.error("apply", lists({vrf("red", 3)})).at("code"), -32000);
+    client.result("apply", lists({multicast("red", false), vrf("red", 3), multicast("red")}));
 
     if (isLumen()) {
         // A VRF that was added without its FIBs stays without them until it is added anew.
-        client.result("apply", {{"changes", {vrf("blue", 4), raw(multicast("blue"))}}});
+        client.result("apply", lists({vrf("blue", 4), raw(multicast("blue"))}));
         std::vector<Json> tables;
         addTables(tables, true, "blue");
-        client.result("apply", {{"changes", tables}});
-        EXPECT_EQ(client.error("apply", {{"changes", {allVrfs()}}}).value("code", 0), -32000);
-        client.result("apply", {{"changes", {multicast("blue", false), multicast("blue"), allVrfs()}}});
+        client.result("apply", lists(tables));
+        EXPECT_EQ(client.error("apply", lists({allVrfs()})).at("code"), -32000);
+        client.result("apply", lists({multicast("blue", false), multicast("blue"), allVrfs()}));
     }
-    client.result("apply", {{"changes", {request(requestKey())}}});
+    client.result("apply", lists({request(requestKey())}));
     EXPECT_EQ(agent.stop(), 0) << agent.said();
 }
 

@@ -2,24 +2,12 @@
 #pragma once
 
 #include "agent/changes/Operations.h"
-#include "agent/json/Json.h"
 #include "state/Toggle.h"
+#include "tests/agent/Json.h"
 
-#include <nlohmann/json.hpp>
-
-#include <optional>
 #include <string>
 
 namespace AgentTest {
-
-using Json = nlohmann::json;
-
-inline State::Datum toDatum(const Json& json) {
-    return Agent::Json::parse(json.dump());
-}
-inline Json toJson(const State::Datum& datum) {
-    return Json::parse(Agent::Json::textOf(datum));
-}
 
 class InProcessAgent {
   public:
@@ -28,10 +16,11 @@ class InProcessAgent {
         host.load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so");
     }
 
-    Json get(const std::string& path, const std::string& attribute) const {
-        Json all = Json::array();
+    /// The members of a collection, each a pair of key and value.
+    std::vector<Json> get(const std::string& path, const std::string& attribute) const {
+        std::vector<Json> all;
         for (const auto& [key, value] : operations.members(path, attribute).members)
-            all.push_back({toJson(key), toJson(value)});
+            all.emplace_back(std::vector<Json>{Json(key), Json(value)});
         return all;
     }
 
@@ -39,13 +28,14 @@ class InProcessAgent {
     Agent::Operations operations{host};
 };
 
+/// Null: no key, no value.
 inline Agent::Change setOf(const std::string& path, const std::string& attribute, const Json& key,
                            const Json& value = {}) {
     Agent::Change change{.path = path, .attribute = attribute};
-    if (!key.is_null())
-        change.key = toDatum(key);
-    if (!value.is_null())
-        change.value = toDatum(value);
+    if (!key.isNull())
+        change.key = key.datum();
+    if (!value.isNull())
+        change.value = value.datum();
     return change;
 }
 

@@ -20,21 +20,19 @@ using Agent::RefusalKind;
 const char* const vrfs = "routing/hardware/route/status";
 const char* const enabled = "routing/multicast/fibenabled/status";
 const char* const userFibs = "lumen/multicast/fib/ipv4/user";
-const Json route{{"source", "10.0.0.1/32"}, {"group", "239.1.1.1/32"}};
+const Json route = json("{'source': '10.0.0.1/32', 'group': '239.1.1.1/32'}");
+const Json none = json("{}");
 
 Json requestKey(unsigned intf = 5, unsigned type = 0) {
-    return {{"intf", "Ethernet" + std::to_string(intf)},
-            {"vrfId", 3},
-            {"vlanId", 10},
-            {"sourceIp", "10.0.0.1"},
-            {"groupIp", "239.1.1.1"},
-            {"type", type}};
+    return json(
+        "{'intf': %, 'vrfId': 3, 'vlanId': 10, 'sourceIp': '10.0.0.1', 'groupIp': '239.1.1.1', 'type': %}",
+        "Ethernet" + std::to_string(intf), type);
 }
 
 TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {
     InProcessAgent agent;
     const std::string attribute = "route";
-    const State::Datum key = toDatum(route);
+    const State::Datum& key = route.datum();
     for (const std::string table :
          {"routing/multicast/routestatus/red/static", "lumen/multicast/fib/ipv4/user/red"}) {
         EXPECT_FALSE(agent.operations.change(delOf(table, attribute, route)));
@@ -42,7 +40,7 @@ TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {
         EXPECT_EQ(agent.operations.value(table, attribute, &key), std::nullopt);
         EXPECT_TRUE(agent.operations.change({.path = table}));
         EXPECT_FALSE(agent.operations.change({.path = table}));
-        EXPECT_TRUE(agent.operations.change(setOf(table, attribute, route, Json::object())));
+        EXPECT_TRUE(agent.operations.change(setOf(table, attribute, route, none)));
         EXPECT_EQ(agent.operations.members(table, attribute).size, 1U);
         EXPECT_TRUE(agent.operations.change(delOf(table, attribute, route)));
     }
@@ -57,21 +55,19 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
         std::string field;
     };
     const std::string requests = "api/mroute/req";
-    Json unknownField = requestKey();
-    unknownField["vlan"] = 1;
-    Json badSource = requestKey();
-    badSource["sourceIp"] = "10.0.0";
+    const Json unknownField = requestKey().with("vlan", 1);
+    const Json badSource = requestKey().with("sourceIp", "10.0.0");
     const Wrong cases[] = {
         {setOf("api/mroute/reqs", "mrouteReq", requestKey()), "nearest known one is api/mroute/req", ""},
         {setOf("routing/multicast/routestatus/red/user", "route", route),
          "routing/multicast/routestatus/VRF/TYPE, where TYPE is static or sparsemode", ""},
         {setOf("routing/multicast/routestatus//static", "route", route), "unknown path", ""},
-        {setOf(std::string(userFibs) + "/" + std::string(101, 'v'), "route", route, Json::object()),
-         "length > 100", ""},
+        {setOf(std::string(userFibs) + "/" + std::string(101, 'v'), "route", route, none), "length > 100",
+         ""},
         {setOf("", "x", 1), "unknown path \"\"", ""},
         {setOf(requests, "mrouteResp", requestKey()), "has mrouteReq", "attribute"},
-        {setOf(requests, "", nullptr), "an attribute must be named", "attribute"},
-        {setOf(requests, "mrouteReq", nullptr), "the member's key must be given", "key"},
+        {setOf(requests, "", {}), "an attribute must be named", "attribute"},
+        {setOf(requests, "mrouteReq", {}), "the member's key must be given", "key"},
         {setOf(requests, "mrouteReq", requestKey(), 1), "keys without values", "value"},
         {setOf(requests, "mrouteReq", unknownField), "has no attribute \"vlan\"", "key"},
         {setOf(requests, "mrouteReq", badSource), "'10.0.0' is none", "sourceIp"},
@@ -79,10 +75,10 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
         {setOf(enabled, "vrfEnabled", "red"), "must be given a value", "value"},
         {setOf(enabled, "vrfEnabled", "red", 1), "takes true or false", "value"},
         {setOf(enabled, "vrfEnabled", std::string(101, 'v'), true), "length > 100", "key"},
-        {setOf(vrfs, "vrfStatus", "red", {{"vrfId", -1}}), "not a negative number", "vrfId"},
-        {setOf(vrfs, "vrfStatus", "red", {{"id", 1}}), "has no attribute \"id\"", "value"},
+        {setOf(vrfs, "vrfStatus", "red", json("{'vrfId': -1}")), "not a negative number", "vrfId"},
+        {setOf(vrfs, "vrfStatus", "red", json("{'id': 1}")), "has no attribute \"id\"", "value"},
         {delOf(enabled, "vrfEnabled", 7), "takes a string", "key"},
-        {delOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", nullptr), "set, not removed",
+        {delOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", {}), "set, not removed",
          "attribute"},
         {setOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", 1, true), "it has no key",
          "key"},
@@ -104,7 +100,7 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
 TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
     InProcessAgent agent;
     agent.host.start();
-    std::vector<Change> changes{setOf(vrfs, "vrfStatus", "red", {{"vrfId", 3}}),
+    std::vector<Change> changes{setOf(vrfs, "vrfStatus", "red", json("{'vrfId': 3}")),
                                 {.path = std::string(userFibs) + "/red"},
                                 {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
                                 setOf(enabled, "vrfEnabled", "red", true)};
@@ -118,7 +114,7 @@ TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
     RecordProperty("milliseconds", static_cast<int>(took.count() * 1000));
     EXPECT_LT(took.count(), 5.0) << "something is quadratic";
 
-    changes.back().key = toDatum(requestKey(0, 1)); // the twin of the first
+    changes.back().key = requestKey(0, 1).datum(); // the twin of the first
     changes.erase(changes.begin(), changes.begin() + 4);
     try {
         agent.operations.apply(changes);
@@ -144,7 +140,7 @@ class Draw {
         switch (below(11)) {
         case 0:
         case 1:
-            return setOf(vrfs, "vrfStatus", vrf, {{"vrfId", below(4)}});
+            return setOf(vrfs, "vrfStatus", vrf, json("{'vrfId': %}", below(4)));
         case 2:
             return delOf(vrfs, "vrfStatus", vrf);
         case 3:
@@ -154,13 +150,12 @@ class Draw {
         case 5:
             return {.path = fib + "/" + vrf};
         case 6:
-            return below(2) == 0 ? setOf(fib, "status", vrf, Json::object()) : delOf(fib, "status", vrf);
+            return below(2) == 0 ? setOf(fib, "status", vrf, none) : delOf(fib, "status", vrf);
         case 7:
             return setOf(fib + "/" + vrf, "route", route,
-                         {{"intf", {"Ethernet" + std::to_string(below(3))}}});
+                         json("{'intf': [%]}", "Ethernet" + std::to_string(below(3))));
         case 8:
-            return setOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", nullptr,
-                         below(2) == 0);
+            return setOf("hardware/kestrel/nat/capability/config", "egressFromAllVrfs", {}, below(2) == 0);
         case 9:
             return delOf("api/mroute/req", "mrouteReq", key());
         default:
@@ -170,23 +165,23 @@ class Draw {
 
   private:
     Json key() {
-        Json key = requestKey(static_cast<unsigned>(below(2)), static_cast<unsigned>(below(3)));
-        key["vrfId"] = below(4);
-        key["groupIp"] = below(4) == 0 ? "0.0.0.0" : "239.1.1.1";
-        key["sourceIp"] = below(4) == 0 ? "0.0.0.0" : "10.0.0.1";
-        return key;
+        return requestKey(static_cast<unsigned>(below(2)), static_cast<unsigned>(below(3)))
+            .with("vrfId", below(4))
+            .with("groupIp", below(4) == 0 ? "0.0.0.0" : "239.1.1.1")
+            .with("sourceIp", below(4) == 0 ? "0.0.0.0" : "10.0.0.1");
     }
 
     std::mt19937 random_;
 };
 
 Json picture(const InProcessAgent& agent) {
-    Json all = {agent.get(vrfs, "vrfStatus"), agent.get(enabled, "vrfEnabled"),
-                agent.get("api/mroute/req", "mrouteReq"), agent.get("api/mroute/resp", "mrouteResp")};
+    std::vector<Json> all = {agent.get(vrfs, "vrfStatus"), agent.get(enabled, "vrfEnabled"),
+                             agent.get("api/mroute/req", "mrouteReq"),
+                             agent.get("api/mroute/resp", "mrouteResp")};
     for (const char* type : {"user", "sparsemode"}) {
         const std::string fibs = std::string("lumen/multicast/fib/ipv4/") + type;
         for (const auto& fib : agent.get(fibs, "status"))
-            all.push_back(agent.get(fibs + "/" + fib[0].get<std::string>(), "route"));
+            all.push_back(agent.get(fibs + "/" + fib.at(0).text(), "route"));
     }
     return all;
 }

@@ -2,12 +2,12 @@
 // process.
 #include "agent/control/Sessions.h"
 
+#include "tests/agent/Json.h"
 #include "tests/agent/TestClient.h"
 #include "tests/agent/ToyServer.h"
 
 #include <asio/io_context.hpp>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <sys/socket.h>
 
@@ -23,19 +23,31 @@
 namespace AgentTest {
 namespace {
 
-using Json = nlohmann::json;
 using Agent::LineHandler;
 using Agent::Session;
 using Agent::Sessions;
 
-std::string request(const std::string& method, const Json& params = Json::object(), const Json& id = 1) {
-    return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump();
+std::string request(const std::string& method, const Json& params = json("{}"), const Json& id = 1) {
+    return json("{'jsonrpc': '2.0', 'id': %, 'method': %, 'params': %}", id, method, params).dump();
+}
+
+std::string echo() {
+    return request("echo", json("{'a': 1}"));
+}
+
+std::string tell(int count, std::size_t bytes) {
+    return request("tell", json("{'count': %, 'bytes': %}", count, bytes));
+}
+
+// The next line; null when there is none.
+Json heard(TestClient& client) {
+    return Json::parse(client.line().value_or("null"));
 }
 
 // A request of exactly so many bytes.
 std::string requestOf(std::size_t bytes) {
-    const std::size_t bare = request("size", {{"text", ""}}).size();
-    return request("size", {{"text", std::string(bytes - bare, 'x')}});
+    const std::size_t bare = request("size", json("{'text': ''}")).size();
+    return request("size", json("{'text': %}", std::string(bytes - bare, 'x')));
 }
 
 class SessionsTest : public testing::Test {
@@ -64,22 +76,20 @@ class SessionsTest : public testing::Test {
 
 TEST_F(SessionsTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnection) {
     TestClient large = client();
-    const std::string fits = requestOf(LineHandler::lineLimit);
-    const Json answer = Json::parse(large.ask(fits));
-    EXPECT_GT(answer.at("result"), LineHandler::lineLimit - 100);
-    EXPECT_EQ(Json::parse(large.ask(request("echo", {{"a", 1}}))).at("result").dump(), R"({"a":1})");
+    const Json answer = Json::parse(large.ask(requestOf(LineHandler::lineLimit)));
+    EXPECT_GT(answer.at("result").number(), LineHandler::lineLimit - 100);
+    EXPECT_EQ(Json::parse(large.ask(echo())).at("result").dump(), R"({"a":1})");
 
     // Once with the newline, once without: the byte too many is what counts. What comes after it is not read.
     for (const std::string& end : {std::string("\n"), std::string("x")}) {
         TestClient tooLarge = client();
-        const std::string good = request("echo", {{"a", 1}}) + "\n";
-        std::string lines = good;
+        std::string lines = echo() + "\n";
         lines.append(requestOf(LineHandler::lineLimit + (end == "\n" ? 1 : 0))).append(end);
         tooLarge.send(lines);
-        EXPECT_EQ(Json::parse(tooLarge.line().value_or("null")).at("result").at("a"), 1);
-        const Json refusal = Json::parse(tooLarge.line().value_or("null"));
+        EXPECT_EQ(heard(tooLarge).at("result").at("a"), 1);
+        const Json refusal = heard(tooLarge);
         EXPECT_EQ(refusal.at("error").at("code"), -32600);
-        EXPECT_TRUE(refusal.at("id").is_null());
+        EXPECT_TRUE(refusal.at("id").isNull());
         EXPECT_TRUE(tooLarge.ended());
     }
     EXPECT_TRUE(clientsBecome(2));
@@ -88,7 +98,7 @@ TEST_F(SessionsTest, ALineOfFourMebibytesIsAnsweredAndOneByteMoreEndsTheConnecti
 TEST_F(SessionsTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
     const std::size_t before = server.memory();
     TestClient deaf = client();
-    const std::string asksMuch = request("big", {{"bytes", 1'000'000}}) + "\n";
+    const std::string asksMuch = request("big", json("{'bytes': 1000000}")) + "\n";
     std::size_t sent = 0;
     for (int idle = 0; idle < 20;) {
         const std::size_t now = deaf.sendSome(asksMuch);
@@ -102,7 +112,7 @@ TEST_F(SessionsTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
     }
     EXPECT_LT(sent, 10'000'000U) << "the server reads on though its answers are not taken";
     TestClient other = client();
-    EXPECT_EQ(Json::parse(other.ask(request("echo", {{"a", 1}}))).at("result").at("a"), 1);
+    EXPECT_EQ(Json::parse(other.ask(echo())).at("result").at("a"), 1);
     EXPECT_LT(server.memory(), before + (16U << 20U));
     deaf.close();
     EXPECT_TRUE(clientsBecome(2));
@@ -111,46 +121,45 @@ TEST_F(SessionsTest, AClientThatNeverReadsStopsBeingReadAndCostsNothingMore) {
 TEST_F(SessionsTest, AnAnswerThatTakesLongHoldsUpItsOwnClientAlone) {
     using namespace std::chrono_literals;
     TestClient other = client();
-    const auto echoed = [&] { return Json::parse(other.ask(request("echo", {{"a", 1}}))).at("result"); };
+    const auto echoed = [&] { return Json::parse(other.ask(echo())).at("result"); };
     const auto release = [&] { other.ask(request("release")); };
 
     TestClient waiting = client();
-    waiting.send(request("late", Json::object(), 1) + "\n" + request("echo", {{"b", 2}}, 2) + "\n");
-    EXPECT_EQ(echoed(), (Json{{"a", 1}}));
+    waiting.send(request("late") + "\n" + request("echo", json("{'b': 2}"), 2) + "\n");
+    EXPECT_EQ(echoed(), json("{'a': 1}"));
     EXPECT_FALSE(waiting.line(50ms));
     release();
-    EXPECT_EQ(Json::parse(waiting.line().value_or("null")),
-              Json::parse(R"({"jsonrpc":"2.0","id":1,"result":"late"})"));
-    EXPECT_EQ(Json::parse(waiting.line().value_or("null")).at("id"), 2);
+    EXPECT_EQ(heard(waiting), Json::parse(R"({"jsonrpc":"2.0","id":1,"result":"late"})"));
+    EXPECT_EQ(heard(waiting).at("id"), 2);
 
     // A batch waits as a whole; what comes behind in it is carried out after.
-    Json batch = Json::array();
+    std::vector<Json> batch;
     for (const char* method : {"echo", "late", "count", "late"})
-        batch.push_back(Json::parse(request(method, Json::object(), batch.size())));
-    batch.push_back({{"jsonrpc", "2.0"}, {"method", "echo"}});
-    waiting.send(batch.dump() + "\n");
+        batch.push_back(Json::parse(request(method, json("{}"), batch.size())));
+    batch.push_back(json("{'jsonrpc': '2.0', 'method': 'echo'}"));
+    waiting.send(Json(batch).dump() + "\n");
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(echoed(), (Json{{"a", 1}}));
+        EXPECT_EQ(echoed(), json("{'a': 1}"));
         EXPECT_FALSE(waiting.line(50ms));
         release();
     }
-    const Json answers = Json::parse(waiting.line().value_or("null"));
+    const Json answers = heard(waiting);
     ASSERT_EQ(answers.size(), 4U);
     for (std::size_t i = 0; i < answers.size(); ++i)
-        EXPECT_EQ(answers[i].at("id"), i);
-    EXPECT_EQ(answers[1].at("result"), "late");
-    EXPECT_EQ(answers[3].at("result"), "late");
+        EXPECT_EQ(answers.at(i).at("id"), i);
+    EXPECT_EQ(answers.at(1).at("result"), "late");
+    EXPECT_EQ(answers.at(3).at("result"), "late");
 
     // Who only ended its input still hears the answer; who has gone costs nothing more.
     TestClient gone = client();
     gone.send(request("late") + "\n");
     waiting.send(request("late") + "\n");
     waiting.closeSendingSide();
-    EXPECT_EQ(echoed(), (Json{{"a", 1}}));
+    EXPECT_EQ(echoed(), json("{'a': 1}"));
     gone.close();
     EXPECT_FALSE(waiting.line(50ms));
     release();
-    EXPECT_EQ(Json::parse(waiting.line().value_or("null")).at("result"), "late");
+    EXPECT_EQ(heard(waiting).at("result"), "late");
     EXPECT_FALSE(waiting.line());
     EXPECT_TRUE(waiting.ended());
     EXPECT_TRUE(clientsBecome(2));
@@ -165,12 +174,12 @@ TEST_F(SessionsTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
 
     const std::size_t bytes = 1U << 20U;
     const std::size_t before = server.memory();
-    int heard = 0;
+    int whole = 0;
     for (int i = 0; i < 24; ++i) {
-        teller.ask(request("tell", {{"count", 1}, {"bytes", bytes}}));
-        heard += reader.line().value_or("").size() > bytes ? 1 : 0;
+        teller.ask(tell(1, bytes));
+        whole += reader.line().value_or("").size() > bytes ? 1 : 0;
     }
-    EXPECT_EQ(heard, 24);
+    EXPECT_EQ(whole, 24);
     EXPECT_EQ(status().at("cutOff"), 1);
     EXPECT_LT(server.memory(), before + 3 * Session::notificationLimit);
     while (deaf.line()) {
@@ -182,7 +191,7 @@ TEST_F(SessionsTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
 TEST_F(SessionsTest, AClientThatIsToldTooMuchByItsOwnRequestIsCutOffToo) {
     TestClient self = client();
     self.ask(request("follow"));
-    self.send(request("tell", {{"count", 40}, {"bytes", 1U << 20U}}) + "\n");
+    self.send(tell(40, 1U << 20U) + "\n");
     while (self.line()) {
     }
     EXPECT_TRUE(self.ended());
@@ -192,12 +201,12 @@ TEST_F(SessionsTest, AClientThatIsToldTooMuchByItsOwnRequestIsCutOffToo) {
 TEST_F(SessionsTest, WhatARequestCausesIsToldBeforeItsAnswerAlsoInsideABatch) {
     TestClient self = client();
     self.ask(request("follow"));
-    const std::string tell = request("tell", {{"count", 2}, {"bytes", 3}});
-    self.send(tell + "\n[" + tell + "," + tell + "]\n");
+    const std::string telling = tell(2, 3);
+    self.send(telling + "\n[" + telling + "," + telling + "]\n");
     for (const int notifications : {2, 4}) {
         for (int i = 0; i < notifications; ++i)
             EXPECT_EQ(self.line(), R"({"jsonrpc":"2.0","method":"told","params":"ttt"})");
-        EXPECT_EQ(Json::parse(self.line().value_or("null")).empty(), false);
+        EXPECT_FALSE(heard(self).isNull());
     }
 }
 
@@ -205,11 +214,11 @@ TEST_F(SessionsTest, AClientThatClosesItsSendingSideHearsTheAnswersToItsWholeLin
     TestClient half = client();
     std::string lines;
     for (int i = 0; i < 50; ++i)
-        lines += request("echo", {{"n", i}}) + "\n";
+        lines += request("echo", json("{'n': %}", i)) + "\n";
     half.send(lines + R"({"jsonrpc":"2.0","id":1,"method":"echo"})"); // the last one is cut
     half.closeSendingSide();
     for (int i = 0; i < 50; ++i)
-        EXPECT_EQ(Json::parse(half.line().value_or("null")).at("result").at("n"), i);
+        EXPECT_EQ(heard(half).at("result").at("n"), i);
     EXPECT_TRUE(half.ended());
 }
 
@@ -218,11 +227,12 @@ TEST_F(SessionsTest, PipelinedLinesAreAnsweredInOrderAndBlankOnesPassedOver) {
     const int count = 3000;
     std::string lines;
     for (int i = 0; i < count; ++i)
-        lines += request("echo", {{"n", i}, {"text", std::string(static_cast<std::size_t>(i % 300), 'p')}}) +
+        lines += request("echo", json("{'n': %, 'text': %}", i,
+                                      std::string(static_cast<std::size_t>(i % 300), 'p'))) +
                  (i % 7 == 0 ? "\r\n\n  \n" : "\n");
     std::thread sending([&] { piping.send(lines); });
     for (int i = 0; i < count; ++i)
-        ASSERT_EQ(Json::parse(piping.line().value_or("null")).at("result").at("n"), i);
+        ASSERT_EQ(heard(piping).at("result").at("n"), i);
     sending.join();
     EXPECT_EQ(piping.line(std::chrono::milliseconds(0)), std::nullopt);
 }
@@ -234,10 +244,10 @@ TEST_F(SessionsTest, ALongPipelineDoesNotHoldUpOthers) {
     others.reserve(64);
     for (int i = 0; i < 64; ++i)
         others.push_back(std::make_unique<TestClient>(server.path()));
-    const int before = Json::parse(holding.ask(request("count"))).at("result");
+    const std::uint64_t before = Json::parse(holding.ask(request("count"))).at("result").number();
 
     // While the server sleeps in one request, all the others' lines arrive.
-    holding.send(request("sleep", {{"ms", 200}}) + "\n");
+    holding.send(request("sleep", json("{'ms': 200}")) + "\n");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     std::string lines;
     for (int i = 0; i < 500; ++i)
@@ -246,13 +256,13 @@ TEST_F(SessionsTest, ALongPipelineDoesNotHoldUpOthers) {
     for (const auto& other : others)
         other->send(request("count") + "\n");
     for (const auto& other : others) {
-        const int at = Json::parse(other->line().value_or("null")).at("result");
+        const std::uint64_t at = heard(*other).at("result").number();
         // One line of the pipeline per turn, however many of the others a turn fetches.
         EXPECT_LE(at, before + 1 + 64 + 4);
     }
-    int last = 0;
+    std::uint64_t last = 0;
     for (int i = 0; i < 500; ++i)
-        last = Json::parse(piping.line().value_or("null")).at("result");
+        last = heard(piping).at("result").number();
     EXPECT_EQ(last, before + 1 + 64 + 500);
 }
 
@@ -263,7 +273,7 @@ TEST_F(SessionsTest, OneClientTooManyIsToldSoAndThereIsRoomAgainWhenOneGoes) {
     EXPECT_EQ(Json::parse(all.back()->ask(request("echo"))).at("id"), 1);
 
     TestClient extra = client();
-    EXPECT_EQ(Json::parse(extra.line().value_or("null")).at("error").at("code"), -32002);
+    EXPECT_EQ(heard(extra).at("error").at("code"), -32002);
     EXPECT_TRUE(extra.ended());
     all.pop_back();
     all.pop_back();

@@ -15,12 +15,9 @@ namespace {
 class SoftwareChipTest : public testing::Test {
   protected:
     static Json request(unsigned group) {
-        return {{"intf", "Ethernet5"},
-                {"vrfId", 3},
-                {"vlanId", 10},
-                {"sourceIp", "10.0.0.1"},
-                {"groupIp", "239.1.1." + std::to_string(group)},
-                {"type", 1}};
+        return json("{'intf': 'Ethernet5', 'vrfId': 3, 'vlanId': 10, 'sourceIp': '10.0.0.1', 'groupIp': %,"
+                    " 'type': 1}",
+                    "239.1.1." + std::to_string(group));
     }
     void ask(unsigned group) {
         agent.operations.change(setOf("api/mgroup/req", "mgroupReq", request(group)));
@@ -30,7 +27,7 @@ class SoftwareChipTest : public testing::Test {
     }
     // The group id that the plug-in answers; 0: none.
     std::uint64_t answer(unsigned group) const {
-        const State::Datum key = toDatum(request(group));
+        const State::Datum key = request(group).datum();
         const auto value = agent.operations.value("api/mgroup/resp", "mgroupId", &key);
         return value ? *value->number() : 0;
     }
@@ -82,8 +79,8 @@ TEST_F(SoftwareChipTest, GroupsComeOnTheNextTurnAndFreedOnesComeAgainLowestFirst
 TEST_F(SoftwareChipTest, AGroupThatSomebodyElseGaveIsLeftAlone) {
     Agent::SoftwareChip chip(agent.host.stores(), wake);
     agent.host.start();
-    const Json row{{"vrfId", 3}, {"source", "10.0.0.1"}, {"group", "239.1.1.1"}, {"vlanId", 10}};
-    agent.operations.change(setOf("l3/mroutegroup/status", "mgroups", row, {{"groupId", 17}}));
+    const Json row = json("{'vrfId': 3, 'source': '10.0.0.1', 'group': '239.1.1.1', 'vlanId': 10}");
+    agent.operations.change(setOf("l3/mroutegroup/status", "mgroups", row, json("{'groupId': 17}")));
     ask(1);
     turn(chip);
     EXPECT_EQ(answer(1), 17U);
@@ -97,9 +94,7 @@ TEST_F(SoftwareChipTest, ManyRowsAreWorkedOffInSeveralTasks) {
     agent.host.start();
     constexpr unsigned count = 1000;
     for (unsigned vlan = 1; vlan <= count; ++vlan) {
-        Json key = request(1);
-        key["vlanId"] = vlan;
-        agent.operations.change(setOf("api/mgroup/req", "mgroupReq", key));
+        agent.operations.change(setOf("api/mgroup/req", "mgroupReq", request(1).with("vlanId", vlan)));
     }
     std::size_t turns = 0;
     while (turn(chip))
@@ -107,7 +102,7 @@ TEST_F(SoftwareChipTest, ManyRowsAreWorkedOffInSeveralTasks) {
     EXPECT_GT(turns, 1U);
     std::set<Json> ids;
     for (const Json& row : agent.get("l3/mroutegroup/status", "mgroups"))
-        ids.insert(row[1]);
+        ids.insert(row.at(1));
     EXPECT_EQ(ids.size(), count) << "a group was given twice";
 }
 

@@ -4,10 +4,10 @@
 #include "agent/control/Sessions.h"
 #include "agent/host/PostedTask.h"
 #include "agent/json/Json.h"
+#include "tests/agent/Json.h"
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
-#include <nlohmann/json.hpp>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -28,8 +28,6 @@ namespace AgentTest {
 
 namespace {
 
-using Json = nlohmann::json;
-
 class ToyDispatcher : public Agent::Dispatcher {
   public:
     explicit ToyDispatcher(asio::io_context& loop)
@@ -46,8 +44,8 @@ class ToyDispatcher : public Agent::Dispatcher {
             replies_.push_back(reply);
             return;
         }
-        const Json result = resultOf(client, method, Json::parse(Agent::Json::textOf(State::Datum(given))));
-        reply([&](Text::Writer& writer) { Agent::Json::write(writer, Agent::Json::parse(result.dump())); });
+        const Json result = resultOf(client, method, Json(State::Datum(given)));
+        reply([&](Text::Writer& writer) { Agent::Json::write(writer, result.datum()); });
     }
 
     void clientGone(Agent::ClientId client) override {
@@ -61,31 +59,33 @@ class ToyDispatcher : public Agent::Dispatcher {
         if (method == "echo")
             return params;
         if (method == "size")
-            return params.at("text").get_ref<const std::string&>().size();
+            return params.at("text").text().size();
         if (method == "big")
-            return std::string(params.at("bytes").get<std::size_t>(), 'b');
+            return std::string(params.at("bytes").number(), 'b');
         if (method == "count")
             return calls_;
         if (method == "sleep")
-            std::this_thread::sleep_for(std::chrono::milliseconds(params.at("ms").get<int>()));
+            std::this_thread::sleep_for(std::chrono::milliseconds(params.at("ms").number()));
         else if (method == "release")
             release_.request();
         else if (method == "follow")
             followers_.insert(client);
         else if (method == "tell")
-            tell(params.at("count").get<int>(), params.at("bytes").get<std::size_t>());
+            tell(params.at("count").number(), params.at("bytes").number());
         else if (method == "status")
-            return {{"clients", server->clients()}, {"cutOff", server->cutOffCount()}, {"gone", gone_}};
+            return json("{'clients': %, 'cutOff': %, 'gone': %}", server->clients(), server->cutOffCount(),
+                        gone_);
         else
             throw Agent::UnknownMethod("no method \"" + std::string(method) + "\"");
         return true;
     }
 
-    void tell(int count, std::size_t bytes) {
-        const Json line{{"jsonrpc", "2.0"}, {"method", "told"}, {"params", std::string(bytes, 't')}};
-        for (int i = 0; i < count; ++i)
+    void tell(std::uint64_t count, std::size_t bytes) {
+        const std::string line =
+            R"({"jsonrpc":"2.0","method":"told","params":")" + std::string(bytes, 't') + R"("})";
+        for (std::uint64_t i = 0; i < count; ++i)
             for (const Agent::ClientId follower : followers_)
-                server->notify(follower, line.dump());
+                server->notify(follower, line);
     }
 
     std::set<Agent::ClientId> followers_;

@@ -18,6 +18,7 @@ namespace Agent::Kernel::Test {
 namespace {
 
 using AgentTest::AgentProcess;
+using AgentTest::json;
 using AgentTest::Json;
 using AgentTest::RpcClient;
 using AgentTest::TemporaryFolder;
@@ -46,32 +47,27 @@ bool becomes(Condition condition) {
 void requestAll(RpcClient& client, const char* operation) {
     constexpr std::uint32_t atOnce = 5000; // they fit one line
     for (std::uint32_t first = 0; first < routes; first += atOnce) {
-        Json changes = Json::array();
+        std::vector<Json> changes;
         for (std::uint32_t i = first; i < first + atOnce; ++i)
-            changes.push_back({{"op", operation},
-                               {"path", "api/mroute/req"},
-                               {"attribute", "mrouteReq"},
-                               {"key",
-                                {{"intf", "Ethernet5"},
-                                 {"vrfId", 0},
-                                 {"vlanId", 10},
-                                 {"sourceIp", L3::IpAddr(numbered(i).source).stringValue()},
-                                 {"groupIp", L3::IpAddr(numbered(i).group).stringValue()},
-                                 {"type", 0}}}});
-        client.result("apply", {{"changes", changes}});
+            changes.push_back(
+                json("{'op': %, 'path': 'api/mroute/req', 'attribute': 'mrouteReq', 'key': {"
+                     "'intf': 'Ethernet5', 'vrfId': 0, 'vlanId': 10, 'sourceIp': %, 'groupIp': %}}",
+                     operation, L3::IpAddr(numbered(i).source).stringValue(),
+                     L3::IpAddr(numbered(i).group).stringValue()));
+        client.result("apply", json("{'changes': %}", changes));
     }
 }
 
 // The interfaces of each answer that has any, by group.
 std::map<std::string, std::string> answers(RpcClient& client) {
     std::map<std::string, std::string> found;
-    for (const Json& answer :
-         client.result("get", {{"path", "api/mroute/resp"}, {"attribute", "mrouteResp"}})) {
+    const Json params = json("{'path': 'api/mroute/resp', 'attribute': 'mrouteResp'}");
+    for (const Json& answer : client.result("get", params).elements()) {
         std::string interfaces;
-        for (const Json& name : answer.at("value"))
-            interfaces += name.get<std::string>() + " ";
+        for (const Json& name : answer.at("value").elements())
+            interfaces += name.text() + " ";
         if (!interfaces.empty())
-            found[answer.at("key").at("groupIp")] = interfaces;
+            found[answer.at("key").at("groupIp").text()] = interfaces;
     }
     return found;
 }
@@ -119,10 +115,10 @@ TEST_P(KernelAgentTest, AfterLostEventsAnswersAreAsIfAskedAnew) {
         return now.at("synced") == true && now.at("vrfs").at(0).at("resyncWanted") == false &&
                now.at("vrfs").at(0).at("rows") == routes * 3 / 4;
     }));
-    EXPECT_GT(state().at("counters").at("overruns"), 0);
-    const Json verified = client.result("kernel", {{"verify", true}});
+    EXPECT_GT(state().at("counters").at("overruns").number(), 0U);
+    const Json verified = client.result("kernel", json("{'verify': true}"));
     EXPECT_EQ(verified.at("complete"), true);
-    EXPECT_EQ(verified.at("differences"), Json::array());
+    EXPECT_EQ(verified.at("differences"), json("[]"));
     EXPECT_EQ(verified.at("rows"), routes * 3 / 4);
 
     const auto followed = answers(client);
@@ -150,14 +146,13 @@ TEST(KernelAgentConfigTest, IsReadAgainOnHupAndAFaultyOneChangesNothing) {
     const AgentProcess agent(folder, {"--kernel", file});
     RpcClient client = agent.client();
     const auto rows = [&] {
-        std::map<std::string, int> found;
-        const Json state = client.result("kernel");
-        for (const Json& vrf : state.at("vrfs"))
-            found[vrf.at("vrf")] = vrf.at("rows");
+        std::map<std::string, std::uint64_t> found;
+        for (const Json& vrf : client.result("kernel").at("vrfs").elements())
+            found[vrf.at("vrf").text()] = vrf.at("rows").number();
         return found;
     };
-    const std::map<std::string, int> both{{"default", 0}, {"red", 1}};
-    EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, int>{{"default", 0}}; }));
+    const std::map<std::string, std::uint64_t> both{{"default", 0}, {"red", 1}};
+    EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, std::uint64_t>{{"default", 0}}; }));
 
     writeFile(folder, "kernel.json",
               R"({"vrfs": [{"name": "default"}, {"name": "red", "id": 3, "table": 100}]})");
@@ -174,7 +169,7 @@ TEST(KernelAgentConfigTest, IsReadAgainOnHupAndAFaultyOneChangesNothing) {
 
     writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "default"}]})");
     agent.signal(SIGHUP);
-    EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, int>{{"default", 0}}; }));
+    EXPECT_TRUE(becomes([&] { return rows() == std::map<std::string, std::uint64_t>{{"default", 0}}; }));
 }
 
 // The comparison is answered later, and what stands behind it in a batch after it; the input ends at once.
@@ -190,9 +185,9 @@ TEST(KernelAgentConfigTest, AComparisonOnStandardInputIsAnsweredBeforeTheEnd) {
     EXPECT_EQ(finished.status, 0);
     const Json answers = Json::parse(finished.out);
     ASSERT_EQ(answers.size(), 3U) << finished.out;
-    EXPECT_EQ(answers[0].at("result").at("complete"), true);
-    EXPECT_EQ(answers[1].at("result").at("synced"), true) << "it came after the comparison";
-    EXPECT_EQ(answers[2].at("error").at("code"), -32602);
+    EXPECT_EQ(answers.at(0).at("result").at("complete"), true);
+    EXPECT_EQ(answers.at(1).at("result").at("synced"), true) << "it came after the comparison";
+    EXPECT_EQ(answers.at(2).at("error").at("code"), -32602);
 }
 
 } // namespace
