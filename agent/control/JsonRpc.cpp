@@ -232,16 +232,18 @@ bool JsonRpc::answerOne(const std::shared_ptr<Line>& line, const Datum& request)
             appendError(out, line->id, RpcCode::limitReached,
                         "not carried out: the answers of this batch have grown too large");
         });
+    // What replies to a notification, perhaps while a later request of its batch waits, is heard by nobody.
+    Text::Reply reply = [](const Text::Tell&) {};
+    if (line->isWanted)
+        reply = [this, line](const Text::Tell& tell) { replied(line, tell); };
     try {
         if (members.params != nullptr && members.params->record() == nullptr)
             throw Refusal("parameters go by name: \"params\" must be an object");
         dispatcher_.call(line->client, *members.method->text(),
-                         members.params == nullptr ? noParams : *members.params->record(),
-                         [this, line](const Text::Tell& tell) { replied(line, tell); });
+                         members.params == nullptr ? noParams : *members.params->record(), reply);
     } catch (const std::exception&) {
-        return answered(*line, [&](std::string& out) { appendRaised(out, line->id); });
+        return line->isReplied || answered(*line, [&](std::string& out) { appendRaised(out, line->id); });
     }
-    // Nobody waits for the reply to a notification.
     line->isWaiting = line->isWanted && !line->isReplied;
     return !line->isWaiting;
 }
