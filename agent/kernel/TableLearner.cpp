@@ -73,12 +73,13 @@ void TableLearner::linkChanged(int ifindex) {
 }
 
 // A VIF that went takes its interface out of all routes, and nothing else. One that came can bring interfaces
-// back into routes, as the kernel remembers a route's OIFs by the index of the VIF.
+// back into routes, as the kernel remembers a route's OIFs by the index of the VIF; so can one that came and went
+// since the last time, as a dump may have met it.
 void TableLearner::takeVifs(std::vector<Vif> vifs, const std::set<int>& added) {
     const bool cameOrMoved = std::ranges::any_of(vifs, [&](const Vif& vif) {
         return added.contains(vif.ifindex) || std::ranges::find(vifs_, vif) == vifs_.end();
     });
-    if (vifs != vifs_)
+    if (vifs != vifs_ || !added.empty())
         wantDumpForSeveral();
     vifs_ = std::move(vifs);
     if (cameOrMoved && routes_.size() > 0)
@@ -104,7 +105,8 @@ void TableLearner::beginDump(Clock::time_point now) {
 void TableLearner::learnFromDump(const MfcRoute& route) {
     RouteEntry& entry = routes_.get(route.key);
     if (entry.touched == dump_) {
-        dumpWanted_ = dumpWanted_ || (route.key.source == 0 && entry.iif != route.iif);
+        const bool isAnother = entry.iif != route.iif || std::exchange(entry.seen, dump_) == dump_;
+        dumpWanted_ = dumpWanted_ || (route.key.source == 0 && isAnother);
     } else if (entry.seen != dump_) {
         entry.several = false;
         entry.seen = dump_;

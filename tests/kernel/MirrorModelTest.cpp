@@ -219,16 +219,22 @@ class Churn {
     bool twoVifsAnInterface_ = false;
 };
 
+void runAndCompare(std::uint32_t seed) {
+    SCOPED_TRACE("KESTREL_TEST_SEED=" + std::to_string(seed));
+    Churn churn(seed, seed % 2 == 0);
+    churn.run(20 + static_cast<int>(seed % 80));
+    churn.compare();
+}
+
 TEST(MirrorModel, TablesEqualTheKernelAfterAnyHistory) {
+    // Histories that once ended with a wrong row, and that chance meets once in a million.
+    for (std::uint32_t seed : {4199020448u, 189002237u, 567001498u, 3332002850u, 3570002030u, 4074002284u})
+        runAndCompare(seed);
     const char* given = std::getenv("KESTREL_TEST_SEED");
     auto first =
         static_cast<std::uint32_t>(given ? std::strtoul(given, nullptr, 10) : std::random_device{}());
-    for (std::uint32_t seed = first; seed < first + 3000 && !HasFailure(); ++seed) {
-        SCOPED_TRACE("KESTREL_TEST_SEED=" + std::to_string(seed));
-        Churn churn(seed, seed % 2 == 0);
-        churn.run(20 + static_cast<int>(seed % 80));
-        churn.compare();
-    }
+    for (std::uint32_t seed = first; seed < first + 3000 && !HasFailure(); ++seed)
+        runAndCompare(seed);
 }
 
 } // namespace
