@@ -21,7 +21,7 @@ struct IpGenRouteKey {
     }
     /// The key of a route for one source and one group.
     static IpGenRouteKey host(L3::IpAddr source, L3::IpAddr group) {
-        return {L3::IpGenPrefix::host(source), L3::IpGenPrefix::host(group)};
+        return State::whole<IpGenRouteKey>(L3::IpGenPrefix::host(source), L3::IpGenPrefix::host(group));
     }
     std::uint32_t hash(std::uint32_t seed) const {
         State::Hasher hasher(seed);

@@ -1,28 +1,18 @@
 // Value types and what every one of them can do: be hashed, printed, parsed, compared and turned into plain
 // data.
 //
-// A structured value is an aggregate with one list of its fields, `describe()`; everything else is derived
-// from that list. Scalars (addresses, identifiers) name themselves by `typeName` and convert from and to text
-// or a number. ValueTraits<T> is the one table of operations per type; ValueType is the same table at run
-// time, found by qualified name. Example of a structured value:
+// A structured value is an aggregate with one list of its fields (Describe.h); everything else is derived from that
+// list. Scalars (addresses, identifiers) name themselves by `typeName` and convert from and to text or a number.
+// ValueTraits<T> is the one table of operations per type; ValueType is the same table at run time, found by qualified
+// name.
 //
-//     struct MrouteSourceAndGroup {
-//         L3::IpAddr sourceIp;
-//         L3::IpAddr groupIp;
-//         static constexpr auto describe() {
-//             return State::describe("KestrelNat::MrouteSourceAndGroup",
-//                                    State::field("sourceIp", &MrouteSourceAndGroup::sourceIp),
-//                                    State::field("groupIp", &MrouteSourceAndGroup::groupIp));
-//         }
-//         std::uint32_t hash(std::uint32_t seed) const { return State::hashFields(*this, seed); }
-//         auto operator<=>(const MrouteSourceAndGroup&) const = default;
-//     };
-//
-// Its string form is `KestrelNat::MrouteSourceAndGroup(sourceIp=10.0.0.1, groupIp=239.1.1.1)`: strings are
-// quoted and escaped, nested values stand in their own form. A type may print differently (`stringValue()`).
+// The string form of a structured value is `KestrelNat::MrouteSourceAndGroup(sourceIp=10.0.0.1, groupIp=239.1.1.1)`:
+// strings are quoted and escaped, nested values stand in their own form. A type may print differently
+// (`stringValue()`).
 #pragma once
 
 #include "state/Datum.h"
+#include "state/Describe.h"
 #include "state/Errors.h"
 #include "state/Hash.h"
 #include "state/TextReader.h"
@@ -37,58 +27,6 @@
 #include <utility>
 
 namespace State {
-
-template <class Owner, class Member>
-struct Field {
-    std::string_view name;
-    Member Owner::*member;
-};
-
-template <class Owner, class Member>
-constexpr Field<Owner, Member> field(std::string_view name, Member Owner::*member) {
-    return {name, member};
-}
-
-template <class... Fields>
-struct Description {
-    std::string_view typeName;
-    std::tuple<Fields...> fields;
-};
-
-template <class... Fields>
-constexpr Description<Fields...> describe(std::string_view typeName, Fields... fields) {
-    return {typeName, {fields...}};
-}
-
-/// Stands for a value of any type, where only the count of the members matters.
-struct AnyMember {
-    template <class T>
-    operator T() const;
-};
-
-template <class T, std::size_t... i>
-constexpr bool takesMembers(std::index_sequence<i...>) {
-    return requires {
-        T{(static_cast<void>(i), AnyMember{})...};
-    };
-}
-
-/// How many members an aggregate has: the most initialisers that it takes.
-template <class T, std::size_t count = 16>
-constexpr std::size_t memberCountOf() {
-    if constexpr (count == 0 || takesMembers<T>(std::make_index_sequence<count>()))
-        return count;
-    else
-        return memberCountOf<T, count - 1>();
-}
-template <class T>
-constexpr std::size_t memberCount = memberCountOf<T>();
-
-/// A structured value: an aggregate with a field list.
-template <class T>
-concept Described = requires {
-    T::describe().typeName;
-};
 
 /// A scalar with a name that prints as text and is built from text (raising ParseError or RangeError).
 template <class T>

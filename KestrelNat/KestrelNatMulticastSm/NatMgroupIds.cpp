@@ -19,8 +19,8 @@ void NatMgroupSm::handleMcastGroupIds(const KestrelL3::IpMcastKey& key) {
               " group=", key.group);
         return;
     }
-    const MrouteSourceAndGroup sg{.sourceIp = key.source.ipv4(), .groupIp = key.group.ipv4()};
-    const VrfIdMrouteSourceAndGroup flow{.vrfId = key.vrfId, .sg = sg};
+    const auto sg = State::whole<MrouteSourceAndGroup>(key.source.ipv4(), key.group.ipv4());
+    const auto flow = State::whole<VrfIdMrouteSourceAndGroup>(key.vrfId, sg);
     const auto* found = vrfIdSourceAndGroupToIntf_.find(flow);
     if (found == nullptr) {
         TRACE(0, "handleMcastGroupIds", " NOT found sourceIp=", sg.sourceIp, " groupIp=", sg.groupIp);

@@ -13,10 +13,8 @@ namespace {
 // The row of the group tables for a request. Only the low 16 bits of the VRF's identifier fit it: the tables
 // do not tell apart VRFs that have them in common, and this is meant to be so.
 KestrelL3::IpMcastKey groupKeyOf(const NatMrouteKey& key) {
-    return {.vrfId = static_cast<std::uint16_t>(key.vrfId.value() & 0xffffU),
-            .source = key.sourceIp,
-            .group = key.groupIp,
-            .vlanId = key.vlanId};
+    const auto lowBits = static_cast<std::uint16_t>(key.vrfId.value() & 0xffffU);
+    return State::whole<KestrelL3::IpMcastKey>(lowBits, key.sourceIp, key.groupIp, key.vlanId);
 }
 
 } // namespace

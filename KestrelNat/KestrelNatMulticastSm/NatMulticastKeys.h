@@ -40,7 +40,9 @@ struct MrouteSourceAndGroup {
                                State::field("groupIp", &MrouteSourceAndGroup::groupIp));
     }
     /// The flow that a request names.
-    static MrouteSourceAndGroup of(const NatMrouteKey& key) { return {key.sourceIp, key.groupIp}; }
+    static MrouteSourceAndGroup of(const NatMrouteKey& key) {
+        return State::whole<MrouteSourceAndGroup>(key.sourceIp, key.groupIp);
+    }
     std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(bits()).result(); }
     std::uint64_t bits() const { return std::uint64_t{sourceIp.value()} << 32 | groupIp.value(); }
     auto operator<=>(const MrouteSourceAndGroup&) const = default;
@@ -56,7 +58,7 @@ struct VrfIdMrouteSourceAndGroup {
                                State::field("sg", &VrfIdMrouteSourceAndGroup::sg));
     }
     static VrfIdMrouteSourceAndGroup of(const NatMrouteKey& key) {
-        return {key.vrfId, MrouteSourceAndGroup::of(key)};
+        return State::whole<VrfIdMrouteSourceAndGroup>(key.vrfId, MrouteSourceAndGroup::of(key));
     }
     std::uint32_t hash(std::uint32_t seed) const {
         return State::Hasher(seed).mix(sg.bits()).mix(vrfId.value()).result();
@@ -73,7 +75,9 @@ struct MrouteIntfAndVlan {
                                State::field("intf", &MrouteIntfAndVlan::intf),
                                State::field("vlanId", &MrouteIntfAndVlan::vlanId));
     }
-    static MrouteIntfAndVlan of(const NatMrouteKey& key) { return {key.intf, key.vlanId}; }
+    static MrouteIntfAndVlan of(const NatMrouteKey& key) {
+        return State::whole<MrouteIntfAndVlan>(key.intf, key.vlanId);
+    }
     std::uint32_t hash(std::uint32_t seed) const { return State::hashFields(*this, seed); }
     auto operator<=>(const MrouteIntfAndVlan&) const = default;
 };

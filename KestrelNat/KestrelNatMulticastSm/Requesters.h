@@ -35,17 +35,11 @@ inline void forgetRequester(RequesterMap& requesters, const NatMrouteKey& reques
 /// The key of a request, rebuilt. The record knows no types: `type` is the caller's.
 inline NatMrouteKey requestKey(const VrfIdMrouteSourceAndGroup& flow, const MrouteIntfAndVlan& requester,
                                NatRequestType type) {
-    // A new member of one of the parts does not compile until it is bound here, one of the key until it is counted.
+    // A new member of one of the parts does not compile until it is bound here.
     const auto& [vrfId, sg] = flow;
     const auto& [sourceIp, groupIp] = sg;
     const auto& [intf, vlanId] = requester;
-    static_assert(State::memberCount<NatMrouteKey> == 6, "where does the new member of a request come from?");
-    return {.intf = intf,
-            .vrfId = vrfId,
-            .vlanId = vlanId,
-            .sourceIp = sourceIp,
-            .groupIp = groupIp,
-            .type = type};
+    return State::whole<NatMrouteKey>(intf, vrfId, vlanId, sourceIp, groupIp, type);
 }
 
 } // namespace KestrelNat
