@@ -43,7 +43,7 @@ void NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey& routeKey, const Na
         }
     }
 
-    const MrouteSourceAndGroup sg{.sourceIp = routeKey.source.ipv4(), .groupIp = routeKey.group.ipv4()};
+    const auto sg = State::whole<MrouteSourceAndGroup>(routeKey.source.ipv4(), routeKey.group.ipv4());
     const NatMrouteMatcher::Waiting waiting = watchedMroutesWrap(natMcastKey.vrfId)->waiting(sg);
     if (!waiting) {
         TRACE(9, "handleMcastRouteUpdate", " skipping mroute= (S=", routeKey.source, " G=", routeKey.group,
@@ -79,18 +79,18 @@ NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSour
     const auto appendIf = [&](bool waits, const MrouteSourceAndGroup& flow) {
         if (!waits)
             return;
-        const VrfIdMrouteSourceAndGroup vsg{.vrfId = vrfId, .sg = flow};
+        const auto vsg = State::whole<VrfIdMrouteSourceAndGroup>(vrfId, flow);
         if (const auto* requesters = vrfIdSourceAndGroupToIntf_.find(vsg))
             flows.append({.vsg = vsg, .requesters = requesters});
     };
     if (sg.sourceIp.isZero()) {
-        const VrfIdMrouteSourceAndGroup vsg{.vrfId = vrfId, .sg = sg};
+        const auto vsg = State::whole<VrfIdMrouteSourceAndGroup>(vrfId, sg);
         flows.append({.vsg = vsg, .requesters = vrfIdSourceAndGroupToIntf_.find(vsg)});
         return flows;
     }
     appendIf(waiting.own, sg);
-    appendIf(waiting.anySource, {.sourceIp = {}, .groupIp = sg.groupIp});
-    appendIf(waiting.anyGroup, {.sourceIp = sg.sourceIp, .groupIp = {}});
+    appendIf(waiting.anySource, State::whole<MrouteSourceAndGroup>(L3::IpAddr(), sg.groupIp));
+    appendIf(waiting.anyGroup, State::whole<MrouteSourceAndGroup>(sg.sourceIp, L3::IpAddr()));
     return flows;
 }
 
