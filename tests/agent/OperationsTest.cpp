@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <random>
 #include <vector>
 
@@ -106,13 +106,13 @@ TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
                                 setOf(enabled, "vrfEnabled", "red", true)};
     for (unsigned i = 0; i < 16000; ++i)
         changes.push_back(setOf("api/mroute/req", "mrouteReq", requestKey(i)));
-    const auto begin = std::chrono::steady_clock::now();
+    const std::clock_t begin = std::clock(); // the processor's time, whatever else it does
     const auto result = agent.operations.apply(changes);
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    const double seconds = static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
     EXPECT_EQ(result.changed, 16004U);
     EXPECT_EQ(result.answers.size(), 16000U);
-    RecordProperty("milliseconds", static_cast<int>(took.count() * 1000));
-    EXPECT_LT(took.count(), 5.0) << "something is quadratic";
+    RecordProperty("milliseconds", static_cast<int>(seconds * 1000));
+    EXPECT_LT(seconds, 5.0) << "something is quadratic";
 
     changes.back().key = requestKey(0, 1).datum(); // the twin of the first
     changes.erase(changes.begin(), changes.begin() + 4);
