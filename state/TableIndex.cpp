@@ -229,19 +229,19 @@ void TableIndex::remake(std::uint32_t hash, std::uint32_t capacity, bool orNull,
 // Joins the page of `hash` with the one it was split from, if both fit well into one.
 void TableIndex::join(std::uint32_t hash, Rehash rehash) {
     Page* page = pageOf(hash);
-    Page* twin = pageOf(hash ^ std::uint32_t{1} << (hashBits - page->depth));
-    const std::uint32_t capacity = std::max(page->capacity(), twin->capacity());
-    if (twin->depth != page->depth || page->live + twin->live > capacity / 2)
+    Page* buddy = pageOf(hash ^ std::uint32_t{1} << (hashBits - page->depth));
+    const std::uint32_t capacity = std::max(page->capacity(), buddy->capacity());
+    if (buddy->depth != page->depth || page->live + buddy->live > capacity / 2)
         return;
     Page* made = makePage(capacity, page->depth - 1, true);
     if (made == nullptr)
         return;
     refill(*page, *made, *made, 0, rehash);
-    refill(*twin, *made, *made, 0, rehash);
+    refill(*buddy, *made, *made, 0, rehash);
     directory_->deepest -= page->depth == directory_->bits ? 2 : 0;
     pageIs(hash, made);
     ::operator delete(page);
-    ::operator delete(twin);
+    ::operator delete(buddy);
     while (directory_->deepest == 0 && directoryIs(directory_->bits - 1, true)) {
     }
 }
