@@ -75,6 +75,11 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_flag("--check", options.checkOnly, "read options and files, say what would happen, and leave");
 }
 
+std::string pluginBesideAgent() {
+    const auto program = std::filesystem::read_symlink("/proc/self/exe");
+    return (program.parent_path().parent_path() / "lib" / "libKestrelNatMulticastMounter.so").string();
+}
+
 void convert(const Raw& raw, Options& options) {
     for (const std::string& given : raw.toggles)
         options.toggles.push_back(toggleOf(given));
@@ -88,6 +93,8 @@ void convert(const Raw& raw, Options& options) {
         throw UsageError("--software-chip: the chip works \"deferred\" or \"sync\", not \"" + raw.chip +
                          "\"" + Text::suggestion(raw.chip, chipWords));
     }
+    if (options.plugin.empty())
+        options.plugin = pluginBesideAgent();
 }
 
 // What may have been meant by an option that is not known.
@@ -103,29 +110,26 @@ std::string suggestionFor(const CLI::App& app) {
 
 } // namespace
 
-CommandLine readCommandLine(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+std::variant<Options, int> readCommandLine(int argc, const char* const* argv, std::ostream& out,
+                                           std::ostream& err) {
     CLI::App app("Hosts the NAT multicast plug-in and serves it on a control socket.", "kestrel-agent");
     Options options;
     Raw raw;
     declare(app, options, raw);
+    std::string wrong;
     try {
         app.parse(argc, argv);
         convert(raw, options);
+        return options;
     } catch (const CLI::ExtrasError& error) {
-        err << error.what() << suggestionFor(app) << "\nRun with --help for more information.\n";
-        return {.options = {}, .exitStatus = exitUsage};
+        wrong = error.what() + suggestionFor(app);
     } catch (const CLI::ParseError& error) {
-        return {.options = {}, .exitStatus = app.exit(error, out, err) == 0 ? exitClean : exitUsage};
+        return app.exit(error, out, err) == 0 ? exitClean : exitUsage;
     } catch (const UsageError& error) {
-        err << error.what() << "\nRun with --help for more information.\n";
-        return {.options = {}, .exitStatus = exitUsage};
+        wrong = error.what();
     }
-    return {.options = std::move(options)};
-}
-
-std::string pluginBesideAgent() {
-    const auto program = std::filesystem::read_symlink("/proc/self/exe");
-    return (program.parent_path().parent_path() / "lib" / "libKestrelNatMulticastMounter.so").string();
+    err << wrong << "\nRun with --help for more information.\n";
+    return exitUsage;
 }
 
 } // namespace Agent

@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <iosfwd>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace Agent {
@@ -35,20 +35,13 @@ struct Options {
     std::vector<std::pair<std::string, bool>> toggles;
     std::string toggleDirectory; // empty: as the environment says
     std::vector<std::pair<std::string, int>> traceLevels;
-    std::string plugin; // empty: the one beside the agent
+    std::string plugin; // the library, unless given the one that is built or installed beside the agent
     bool checkOnly = false;
 };
 
 /// What a command line asks for: options to run with, or (after --help, --version or an error, which has
 /// been printed) an exit status.
-struct CommandLine {
-    std::optional<Options> options;
-    int exitStatus = exitClean;
-};
-
-CommandLine readCommandLine(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
-
-/// The plug-in's library that is built or installed beside the running agent.
-std::string pluginBesideAgent();
+std::variant<Options, int> readCommandLine(int argc, const char* const* argv, std::ostream& out,
+                                           std::ostream& err);
 
 } // namespace Agent
