@@ -268,25 +268,20 @@ void Mirror::publishRenames() {
 // Only when no route, known or told, has the interface any more: one whose change the sink refused may still.
 void Mirror::publishGoneInterfaces() {
     std::set<int>& toForget = shared_.interfaces.toForget();
-    if (!toForget.empty() || shared_.oifSets.size() > sweepAt_)
-        sweepOifSets();
-    std::erase_if(toForget, [&](int ifindex) {
-        if (std::ranges::any_of(shared_.oifSets,
-                                [&](const auto& set) { return std::ranges::binary_search(set, ifindex); }))
-            return false;
-        shared_.sink.forgetInterface(ifindex);
-        return shared_.retry = true;
-    });
-}
-
-void Mirror::sweepOifSets() {
-    std::set<OifSet> used;
+    if (toForget.empty())
+        return;
+    std::set<int> unused = toForget;
     for (const VrfList* list : {&leaving_, &vrfs_})
         for (const auto& vrf : *list)
             for (const RouteEntry& entry : vrf->kernel().routes().all())
-                used.insert({entry.oifs, entry.installedOifs});
-    std::erase_if(shared_.oifSets, [&](const auto& set) { return !used.contains(&set); });
-    sweepAt_ = 2 * shared_.oifSets.size() + 1000;
+                for (const std::vector<int>* oifs : {&entry.oifs, &entry.installedOifs})
+                    for (int ifindex : *oifs)
+                        unused.erase(ifindex);
+    for (int ifindex : unused) {
+        shared_.sink.forgetInterface(ifindex);
+        toForget.erase(ifindex);
+        shared_.retry = true;
+    }
 }
 
 bool Mirror::synced() const {

@@ -41,7 +41,7 @@ class Mirror {
     using VrfList = std::vector<std::unique_ptr<MirroredVrf>>;
 
     explicit Mirror(TableSink& sink)
-        : shared_(sink) {}
+        : shared_{.sink = sink} {}
     Mirror(const Mirror&) = delete;
     Mirror& operator=(const Mirror&) = delete;
 
@@ -96,12 +96,10 @@ class Mirror {
     void noteError(std::string text);
     void publishRenames();
     void publishGoneInterfaces();
-    void sweepOifSets();
 
     MirrorShared shared_;
     VrfList vrfs_;
     VrfList leaving_;
-    std::size_t sweepAt_ = 1000; // sets of OIFs
 
     bool linksWanted_ = true;
     bool vifsWanted_ = true;

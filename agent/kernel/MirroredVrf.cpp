@@ -98,13 +98,13 @@ void MirroredVrf::settle(RouteEntry& entry) {
 // A route without an IIF forwards nothing; one that was installed before stays, without OIFs.
 void MirroredVrf::install(RouteEntry& entry) {
     const RouteType type = entry.iif ? typeOf(entry) : entry.installedType;
-    OifSet oifs = entry.iif ? entry.oifs : &noOifs;
-    const std::span<const Oif> named = shared_.named(oifs);
-    if (entry.installed && type == entry.installedType && oifs == entry.installedOifs && !entry.again) {
+    const std::vector<Oif> oifs = shared_.interfaces.named(entry.iif ? entry.oifs : std::vector<int>());
+    if (entry.installed && type == entry.installedType && !entry.again &&
+        std::ranges::equal(oifs, entry.installedOifs, {}, &Oif::ifindex)) {
         refused_.erase(entry.key);
         return;
     }
-    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, named); !why.empty()) {
+    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, oifs); !why.empty()) {
         ++shared_.counters.refused;
         refused_[entry.key] = std::move(why);
         return;
@@ -114,7 +114,9 @@ void MirroredVrf::install(RouteEntry& entry) {
         shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = true;
     entry.installedType = type;
-    entry.installedOifs = oifs;
+    entry.installedOifs.clear();
+    for (const Oif& oif : oifs)
+        entry.installedOifs.push_back(oif.ifindex);
     entry.again = false;
     ++shared_.counters.changes;
     refused_.erase(entry.key);
@@ -127,7 +129,7 @@ void MirroredVrf::withdraw(RouteEntry& entry) {
     shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = false;
     entry.again = false;
-    entry.installedOifs = &noOifs;
+    entry.installedOifs.clear();
     rowsFreed_ = true;
     ++shared_.counters.changes;
 }
@@ -146,7 +148,7 @@ void MirroredVrf::retry() {
 
 void MirroredVrf::repeatRoutesWith(int ifindex) {
     kernel_.routes().queueIf([&](RouteEntry& entry) {
-        entry.again = entry.again || std::ranges::binary_search(*entry.installedOifs, ifindex);
+        entry.again = entry.again || std::ranges::binary_search(entry.installedOifs, ifindex);
         return entry.again;
     });
 }

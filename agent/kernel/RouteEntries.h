@@ -16,16 +16,11 @@
 
 namespace Agent::Kernel {
 
-/// A set of outgoing interfaces by ifindex, sorted. Routes by the hundred thousand share a few dozen, so each is
-/// held once (MirrorShared::oifSets), and two are equal when their pointers are.
-using OifSet = const std::vector<int>*;
-inline const std::vector<int> noOifs;
-
 /// One route. It exists while the kernel has it (present) or the sink (installed), and to the end of a dump after that.
 struct RouteEntry {
     MfcKey key;
-    OifSet oifs = &noOifs; // of the kernel, without the IIF and internal interfaces
-    OifSet installedOifs = &noOifs;
+    std::vector<int> oifs = {}; // of the kernel, by ifindex, sorted, without the IIF and internal interfaces
+    std::vector<int> installedOifs = {};
     int iif = 0;               // 0: none, the route forwards nothing
     std::uint32_t seen = 0;    // the dump that had it last
     std::uint32_t touched = 0; // the dump during which an event told its state

@@ -67,8 +67,8 @@ void TableLearner::linkGone(int ifindex) {
 void TableLearner::linkChanged(int ifindex) {
     const bool isInternal = shared_.interfaces.isInternal(ifindex);
     routes_.queueIf([&](RouteEntry& entry) {
-        return isInternal ? dropOifs(entry, [&](int other) { return other == ifindex; })
-                          : std::ranges::binary_search(*entry.oifs, ifindex);
+        return isInternal ? std::erase(entry.oifs, ifindex) > 0
+                          : std::ranges::binary_search(entry.oifs, ifindex);
     });
 }
 
@@ -116,7 +116,7 @@ void TableLearner::learnFromDump(const MfcRoute& route) {
         entry.several = true;
         if (route.iif == 0)
             return;
-        entry.oifs = oifsOf(route, entry.iif ? *entry.oifs : noOifs);
+        entry.oifs = oifsOf(route, entry.iif ? entry.oifs : std::vector<int>());
         entry.iif = entry.iif ? entry.iif : route.iif;
         routes_.queue(entry);
     }
@@ -189,32 +189,24 @@ void TableLearner::eraseIfGone(RouteEntry& entry) {
 }
 
 bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
-    const OifSet oifs = oifsOf(route, {});
+    std::vector<int> oifs = oifsOf(route, {});
     if (entry.present && entry.iif == route.iif && entry.protocol == route.protocol && entry.oifs == oifs)
         return false;
     entry.present = true;
     entry.iif = route.iif;
     entry.protocol = route.protocol;
-    entry.oifs = oifs;
+    entry.oifs = std::move(oifs);
     routes_.queue(entry);
     return true;
 }
 
-OifSet TableLearner::oifsOf(const MfcRoute& route, std::vector<int> more) {
+std::vector<int> TableLearner::oifsOf(const MfcRoute& route, std::vector<int> more) const {
     for (int ifindex : route.oifs)
         if (ifindex != route.iif && !shared_.interfaces.isInternal(ifindex))
             more.push_back(ifindex);
-    return shared_.oifSet(std::move(more));
-}
-
-template <class Gone>
-bool TableLearner::dropOifs(RouteEntry& entry, Gone gone) {
-    if (std::ranges::none_of(*entry.oifs, gone))
-        return false;
-    std::vector<int> left = *entry.oifs;
-    std::erase_if(left, gone);
-    entry.oifs = shared_.oifSet(std::move(left));
-    return true;
+    std::ranges::sort(more);
+    more.erase(std::unique(more.begin(), more.end()), more.end());
+    return more;
 }
 
 template <class Gone>
@@ -225,7 +217,7 @@ void TableLearner::strip(Gone gone) {
         const bool losesIif = entry.iif != 0 && gone(entry.iif);
         if (losesIif)
             entry.iif = 0;
-        return dropOifs(entry, gone) || losesIif;
+        return std::erase_if(entry.oifs, gone) > 0 || losesIif;
     });
 }
 

@@ -12,9 +12,11 @@
 #pragma once
 
 #include "agent/kernel/MirrorShared.h"
+#include "agent/kernel/RouteEntries.h"
 
 #include <chrono>
 #include <optional>
+#include <set>
 
 namespace Agent::Kernel {
 
@@ -75,9 +77,7 @@ class TableLearner {
     void settleDump(Clock::time_point now);
     void eraseGone();
     bool merge(RouteEntry& entry, const MfcRoute& route);
-    OifSet oifsOf(const MfcRoute& route, std::vector<int> more);
-    template <class Gone>
-    bool dropOifs(RouteEntry& entry, Gone gone);
+    std::vector<int> oifsOf(const MfcRoute& route, std::vector<int> more) const;
     template <class Gone>
     void strip(Gone gone);
     void wantDumpForSeveral();

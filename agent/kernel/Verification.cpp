@@ -101,7 +101,7 @@ void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteT
 std::string Verification::namesOf(const RouteEntry& entry) const {
     std::vector<std::string> names;
     if (entry.iif != 0)
-        for (int ifindex : *entry.oifs)
+        for (int ifindex : entry.oifs)
             names.push_back(fresh_.interfaces().nameOf(ifindex));
     return sortedList(std::move(names));
 }
