@@ -22,20 +22,16 @@ void writePending(Text::Writer& writer, const std::string& what, const WhyNot& w
 void MirroredVrf::reconfigure(const VrfConfig& config) {
     if (leaving_ || config.table != config_.table)
         kernel_.startOver();
+    if (leaving_ || config != config_)
+        kernel_.routes().queueAll();
     leaving_ = false;
     whyVrf_.clear();
-    if (config.routeType != config_.routeType)
-        kernel_.routes().queueAll();
     config_ = config;
     if (entered_ && !mustWithdraw())
         entered_ = config;
 }
 
 std::size_t MirroredVrf::publish(std::size_t max) {
-    if (mustWithdraw() != withdrawing_) {
-        withdrawing_ = mustWithdraw();
-        kernel_.routes().queueAll();
-    }
     if (!entered_ && !leaving_ && whyVrf_.empty() && accepted(shared_.sink.putVrf(config_, false))) {
         entered_ = config_;
         kernel_.routes().queueAll();
@@ -46,7 +42,7 @@ std::size_t MirroredVrf::publish(std::size_t max) {
     if (std::exchange(rowsFreed_, false) && !refused_.empty())
         retry();
     if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
-        if (withdrawing_)
+        if (mustWithdraw())
             remove();
         else if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
             enabled_ = !enabled_;
@@ -55,11 +51,8 @@ std::size_t MirroredVrf::publish(std::size_t max) {
 }
 
 bool MirroredVrf::hasWork() const {
-    if (kernel_.routes().anyQueued() || mustWithdraw() != withdrawing_)
-        return true;
-    if (!whyVrf_.empty())
-        return false;
-    return entered_ ? withdrawing_ || enableWanted() != enabled_ : !leaving_;
+    const bool vrfDiffers = entered_ ? mustWithdraw() || enableWanted() != enabled_ : !leaving_;
+    return kernel_.routes().anyQueued() || (vrfDiffers && whyVrf_.empty());
 }
 
 // An identifier can't be changed under the VRF's routes.
@@ -87,7 +80,7 @@ bool MirroredVrf::accepted(WhyNot why) {
 
 void MirroredVrf::settle(RouteEntry& entry) {
     if (entered_) {
-        if (withdrawing_ || !entry.present)
+        if (mustWithdraw() || !entry.present)
             withdraw(entry);
         else if (entry.iif != 0 || entry.installed)
             install(entry);
