@@ -273,7 +273,7 @@ void Mirror::publishGoneInterfaces() {
     std::set<int> unused = toForget;
     for (const VrfList* list : {&leaving_, &vrfs_})
         for (const auto& vrf : *list)
-            for (const RouteEntry& entry : vrf->kernel().routes().all())
+            for (const RouteEntry& entry : vrf->kernel().routes().walk())
                 for (const std::vector<int>* oifs : {&entry.oifs, &entry.installedOifs})
                     for (int ifindex : *oifs)
                         unused.erase(ifindex);

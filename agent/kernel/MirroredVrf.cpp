@@ -152,7 +152,12 @@ WhyNot MirroredVrf::whyPending(const MfcKey& key) const {
 }
 
 void MirroredVrf::status(Text::Writer& writer) const {
-    const auto& entries = kernel_.routes().all();
+    std::size_t routes = 0;
+    std::size_t rows = 0;
+    for (const RouteEntry& entry : kernel_.routes().walk()) {
+        routes += entry.present;
+        rows += entry.installed;
+    }
     writer.beginRecord();
     writer.member("vrf", config_.name);
     writer.member("id", config_.id);
@@ -163,8 +168,8 @@ void MirroredVrf::status(Text::Writer& writer) const {
     writer.member("synced", kernel_.synced());
     writer.member("resyncWanted", kernel_.resyncPending());
     writer.member("leaving", leaving_);
-    writer.member("routes", std::ranges::count_if(entries, &RouteEntry::present));
-    writer.member("rows", std::ranges::count_if(entries, &RouteEntry::installed));
+    writer.member("routes", routes);
+    writer.member("rows", rows);
     writer.field("vifs");
     writer.beginList();
     for (const Vif& vif : kernel_.vifs())

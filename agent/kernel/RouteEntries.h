@@ -1,5 +1,5 @@
 // The routes of one table of the kernel: what is known of each, what is installed in the agent's tables, and which
-// wait to be told to the sink. Entries stay in place from get() to erase().
+// wait to be told to the sink.
 //
 // A TableLearner owns it and changes what the kernel has of an entry; MirroredVrf changes what is installed, and
 // Verification, which installs nothing, marks there which entries it found.
@@ -7,10 +7,9 @@
 
 #include "agent/host/RouteSource.h"
 #include "agent/kernel/KernelMessage.h"
+#include "state/Table.h"
 
 #include <deque>
-#include <list>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -33,41 +32,29 @@ struct RouteEntry {
     bool again = false;   // tell the sink even where nothing differs: an interface has another name
 };
 
-class RouteEntries {
-  public:
-    std::size_t size() const { return entries_.size(); }
-    /// All, in the order in which they came.
-    std::list<RouteEntry>& all() { return entries_; }
-    const std::list<RouteEntry>& all() const { return entries_; }
+struct RouteEntryKey {
+    const MfcKey& operator()(const RouteEntry& entry) const { return entry.key; }
+};
 
-    /// Null where there is none.
-    RouteEntry* find(const MfcKey& key) {
-        const auto at = index_.find(key);
-        return at == index_.end() ? nullptr : &*at->second;
-    }
+class RouteEntries : public State::Table<RouteEntry, RouteEntryKey> {
+  public:
+    RouteEntries()
+        : Table(State::processHashSeed()) {}
+
     /// The entry of the key, made where there is none.
     RouteEntry& get(const MfcKey& key) {
-        const auto [at, isNew] = index_.try_emplace(key);
-        if (isNew)
-            at->second = entries_.insert(entries_.end(), RouteEntry{.key = key});
-        return *at->second;
-    }
-    /// The entry must not be queued.
-    void erase(RouteEntry& entry) {
-        const auto at = index_.find(entry.key);
-        entries_.erase(at->second);
-        index_.erase(at);
+        return *findOrInsert(key, [&] { return RouteEntry{.key = key}; }).first;
     }
 
-    /// Puts an entry in line for the sink, where it isn't yet.
+    /// Puts an entry in line for the sink, where it isn't yet. It must not be erased until it is taken.
     void queue(RouteEntry& entry) {
         if (!std::exchange(entry.queued, true))
-            queue_.push_back(&entry);
+            queue_.push_back(entry.key);
     }
     /// Queues the entries for which chosen(entry) is true.
     template <class Chosen>
     void queueIf(Chosen chosen) {
-        for (RouteEntry& entry : entries_)
+        for (RouteEntry& entry : walk())
             if (chosen(entry))
                 queue(entry);
     }
@@ -77,25 +64,14 @@ class RouteEntries {
     bool anyQueued() const { return !queue_.empty(); }
     /// The first in line, which there must be.
     RouteEntry& takeQueued() {
-        RouteEntry& entry = *queue_.front();
+        RouteEntry& entry = *find(queue_.front());
         queue_.pop_front();
         entry.queued = false;
         return entry;
     }
 
   private:
-    // Mixes the two addresses, so that sources and groups that count up together don't meet.
-    struct Hash {
-        std::size_t operator()(const MfcKey& key) const {
-            const std::uint64_t mixed =
-                (static_cast<std::uint64_t>(key.source) << 32 | key.group) * 0xd6e8feb86659fd93;
-            return mixed ^ (mixed >> 32);
-        }
-    };
-
-    std::list<RouteEntry> entries_;
-    std::unordered_map<MfcKey, std::list<RouteEntry>::iterator, Hash> index_;
-    std::deque<RouteEntry*> queue_;
+    std::deque<MfcKey> queue_;
 };
 
 } // namespace Agent::Kernel

@@ -124,7 +124,7 @@ void TableLearner::learnFromDump(const MfcRoute& route) {
 
 void TableLearner::endDump(Clock::time_point now) {
     dumpOpen_ = false;
-    for (const RouteEntry& entry : routes_.all())
+    for (const RouteEntry& entry : routes_.walk())
         if (entry.present && entry.seen != dump_ && entry.touched != dump_)
             missing_.push_back(entry.key);
     if (missing_.empty())
@@ -179,13 +179,13 @@ void TableLearner::abandonDump() {
 
 // Entries stay while a dump is under way, so that it can't bring back what went meanwhile.
 void TableLearner::eraseGone() {
-    for (auto next = routes_.all().begin(); next != routes_.all().end();)
-        eraseIfGone(*next++);
+    for (const RouteEntry& entry : routes_.walk())
+        eraseIfGone(entry);
 }
 
-void TableLearner::eraseIfGone(RouteEntry& entry) {
+void TableLearner::eraseIfGone(const RouteEntry& entry) {
     if (!entry.present && !entry.installed && !entry.queued && !dumpActive())
-        routes_.erase(entry);
+        routes_.erase(MfcKey(entry.key));
 }
 
 bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
@@ -223,7 +223,8 @@ void TableLearner::strip(Gone gone) {
 
 // Which of several entries of one key a VIF leaves isn't known.
 void TableLearner::wantDumpForSeveral() {
-    dumpWanted_ = dumpWanted_ || std::ranges::any_of(routes_.all(), &RouteEntry::several);
+    for (const RouteEntry& entry : routes_.walk())
+        dumpWanted_ = dumpWanted_ || entry.several;
 }
 
 } // namespace Agent::Kernel

@@ -70,7 +70,7 @@ class TableLearner {
     bool resyncPending() const { return dumpWanted_ || dumpActive(); }
 
     /// Forgets an entry that neither the kernel nor the sink has.
-    void eraseIfGone(RouteEntry& entry);
+    void eraseIfGone(const RouteEntry& entry);
 
   private:
     bool dumpActive() const { return dumpOpen_ || !missing_.empty(); }

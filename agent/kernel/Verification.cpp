@@ -63,14 +63,14 @@ void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
     if (*inTables != multicast)
         differ({config.name, "multicast", "", onOff(multicast), onOff(*inTables), whyPending({})});
     RouteEntries& routes = vrf.kernel().routes();
-    for (RouteEntry& entry : routes.all())
+    for (RouteEntry& entry : routes.walk())
         entry.installed = false;
     for (RouteType type : routeTypes)
         tables_.eachRoute(config, type, [&](const MfcKey& key, std::span<const std::string_view> names) {
             compareRow(vrf, known, type, key, names);
         });
     // An entry without an IIF is a row only where it was one before it lost it.
-    for (const RouteEntry& entry : routes.all()) {
+    for (const RouteEntry& entry : routes.walk()) {
         result_.routes += entry.present;
         if (entry.present && entry.iif != 0 && !entry.installed)
             differ({config.name, "missing", routeText(vrf.typeOf(entry), entry.key), namesOf(entry), "",
