@@ -23,7 +23,7 @@ void MirroredVrf::reconfigure(const VrfConfig& config) {
     if (leaving_ || config.table != config_.table)
         kernel_.startOver();
     if (leaving_ || config != config_)
-        kernel_.routes().queueAll();
+        kernel_.queueAll();
     leaving_ = false;
     whyVrf_.clear();
     config_ = config;
@@ -34,14 +34,14 @@ void MirroredVrf::reconfigure(const VrfConfig& config) {
 std::size_t MirroredVrf::publish(std::size_t max) {
     if (!entered_ && !leaving_ && whyVrf_.empty() && accepted(shared_.sink.putVrf(config_, false))) {
         entered_ = config_;
-        kernel_.routes().queueAll();
+        kernel_.queueAll();
     }
     std::size_t told = 0;
-    for (; told < max && kernel_.routes().anyQueued(); ++told)
-        settle(kernel_.routes().takeQueued());
+    for (; told < max && kernel_.anyQueued(); ++told)
+        settle(kernel_.takeQueued());
     if (std::exchange(rowsFreed_, false) && !refused_.empty())
         retry();
-    if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
+    if (!kernel_.anyQueued() && entered_ && whyVrf_.empty()) {
         if (mustWithdraw())
             remove();
         else if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
@@ -52,7 +52,7 @@ std::size_t MirroredVrf::publish(std::size_t max) {
 
 bool MirroredVrf::hasWork() const {
     const bool vrfDiffers = entered_ ? mustWithdraw() || enableWanted() != enabled_ : !leaving_;
-    return kernel_.routes().anyQueued() || (vrfDiffers && whyVrf_.empty());
+    return kernel_.anyQueued() || (vrfDiffers && whyVrf_.empty());
 }
 
 // An identifier can't be changed under the VRF's routes.
@@ -136,11 +136,11 @@ void MirroredVrf::retry() {
     whyVrf_.clear();
     for (const auto& [key, why] : refused_)
         if (RouteEntry* entry = kernel_.routes().find(key))
-            kernel_.routes().queue(*entry);
+            kernel_.queue(*entry);
 }
 
 void MirroredVrf::repeatRoutesWith(int ifindex) {
-    kernel_.routes().queueIf([&](RouteEntry& entry) {
+    kernel_.queueIf([&](RouteEntry& entry) {
         entry.again = entry.again || std::ranges::binary_search(entry.installedOifs, ifindex);
         return entry.again;
     });

@@ -29,7 +29,7 @@ class MirroredVrf {
     void leave() {
         leaving_ = true;
         whyVrf_.clear();
-        kernel_.routes().queueAll();
+        kernel_.queueAll();
     }
     /// Whether nothing is left of a VRF that leaves.
     bool left() const { return leaving_ && !entered_; }

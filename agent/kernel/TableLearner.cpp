@@ -23,8 +23,15 @@ void TableLearner::startOver() {
     notBefore_ = {};
 }
 
+RouteEntry& TableLearner::takeQueued() {
+    RouteEntry& entry = *routes_.find(queue_.front());
+    queue_.pop_front();
+    entry.queued = false;
+    return entry;
+}
+
 void TableLearner::learn(const MfcRoute& route) {
-    RouteEntry& entry = routes_.get(route.key);
+    RouteEntry& entry = entryOf(route.key);
     // A (*,G) entry with another IIF can be the old one changed, or one more beside it: only a dump can tell.
     const bool isOther = entry.present && route.key.source == 0 && entry.iif != route.iif;
     if (entry.several || isOther)
@@ -40,7 +47,7 @@ void TableLearner::learn(const MfcRoute& route) {
 }
 
 void TableLearner::learnGone(const MfcKey& key) {
-    RouteEntry* entry = dumpActive() ? &routes_.get(key) : routes_.find(key);
+    RouteEntry* entry = dumpActive() ? &entryOf(key) : routes_.find(key);
     if (!entry)
         return;
     // Without an IIF, one entry looks like several.
@@ -52,7 +59,7 @@ void TableLearner::learnGone(const MfcKey& key) {
     entry->present = false;
     if (entry->queued)
         ++shared_.counters.coalesced;
-    routes_.queue(*entry);
+    queue(*entry);
 }
 
 // The VIFs may have been read since the interface went: routes that have it are then older than they.
@@ -66,7 +73,7 @@ void TableLearner::linkGone(int ifindex) {
 
 void TableLearner::linkChanged(int ifindex) {
     const bool isInternal = shared_.interfaces.isInternal(ifindex);
-    routes_.queueIf([&](RouteEntry& entry) {
+    queueIf([&](RouteEntry& entry) {
         return isInternal ? std::erase(entry.oifs, ifindex) > 0
                           : std::ranges::binary_search(entry.oifs, ifindex);
     });
@@ -103,7 +110,7 @@ void TableLearner::beginDump(Clock::time_point now) {
 }
 
 void TableLearner::learnFromDump(const MfcRoute& route) {
-    RouteEntry& entry = routes_.get(route.key);
+    RouteEntry& entry = entryOf(route.key);
     if (entry.touched == dump_) {
         const bool isAnother = entry.iif != route.iif || std::exchange(entry.seen, dump_) == dump_;
         dumpWanted_ = dumpWanted_ || (route.key.source == 0 && isAnother);
@@ -118,7 +125,7 @@ void TableLearner::learnFromDump(const MfcRoute& route) {
             return;
         entry.oifs = oifsOf(route, entry.iif ? entry.oifs : std::vector<int>());
         entry.iif = entry.iif ? entry.iif : route.iif;
-        routes_.queue(entry);
+        queue(entry);
     }
 }
 
@@ -143,7 +150,7 @@ void TableLearner::learnMissing(const MfcRoute* found, Clock::time_point now) {
     } else if (entry) {
         entry->present = false;
         entry->several = false;
-        routes_.queue(*entry);
+        queue(*entry);
     }
     if (missing_.empty())
         settleDump(now);
@@ -188,6 +195,11 @@ void TableLearner::eraseIfGone(const RouteEntry& entry) {
         routes_.erase(MfcKey(entry.key));
 }
 
+// Made where there is none.
+RouteEntry& TableLearner::entryOf(const MfcKey& key) {
+    return *routes_.findOrInsert(key, [&] { return RouteEntry{.key = key}; }).first;
+}
+
 bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
     std::vector<int> oifs = oifsOf(route, {});
     if (entry.present && entry.iif == route.iif && entry.protocol == route.protocol && entry.oifs == oifs)
@@ -196,7 +208,7 @@ bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
     entry.iif = route.iif;
     entry.protocol = route.protocol;
     entry.oifs = std::move(oifs);
-    routes_.queue(entry);
+    queue(entry);
     return true;
 }
 
@@ -211,7 +223,7 @@ std::vector<int> TableLearner::oifsOf(const MfcRoute& route, std::vector<int> mo
 
 template <class Gone>
 void TableLearner::strip(Gone gone) {
-    routes_.queueIf([&](RouteEntry& entry) {
+    queueIf([&](RouteEntry& entry) {
         if (!entry.present)
             return false;
         const bool losesIif = entry.iif != 0 && gone(entry.iif);
