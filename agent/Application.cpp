@@ -162,11 +162,11 @@ void Application::addKernelCommands() {
 }
 
 void Application::makeChip() {
-    if (options_.chip == Options::Chip::none)
+    if (options_.chip.empty())
         return;
     service_.nameSource("software-chip");
     std::function<void()> wake;
-    if (options_.chip == Options::Chip::deferred)
+    if (options_.chip == "deferred")
         wake = [this] { chipTask_.request(); };
     chip_ = std::make_unique<SoftwareChip>(host_.stores(), std::move(wake));
 }

@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include <array>
+#include <algorithm>
 #include <filesystem>
 
 namespace Agent {
@@ -43,7 +43,6 @@ constexpr std::string_view chipWords[] = {"deferred", "sync"};
 struct Raw {
     std::vector<std::string> toggles;
     std::vector<std::string> traces;
-    std::string chip;
 };
 
 void declare(CLI::App& app, Options& options, Raw& raw) {
@@ -63,7 +62,7 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
         ->needs(play);
     app.add_option("--kernel", options.kernel,
                    "mirror the kernel's multicast forwarding cache as this JSON file says");
-    app.add_flag("--software-chip{deferred}", raw.chip,
+    app.add_flag("--software-chip{deferred}", options.chip,
                  "stand in for the hardware layer: allocate groups on the next turn of the event loop, with "
                  "=sync inside the write");
     app.add_option("--toggle", raw.toggles, "NAME=on or NAME=off: set a toggle for this run")
@@ -85,14 +84,9 @@ void convert(const Raw& raw, Options& options) {
         options.toggles.push_back(toggleOf(given));
     for (const std::string& given : raw.traces)
         options.traceLevels.push_back(traceLevelOf(given));
-    if (raw.chip == "deferred") {
-        options.chip = Options::Chip::deferred;
-    } else if (raw.chip == "sync") {
-        options.chip = Options::Chip::sync;
-    } else if (!raw.chip.empty()) {
-        throw UsageError("--software-chip: the chip works \"deferred\" or \"sync\", not \"" + raw.chip +
-                         "\"" + Text::suggestion(raw.chip, chipWords));
-    }
+    if (!options.chip.empty() && std::ranges::find(chipWords, options.chip) == std::end(chipWords))
+        throw UsageError("--software-chip: the chip works \"deferred\" or \"sync\", not \"" + options.chip +
+                         "\"" + Text::suggestion(options.chip, chipWords));
     if (options.plugin.empty())
         options.plugin = pluginBesideAgent();
 }

@@ -1,7 +1,6 @@
 // The agent's command line. Read next: Application.h, which does what it says.
 #pragma once
 
-#include <cstdint>
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
@@ -23,15 +22,13 @@ class UsageError : public std::runtime_error {
 };
 
 struct Options {
-    enum class Chip : std::uint8_t { none, deferred, sync };
-
     std::string socket; // empty: the default
     bool isStdio = false;
     std::string preload; // files; empty: none
     std::string play;
     bool exitAfterPlay = false;
     std::string kernel;
-    Chip chip = Chip::none;
+    std::string chip; // how the software chip works, "deferred" or "sync"; empty: there is none
     std::vector<std::pair<std::string, bool>> toggles;
     std::string toggleDirectory; // empty: as the environment says
     std::vector<std::pair<std::string, int>> traceLevels;

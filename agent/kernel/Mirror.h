@@ -32,7 +32,7 @@ struct KernelQuery {
     };
     Kind kind = Kind::links;
     std::uint32_t table = 0;
-    MfcKey key;
+    MfcKey key = {};
 };
 
 class Mirror {
@@ -86,12 +86,22 @@ class Mirror {
     const Interfaces& interfaces() const { return shared_.interfaces; }
 
   private:
+    // A query, and what its answer has brought that is learnt at the end.
+    struct Asked {
+        KernelQuery query = {};
+        std::set<int> added = {}; // interfaces that had become VIFs by then
+        std::map<std::uint32_t, std::vector<Vif>> vifs = {};
+        std::optional<MfcRoute> route = {};
+        bool malformed = false;
+    };
+
+    bool asks(KernelQuery::Kind kind) const { return asked_ && asked_->query.kind == kind; }
     void routeEvent(const MfcRoute& route, bool gone);
-    void linkChanged(int ifindex);
+    void learnLink(const Link& link, bool isFromDump);
     void linkGone(int ifindex);
     MirroredVrf* vrfOf(std::uint32_t table) const;
     bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
-    void failQuery(const KernelQuery& query, int error, Clock::time_point now);
+    void failQuery(Asked& asked, int error, Clock::time_point now);
     void noteMalformed(const char* what, const KernelMessage& message);
     void noteError(std::string text);
     void publishRenames();
@@ -106,11 +116,7 @@ class Mirror {
     std::set<int> added_; // interfaces that became VIFs since the VIFs were last asked for
     Clock::time_point notBefore_{};
 
-    std::optional<KernelQuery> query_; // under way
-    bool answerMalformed_ = false;
-    std::set<int> addedBeforeQuery_;
-    std::map<std::uint32_t, std::vector<Vif>> vifAnswer_;
-    std::optional<MfcRoute> routeAnswer_;
+    std::optional<Asked> asked_; // under way
 
     std::string lastError_;
     std::chrono::system_clock::time_point lastErrorAt_{};
