@@ -5,6 +5,7 @@
 #include <asio/local/datagram_protocol.hpp>
 
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 namespace Agent {

@@ -20,16 +20,6 @@ constexpr std::size_t answerBytes = std::size_t{128} * 1024;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-std::size_t growReceiveBuffer(int fd, std::size_t bytes) {
-    int wanted = static_cast<int>(bytes);
-    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0)
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
-    int granted = 0;
-    socklen_t size = sizeof granted;
-    ::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &granted, &size);
-    return static_cast<std::size_t>(granted);
-}
-
 } // namespace
 
 NetlinkSocket::NetlinkSocket(std::size_t longest, std::size_t bufferBytes, std::initializer_list<int> groups)
@@ -39,11 +29,16 @@ NetlinkSocket::NetlinkSocket(std::size_t longest, std::size_t bufferBytes, std::
         failHere("can't open a netlink socket");
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
-    if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (::bind(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         failHere("can't bind a netlink socket");
-    bufferBytes_ = growReceiveBuffer(fd_.get(), bufferBytes);
+    int bytes = static_cast<int>(bufferBytes);
+    socklen_t size = sizeof bytes;
+    if (::setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, size) != 0)
+        ::setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &bytes, size);
+    if (::getsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &bytes, &size) == 0)
+        bufferBytes_ = static_cast<std::size_t>(bytes);
     for (int group : groups)
-        if (::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+        if (::setsockopt(fd(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
             failHere("can't subscribe to the kernel's multicast routes");
 }
 
