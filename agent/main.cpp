@@ -8,13 +8,13 @@
 int main(int argc, char** argv) {
     using namespace Agent;
     const auto line = readCommandLine(argc, argv, std::cout, std::cerr);
-    const auto* const options = std::get_if<Options>(&line);
-    if (options == nullptr)
-        return std::get<int>(line);
+    if (const int* status = std::get_if<int>(&line))
+        return *status;
     sayLastWords();
     try {
-        Application application(*options);
-        return options->checkOnly ? application.check(std::cout) : application.run();
+        const auto& options = std::get<Options>(line);
+        Application application(options);
+        return options.checkOnly ? application.check(std::cout) : application.run();
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
         return exitUsage;

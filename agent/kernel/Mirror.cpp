@@ -182,7 +182,7 @@ void Mirror::takeAnswer(const KernelMessage& message) {
 }
 
 void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
-    Asked asked = *std::exchange(asked_, std::nullopt);
+    AskedQuery asked = *std::exchange(asked_, std::nullopt);
     const KernelQuery& query = asked.query;
     const bool isOfTable = query.kind == Kind::routes || query.kind == Kind::route;
     if (isOfTable && error == ENOENT)
@@ -210,7 +210,7 @@ void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
     }
 }
 
-void Mirror::failQuery(Asked& asked, int error, Clock::time_point now) {
+void Mirror::failQuery(AskedQuery& asked, int error, Clock::time_point now) {
     noteError("the kernel's " + queryText(asked.query) + " can't be read: " + std::strerror(error));
     notBefore_ = now + failurePause;
     if (asked.query.kind == Kind::links) {

@@ -35,6 +35,15 @@ struct KernelQuery {
     MfcKey key = {};
 };
 
+/// A query under way, and what its answer has brought that is learnt at the end.
+struct AskedQuery {
+    KernelQuery query;
+    std::set<int> added; // interfaces that had become VIFs by then
+    std::map<std::uint32_t, std::vector<Vif>> vifs;
+    std::optional<MfcRoute> route;
+    bool malformed = false;
+};
+
 class Mirror {
   public:
     using Clock = std::chrono::steady_clock;
@@ -86,22 +95,13 @@ class Mirror {
     const Interfaces& interfaces() const { return shared_.interfaces; }
 
   private:
-    // A query, and what its answer has brought that is learnt at the end.
-    struct Asked {
-        KernelQuery query = {};
-        std::set<int> added = {}; // interfaces that had become VIFs by then
-        std::map<std::uint32_t, std::vector<Vif>> vifs = {};
-        std::optional<MfcRoute> route = {};
-        bool malformed = false;
-    };
-
     bool asks(KernelQuery::Kind kind) const { return asked_ && asked_->query.kind == kind; }
     void routeEvent(const MfcRoute& route, bool gone);
     void learnLink(const Link& link, bool isFromDump);
     void linkGone(int ifindex);
     MirroredVrf* vrfOf(std::uint32_t table) const;
     bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
-    void failQuery(Asked& asked, int error, Clock::time_point now);
+    void failQuery(AskedQuery& asked, int error, Clock::time_point now);
     void noteMalformed(const char* what, const KernelMessage& message);
     void noteError(std::string text);
     void publishRenames();
@@ -116,7 +116,7 @@ class Mirror {
     std::set<int> added_; // interfaces that became VIFs since the VIFs were last asked for
     Clock::time_point notBefore_{};
 
-    std::optional<Asked> asked_; // under way
+    std::optional<AskedQuery> asked_;
 
     std::string lastError_;
     std::chrono::system_clock::time_point lastErrorAt_{};
