@@ -25,12 +25,8 @@ namespace Agent {
 
 namespace {
 
-// Something went wrong that is no fault of the agent's: its text says all there is to say.
-void tell(const std::exception& error) {
-    std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
-}
-
-// Runs what fails by the fault of files and options alone: tells its errors, but for those of usage.
+// Runs what fails by the fault of files and options alone: an error's text, but for those of usage, says all there
+// is to say.
 template <class Step>
 bool succeeds(Step step) {
     try {
@@ -39,7 +35,7 @@ bool succeeds(Step step) {
     } catch (const UsageError&) {
         throw;
     } catch (const std::exception& error) {
-        tell(error);
+        std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
         return false;
     }
 }
@@ -54,32 +50,14 @@ constexpr Parameter kernelParameters[] = {
 
 } // namespace
 
-// Hands signals to the application, one after the other, from the loop.
-class Application::Signals {
-  public:
-    explicit Signals(Application& application)
-        : application_(application)
-        , set_(*application.loop_, SIGTERM, SIGINT, SIGHUP) {
-        wait();
-    }
-
-  private:
-    void wait() {
-        set_.async_wait([this](const asio::error_code& error, int signal) {
-            if (error)
-                return;
-            application_.signalled(signal);
-            wait();
-        });
-    }
-
-    Application& application_;
-    asio::signal_set set_;
+struct Application::Loop {
+    asio::io_context context{1};
+    asio::signal_set signals{context};
 };
 
 Application::Application(Options options)
     : options_(std::move(options))
-    , loop_(std::make_unique<asio::io_context>(1))
+    , loop_(std::make_unique<Loop>())
     , operations_(host_)
     , log_(host_.stores())
     , language_(operations_,
@@ -87,14 +65,14 @@ Application::Application(Options options)
                     if (chip_)
                         chip_->settleAll();
                 })
-    , service_(*loop_, operations_, language_, log_)
+    , service_(loop_->context, operations_, language_, log_)
     , rpc_(service_,
            [this](ClientId client, const std::string& answer) {
                if (sessions_)
                    sessions_->finish(client, answer);
            })
-    , readyTask_(*loop_, [this] { announceIfReady(); })
-    , chipTask_(*loop_, [this] { chip_->work(); }) {
+    , readyTask_(loop_->context, [this] { announceIfReady(); })
+    , chipTask_(loop_->context, [this] { chip_->work(); }) {
     addKernelCommands();
     service_.onServed([this] {
         if (kernel_)
@@ -110,7 +88,7 @@ int Application::run() {
     if (!succeeds([this] { setUp(); }))
         return exitFailed;
     start();
-    loop_->run();
+    loop_->context.run();
     end();
     return status_;
 }
@@ -118,8 +96,10 @@ int Application::run() {
 // Everything in front of the plug-in's start; what goes wrong here is the surroundings' fault.
 void Application::setUp() {
     configure();
-    signals_ = std::make_unique<Signals>(*this);
-    sessions_ = std::make_unique<Sessions>(*loop_, rpc_);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+        loop_->signals.add(signal);
+    awaitSignal();
+    sessions_ = std::make_unique<Sessions>(loop_->context, rpc_);
     if (!options_.isStdio)
         sessions_->listen(socketPath());
     service_.attach(sessions_.get());
@@ -137,13 +117,9 @@ void Application::configure() const {
         State::traceLevelIs(facility, level);
 }
 
-void Application::load() {
-    host_.load(pluginFile());
-    checkNames();
-}
-
 // Toggles and facilities are known once the plug-in is loaded.
-void Application::checkNames() const {
+void Application::load() {
+    host_.load(options_.plugin);
     const auto refuseUnknown = [](const auto& given, const auto& known, const std::string& what) {
         const std::vector<std::string_view> names(known.begin(), known.end());
         for (const auto& [name, value] : given)
@@ -186,11 +162,11 @@ void Application::addKernelCommands() {
 }
 
 void Application::makeChip() {
-    if (options_.chip == Options::Chip::none)
+    if (options_.chip.empty())
         return;
     service_.nameSource("software-chip");
     std::function<void()> wake;
-    if (options_.chip == Options::Chip::deferred)
+    if (options_.chip == "deferred")
         wake = [this] { chipTask_.request(); };
     chip_ = std::make_unique<SoftwareChip>(host_.stores(), std::move(wake));
 }
@@ -202,14 +178,14 @@ void Application::start() {
     host_.start();
     if (!options_.kernel.empty()) {
         service_.nameSource("kernel");
-        kernel_ = std::make_unique<Kernel::KernelSource>(*loop_, operations_, options_.kernel);
+        kernel_ = std::make_unique<Kernel::KernelSource>(loop_->context, operations_, options_.kernel);
     }
     if (!options_.isStdio)
         return;
     const ClientId only = sessions_->serve(STDIN_FILENO, STDOUT_FILENO);
     service_.onClientGone([this, only](ClientId client) {
         if (client == only)
-            stop();
+            loop_->context.stop();
     });
 }
 
@@ -238,23 +214,26 @@ void Application::play() {
     if (!options_.exitAfterPlay)
         return;
     status_ = held ? exitClean : exitFailed;
-    stop();
+    loop_->context.stop();
+}
+
+void Application::awaitSignal() {
+    loop_->signals.async_wait([this](const asio::error_code& error, int signal) {
+        if (error)
+            return;
+        signalled(signal);
+        awaitSignal();
+    });
 }
 
 void Application::signalled(int signal) {
     TRACE(6, "Application::", "signalled", " signal=", signal);
     if (signal != SIGHUP) {
-        stop();
-        return;
+        loop_->context.stop();
+    } else if (kernel_) { // nothing else is read again
+        State::traceEventBegin();
+        succeeds([this] { kernel_->reconfigure(); });
     }
-    if (!kernel_)
-        return; // nothing else is read again
-    State::traceEventBegin();
-    succeeds([this] { kernel_->reconfigure(); });
-}
-
-void Application::stop() {
-    loop_->stop();
 }
 
 // The start backwards.
@@ -287,7 +266,7 @@ void Application::sayPlan(std::ostream& out) {
                              : "serve clients on " + socketPath() + "\n");
     std::string source(host_.routes().name());
     source.front() = static_cast<char>(source.front() - 'a' + 'A');
-    out << "host " << pluginFile() << ", with routes from the " << source << " source\n";
+    out << "host " << options_.plugin << ", with routes from the " << source << " source\n";
     for (const State::ToggleStatus& toggle : State::toggles()) {
         constexpr const char* origins[] = {"by default", "from the toggle file", "from --toggle"};
         out << "toggle " << toggle.name << " is " << (toggle.value ? "on" : "off") << ", "
@@ -310,10 +289,6 @@ void Application::sayPlan(std::ostream& out) {
         language_.check(options_.play, mirrored);
         out << "play " << options_.play << (options_.exitAfterPlay ? " and leave" : "") << "\n";
     }
-}
-
-std::string Application::pluginFile() const {
-    return options_.plugin.empty() ? pluginBesideAgent() : options_.plugin;
 }
 
 std::string Application::socketPath() const {

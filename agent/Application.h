@@ -37,27 +37,24 @@ class Application {
     int check(std::ostream& out);
 
   private:
-    class Signals;
+    struct Loop;
 
     void configure() const;
     void load();
-    void checkNames() const;
     void addKernelCommands();
     void makeChip();
     void setUp();
     void start();
     void announceIfReady();
     void play();
+    void awaitSignal();
     void signalled(int signal);
-    void stop();
     void end();
     void sayPlan(std::ostream& out);
-    std::string pluginFile() const;
     std::string socketPath() const;
 
     const Options options_;
-    const std::unique_ptr<asio::io_context> loop_;
-    std::unique_ptr<Signals> signals_;
+    const std::unique_ptr<Loop> loop_;
     Host host_;
     Operations operations_;
     AnswerLog log_;

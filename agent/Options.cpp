@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include <array>
+#include <algorithm>
 #include <filesystem>
 
 namespace Agent {
@@ -43,7 +43,6 @@ constexpr std::string_view chipWords[] = {"deferred", "sync"};
 struct Raw {
     std::vector<std::string> toggles;
     std::vector<std::string> traces;
-    std::string chip;
 };
 
 void declare(CLI::App& app, Options& options, Raw& raw) {
@@ -63,7 +62,7 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
         ->needs(play);
     app.add_option("--kernel", options.kernel,
                    "mirror the kernel's multicast forwarding cache as this JSON file says");
-    app.add_flag("--software-chip{deferred}", raw.chip,
+    app.add_flag("--software-chip{deferred}", options.chip,
                  "stand in for the hardware layer: allocate groups on the next turn of the event loop, with "
                  "=sync inside the write");
     app.add_option("--toggle", raw.toggles, "NAME=on or NAME=off: set a toggle for this run")
@@ -75,19 +74,21 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_flag("--check", options.checkOnly, "read options and files, say what would happen, and leave");
 }
 
+std::string pluginBesideAgent() {
+    const auto program = std::filesystem::read_symlink("/proc/self/exe");
+    return (program.parent_path().parent_path() / "lib" / "libKestrelNatMulticastMounter.so").string();
+}
+
 void convert(const Raw& raw, Options& options) {
     for (const std::string& given : raw.toggles)
         options.toggles.push_back(toggleOf(given));
     for (const std::string& given : raw.traces)
         options.traceLevels.push_back(traceLevelOf(given));
-    if (raw.chip == "deferred") {
-        options.chip = Options::Chip::deferred;
-    } else if (raw.chip == "sync") {
-        options.chip = Options::Chip::sync;
-    } else if (!raw.chip.empty()) {
-        throw UsageError("--software-chip: the chip works \"deferred\" or \"sync\", not \"" + raw.chip +
-                         "\"" + Text::suggestion(raw.chip, chipWords));
-    }
+    if (!options.chip.empty() && std::ranges::find(chipWords, options.chip) == std::end(chipWords))
+        throw UsageError("--software-chip: the chip works \"deferred\" or \"sync\", not \"" + options.chip +
+                         "\"" + Text::suggestion(options.chip, chipWords));
+    if (options.plugin.empty())
+        options.plugin = pluginBesideAgent();
 }
 
 // What may have been meant by an option that is not known.
@@ -103,29 +104,26 @@ std::string suggestionFor(const CLI::App& app) {
 
 } // namespace
 
-CommandLine readCommandLine(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+std::variant<Options, int> readCommandLine(int argc, const char* const* argv, std::ostream& out,
+                                           std::ostream& err) {
     CLI::App app("Hosts the NAT multicast plug-in and serves it on a control socket.", "kestrel-agent");
     Options options;
     Raw raw;
     declare(app, options, raw);
+    std::string wrong;
     try {
         app.parse(argc, argv);
         convert(raw, options);
+        return options;
     } catch (const CLI::ExtrasError& error) {
-        err << error.what() << suggestionFor(app) << "\nRun with --help for more information.\n";
-        return {.options = {}, .exitStatus = exitUsage};
+        wrong = error.what() + suggestionFor(app);
     } catch (const CLI::ParseError& error) {
-        return {.options = {}, .exitStatus = app.exit(error, out, err) == 0 ? exitClean : exitUsage};
+        return app.exit(error, out, err) == 0 ? exitClean : exitUsage;
     } catch (const UsageError& error) {
-        err << error.what() << "\nRun with --help for more information.\n";
-        return {.options = {}, .exitStatus = exitUsage};
+        wrong = error.what();
     }
-    return {.options = std::move(options)};
-}
-
-std::string pluginBesideAgent() {
-    const auto program = std::filesystem::read_symlink("/proc/self/exe");
-    return (program.parent_path().parent_path() / "lib" / "libKestrelNatMulticastMounter.so").string();
+    err << wrong << "\nRun with --help for more information.\n";
+    return exitUsage;
 }
 
 } // namespace Agent

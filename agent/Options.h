@@ -1,12 +1,11 @@
 // The agent's command line. Read next: Application.h, which does what it says.
 #pragma once
 
-#include <cstdint>
 #include <iosfwd>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace Agent {
@@ -23,32 +22,23 @@ class UsageError : public std::runtime_error {
 };
 
 struct Options {
-    enum class Chip : std::uint8_t { none, deferred, sync };
-
     std::string socket; // empty: the default
     bool isStdio = false;
     std::string preload; // files; empty: none
     std::string play;
     bool exitAfterPlay = false;
     std::string kernel;
-    Chip chip = Chip::none;
+    std::string chip; // how the software chip works, "deferred" or "sync"; empty: there is none
     std::vector<std::pair<std::string, bool>> toggles;
     std::string toggleDirectory; // empty: as the environment says
     std::vector<std::pair<std::string, int>> traceLevels;
-    std::string plugin; // empty: the one beside the agent
+    std::string plugin; // the library, unless given the one that is built or installed beside the agent
     bool checkOnly = false;
 };
 
 /// What a command line asks for: options to run with, or (after --help, --version or an error, which has
 /// been printed) an exit status.
-struct CommandLine {
-    std::optional<Options> options;
-    int exitStatus = exitClean;
-};
-
-CommandLine readCommandLine(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
-
-/// The plug-in's library that is built or installed beside the running agent.
-std::string pluginBesideAgent();
+std::variant<Options, int> readCommandLine(int argc, const char* const* argv, std::ostream& out,
+                                           std::ostream& err);
 
 } // namespace Agent

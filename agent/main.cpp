@@ -7,13 +7,14 @@
 
 int main(int argc, char** argv) {
     using namespace Agent;
-    const CommandLine line = readCommandLine(argc, argv, std::cout, std::cerr);
-    if (!line.options)
-        return line.exitStatus;
+    const auto line = readCommandLine(argc, argv, std::cout, std::cerr);
+    if (const int* status = std::get_if<int>(&line))
+        return *status;
     sayLastWords();
     try {
-        Application application(*line.options);
-        return line.options->checkOnly ? application.check(std::cout) : application.run();
+        const auto& options = std::get<Options>(line);
+        Application application(options);
+        return options.checkOnly ? application.check(std::cout) : application.run();
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
         return exitUsage;

@@ -4,11 +4,6 @@
 
 namespace Agent::Kernel {
 
-Interface* Interfaces::find(int ifindex) {
-    const auto at = map_.find(ifindex);
-    return at == map_.end() ? nullptr : &at->second;
-}
-
 bool Interfaces::isInternal(int ifindex) const {
     const auto at = map_.find(ifindex);
     return at != map_.end() && at->second.internal;
@@ -17,6 +12,16 @@ bool Interfaces::isInternal(int ifindex) const {
 std::string Interfaces::nameOf(int ifindex) const {
     const auto at = map_.find(ifindex);
     return at == map_.end() ? "#" + std::to_string(ifindex) : at->second.name;
+}
+
+std::vector<Oif> Interfaces::named(const std::vector<int>& oifs) {
+    std::vector<Oif> named;
+    for (int ifindex : oifs)
+        if (const auto at = map_.find(ifindex); at != map_.end()) {
+            at->second.told = true;
+            named.push_back({.ifindex = ifindex, .name = at->second.name});
+        }
+    return named;
 }
 
 bool Interfaces::learn(const Link& link, bool isFromDump) {

@@ -2,10 +2,10 @@
 // to hear of them.
 //
 // A dump of links is merged like one of routes: what an event told during it wins, and what it didn't have is gone,
-// if nothing went meanwhile. Mirror changes it and tells the sink and the VRFs what follows; MirrorShared, its
-// owner, marks the interfaces that the sink is told of.
+// if nothing went meanwhile. Mirror changes it and tells the sink and the VRFs what follows.
 #pragma once
 
+#include "agent/host/RouteSource.h"
 #include "agent/kernel/KernelMessage.h"
 
 #include <cstdint>
@@ -16,21 +16,13 @@
 
 namespace Agent::Kernel {
 
-struct Interface {
-    std::string name;
-    bool internal = false;     // never an OIF to report; stays so while the interface exists
-    bool told = false;         // the sink was offered a route with it
-    std::uint32_t seen = 0;    // the dump that had it last
-    std::uint32_t touched = 0; // the dump during which an event told of it
-};
-
 class Interfaces {
   public:
-    /// Null where there is none.
-    Interface* find(int ifindex);
     bool isInternal(int ifindex) const;
     /// "#7" for an interface that isn't known.
     std::string nameOf(int ifindex) const;
+    /// What the sink is told of a route's OIFs: those that are known, each marked as told.
+    std::vector<Oif> named(const std::vector<int>& oifs);
 
     /// @return whether routes that have the interface look otherwise now: they were told without it, as it had no
     /// name, or must be, as it turned out to be internal.
@@ -47,6 +39,14 @@ class Interfaces {
     std::set<int>& toForget() { return toForget_; }
 
   private:
+    struct Interface {
+        std::string name;
+        bool internal = false;     // never an OIF to report; stays so while the interface exists
+        bool told = false;         // the sink was offered a route with it
+        std::uint32_t seen = 0;    // the dump that had it last
+        std::uint32_t touched = 0; // the dump during which an event told of it
+    };
+
     std::unordered_map<int, Interface> map_;
     std::uint32_t dump_ = 0; // the number of the latest
     std::set<int> toRename_;

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <set>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -36,9 +35,8 @@ class Problems {
 
     // What is added from now on is about this entry of the list, from 1, and the VRF of that name, if any.
     void enter(std::size_t entry, const std::string& name = "") {
-        const std::string number = std::to_string(entry);
-        where_ = name.empty() ? ": VRF entry " + number
-                              : ": VRF " + Json::textOf(name) + " (entry " + number + ")";
+        const std::string number = "entry " + std::to_string(entry);
+        where_ = ": VRF " + (name.empty() ? number : Json::textOf(name) + " (" + number + ")");
     }
     void add(const std::string& what) {
         lines_ += (lines_.empty() ? "" : "\n") + file_ + where_ + ": " + what;
@@ -48,9 +46,8 @@ class Problems {
     }
     // Of a field with one of two values, that one would silently win.
     void addRepeated(const Datum::Record& record) {
-        std::set<std::string_view> seen;
         for (const auto& [field, value] : record)
-            if (!seen.insert(field).second)
+            if (find(record, field) != &value)
                 add(field, "is given twice");
     }
     void addUnknown(const Datum::Record& record, std::initializer_list<std::string_view> known) {

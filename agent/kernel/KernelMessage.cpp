@@ -10,6 +10,7 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -31,17 +32,15 @@ void require(bool holds, std::string_view problem) {
         throw Malformed{problem};
 }
 
-template <class T>
-T valueOf(const nlattr* attribute) {
-    T value{};
-    require(mnl_attr_get_payload_len(attribute) == sizeof value, badValue);
-    std::memcpy(&value, mnl_attr_get_payload(attribute), sizeof value);
-    return value;
+using Bytes = std::span<const char>;
+
+Bytes payloadOf(const nlattr* attribute) {
+    return {static_cast<const char*>(mnl_attr_get_payload(attribute)), mnl_attr_get_payload_len(attribute)};
 }
 
 // Calls visit(type, attribute) for each attribute.
 template <class Visit>
-void eachAttribute(std::span<const char> bytes, Visit visit) {
+void eachAttribute(Bytes bytes, Visit visit) {
     while (!bytes.empty()) {
         const auto* attribute = reinterpret_cast<const nlattr*>(bytes.data());
         require(mnl_attr_ok(attribute, static_cast<int>(bytes.size())), "an attribute does not fit");
@@ -51,9 +50,39 @@ void eachAttribute(std::span<const char> bytes, Visit visit) {
     }
 }
 
-std::span<const char> payloadOf(const nlattr* attribute) {
-    return {static_cast<const char*>(mnl_attr_get_payload(attribute)), mnl_attr_get_payload_len(attribute)};
-}
+// Attributes by their types, of which the highest that is asked for is IFLA_AF_SPEC.
+class Attributes {
+  public:
+    explicit Attributes(Bytes bytes) {
+        eachAttribute(bytes, [this](std::size_t type, const nlattr* attribute) {
+            ++count_;
+            if (type < byType_.size())
+                byType_[type] = attribute;
+        });
+    }
+
+    std::size_t count() const { return count_; }
+    // Nothing where there is no such attribute.
+    Bytes bytes(std::size_t type) const { return byType_[type] ? payloadOf(byType_[type]) : Bytes(); }
+    template <class T>
+    std::optional<T> find(std::size_t type) const {
+        if (!byType_[type])
+            return std::nullopt;
+        T value{};
+        require(bytes(type).size() == sizeof value, badValue);
+        std::memcpy(&value, bytes(type).data(), sizeof value);
+        return value;
+    }
+    template <class T>
+    T get(std::size_t type) const {
+        require(byType_[type], missingValue);
+        return *find<T>(type);
+    }
+
+  private:
+    std::array<const nlattr*, IFLA_AF_SPEC + 1> byType_{};
+    std::size_t count_ = 0;
+};
 
 template <class Fixed>
 const Fixed& fixedPart(const nlmsghdr* header) {
@@ -61,15 +90,14 @@ const Fixed& fixedPart(const nlmsghdr* header) {
     return *static_cast<const Fixed*>(mnl_nlmsg_get_payload(header));
 }
 
-template <class Fixed, class Visit>
-void eachAttributeBehind(const nlmsghdr* header, Visit visit) {
-    const std::size_t size = mnl_nlmsg_get_payload_len(header);
-    const std::size_t skip = std::min<std::size_t>(MNL_ALIGN(sizeof(Fixed)), size);
-    eachAttribute(std::span(static_cast<const char*>(mnl_nlmsg_get_payload(header)), size).subspan(skip),
-                  visit);
+template <class Fixed>
+Attributes attributesBehind(const nlmsghdr* header) {
+    const Bytes body(static_cast<const char*>(mnl_nlmsg_get_payload(header)),
+                     mnl_nlmsg_get_payload_len(header));
+    return Attributes(body.subspan(std::min<std::size_t>(MNL_ALIGN(sizeof(Fixed)), body.size())));
 }
 
-void readNextHops(std::span<const char> bytes, std::vector<int>& oifs) {
+void readNextHops(Bytes bytes, std::vector<int>& oifs) {
     while (!bytes.empty()) {
         rtnexthop hop{};
         require(bytes.size() >= sizeof hop, "a next hop is cut short");
@@ -87,67 +115,40 @@ void readRoute(const nlmsghdr* header, KernelMessage& message) {
     const auto& fixed = fixedPart<rtmsg>(header);
     if (fixed.rtm_family != RTNL_FAMILY_IPMR)
         return;
+    require(fixed.rtm_src_len == fullLength && fixed.rtm_dst_len == fullLength, "a prefix length is not 32");
+    const auto given = attributesBehind<rtmsg>(header);
+    const std::optional<int> iif = given.find<int>(RTA_IIF);
+    require(!iif || *iif > 0, badValue);
     MfcRoute& route = message.route;
-    route.table = fixed.rtm_table;
-    route.iif = 0;
+    route.table = given.find<std::uint32_t>(RTA_TABLE).value_or(fixed.rtm_table);
+    route.key = {.source = ntohl(given.get<std::uint32_t>(RTA_SRC)),
+                 .group = ntohl(given.get<std::uint32_t>(RTA_DST))};
+    route.iif = iif.value_or(0);
     route.oifs.clear();
+    readNextHops(given.bytes(RTA_MULTIPATH), route.oifs);
     route.protocol = fixed.rtm_protocol;
     route.unresolved = (fixed.rtm_flags & RTNH_F_UNRESOLVED) != 0;
-    require(fixed.rtm_src_len == fullLength && fixed.rtm_dst_len == fullLength, "a prefix length is not 32");
-    std::optional<Ipv4> source;
-    std::optional<Ipv4> group;
-    eachAttributeBehind<rtmsg>(header, [&](unsigned type, const nlattr* attribute) {
-        if (type == RTA_TABLE) {
-            route.table = valueOf<std::uint32_t>(attribute);
-        } else if (type == RTA_SRC) {
-            source = ntohl(valueOf<std::uint32_t>(attribute));
-        } else if (type == RTA_DST) {
-            group = ntohl(valueOf<std::uint32_t>(attribute));
-        } else if (type == RTA_IIF) {
-            route.iif = valueOf<int>(attribute);
-            require(route.iif > 0, badValue);
-        } else if (type == RTA_MULTIPATH) {
-            readNextHops(payloadOf(attribute), route.oifs);
-        }
-    });
-    require(source && group, missingValue);
-    route.key = {.source = *source, .group = *group};
     message.kind = header->nlmsg_type == RTM_NEWROUTE ? MessageKind::route : MessageKind::routeGone;
 }
 
-Vif vifOf(const nlattr* nested) {
-    Vif vif{.index = -1};
-    eachAttribute(payloadOf(nested), [&](unsigned type, const nlattr* attribute) {
-        if (type == IPMRA_VIFA_IFINDEX)
-            vif.ifindex = valueOf<int>(attribute);
-        else if (type == IPMRA_VIFA_VIF_ID)
-            vif.index = valueOf<int>(attribute);
-        else if (type == IPMRA_VIFA_FLAGS)
-            vif.isRegister = (valueOf<std::uint16_t>(attribute) & VIFF_REGISTER) != 0;
-    });
+Vif vifOf(const nlattr* nest) {
+    const Attributes given(payloadOf(nest));
+    const Vif vif{.index = given.get<int>(IPMRA_VIFA_VIF_ID),
+                  .ifindex = given.get<int>(IPMRA_VIFA_IFINDEX),
+                  .isRegister =
+                      (given.find<std::uint16_t>(IPMRA_VIFA_FLAGS).value_or(0) & VIFF_REGISTER) != 0};
     require(vif.ifindex > 0 && vif.index >= 0, missingValue);
     return vif;
 }
 
 void readVifTable(const nlmsghdr* header, KernelMessage& message) {
-    std::vector<Vif>& vifs = message.vifTable.vifs;
-    vifs.clear();
-    std::optional<std::uint32_t> number;
-    eachAttributeBehind<ifinfomsg>(header, [&](unsigned outer, const nlattr* family) {
-        if (outer != IFLA_AF_SPEC)
-            return;
-        eachAttribute(payloadOf(family), [&](unsigned type, const nlattr* attribute) {
-            if (type == IPMRA_TABLE_ID)
-                number = valueOf<std::uint32_t>(attribute);
-            else if (type == IPMRA_TABLE_VIFS)
-                eachAttribute(payloadOf(attribute), [&](unsigned inner, const nlattr* vif) {
-                    if (inner == IPMRA_VIF)
-                        vifs.push_back(vifOf(vif));
-                });
-        });
+    const Attributes table(attributesBehind<ifinfomsg>(header).bytes(IFLA_AF_SPEC));
+    message.vifTable.table = table.get<std::uint32_t>(IPMRA_TABLE_ID);
+    message.vifTable.vifs.clear();
+    eachAttribute(table.bytes(IPMRA_TABLE_VIFS), [&](unsigned type, const nlattr* nest) {
+        if (type == IPMRA_VIF)
+            message.vifTable.vifs.push_back(vifOf(nest));
     });
-    require(number.has_value(), missingValue);
-    message.vifTable.table = *number;
     message.kind = MessageKind::vifTable;
 }
 
@@ -161,14 +162,10 @@ void readLink(const nlmsghdr* header, KernelMessage& message) {
     if (fixed.ifi_family != AF_UNSPEC)
         return;
     require(fixed.ifi_index > 0, "an interface has no index");
+    const Bytes name = attributesBehind<ifinfomsg>(header).bytes(IFLA_IFNAME);
     message.link = {.ifindex = fixed.ifi_index,
-                    .name = {},
+                    .name = std::string(name.begin(), std::ranges::find(name, '\0')),
                     .internal = (fixed.ifi_flags & IFF_LOOPBACK) != 0 || fixed.ifi_type == ARPHRD_PIMREG};
-    eachAttributeBehind<ifinfomsg>(header, [&](unsigned type, const nlattr* attribute) {
-        const std::span<const char> text = payloadOf(attribute);
-        if (type == IFLA_IFNAME)
-            message.link.name.assign(text.data(), strnlen(text.data(), text.size()));
-    });
     require(!message.link.name.empty(), missingValue);
     message.kind = comes ? MessageKind::link : MessageKind::linkGone;
 }
@@ -179,20 +176,12 @@ void readLink(const nlmsghdr* header, KernelMessage& message) {
 void readNetconf(const nlmsghdr* header, KernelMessage& message) {
     if (fixedPart<netconfmsg>(header).ncm_family != AF_INET)
         return;
-    std::optional<int> ifindex;
-    std::optional<int> tables;
-    bool hasOther = false;
-    eachAttributeBehind<netconfmsg>(header, [&](unsigned type, const nlattr* attribute) {
-        if (type == NETCONFA_IFINDEX)
-            ifindex = valueOf<int>(attribute);
-        else if (type == NETCONFA_MC_FORWARDING)
-            tables = valueOf<int>(attribute);
-        else
-            hasOther = true;
-    });
-    if (!tables || hasOther || ifindex.value_or(0) <= 0)
+    const auto given = attributesBehind<netconfmsg>(header);
+    const int ifindex = given.find<int>(NETCONFA_IFINDEX).value_or(0);
+    const std::optional<int> tables = given.find<int>(NETCONFA_MC_FORWARDING);
+    if (!tables || ifindex <= 0 || given.count() != 2)
         return;
-    message.mcForwarding = {.ifindex = *ifindex, .tables = *tables};
+    message.mcForwarding = {.ifindex = ifindex, .tables = *tables};
     message.kind = MessageKind::mcForwarding;
 }
 

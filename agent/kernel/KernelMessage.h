@@ -5,6 +5,8 @@
 // NetlinkSocket.h, where messages come from; Mirror.h, which holds the state that they change.
 #pragma once
 
+#include "state/Hash.h"
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +24,9 @@ struct MfcKey {
     Ipv4 source = 0;
     Ipv4 group = 0;
     auto operator<=>(const MfcKey&) const = default;
+    std::uint32_t hash(std::uint32_t seed) const {
+        return State::Hasher(seed).mix(source).mix(group).result();
+    }
 };
 
 /// "(10.0.0.1, 239.1.1.1)", with "*" for 0.

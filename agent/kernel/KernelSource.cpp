@@ -1,5 +1,6 @@
 #include "agent/kernel/KernelSource.h"
 
+#include "agent/changes/Operations.h"
 #include "agent/host/PostedTask.h"
 #include "state/Trace.h"
 
@@ -62,8 +63,8 @@ struct KernelSource::OnLoop {
 KernelSource::KernelSource(asio::io_context& loop, Operations& operations, const std::string& configFile)
     : operations_(operations)
     , configFile_(configFile)
-    , tables_(operations)
-    , source_(readKernelConfig(configFile), tables_, receiveBuffer())
+    , tables_(agentTables(operations))
+    , source_(readKernelConfig(configFile), *tables_, receiveBuffer())
     , onLoop_(std::make_shared<OnLoop>(loop, source_.fd(), [this] { doSlice(); })) {
     watch();
     goOn();

@@ -1,11 +1,10 @@
 // `--kernel CONFIG`: the mirror of the kernel's multicast forwarding cache on the agent's loop, and what `kernel` and
 // `kernel verify` show of it.
 //
-// It ties together NetlinkSource.h, which reads the kernel and holds the mirror, AgentTables.h, which the mirror
-// writes, and the loop, on which it works in slices. The application owns it and makes it once the plug-in runs.
+// It ties together NetlinkSource.h, which reads the kernel and holds the mirror, the agent's tables, which the mirror
+// writes (AgentTables.cpp), and the loop, on which it works in slices. The application owns it and makes it once the plug-in runs.
 #pragma once
 
-#include "agent/kernel/AgentTables.h"
 #include "agent/kernel/NetlinkSource.h"
 
 namespace asio {
@@ -45,7 +44,7 @@ class KernelSource {
 
     Operations& operations_;
     std::string configFile_;
-    AgentTables tables_;
+    std::unique_ptr<TableSink> tables_;
     NetlinkSource source_;
     std::shared_ptr<OnLoop> onLoop_;
     std::uint64_t changesSeen_ = 0; // of all writers, when refused changes were last tried

@@ -53,8 +53,7 @@ void Mirror::takeEvent(const KernelMessage& message) {
     if (message.kind == MessageKind::route || message.kind == MessageKind::routeGone) {
         routeEvent(message.route, message.kind == MessageKind::routeGone);
     } else if (message.kind == MessageKind::link) {
-        if (shared_.interfaces.learn(message.link, false))
-            linkChanged(message.link.ifindex);
+        learnLink(message.link, false);
     } else if (message.kind == MessageKind::linkGone) {
         linkGone(message.link.ifindex);
     } else if (message.kind == MessageKind::mcForwarding) {
@@ -91,15 +90,17 @@ void Mirror::routeEvent(const MfcRoute& route, bool gone) {
         vrf->kernel().learn(route);
 }
 
-void Mirror::linkChanged(int ifindex) {
+void Mirror::learnLink(const Link& link, bool isFromDump) {
+    if (!shared_.interfaces.learn(link, isFromDump))
+        return;
     for (const auto& vrf : vrfs_)
-        vrf->kernel().linkChanged(ifindex);
+        vrf->kernel().linkChanged(link.ifindex);
 }
 
 // An answer under way may still have the interface, among the VIFs too.
 void Mirror::linkGone(int ifindex) {
-    linksWanted_ = linksWanted_ || (query_ && query_->kind == Kind::links);
-    vifsWanted_ = vifsWanted_ || (query_ && query_->kind == Kind::vifs);
+    linksWanted_ = linksWanted_ || asks(Kind::links);
+    vifsWanted_ = vifsWanted_ || asks(Kind::vifs);
     shared_.interfaces.remove(ifindex);
     for (const auto& vrf : vrfs_)
         vrf->kernel().linkGone(ifindex);
@@ -128,24 +129,23 @@ bool Mirror::isMirrored(const MirroredVrf* vrf, const MfcRoute& route) {
 std::optional<KernelQuery> Mirror::nextQuery(Clock::time_point now) {
     if (!queryDue(now))
         return std::nullopt;
-    answerMalformed_ = false;
-    for (const auto& vrf : vrfs_)
-        if (const MfcKey* key = vrf->kernel().missing()) {
-            routeAnswer_.reset();
-            return query_ = {.kind = Kind::route, .table = vrf->config().table, .key = *key};
-        }
-    if (std::exchange(linksWanted_, false)) {
+    KernelQuery& query = asked_.emplace().query;
+    const auto asksOne = std::ranges::find_if(vrfs_, [](const auto& vrf) { return vrf->kernel().missing(); });
+    if (asksOne != vrfs_.end()) {
+        const MirroredVrf& vrf = **asksOne;
+        query = {.kind = Kind::route, .table = vrf.config().table, .key = *vrf.kernel().missing()};
+    } else if (std::exchange(linksWanted_, false)) {
         shared_.interfaces.beginDump();
-        return query_ = {.kind = Kind::links, .key = {}};
+    } else if (std::exchange(vifsWanted_, false)) {
+        query.kind = Kind::vifs;
+        asked_->added = std::exchange(added_, {});
+    } else {
+        MirroredVrf& vrf =
+            **std::ranges::find_if(vrfs_, [&](const auto& it) { return it->kernel().dumpDue(now); });
+        vrf.kernel().beginDump(now);
+        query = {.kind = Kind::routes, .table = vrf.config().table};
     }
-    if (std::exchange(vifsWanted_, false)) {
-        vifAnswer_.clear();
-        addedBeforeQuery_ = std::exchange(added_, {});
-        return query_ = {.kind = Kind::vifs, .key = {}};
-    }
-    const auto due = std::ranges::find_if(vrfs_, [&](const auto& vrf) { return vrf->kernel().dumpDue(now); });
-    (*due)->kernel().beginDump(now);
-    return query_ = {.kind = Kind::routes, .table = (*due)->config().table, .key = {}};
+    return query;
 }
 
 std::optional<Mirror::Clock::time_point> Mirror::queryDueAt() const {
@@ -160,72 +160,65 @@ std::optional<Mirror::Clock::time_point> Mirror::queryDueAt() const {
 
 // A configuration may have come meanwhile: what it made of a table that was asked for has no dump open.
 void Mirror::takeAnswer(const KernelMessage& message) {
+    const KernelQuery& query = asked_->query;
     if (message.kind == MessageKind::malformed) {
         noteMalformed("an answer", message);
-        answerMalformed_ = true;
-    } else if (query_->kind == Kind::links && message.kind == MessageKind::link) {
-        if (shared_.interfaces.learn(message.link, true))
-            linkChanged(message.link.ifindex);
-    } else if (query_->kind == Kind::vifs && message.kind == MessageKind::vifTable) {
+        asked_->malformed = true;
+    } else if (message.kind == MessageKind::link && asks(Kind::links)) {
+        learnLink(message.link, true);
+    } else if (message.kind == MessageKind::vifTable && asks(Kind::vifs)) {
         const std::vector<Vif>& part = message.vifTable.vifs;
-        std::vector<Vif>& vifs = vifAnswer_[message.vifTable.table];
+        std::vector<Vif>& vifs = asked_->vifs[message.vifTable.table];
         vifs.insert(vifs.end(), part.begin(), part.end());
-    } else if (message.kind != MessageKind::route) {
-        return;
-    } else if (query_->kind == Kind::route) {
-        if (!message.route.unresolved && message.route.key == query_->key)
-            routeAnswer_ = message.route;
-    } else if (query_->kind == Kind::routes && message.route.table == query_->table) {
-        MirroredVrf* vrf = vrfOf(query_->table);
+    } else if (message.kind == MessageKind::route && asks(Kind::route)) {
+        if (!message.route.unresolved && message.route.key == query.key)
+            asked_->route = message.route;
+    } else if (message.kind == MessageKind::route && asks(Kind::routes) &&
+               message.route.table == query.table) {
+        MirroredVrf* vrf = vrfOf(query.table);
         if (isMirrored(vrf, message.route) && vrf->kernel().dumpOpen())
             vrf->kernel().learnFromDump(message.route);
     }
 }
 
 void Mirror::endAnswer(int error, bool interrupted, Clock::time_point now) {
-    const KernelQuery query = *std::exchange(query_, std::nullopt);
+    AskedQuery asked = *std::exchange(asked_, std::nullopt);
+    const KernelQuery& query = asked.query;
     const bool isOfTable = query.kind == Kind::routes || query.kind == Kind::route;
     if (isOfTable && error == ENOENT)
         error = 0; // the kernel has made no such table, or has no such route
-    if (answerMalformed_ && query.kind != Kind::routes)
+    if (asked.malformed && query.kind != Kind::routes)
         error = EBADMSG;
-    if (error != 0)
-        return failQuery(query, error, now);
-    if (query.kind == Kind::links) {
+    MirroredVrf* vrf = isOfTable ? vrfOf(query.table) : nullptr;
+    if (error != 0) {
+        failQuery(asked, error, now);
+    } else if (query.kind == Kind::links) {
         linksWanted_ = linksWanted_ || interrupted;
         if (!linksWanted_)
             for (int ifindex : shared_.interfaces.unseen())
                 linkGone(ifindex);
-        return;
-    }
-    if (query.kind == Kind::vifs) {
-        for (const auto& vrf : vrfs_)
-            vrf->kernel().takeVifs(vifAnswer_[vrf->config().table], addedBeforeQuery_);
-        return;
-    }
-    MirroredVrf* vrf = vrfOf(query.table);
-    if (!vrf)
-        return;
-    TableLearner& table = vrf->kernel();
-    if (query.kind == Kind::route) {
-        if (table.missing() && *table.missing() == query.key)
-            table.learnMissing(routeAnswer_ ? &*routeAnswer_ : nullptr, now);
-    } else if (table.dumpOpen()) {
+    } else if (query.kind == Kind::vifs) {
+        for (const auto& each : vrfs_)
+            each->kernel().takeVifs(asked.vifs[each->config().table], asked.added);
+    } else if (vrf && query.kind == Kind::route) {
+        if (vrf->kernel().missing() && *vrf->kernel().missing() == query.key)
+            vrf->kernel().learnMissing(asked.route ? &*asked.route : nullptr, now);
+    } else if (vrf && vrf->kernel().dumpOpen()) {
         if (interrupted)
-            table.disturbDump();
-        table.endDump(now);
+            vrf->kernel().disturbDump();
+        vrf->kernel().endDump(now);
     }
 }
 
-void Mirror::failQuery(const KernelQuery& query, int error, Clock::time_point now) {
-    noteError("the kernel's " + queryText(query) + " can't be read: " + std::strerror(error));
+void Mirror::failQuery(AskedQuery& asked, int error, Clock::time_point now) {
+    noteError("the kernel's " + queryText(asked.query) + " can't be read: " + std::strerror(error));
     notBefore_ = now + failurePause;
-    if (query.kind == Kind::links) {
+    if (asked.query.kind == Kind::links) {
         linksWanted_ = true;
-    } else if (query.kind == Kind::vifs) {
+    } else if (asked.query.kind == Kind::vifs) {
         vifsWanted_ = true;
-        added_.merge(addedBeforeQuery_);
-    } else if (MirroredVrf* vrf = vrfOf(query.table)) {
+        added_.merge(asked.added);
+    } else if (MirroredVrf* vrf = vrfOf(asked.query.table)) {
         vrf->kernel().abandonDump();
     }
 }
@@ -268,25 +261,20 @@ void Mirror::publishRenames() {
 // Only when no route, known or told, has the interface any more: one whose change the sink refused may still.
 void Mirror::publishGoneInterfaces() {
     std::set<int>& toForget = shared_.interfaces.toForget();
-    if (!toForget.empty() || shared_.oifSets.size() > sweepAt_)
-        sweepOifSets();
-    std::erase_if(toForget, [&](int ifindex) {
-        if (std::ranges::any_of(shared_.oifSets,
-                                [&](const auto& set) { return std::ranges::binary_search(set, ifindex); }))
-            return false;
-        shared_.sink.forgetInterface(ifindex);
-        return shared_.retry = true;
-    });
-}
-
-void Mirror::sweepOifSets() {
-    std::set<OifSet> used;
+    if (toForget.empty())
+        return;
+    std::set<int> unused = toForget;
     for (const VrfList* list : {&leaving_, &vrfs_})
         for (const auto& vrf : *list)
-            for (const RouteEntry& entry : vrf->kernel().routes().all())
-                used.insert({entry.oifs, entry.installedOifs});
-    std::erase_if(shared_.oifSets, [&](const auto& set) { return !used.contains(&set); });
-    sweepAt_ = 2 * shared_.oifSets.size() + 1000;
+            for (const RouteEntry& entry : vrf->kernel().routes().walk())
+                for (const std::vector<int>* oifs : {&entry.oifs, &entry.installedOifs})
+                    for (int ifindex : *oifs)
+                        unused.erase(ifindex);
+    for (int ifindex : unused) {
+        shared_.sink.forgetInterface(ifindex);
+        toForget.erase(ifindex);
+        shared_.retry = true;
+    }
 }
 
 bool Mirror::synced() const {

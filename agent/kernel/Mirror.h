@@ -32,7 +32,16 @@ struct KernelQuery {
     };
     Kind kind = Kind::links;
     std::uint32_t table = 0;
-    MfcKey key;
+    MfcKey key = {};
+};
+
+/// A query under way, and what its answer has brought that is learnt at the end.
+struct AskedQuery {
+    KernelQuery query;
+    std::set<int> added; // interfaces that had become VIFs by then
+    std::map<std::uint32_t, std::vector<Vif>> vifs;
+    std::optional<MfcRoute> route;
+    bool malformed = false;
 };
 
 class Mirror {
@@ -41,7 +50,7 @@ class Mirror {
     using VrfList = std::vector<std::unique_ptr<MirroredVrf>>;
 
     explicit Mirror(TableSink& sink)
-        : shared_(sink) {}
+        : shared_{.sink = sink} {}
     Mirror(const Mirror&) = delete;
     Mirror& operator=(const Mirror&) = delete;
 
@@ -86,33 +95,28 @@ class Mirror {
     const Interfaces& interfaces() const { return shared_.interfaces; }
 
   private:
+    bool asks(KernelQuery::Kind kind) const { return asked_ && asked_->query.kind == kind; }
     void routeEvent(const MfcRoute& route, bool gone);
-    void linkChanged(int ifindex);
+    void learnLink(const Link& link, bool isFromDump);
     void linkGone(int ifindex);
     MirroredVrf* vrfOf(std::uint32_t table) const;
     bool isMirrored(const MirroredVrf* vrf, const MfcRoute& route);
-    void failQuery(const KernelQuery& query, int error, Clock::time_point now);
+    void failQuery(AskedQuery& asked, int error, Clock::time_point now);
     void noteMalformed(const char* what, const KernelMessage& message);
     void noteError(std::string text);
     void publishRenames();
     void publishGoneInterfaces();
-    void sweepOifSets();
 
     MirrorShared shared_;
     VrfList vrfs_;
     VrfList leaving_;
-    std::size_t sweepAt_ = 1000; // sets of OIFs
 
     bool linksWanted_ = true;
     bool vifsWanted_ = true;
     std::set<int> added_; // interfaces that became VIFs since the VIFs were last asked for
     Clock::time_point notBefore_{};
 
-    std::optional<KernelQuery> query_; // under way
-    bool answerMalformed_ = false;
-    std::set<int> addedBeforeQuery_;
-    std::map<std::uint32_t, std::vector<Vif>> vifAnswer_;
-    std::optional<MfcRoute> routeAnswer_;
+    std::optional<AskedQuery> asked_;
 
     std::string lastError_;
     std::chrono::system_clock::time_point lastErrorAt_{};

@@ -3,10 +3,9 @@
 #pragma once
 
 #include "agent/kernel/Interfaces.h"
-#include "agent/kernel/RouteEntries.h"
 #include "agent/kernel/TableSink.h"
 
-#include <set>
+#include <cstdint>
 
 namespace Agent::Kernel {
 
@@ -28,20 +27,9 @@ struct Counters {
 };
 
 struct MirrorShared {
-    explicit MirrorShared(TableSink& tables)
-        : sink(tables) {}
-
-    /// @param members in any order, possibly repeated.
-    OifSet oifSet(std::vector<int> members);
-    /// What the sink is told of a set, from which those that have no name yet are left out. Stands until the next
-    /// call or until the interfaces change.
-    std::span<const Oif> named(OifSet& set);
-
     TableSink& sink;
-    Interfaces interfaces;
-    std::set<std::vector<int>> oifSets; // also those of routes that went since Mirror last swept it
-    std::vector<Oif> namedOifs;
-    Counters counters;
+    Interfaces interfaces = {};
+    Counters counters = {};
     bool retry = false; // something changed that may have been in the way of a refused change
 };
 

@@ -22,31 +22,27 @@ void writePending(Text::Writer& writer, const std::string& what, const WhyNot& w
 void MirroredVrf::reconfigure(const VrfConfig& config) {
     if (leaving_ || config.table != config_.table)
         kernel_.startOver();
+    if (leaving_ || config != config_)
+        kernel_.queueAll();
     leaving_ = false;
     whyVrf_.clear();
-    if (config.routeType != config_.routeType)
-        kernel_.routes().queueAll();
     config_ = config;
     if (entered_ && !mustWithdraw())
         entered_ = config;
 }
 
 std::size_t MirroredVrf::publish(std::size_t max) {
-    if (mustWithdraw() != withdrawing_) {
-        withdrawing_ = mustWithdraw();
-        kernel_.routes().queueAll();
-    }
     if (!entered_ && !leaving_ && whyVrf_.empty() && accepted(shared_.sink.putVrf(config_, false))) {
         entered_ = config_;
-        kernel_.routes().queueAll();
+        kernel_.queueAll();
     }
     std::size_t told = 0;
-    for (; told < max && kernel_.routes().anyQueued(); ++told)
-        settle(kernel_.routes().takeQueued());
+    for (; told < max && kernel_.anyQueued(); ++told)
+        settle(kernel_.takeQueued());
     if (std::exchange(rowsFreed_, false) && !refused_.empty())
         retry();
-    if (!kernel_.routes().anyQueued() && entered_ && whyVrf_.empty()) {
-        if (withdrawing_)
+    if (!kernel_.anyQueued() && entered_ && whyVrf_.empty()) {
+        if (mustWithdraw())
             remove();
         else if (enableWanted() != enabled_ && accepted(shared_.sink.putVrf(*entered_, !enabled_)))
             enabled_ = !enabled_;
@@ -55,11 +51,8 @@ std::size_t MirroredVrf::publish(std::size_t max) {
 }
 
 bool MirroredVrf::hasWork() const {
-    if (kernel_.routes().anyQueued() || mustWithdraw() != withdrawing_)
-        return true;
-    if (!whyVrf_.empty())
-        return false;
-    return entered_ ? withdrawing_ || enableWanted() != enabled_ : !leaving_;
+    const bool vrfDiffers = entered_ ? mustWithdraw() || enableWanted() != enabled_ : !leaving_;
+    return kernel_.anyQueued() || (vrfDiffers && whyVrf_.empty());
 }
 
 // An identifier can't be changed under the VRF's routes.
@@ -87,7 +80,7 @@ bool MirroredVrf::accepted(WhyNot why) {
 
 void MirroredVrf::settle(RouteEntry& entry) {
     if (entered_) {
-        if (withdrawing_ || !entry.present)
+        if (mustWithdraw() || !entry.present)
             withdraw(entry);
         else if (entry.iif != 0 || entry.installed)
             install(entry);
@@ -98,13 +91,13 @@ void MirroredVrf::settle(RouteEntry& entry) {
 // A route without an IIF forwards nothing; one that was installed before stays, without OIFs.
 void MirroredVrf::install(RouteEntry& entry) {
     const RouteType type = entry.iif ? typeOf(entry) : entry.installedType;
-    OifSet oifs = entry.iif ? entry.oifs : &noOifs;
-    const std::span<const Oif> named = shared_.named(oifs);
-    if (entry.installed && type == entry.installedType && oifs == entry.installedOifs && !entry.again) {
+    const std::vector<Oif> oifs = shared_.interfaces.named(entry.iif ? entry.oifs : std::vector<int>());
+    if (entry.installed && type == entry.installedType && !entry.again &&
+        std::ranges::equal(oifs, entry.installedOifs, {}, &Oif::ifindex)) {
         refused_.erase(entry.key);
         return;
     }
-    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, named); !why.empty()) {
+    if (WhyNot why = shared_.sink.putRoute(*entered_, type, entry.key, oifs); !why.empty()) {
         ++shared_.counters.refused;
         refused_[entry.key] = std::move(why);
         return;
@@ -114,7 +107,9 @@ void MirroredVrf::install(RouteEntry& entry) {
         shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = true;
     entry.installedType = type;
-    entry.installedOifs = oifs;
+    entry.installedOifs.clear();
+    for (const Oif& oif : oifs)
+        entry.installedOifs.push_back(oif.ifindex);
     entry.again = false;
     ++shared_.counters.changes;
     refused_.erase(entry.key);
@@ -127,7 +122,7 @@ void MirroredVrf::withdraw(RouteEntry& entry) {
     shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
     entry.installed = false;
     entry.again = false;
-    entry.installedOifs = &noOifs;
+    entry.installedOifs.clear();
     rowsFreed_ = true;
     ++shared_.counters.changes;
 }
@@ -141,12 +136,12 @@ void MirroredVrf::retry() {
     whyVrf_.clear();
     for (const auto& [key, why] : refused_)
         if (RouteEntry* entry = kernel_.routes().find(key))
-            kernel_.routes().queue(*entry);
+            kernel_.queue(*entry);
 }
 
 void MirroredVrf::repeatRoutesWith(int ifindex) {
-    kernel_.routes().queueIf([&](RouteEntry& entry) {
-        entry.again = entry.again || std::ranges::binary_search(*entry.installedOifs, ifindex);
+    kernel_.queueIf([&](RouteEntry& entry) {
+        entry.again = entry.again || std::ranges::binary_search(entry.installedOifs, ifindex);
         return entry.again;
     });
 }
@@ -157,7 +152,12 @@ WhyNot MirroredVrf::whyPending(const MfcKey& key) const {
 }
 
 void MirroredVrf::status(Text::Writer& writer) const {
-    const auto& entries = kernel_.routes().all();
+    std::size_t routes = 0;
+    std::size_t rows = 0;
+    for (const RouteEntry& entry : kernel_.routes().walk()) {
+        routes += entry.present;
+        rows += entry.installed;
+    }
     writer.beginRecord();
     writer.member("vrf", config_.name);
     writer.member("id", config_.id);
@@ -168,8 +168,8 @@ void MirroredVrf::status(Text::Writer& writer) const {
     writer.member("synced", kernel_.synced());
     writer.member("resyncWanted", kernel_.resyncPending());
     writer.member("leaving", leaving_);
-    writer.member("routes", std::ranges::count_if(entries, &RouteEntry::present));
-    writer.member("rows", std::ranges::count_if(entries, &RouteEntry::installed));
+    writer.member("routes", routes);
+    writer.member("rows", rows);
     writer.field("vifs");
     writer.beginList();
     for (const Vif& vif : kernel_.vifs())

@@ -29,6 +29,7 @@ class MirroredVrf {
     void leave() {
         leaving_ = true;
         whyVrf_.clear();
+        kernel_.queueAll();
     }
     /// Whether nothing is left of a VRF that leaves.
     bool left() const { return leaving_ && !entered_; }
@@ -67,7 +68,6 @@ class MirroredVrf {
     std::map<MfcKey, WhyNot> refused_;
     bool enabled_ = false; // as the sink has it
     bool leaving_ = false;
-    bool withdrawing_ = false; // routes are on their way out, whatever the kernel has
     bool rowsFreed_ = false;
 };
 

@@ -9,118 +9,62 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 namespace Agent::Kernel {
 namespace {
 
-constexpr std::size_t batchDatagrams = 32;
-// A link with many virtual functions is the longest event; a datagram that doesn't fit counts as lost.
-constexpr std::size_t eventBytes = std::size_t{32} * 1024;
 constexpr std::size_t answerBytes = std::size_t{128} * 1024;
 
 [[noreturn]] void failHere(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-Fd openNetlink() {
-    Fd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-    if (!fd)
+} // namespace
+
+NetlinkSocket::NetlinkSocket(std::size_t longest, std::size_t bufferBytes, std::initializer_list<int> groups)
+    : fd_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE))
+    , datagram_(longest / sizeof(std::uint32_t)) {
+    if (!fd_)
         failHere("can't open a netlink socket");
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
-    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (::bind(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         failHere("can't bind a netlink socket");
-    return fd;
-}
-
-std::size_t growReceiveBuffer(int fd, std::size_t bytes) {
-    int wanted = static_cast<int>(bytes);
-    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0)
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
-    int granted = 0;
-    socklen_t size = sizeof granted;
-    ::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &granted, &size);
-    return static_cast<std::size_t>(granted);
-}
-
-} // namespace
-
-struct Subscription::Batch {
-    std::array<std::array<std::uint32_t, eventBytes / sizeof(std::uint32_t)>, batchDatagrams> bytes;
-    std::array<sockaddr_nl, batchDatagrams> senders{};
-    std::array<iovec, batchDatagrams> vectors{};
-    std::array<mmsghdr, batchDatagrams> headers{};
-
-    Batch() {
-        for (std::size_t i = 0; i < batchDatagrams; ++i) {
-            vectors[i] = {.iov_base = bytes[i].data(), .iov_len = eventBytes};
-            headers[i].msg_hdr.msg_name = &senders[i];
-            headers[i].msg_hdr.msg_namelen = sizeof senders[i];
-            headers[i].msg_hdr.msg_iov = &vectors[i];
-            headers[i].msg_hdr.msg_iovlen = 1;
-        }
-    }
-};
-
-Subscription::Subscription(std::size_t bufferBytes)
-    : fd_(openNetlink())
-    , bufferBytes_(growReceiveBuffer(fd_.get(), bufferBytes))
-    , batch_(std::make_unique<Batch>()) {
-    for (int group : {RTNLGRP_IPV4_MROUTE, RTNLGRP_LINK, RTNLGRP_IPV4_NETCONF})
-        if (::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+    int bytes = static_cast<int>(bufferBytes);
+    socklen_t size = sizeof bytes;
+    if (::setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, size) != 0)
+        ::setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &bytes, size);
+    if (::getsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &bytes, &size) == 0)
+        bufferBytes_ = static_cast<std::size_t>(bytes);
+    for (int group : groups)
+        if (::setsockopt(fd(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
             failHere("can't subscribe to the kernel's multicast routes");
 }
 
-Subscription::~Subscription() = default;
-
-// After a loss the kernel withholds every further event until none waits any more: then reading on has an end.
-void Subscription::drain(std::size_t limit, std::span<Mirror* const> mirrors) {
-    bool mustEnd = false;
-    for (std::size_t read = 0; read < limit || mustEnd;) {
-        const int count =
-            ::recvmmsg(fd_.get(), batch_->headers.data(), batchDatagrams, MSG_DONTWAIT, nullptr);
-        if (count < 0 && errno == EAGAIN)
-            return;
-        if (count < 0 && errno != ENOBUFS && errno != EINTR)
-            failHere("can't read the kernel's events");
-        bool lost = count < 0 && errno == ENOBUFS;
-        const auto datagrams = static_cast<std::size_t>(std::max(count, 0));
-        for (std::size_t i = 0; i < datagrams; ++i)
-            lost = !deliver(i, mirrors) || lost;
-        for (Mirror* mirror : lost ? mirrors : std::span<Mirror* const>())
-            mirror->overrun();
-        if (count >= 0 && datagrams < batchDatagrams)
-            return;
-        mustEnd = mustEnd || lost;
-        read += datagrams + 1;
-    }
-}
-
-// One datagram of the batch. @return whether it is whole.
-bool Subscription::deliver(std::size_t index, std::span<Mirror* const> mirrors) {
-    mmsghdr& header = batch_->headers[index];
-    header.msg_hdr.msg_namelen = sizeof(sockaddr_nl); // for the next one
-    if (batch_->senders[index].nl_pid != 0)
-        return true; // not the kernel's
-    if ((header.msg_hdr.msg_flags & MSG_TRUNC) != 0)
-        return false;
-    MessageReader reader(batch_->bytes[index].data(), header.msg_len);
-    while (reader.next(message_))
-        for (Mirror* mirror : mirrors)
-            mirror->takeEvent(message_);
-    return true;
+int NetlinkSocket::receive() {
+    const std::size_t longest = datagram_.size() * sizeof(std::uint32_t);
+    sockaddr_nl sender{};
+    socklen_t senderSize = sizeof sender;
+    const ssize_t size = ::recvfrom(fd_.get(), datagram_.data(), longest, MSG_DONTWAIT | MSG_TRUNC,
+                                    reinterpret_cast<sockaddr*>(&sender), &senderSize);
+    size_ = 0;
+    if (size < 0)
+        return errno;
+    if (sender.nl_pid != 0)
+        return 0;
+    if (static_cast<std::size_t>(size) > longest)
+        return EMSGSIZE;
+    size_ = static_cast<std::size_t>(size);
+    return 0;
 }
 
 // With strict checks the kernel heeds the table that a dump asks for; where it knows no strict checks it
 // dumps all tables, which costs time and nothing else.
 QuerySocket::QuerySocket()
-    : fd_(openNetlink())
-    , buffer_(answerBytes / sizeof(std::uint32_t)) {
+    : socket_(answerBytes, answerBytes) {
     int yes = 1;
-    ::setsockopt(fd_.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &yes, sizeof yes);
-    growReceiveBuffer(fd_.get(), answerBytes);
+    ::setsockopt(socket_.fd(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &yes, sizeof yes);
 }
 
 std::size_t QuerySocket::step(Mirror& mirror, const std::function<void()>& settleEvents) {
@@ -167,23 +111,16 @@ void QuerySocket::ask(const KernelQuery& query) {
     kind_ = query.kind;
     busy_ = true;
     interrupted_ = false;
-    if (::send(fd_.get(), header, header->nlmsg_len, 0) < 0)
+    if (::send(socket_.fd(), header, header->nlmsg_len, 0) < 0)
         breakOff(errno);
 }
 
 std::size_t QuerySocket::receive(Mirror& mirror) {
-    sockaddr_nl sender{};
-    socklen_t senderSize = sizeof sender;
-    const ssize_t size = ::recvfrom(fd_.get(), buffer_.data(), answerBytes, MSG_DONTWAIT | MSG_TRUNC,
-                                    reinterpret_cast<sockaddr*>(&sender), &senderSize);
-    if (size < 0 && errno == EINTR)
-        return 0;
-    if (size < 0 || static_cast<std::size_t>(size) > answerBytes) {
-        breakOff(size < 0 ? errno : EMSGSIZE);
-        return 0;
-    }
+    const int error = socket_.receive();
+    if (error != 0 && error != EINTR)
+        breakOff(error);
     std::size_t messages = 0;
-    MessageReader reader(buffer_.data(), sender.nl_pid == 0 ? static_cast<std::size_t>(size) : 0);
+    MessageReader reader = socket_.messages();
     while (busy_ && reader.next(message_)) {
         if (message_.sequence != sequence_)
             continue;
@@ -200,9 +137,8 @@ std::size_t QuerySocket::receive(Mirror& mirror) {
 
 // What is left of an answer that broke off is in the way of the next one.
 void QuerySocket::breakOff(int error) {
-    while (::recv(fd_.get(), buffer_.data(), answerBytes, MSG_DONTWAIT) >= 0 || errno == EINTR ||
-           errno == ENOBUFS) {
-    }
+    for (int rest = 0; rest == 0 || rest == EMSGSIZE || rest == ENOBUFS || rest == EINTR;)
+        rest = socket_.receive();
     busy_ = false;
     error_ = error;
 }

@@ -1,8 +1,5 @@
-// The two ways to hear from the kernel: a subscription to its events, and a socket for questions. Neither needs a
-// privilege. NetlinkSource owns one of each; a Verification has a socket of its own for its questions.
-//
-// A subscription is drained in batches of datagrams by one system call each, as one that has fallen behind loses
-// events. Answers come part by part: the kernel makes the next part of a dump while the one before is read.
+// Sockets of the kernel's netlink, which need no privilege, and the one for a mirror's questions. NetlinkSource has one
+// for events and one for questions; a Verification has one of its own for its questions.
 #pragma once
 
 #include "agent/host/Fd.h"
@@ -12,36 +9,33 @@
 
 namespace Agent::Kernel {
 
-/// Routes, links and the forwarding state of interfaces.
-class Subscription {
+/// A netlink socket, and the datagram that it read last.
+class NetlinkSocket {
   public:
+    /// @param longest datagram that is read whole, in bytes.
     /// @param bufferBytes how much the kernel shall hold for a slow reader; only the privileged are granted more than
-    /// the system's limit (net.core.rmem_max). @throws std::system_error
-    explicit Subscription(std::size_t bufferBytes);
-    ~Subscription();
+    /// the system's limit (net.core.rmem_max).
+    /// @param groups of events to subscribe to. @throws std::system_error
+    NetlinkSocket(std::size_t longest, std::size_t bufferBytes, std::initializer_list<int> groups = {});
 
     int fd() const { return fd_.get(); }
     /// Bytes granted, by the kernel's own count.
     std::size_t bufferBytes() const { return bufferBytes_; }
 
-    /// Gives the events that wait to each of the mirrors, in order: all, or those of some datagrams more than a limit.
-    /// Never blocks. @throws std::system_error when the socket is broken.
-    void drain(std::size_t limit, std::span<Mirror* const> mirrors);
-    /// As many datagrams as can wait at one moment: none occupies less of the buffer.
-    std::size_t mostWaiting() const { return bufferBytes_ / 512 + 1; }
+    /// Reads a datagram. Never blocks. @return errno: 0, EAGAIN where none waits, EMSGSIZE where it was too long, ...
+    int receive();
+    /// The messages of the datagram, until the next is read: none where it wasn't the kernel's.
+    MessageReader messages() const { return {datagram_.data(), size_}; }
 
   private:
-    struct Batch;
-
-    bool deliver(std::size_t index, std::span<Mirror* const> mirrors);
-
     Fd fd_;
     std::size_t bufferBytes_ = 0;
-    std::unique_ptr<Batch> batch_;
-    KernelMessage message_;
+    std::vector<std::uint32_t> datagram_; // words, as messages are aligned to 4 bytes
+    std::size_t size_ = 0;
 };
 
-/// Carries out the queries of a mirror, one after the other, each part by part.
+/// Carries out the queries of a mirror, one after the other, each part by part: the kernel makes the next part of a dump
+/// while the one before is read.
 class QuerySocket {
   public:
     /// @throws std::system_error
@@ -59,8 +53,7 @@ class QuerySocket {
     std::size_t receive(Mirror& mirror);
     void breakOff(int error);
 
-    Fd fd_;
-    std::vector<std::uint32_t> buffer_; // words, as messages are aligned to 4 bytes
+    NetlinkSocket socket_;
     std::uint32_t sequence_ = 0;
     KernelQuery::Kind kind_ = KernelQuery::Kind::links;
     bool busy_ = false;

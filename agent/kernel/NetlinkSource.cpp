@@ -1,11 +1,17 @@
 #include "agent/kernel/NetlinkSource.h"
 
+#include <linux/rtnetlink.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 namespace Agent::Kernel {
 namespace {
 
+// A link with many virtual functions is the longest event; a datagram that doesn't fit counts as lost.
+constexpr std::size_t longestEvent = std::size_t{32} * 1024;
 constexpr std::size_t datagramsAtOnce = 8192;
 constexpr std::size_t routesAtOnce = 8192;
 // How often a comparison starts over because events were lost meanwhile.
@@ -16,7 +22,7 @@ constexpr unsigned verifyRoundsAtMost = 3;
 NetlinkSource::NetlinkSource(const KernelConfig& config, TableSink& sink, std::size_t receiveBuffer)
     : config_(config)
     , sink_(sink)
-    , subscription_(receiveBuffer)
+    , events_(longestEvent, receiveBuffer, {RTNLGRP_IPV4_MROUTE, RTNLGRP_LINK, RTNLGRP_IPV4_NETCONF})
     , mirror_(sink) {
     mirror_.reconfigure(config);
 }
@@ -56,9 +62,27 @@ void NetlinkSource::reconfigure(const KernelConfig& config) {
         verification_ = std::make_unique<Verification>(config_, mirror_, sink_);
 }
 
+// Gives the mirrors the events that wait: all, or those of some datagrams. After a loss the kernel withholds every
+// further event until none waits any more: then reading on has an end.
 void NetlinkSource::drain(std::size_t datagrams) {
     Mirror* const mirrors[] = {&mirror_, verification_ ? &verification_->fresh() : nullptr};
-    subscription_.drain(datagrams, std::span(mirrors, verification_ ? 2 : 1));
+    const std::span listeners(mirrors, verification_ ? 2 : 1);
+    bool mustEnd = false;
+    for (std::size_t read = 0; read < datagrams || mustEnd; ++read) {
+        const int error = events_.receive();
+        if (error == EAGAIN)
+            return;
+        const bool lost = error == ENOBUFS || error == EMSGSIZE;
+        if (error != 0 && error != EINTR && !lost)
+            throw std::system_error(error, std::generic_category(), "can't read the kernel's events");
+        mustEnd = mustEnd || lost;
+        for (Mirror* mirror : listeners)
+            if (lost)
+                mirror->overrun();
+        for (MessageReader reader = events_.messages(); reader.next(event_);)
+            for (Mirror* mirror : listeners)
+                mirror->takeEvent(event_);
+    }
 }
 
 void NetlinkSource::verify(VerifyDone done) {

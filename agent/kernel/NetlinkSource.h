@@ -24,7 +24,7 @@ class NetlinkSource {
                   std::size_t receiveBuffer = defaultReceiveBuffer);
 
     /// To be watched for reading as long as the source lives; it stays the source's.
-    int fd() const { return subscription_.fd(); }
+    int fd() const { return events_.fd(); }
     void onReadable();
 
     /// Whether the loop must not sleep, as doSlice() has something to do.
@@ -43,7 +43,7 @@ class NetlinkSource {
     bool synced() const { return mirror_.synced() && !mirror_.publishDue(); }
     const Mirror& mirror() const { return mirror_; }
     /// Bytes that the kernel granted.
-    std::size_t receiveBuffer() const { return subscription_.bufferBytes(); }
+    std::size_t receiveBuffer() const { return events_.bufferBytes(); }
 
     /// Compares the tables with the kernel, in slices; done hears the result. A call meanwhile hears the same one.
     /// @throws std::system_error when the kernel refuses a socket.
@@ -53,10 +53,12 @@ class NetlinkSource {
     void drain(std::size_t datagrams);
     std::size_t stepVerify();
 
-    const std::function<void()> settleEvents_ = [this] { drain(subscription_.mostWaiting()); };
+    // As many datagrams as can wait at one moment: none occupies less of the buffer.
+    const std::function<void()> settleEvents_ = [this] { drain(events_.bufferBytes() / 512 + 1); };
     KernelConfig config_;
     TableSink& sink_;
-    Subscription subscription_;
+    NetlinkSocket events_;
+    KernelMessage event_;
     Mirror mirror_;
     QuerySocket query_;
     bool firstLook_ = true; // not every VRF has been dumped yet

@@ -23,8 +23,15 @@ void TableLearner::startOver() {
     notBefore_ = {};
 }
 
+RouteEntry& TableLearner::takeQueued() {
+    RouteEntry& entry = *routes_.find(queue_.front());
+    queue_.pop_front();
+    entry.queued = false;
+    return entry;
+}
+
 void TableLearner::learn(const MfcRoute& route) {
-    RouteEntry& entry = routes_.get(route.key);
+    RouteEntry& entry = entryOf(route.key);
     // A (*,G) entry with another IIF can be the old one changed, or one more beside it: only a dump can tell.
     const bool isOther = entry.present && route.key.source == 0 && entry.iif != route.iif;
     if (entry.several || isOther)
@@ -40,7 +47,7 @@ void TableLearner::learn(const MfcRoute& route) {
 }
 
 void TableLearner::learnGone(const MfcKey& key) {
-    RouteEntry* entry = dumpActive() ? &routes_.get(key) : routes_.find(key);
+    RouteEntry* entry = dumpActive() ? &entryOf(key) : routes_.find(key);
     if (!entry)
         return;
     // Without an IIF, one entry looks like several.
@@ -52,7 +59,7 @@ void TableLearner::learnGone(const MfcKey& key) {
     entry->present = false;
     if (entry->queued)
         ++shared_.counters.coalesced;
-    routes_.queue(*entry);
+    queue(*entry);
 }
 
 // The VIFs may have been read since the interface went: routes that have it are then older than they.
@@ -66,9 +73,9 @@ void TableLearner::linkGone(int ifindex) {
 
 void TableLearner::linkChanged(int ifindex) {
     const bool isInternal = shared_.interfaces.isInternal(ifindex);
-    routes_.queueIf([&](RouteEntry& entry) {
-        return isInternal ? dropOifs(entry, [&](int other) { return other == ifindex; })
-                          : std::ranges::binary_search(*entry.oifs, ifindex);
+    queueIf([&](RouteEntry& entry) {
+        return isInternal ? std::erase(entry.oifs, ifindex) > 0
+                          : std::ranges::binary_search(entry.oifs, ifindex);
     });
 }
 
@@ -103,7 +110,7 @@ void TableLearner::beginDump(Clock::time_point now) {
 }
 
 void TableLearner::learnFromDump(const MfcRoute& route) {
-    RouteEntry& entry = routes_.get(route.key);
+    RouteEntry& entry = entryOf(route.key);
     if (entry.touched == dump_) {
         const bool isAnother = entry.iif != route.iif || std::exchange(entry.seen, dump_) == dump_;
         dumpWanted_ = dumpWanted_ || (route.key.source == 0 && isAnother);
@@ -116,15 +123,15 @@ void TableLearner::learnFromDump(const MfcRoute& route) {
         entry.several = true;
         if (route.iif == 0)
             return;
-        entry.oifs = oifsOf(route, entry.iif ? *entry.oifs : noOifs);
+        entry.oifs = oifsOf(route, entry.iif ? entry.oifs : std::vector<int>());
         entry.iif = entry.iif ? entry.iif : route.iif;
-        routes_.queue(entry);
+        queue(entry);
     }
 }
 
 void TableLearner::endDump(Clock::time_point now) {
     dumpOpen_ = false;
-    for (const RouteEntry& entry : routes_.all())
+    for (const RouteEntry& entry : routes_.walk())
         if (entry.present && entry.seen != dump_ && entry.touched != dump_)
             missing_.push_back(entry.key);
     if (missing_.empty())
@@ -143,7 +150,7 @@ void TableLearner::learnMissing(const MfcRoute* found, Clock::time_point now) {
     } else if (entry) {
         entry->present = false;
         entry->several = false;
-        routes_.queue(*entry);
+        queue(*entry);
     }
     if (missing_.empty())
         settleDump(now);
@@ -179,59 +186,57 @@ void TableLearner::abandonDump() {
 
 // Entries stay while a dump is under way, so that it can't bring back what went meanwhile.
 void TableLearner::eraseGone() {
-    for (auto next = routes_.all().begin(); next != routes_.all().end();)
-        eraseIfGone(*next++);
+    for (const RouteEntry& entry : routes_.walk())
+        eraseIfGone(entry);
 }
 
-void TableLearner::eraseIfGone(RouteEntry& entry) {
+void TableLearner::eraseIfGone(const RouteEntry& entry) {
     if (!entry.present && !entry.installed && !entry.queued && !dumpActive())
-        routes_.erase(entry);
+        routes_.erase(MfcKey(entry.key));
+}
+
+// Made where there is none.
+RouteEntry& TableLearner::entryOf(const MfcKey& key) {
+    return *routes_.findOrInsert(key, [&] { return RouteEntry{.key = key}; }).first;
 }
 
 bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
-    const OifSet oifs = oifsOf(route, {});
+    std::vector<int> oifs = oifsOf(route, {});
     if (entry.present && entry.iif == route.iif && entry.protocol == route.protocol && entry.oifs == oifs)
         return false;
     entry.present = true;
     entry.iif = route.iif;
     entry.protocol = route.protocol;
-    entry.oifs = oifs;
-    routes_.queue(entry);
+    entry.oifs = std::move(oifs);
+    queue(entry);
     return true;
 }
 
-OifSet TableLearner::oifsOf(const MfcRoute& route, std::vector<int> more) {
+std::vector<int> TableLearner::oifsOf(const MfcRoute& route, std::vector<int> more) const {
     for (int ifindex : route.oifs)
         if (ifindex != route.iif && !shared_.interfaces.isInternal(ifindex))
             more.push_back(ifindex);
-    return shared_.oifSet(std::move(more));
-}
-
-template <class Gone>
-bool TableLearner::dropOifs(RouteEntry& entry, Gone gone) {
-    if (std::ranges::none_of(*entry.oifs, gone))
-        return false;
-    std::vector<int> left = *entry.oifs;
-    std::erase_if(left, gone);
-    entry.oifs = shared_.oifSet(std::move(left));
-    return true;
+    std::ranges::sort(more);
+    more.erase(std::unique(more.begin(), more.end()), more.end());
+    return more;
 }
 
 template <class Gone>
 void TableLearner::strip(Gone gone) {
-    routes_.queueIf([&](RouteEntry& entry) {
+    queueIf([&](RouteEntry& entry) {
         if (!entry.present)
             return false;
         const bool losesIif = entry.iif != 0 && gone(entry.iif);
         if (losesIif)
             entry.iif = 0;
-        return dropOifs(entry, gone) || losesIif;
+        return std::erase_if(entry.oifs, gone) > 0 || losesIif;
     });
 }
 
 // Which of several entries of one key a VIF leaves isn't known.
 void TableLearner::wantDumpForSeveral() {
-    dumpWanted_ = dumpWanted_ || std::ranges::any_of(routes_.all(), &RouteEntry::several);
+    for (const RouteEntry& entry : routes_.walk())
+        dumpWanted_ = dumpWanted_ || entry.several;
 }
 
 } // namespace Agent::Kernel

@@ -1,8 +1,7 @@
 // What one table of the kernel holds, as far as events and dumps have told: its routes and its VIFs.
 //
-// It only learns: an entry that changes is queued (RouteEntries.h), and MirroredVrf tells the sink from there. A dump
-// is not one moment of the kernel: routes come, change and go while it runs, and one that is deleted makes it miss
-// another. Therefore:
+// It only learns: an entry that changes is queued, and MirroredVrf tells the sink from there. A dump is not one moment
+// of the kernel: routes come, change and go while it runs, and one that is deleted makes it miss another. Therefore:
 // - an event of a route during the dump wins over what the dump says of it (touched);
 // - a route that a dump didn't have is removed only when the kernel, asked for that one, denies it;
 // - a dump during which something happened that could have made it miss or misstate a route (disturbed) is
@@ -12,11 +11,39 @@
 #pragma once
 
 #include "agent/kernel/MirrorShared.h"
+#include "state/Table.h"
 
 #include <chrono>
+#include <deque>
 #include <optional>
+#include <set>
+#include <utility>
 
 namespace Agent::Kernel {
+
+/// One route. It exists while the kernel has it (present) or the sink (installed), and to the end of a dump after that.
+struct RouteEntry {
+    MfcKey key;
+    std::vector<int> oifs = {}; // of the kernel, by ifindex, sorted, without the IIF and internal interfaces
+    std::vector<int> installedOifs = {};
+    int iif = 0;               // 0: none, the route forwards nothing
+    std::uint32_t seen = 0;    // the dump that had it last
+    std::uint32_t touched = 0; // the dump during which an event told its state
+    std::uint8_t protocol = 0;
+    RouteType installedType = RouteType::staticRoutes;
+    bool present = false;
+    bool installed = false; // as a row of the sink; a Verification marks there what it found
+    bool several = false;   // the kernel has more than one entry of this key, with different IIFs
+    bool queued = false;    // waits to be told to the sink
+    bool again = false;     // tell the sink even where nothing differs: an interface has another name
+};
+
+struct RouteEntryKey {
+    const MfcKey& operator()(const RouteEntry& entry) const { return entry.key; }
+};
+
+/// In the order in which they came.
+using RouteEntries = State::Table<RouteEntry, RouteEntryKey>;
 
 class TableLearner {
   public:
@@ -28,6 +55,25 @@ class TableLearner {
     RouteEntries& routes() { return routes_; }
     const RouteEntries& routes() const { return routes_; }
     const std::vector<Vif>& vifs() const { return vifs_; }
+
+    /// Puts an entry in line for the sink, where it isn't yet.
+    void queue(RouteEntry& entry) {
+        if (!std::exchange(entry.queued, true))
+            queue_.push_back(entry.key);
+    }
+    /// Queues the entries for which chosen(entry) is true.
+    template <class Chosen>
+    void queueIf(Chosen chosen) {
+        for (RouteEntry& entry : routes_.walk())
+            if (chosen(entry))
+                queue(entry);
+    }
+    void queueAll() {
+        queueIf([](const RouteEntry&) { return true; });
+    }
+    bool anyQueued() const { return !queue_.empty(); }
+    /// The first in line, which there must be.
+    RouteEntry& takeQueued();
 
     /// Messages of another table follow, or of this one after a gap. What is known stands until the next dump.
     void startOver();
@@ -68,22 +114,22 @@ class TableLearner {
     bool resyncPending() const { return dumpWanted_ || dumpActive(); }
 
     /// Forgets an entry that neither the kernel nor the sink has.
-    void eraseIfGone(RouteEntry& entry);
+    void eraseIfGone(const RouteEntry& entry);
 
   private:
     bool dumpActive() const { return dumpOpen_ || !missing_.empty(); }
     void settleDump(Clock::time_point now);
     void eraseGone();
+    RouteEntry& entryOf(const MfcKey& key);
     bool merge(RouteEntry& entry, const MfcRoute& route);
-    OifSet oifsOf(const MfcRoute& route, std::vector<int> more);
-    template <class Gone>
-    bool dropOifs(RouteEntry& entry, Gone gone);
+    std::vector<int> oifsOf(const MfcRoute& route, std::vector<int> more) const;
     template <class Gone>
     void strip(Gone gone);
     void wantDumpForSeveral();
 
     MirrorShared& shared_;
-    RouteEntries routes_;
+    RouteEntries routes_{State::processHashSeed()};
+    std::deque<MfcKey> queue_; // routes that wait to be told to the sink
     std::vector<Vif> vifs_;
     bool dumpWanted_ = true;
     bool dumpOpen_ = false; // between its beginning and the kernel's "done"

@@ -1,6 +1,6 @@
 // What the mirror of the kernel writes to: the agent's tables, as far as the mirror needs to know them.
 //
-// AgentTables implements it. Mirror, its MirroredVrfs and Verification call it, in an order that the tables can follow:
+// Mirror, its MirroredVrfs and Verification call it, in an order that the tables can follow:
 // a VRF before its routes, routes gone before their VRF, multicast switched off before a VRF goes. Each call is a real
 // difference to what was accepted before. What returns a text has changed nothing and says why; the mirror keeps the
 // change pending and calls again when something that may matter has changed. No call may re-enter the mirror.
@@ -11,7 +11,12 @@
 #include "agent/kernel/KernelMessage.h"
 
 #include <functional>
+#include <memory>
 #include <span>
+
+namespace Agent {
+class Operations;
+}
 
 namespace Agent::Kernel {
 
@@ -46,5 +51,8 @@ class TableSink {
     virtual std::optional<bool> multicastEnabled(const VrfConfig& vrf) const = 0;
     virtual void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const = 0;
 };
+
+/// The agent's own tables. @param operations outlives them.
+std::unique_ptr<TableSink> agentTables(Operations& operations);
 
 } // namespace Agent::Kernel

@@ -33,75 +33,71 @@ Verification::Verification(const KernelConfig& config, const Mirror& mirror, Tab
     fresh_.reconfigure(config);
 }
 
+// A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name, once.
 bool Verification::compare() {
     result_ = {};
-    extras_.clear();
+    const bool mayAsk = !std::exchange(asked_, true);
+    bool asks = false;
     for (const auto& vrf : fresh_.vrfs()) {
-        const auto at = std::ranges::find_if(
+        const auto known = std::ranges::find_if(
             mirror_.vrfs(), [&](const auto& other) { return other->config() == vrf->config(); });
-        compareVrf(*vrf, at == mirror_.vrfs().end() ? nullptr : at->get());
-    }
-    // A dump can miss a route beside one that is deleted: what the tables have and it hasn't is asked for by name.
-    if (!std::exchange(asked_, true) && !extras_.empty()) {
-        for (auto& [vrf, keys] : extras_)
-            vrf->kernel().lookUp(std::move(keys), Mirror::Clock::now());
-        return false;
+        std::vector<MfcKey> extras = compareVrf(*vrf, known == mirror_.vrfs().end() ? nullptr : known->get());
+        if (!mayAsk || extras.empty())
+            continue;
+        vrf->kernel().lookUp(std::move(extras), Mirror::Clock::now());
+        asks = true;
     }
     result_.complete = standsStill(fresh_) && standsStill(mirror_);
     result_.took = std::chrono::steady_clock::now() - began_;
-    return true;
+    return !asks;
 }
 
-void Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
+// Marks the entries that have a row as installed: this mirror installs nothing itself.
+// @return the keys of rows that the kernel lacks.
+std::vector<MfcKey> Verification::compareVrf(MirroredVrf& vrf, const MirroredVrf* known) {
     const VrfConfig& config = vrf.config();
     const auto whyPending = [&](const MfcKey& key) { return known ? known->whyPending(key) : WhyNot(); };
     const auto onOff = [](bool on) { return on ? "on" : "off"; };
+    std::vector<MfcKey> extras;
     const bool multicast = !vrf.kernel().vifs().empty();
     const std::optional<bool> inTables = tables_.multicastEnabled(config);
-    if (!inTables)
-        return differ({config.name, "VRF missing", "", "", "", whyPending({})});
+    if (!inTables) {
+        differ({config.name, "VRF missing", "", "", "", whyPending({})});
+        return extras;
+    }
     if (*inTables != multicast)
         differ({config.name, "multicast", "", onOff(multicast), onOff(*inTables), whyPending({})});
     RouteEntries& routes = vrf.kernel().routes();
-    for (RouteEntry& entry : routes.all())
+    for (RouteEntry& entry : routes.walk())
         entry.installed = false;
     for (RouteType type : routeTypes)
         tables_.eachRoute(config, type, [&](const MfcKey& key, std::span<const std::string_view> names) {
-            compareRow(vrf, known, type, key, names);
+            ++result_.rows;
+            const std::string has = sortedList({names.begin(), names.end()});
+            RouteEntry* entry = routes.find(key);
+            const bool isPresent = entry && entry->present;
+            if (!isPresent)
+                extras.push_back(key);
+            if (!isPresent || (entry->iif != 0 && vrf.typeOf(*entry) != type))
+                return differ({config.name, "extra", routeText(type, key), "", has, ""});
+            entry->installed = true;
+            if (const std::string wanted = namesOf(*entry); wanted != has)
+                differ({config.name, "different", routeText(type, key), wanted, has, whyPending(key)});
         });
     // An entry without an IIF is a row only where it was one before it lost it.
-    for (const RouteEntry& entry : routes.all()) {
+    for (const RouteEntry& entry : routes.walk()) {
         result_.routes += entry.present;
         if (entry.present && entry.iif != 0 && !entry.installed)
             differ({config.name, "missing", routeText(vrf.typeOf(entry), entry.key), namesOf(entry), "",
                     whyPending(entry.key)});
     }
-}
-
-// Marks the entry that the row belongs to as installed: this mirror installs nothing itself.
-void Verification::compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteType type, const MfcKey& key,
-                              std::span<const std::string_view> names) {
-    ++result_.rows;
-    RouteEntry* entry = vrf.kernel().routes().find(key);
-    const bool isPresent = entry && entry->present;
-    Difference difference{
-        vrf.config().name, "extra", routeText(type, key), "", sortedList({names.begin(), names.end()}), ""};
-    if (!isPresent)
-        extras_[&vrf].push_back(key);
-    if (!isPresent || (entry->iif != 0 && vrf.typeOf(*entry) != type))
-        return differ(std::move(difference));
-    entry->installed = true;
-    difference.what = "different";
-    difference.kernel = namesOf(*entry);
-    difference.pending = known ? known->whyPending(key) : "";
-    if (difference.kernel != difference.tables)
-        differ(std::move(difference));
+    return extras;
 }
 
 std::string Verification::namesOf(const RouteEntry& entry) const {
     std::vector<std::string> names;
     if (entry.iif != 0)
-        for (int ifindex : *entry.oifs)
+        for (int ifindex : entry.oifs)
             names.push_back(fresh_.interfaces().nameOf(ifindex));
     return sortedList(std::move(names));
 }

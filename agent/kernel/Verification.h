@@ -7,8 +7,6 @@
 
 #include "agent/kernel/NetlinkSocket.h"
 
-#include <map>
-
 namespace Agent::Kernel {
 
 struct Difference {
@@ -50,9 +48,7 @@ class Verification {
     const VerifyResult& result() const { return result_; }
 
   private:
-    void compareVrf(MirroredVrf& vrf, const MirroredVrf* known);
-    void compareRow(MirroredVrf& vrf, const MirroredVrf* known, RouteType type, const MfcKey& key,
-                    std::span<const std::string_view> names);
+    std::vector<MfcKey> compareVrf(MirroredVrf& vrf, const MirroredVrf* known);
     std::string namesOf(const RouteEntry& entry) const;
     void differ(Difference difference);
 
@@ -61,7 +57,6 @@ class Verification {
     Mirror fresh_;
     QuerySocket query_;
     std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
-    std::map<MirroredVrf*, std::vector<MfcKey>> extras_; // rows that the kernel lacks
     bool asked_ = false;
     VerifyResult result_;
 };

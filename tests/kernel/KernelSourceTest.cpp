@@ -1,5 +1,6 @@
 // The kernel source on a loop, with the agent's own stores, guards and plug-in, in a network namespace of its own.
 #include "agent/kernel/KernelSource.h"
+#include "agent/changes/Operations.h"
 #include "records/RouteStatus.h"
 #include "tests/kernel/MfcFeeder.h"
 #include "tests/kernel/NetNamespace.h"
