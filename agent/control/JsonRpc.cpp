@@ -5,8 +5,7 @@
 #include "text/JsonWriter.h"
 
 #include <exception>
-#include <optional>
-#include <utility>
+#include <span>
 
 namespace Agent {
 
@@ -25,31 +24,36 @@ constexpr int expectationFailed = -32001;
 constexpr int limitReached = -32002;
 } // namespace RpcCode
 
+// What is no request.
+class InvalidRequest : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// By RefusalKind.
+constexpr int refusalCodes[] = {RpcCode::invalidParams, RpcCode::guardRefuses, RpcCode::limitReached,
+                                RpcCode::expectationFailed};
+
 const Datum noId;
 const Datum::Record noParams;
-
-int codeOf(RefusalKind kind) {
-    constexpr int codes[] = {RpcCode::invalidParams, RpcCode::guardRefuses, RpcCode::limitReached,
-                             RpcCode::expectationFailed};
-    return codes[static_cast<std::size_t>(kind)];
-}
 
 // Tells the parts of the place that are there as `data`; without any nothing.
 void writePlace(Text::Writer& writer, const Where& where) {
     bool isBegun = false;
-    const auto tell = [&](std::string_view name, const auto& part, bool isThere) {
-        if (isThere && !std::exchange(isBegun, true)) {
+    const auto tell = [&](std::string_view name, const auto& part) {
+        if (!std::exchange(isBegun, true)) {
             writer.field("data");
             writer.beginRecord();
         }
-        if (isThere)
-            writer.member(name, part);
+        writer.member(name, part);
     };
     const auto tellText = [&](std::string_view name, const std::string& text) {
-        tell(name, text, !text.empty());
+        if (!text.empty())
+            tell(name, text);
     };
     const auto tellNumber = [&](std::string_view name, std::optional<std::size_t> number) {
-        tell(name, number.value_or(0), number.has_value());
+        if (number)
+            tell(name, *number);
     };
     tellText("path", where.path);
     tellText("attribute", where.attribute);
@@ -83,30 +87,33 @@ void appendError(std::string& out, const Datum& id, int code, std::string_view m
     writer.end();
 }
 
-// Answers with what has been raised.
-void appendRaised(std::string& out, const Datum& id) {
-    try {
-        throw;
-    } catch (const Refusal& refusal) {
-        appendError(out, id, codeOf(refusal.kind()), refusal.what(), refusal.where());
-    } catch (const UnknownMethod& error) {
-        appendError(out, id, RpcCode::methodNotFound, error.what());
-    } catch (const std::exception& error) {
-        appendError(out, id, RpcCode::internalError, error.what());
-    }
+std::string errorOf(int code, std::string_view message) {
+    std::string text;
+    appendError(text, noId, code, message);
+    return text;
 }
 
+// Appends what `tell` writes as the answer; in its place, what it raises as an error.
 void appendResult(std::string& out, const Datum& id, const Text::Tell& tell) {
     const std::size_t before = out.size();
+    const auto fail = [&](int code, const std::exception& error, const Where& where = {}) {
+        out.resize(before);
+        appendError(out, id, code, error.what(), where);
+    };
     try {
         Text::JsonWriter writer(out);
         beginAnswer(writer, id);
         writer.field("result");
         tell(writer);
         writer.end();
-    } catch (const std::exception&) {
-        out.resize(before);
-        appendRaised(out, id);
+    } catch (const Refusal& refusal) {
+        fail(refusalCodes[static_cast<std::size_t>(refusal.kind())], refusal, refusal.where());
+    } catch (const InvalidRequest& error) {
+        fail(RpcCode::invalidRequest, error);
+    } catch (const UnknownMethod& error) {
+        fail(RpcCode::methodNotFound, error);
+    } catch (const std::exception& error) {
+        fail(RpcCode::internalError, error);
     }
 }
 
@@ -166,126 +173,97 @@ void Members::take(const std::string& name, const Datum& value) {
 struct JsonRpc::Line {
     ClientId client = 0;
     Datum message = {};
-    std::size_t next = 0; // of a batch: the request that is served next
-    Datum id = {};        // of the request that was served last
-    bool isWanted = true; // an answer to it
-    bool isReplied = false;
-    bool isWaiting = false;     // for the reply
-    std::string* out = nullptr; // where the answers go: the caller's, or `kept` once the line waits
-    std::size_t begin = 0;      // where they begin there
-    std::string kept = {};
+    std::span<const Datum> left = {}; // requests that are not served yet
+    const Datum* awaited = nullptr;   // the id of the request that is being served, if it wants an answer
+    bool isServing = false;           // inside goOn()
+    std::string answers = {};
+
+    void answer(const Text::Tell& tell) {
+        if (message.list() != nullptr)
+            answers += answers.empty() ? '[' : ',';
+        appendResult(answers, *std::exchange(awaited, nullptr), tell);
+    }
 };
 
-JsonRpc::JsonRpc(Dispatcher& dispatcher, Finish finish)
-    : dispatcher_(dispatcher)
-    , finish_(std::move(finish)) {}
-
-JsonRpc::~JsonRpc() = default;
-
-bool JsonRpc::serve(ClientId client, std::string_view text, std::string& out) {
-    const auto line = std::make_shared<Line>(Line{.client = client, .out = &out, .begin = out.size()});
+std::optional<std::string> JsonRpc::serve(ClientId client, std::string_view text) {
+    const auto line = std::make_shared<Line>();
+    line->client = client;
     try {
         line->message = Json::parse(text);
     } catch (const Json::Error& error) {
-        appendError(out, noId, RpcCode::parseError, error.what());
-        return true;
+        return errorOf(RpcCode::parseError, error.what());
     }
+    const Datum::List* batch = line->message.list();
+    if (batch != nullptr && batch->empty())
+        return errorOf(RpcCode::invalidRequest, "the batch is empty");
+    line->left = batch == nullptr ? std::span(&line->message, 1) : std::span(*batch);
     if (goOn(line))
-        return true;
-    line->kept = out.substr(line->begin);
-    line->out = &line->kept;
-    line->begin = 0;
+        return std::move(line->answers);
     waiting_[client] = line;
-    return false;
+    return std::nullopt;
 }
 
 // Serves what is left of a line. @return false when it waits for a reply.
 bool JsonRpc::goOn(const std::shared_ptr<Line>& line) {
-    const Datum::List* batch = line->message.list();
-    if (batch == nullptr)
-        return line->isReplied || answerOne(line, line->message);
-    std::string& out = *line->out;
-    if (batch->empty()) {
-        appendError(out, noId, RpcCode::invalidRequest, "the batch is empty");
-        return true;
-    }
-    while (line->next < batch->size())
-        if (!answerOne(line, (*batch)[line->next++]))
-            return false;
-    if (out.size() > line->begin)
-        out += ']';
+    line->isServing = true;
+    while (line->awaited == nullptr && !line->left.empty())
+        serveNext(line);
+    line->isServing = false;
+    if (line->awaited != nullptr)
+        return false;
+    if (line->message.list() != nullptr && !line->answers.empty())
+        line->answers += ']';
     return true;
 }
 
-// @return false when the line waits for the reply.
-bool JsonRpc::answerOne(const std::shared_ptr<Line>& line, const Datum& request) {
-    const Members members(request);
-    line->id = members.answerId();
-    line->isWanted = members.id != nullptr || !members.fault.empty();
-    line->isReplied = false;
-    if (!members.fault.empty())
-        return answered(*line, [&](std::string& out) {
-            appendError(out, line->id, RpcCode::invalidRequest, members.fault);
-        });
-    if (line->out->size() - line->begin > batchAnswerLimit)
-        return answered(*line, [&](std::string& out) {
-            appendError(out, line->id, RpcCode::limitReached,
-                        "not carried out: the answers of this batch have grown too large");
-        });
+void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
+    const Members members(line->left.front());
+    line->left = line->left.subspan(1);
     // What replies to a notification, perhaps while a later request of its batch waits, is heard by nobody.
     Text::Reply reply = [](const Text::Tell&) {};
-    if (line->isWanted)
-        reply = [this, line](const Text::Tell& tell) { replied(line, tell); };
+    if (members.id != nullptr || !members.fault.empty()) {
+        line->awaited = &members.answerId();
+        reply = [this, line, id = line->awaited](const Text::Tell& tell) {
+            if (line->awaited == id)
+                replied(line, tell);
+        };
+    }
     try {
+        if (!members.fault.empty())
+            throw InvalidRequest(members.fault);
+        if (line->answers.size() > batchAnswerLimit)
+            throw Refusal(RefusalKind::limit,
+                          "not carried out: the answers of this batch have grown too large");
         if (members.params != nullptr && members.params->record() == nullptr)
             throw Refusal("parameters go by name: \"params\" must be an object");
         dispatcher_.call(line->client, *members.method->text(),
                          members.params == nullptr ? noParams : *members.params->record(), reply);
     } catch (const std::exception&) {
-        return line->isReplied || answered(*line, [&](std::string& out) { appendRaised(out, line->id); });
+        if (line->awaited != nullptr)
+            line->answer(
+                [raised = std::current_exception()](Text::Writer&) { std::rethrow_exception(raised); });
     }
-    line->isWaiting = line->isWanted && !line->isReplied;
-    return !line->isWaiting;
-}
-
-// Appends an answer to those of the line, where one is wanted. @return true: the request has been served.
-template <class Append>
-bool JsonRpc::answered(Line& line, Append append) {
-    line.isReplied = true;
-    if (!line.isWanted)
-        return true;
-    if (line.message.list() != nullptr)
-        *line.out += line.out->size() == line.begin ? '[' : ',';
-    append(*line.out);
-    return true;
 }
 
 void JsonRpc::replied(const std::shared_ptr<Line>& line, const Text::Tell& tell) {
-    if (line->isReplied)
+    line->answer(tell);
+    if (line->isServing || !goOn(line))
         return;
-    answered(*line, [&](std::string& out) { appendResult(out, line->id, tell); });
-    if (!std::exchange(line->isWaiting, false) || !goOn(line))
-        return;
-    if (const auto found = waiting_.find(line->client); found != waiting_.end() && found->second == line) {
-        waiting_.erase(found);
-        finish_(line->client, line->kept);
-    }
+    waiting_.erase(line->client);
+    finish_(line->client, std::move(line->answers));
 }
 
-void JsonRpc::refusal(TurnedAway reason, std::string& out) {
+std::string JsonRpc::refusal(TurnedAway reason) {
     if (reason == TurnedAway::lineTooLong)
-        appendError(out, noId, RpcCode::invalidRequest,
-                    "a message has at most " + std::to_string(lineLimit) +
-                        " bytes; the connection is closed");
-    else
-        appendError(out, noId, RpcCode::limitReached,
-                    "the agent serves " + std::to_string(clientLimit) +
-                        " clients already; the connection is closed");
+        return errorOf(RpcCode::invalidRequest, "a message has at most " + std::to_string(lineLimit) +
+                                                    " bytes; the connection is closed");
+    return errorOf(RpcCode::limitReached, "the agent serves " + std::to_string(clientLimit) +
+                                              " clients already; the connection is closed");
 }
 
 void JsonRpc::clientGone(ClientId client) {
     if (const auto found = waiting_.find(client); found != waiting_.end()) {
-        found->second->isReplied = true; // nobody is left to hear it
+        found->second->awaited = nullptr; // nobody is left to hear it
         waiting_.erase(found);
     }
     dispatcher_.clientGone(client);

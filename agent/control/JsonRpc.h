@@ -16,10 +16,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace Agent {
 
@@ -52,23 +54,22 @@ class JsonRpc final : public LineHandler {
     static constexpr std::size_t batchAnswerLimit = 64U << 20U;
 
     /// Takes the answer to a line that serve() left unfinished.
-    using Finish = std::function<void(ClientId client, const std::string& answer)>;
+    using Finish = std::function<void(ClientId client, std::string answer)>;
 
     /// @param dispatcher outlives it.
-    JsonRpc(Dispatcher& dispatcher, Finish finish);
-    ~JsonRpc() override;
+    JsonRpc(Dispatcher& dispatcher, Finish finish)
+        : dispatcher_(dispatcher)
+        , finish_(std::move(finish)) {}
 
-    bool serve(ClientId client, std::string_view text, std::string& out) override;
-    void refusal(TurnedAway reason, std::string& out) override;
+    std::optional<std::string> serve(ClientId client, std::string_view text) override;
+    std::string refusal(TurnedAway reason) override;
     void clientGone(ClientId client) override;
 
   private:
     struct Line;
 
     bool goOn(const std::shared_ptr<Line>& line);
-    bool answerOne(const std::shared_ptr<Line>& line, const State::Datum& request);
-    template <class Append>
-    bool answered(Line& line, Append append);
+    void serveNext(const std::shared_ptr<Line>& line);
     void replied(const std::shared_ptr<Line>& line, const Text::Tell& tell);
 
     Dispatcher& dispatcher_;

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,15 +29,14 @@ class LineHandler {
 
     virtual ~LineHandler() = default;
 
-    /// Serves one line (without its newline, not blank): appends the answer to out, without a newline inside
-    /// or after it; nothing for a line that wants no answer. Notifications sent meanwhile, even to the same
-    /// client, leave before the answer. An exception ends the loop.
-    /// @return whether the line is finished. If it is not, what was appended is dropped, and no further line
-    /// of the client is served until Sessions::finish.
-    virtual bool serve(ClientId client, std::string_view line, std::string& out) = 0;
+    /// Serves one line (without its newline, not blank). Notifications sent meanwhile, even to the same client,
+    /// leave before the answer. An exception ends the loop.
+    /// @return the answer, without a newline inside or after it; empty for a line that wants none. Nothing when it
+    /// comes later, by Sessions::finish: no further line of the client is served until then.
+    virtual std::optional<std::string> serve(ClientId client, std::string_view line) = 0;
 
-    /// Appends the text that tells a client why it is closed.
-    virtual void refusal(TurnedAway reason, std::string& out) = 0;
+    /// The text that tells a client why it is closed.
+    virtual std::string refusal(TurnedAway reason) = 0;
 
     /// The client has gone, for whatever reason; called once, on a turn of the loop of its own.
     virtual void clientGone(ClientId client) = 0;

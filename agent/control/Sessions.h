@@ -8,12 +8,12 @@
 // The application owns it; the loop and the handler outlive it. All calls come from the loop's thread. A
 // forked child must not touch it.
 //
-// Read next: Session.h (one client), ControlSocket.h (the path), LineHandler.h (what answers).
+// Read next: ControlSocket.h (the path), LineHandler.h (what answers).
 #pragma once
 
 #include "agent/control/LineHandler.h"
-#include "agent/control/Session.h"
 #include "agent/host/Fd.h"
+#include "agent/host/PostedTask.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -28,6 +28,11 @@ namespace Agent {
 
 class Sessions {
   public:
+    /// Bytes of notifications that may wait for one client.
+    static constexpr std::size_t notificationLimit = 8U << 20U;
+    /// Answers are held back for company up to so many bytes; what waits beyond them is much.
+    static constexpr std::size_t batchBytes = 64U << 10U;
+
     /// Ignores SIGPIPE for the process from now on.
     Sessions(asio::io_context& context, LineHandler& handler);
     /// Sends what can be sent without waiting, closes all clients and the socket. clientGone is not called.
@@ -47,7 +52,7 @@ class Sessions {
 
     /// Ends a line that the handler did not finish, with its answer as the handler would have given it; not
     /// from inside LineHandler::serve. Nothing happens when the client has gone.
-    void finish(ClientId client, std::string_view answer);
+    void finish(ClientId client, std::string answer);
 
     /// Queues one line (without its newline) for a client; it leaves on the next turn.
     /// @return false when there is no such client, or it is cut off because too much waits for it already.
@@ -55,8 +60,8 @@ class Sessions {
 
     /// Bytes that wait for a client; 0 when there is no such client.
     std::size_t unsent(ClientId client) const;
-    /// Who holds notifications back while much (Session::batchBytes) waits for a client goes on in this
-    /// callback: a client has taken it all.
+    /// Who holds notifications back while much waits for a client goes on in this callback: a client has taken
+    /// it all.
     void onRoom(std::function<void()> callback) { onRoom_ = std::move(callback); }
 
     /// Closes a client that has fallen too far behind, without a last word to it.
@@ -67,25 +72,31 @@ class Sessions {
     std::uint64_t cutOffCount() const { return cutOffCount_; }
 
   private:
+    class Session;
     struct Listener;
     struct KeptFlags {
         int fd;
         int flags;
     };
 
+    template <class Work>
+    auto whileListening(Work work);
     void awaitClients();
-    void acceptReady();
-    void admit(Fd socket);
+    void letIn();
+    void turnAway(const Fd& client);
     ClientId add(Fd in, Fd out);
     Fd ownDescriptor(int fd, int access);
     Session* sessionOf(ClientId client) const;
     void sweep();
 
     asio::io_context& context_;
-    Session::Shared shared_;
-    std::function<void()> onRoom_;
+    LineHandler& handler_;
+    std::function<void()> onRoom_ = [] {};
+    PostedTask room_;  // somebody for whom much waited has taken it
+    PostedTask sweep_; // some have ended
     std::shared_ptr<Listener> listener_;
     std::unordered_map<ClientId, std::shared_ptr<Session>> sessions_;
+    std::vector<ClientId> ended_;      // since the last sweep
     std::vector<KeptFlags> keptFlags_; // of descriptors that are shared with others, as they were
     ClientId lastClient_ = 0;
     std::uint64_t cutOffCount_ = 0;
