@@ -4,7 +4,8 @@
 // Each turns its parameters into operations (changes/Operations.h) or lines (language/Language.h) and has the result
 // written where it is wanted. The application owns it beside the sessions that bring the requests.
 //
-// Read next: ControlMethods.cpp, the methods; Method.h, what they take; Schema.h and Status.h.
+// Read next: ControlMethods.cpp, the methods; Method.h, what they take. What `schema` and `status` tell is in
+// Schema.cpp and Status.cpp.
 #pragma once
 
 #include "agent/control/JsonRpc.h"
@@ -16,7 +17,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,7 +29,7 @@ class ControlService final : public Dispatcher {
     ControlService(asio::io_context& context, Operations& operations, Language& language, AnswerLog& log);
 
     /// Adds a method of somebody else's.
-    void addMethod(Method method);
+    void addMethod(Method method) { methods_.push_back(std::move(method)); }
     /// Where watchers are told; null: nowhere any more.
     void attach(Sessions* sessions);
     /// What else feeds the agent, for `status`: "kernel", "software-chip".
@@ -43,25 +43,11 @@ class ControlService final : public Dispatcher {
               const Text::Reply& reply) override;
     void clientGone(ClientId client) override;
 
-    /// Writes the result of `status`.
-    void writeStatus(Text::Writer& writer) const;
-
   private:
-    void addOwnMethods();
+    std::vector<Method> ownMethods();
     void addOwnVerbs();
-
-    void get(const Parameters& parameters, const Text::Reply& reply);
-    void change(const Parameters& parameters, Change::Op op, const Text::Reply& reply);
-    void apply(const Parameters& parameters, const Text::Reply& reply);
-    void watch(ClientId client, const Parameters& parameters, const Text::Reply& reply);
-    void command(const Parameters& parameters, const Text::Reply& reply);
-    void schema(const Parameters& parameters, const Text::Reply& reply);
-    void trace(const Parameters& parameters, const Text::Reply& reply);
-
-    void dryRun(std::span<const Change> changes, bool withText, const Text::Reply& reply);
-    void writeApplied(Text::Writer& writer, const ApplyResult& result, bool withText) const;
-    void writeSnapshot(Text::Writer& writer, bool withText) const;
-    bool stillHolds(const Parameters& since) const;
+    Text::Tell schemaOf(std::optional<std::string> type) const;
+    void writeStatus(Text::Writer& writer) const;
     void writeCounters(Text::Writer& writer) const;
     void tellWatchers();
 
@@ -73,7 +59,7 @@ class ControlService final : public Dispatcher {
     Sessions* sessions_ = nullptr;
     std::vector<Method> methods_;
     std::vector<std::string> sources_;
-    std::function<void(ClientId)> onClientGone_;
+    std::function<void(ClientId)> onClientGone_ = [](ClientId /*client*/) {};
     std::function<void()> onServed_ = [] {};
     std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     std::uint64_t requests_ = 0;

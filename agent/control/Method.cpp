@@ -3,7 +3,6 @@
 #include "agent/host/Refusal.h"
 
 #include <algorithm>
-#include <initializer_list>
 
 namespace Agent {
 
@@ -11,22 +10,23 @@ namespace {
 
 using State::Datum;
 
-bool isOf(ParameterType type, const Datum& value) {
-    switch (type) {
-    case ParameterType::text:
-        return value.text() != nullptr;
-    case ParameterType::boolean:
-        return value.boolean() != nullptr;
-    case ParameterType::number:
-        return value.number() != nullptr;
-    case ParameterType::object:
-        return value.record() != nullptr;
-    case ParameterType::array:
-        return value.list() != nullptr;
-    case ParameterType::any:
-        return true;
-    }
-    return false;
+struct TypeForm {
+    std::string_view text;
+    bool (*has)(const Datum& value);
+};
+
+// By ParameterType.
+constexpr TypeForm typeForms[] = {
+    {"string", [](const Datum& value) { return value.text() != nullptr; }},
+    {"boolean", [](const Datum& value) { return value.boolean() != nullptr; }},
+    {"number", [](const Datum& value) { return value.number() != nullptr; }},
+    {"object", [](const Datum& value) { return value.record() != nullptr; }},
+    {"array", [](const Datum& value) { return value.list() != nullptr; }},
+    {"any", [](const Datum& /*value*/) { return true; }},
+};
+
+const TypeForm& formOf(ParameterType type) {
+    return typeForms[static_cast<std::size_t>(type)];
 }
 
 std::string wanted(ParameterType type) {
@@ -36,42 +36,33 @@ std::string wanted(ParameterType type) {
 
 std::string namesOf(std::span<const Parameter> parameters) {
     std::string names = parameters.empty() ? "none" : "";
-    for (const Parameter& parameter : parameters) {
-        names += names.empty() ? "" : ", ";
-        names += parameter.name;
-    }
+    for (const Parameter& parameter : parameters)
+        names += (names.empty() ? "" : ", ") + std::string(parameter.name);
     return names;
-}
-
-// Refuses with the parts of a message, joined.
-[[noreturn]] void refuse(std::initializer_list<std::string_view> parts, std::string_view field) {
-    std::string message;
-    for (const std::string_view part : parts)
-        message += part;
-    throw Refusal(message, {.field = std::string(field)});
 }
 
 } // namespace
 
 std::string_view typeText(ParameterType type) {
-    constexpr std::string_view texts[] = {"string", "boolean", "number", "object", "array", "any"};
-    return texts[static_cast<std::size_t>(type)];
+    return formOf(type).text;
 }
 
-Parameters::Parameters(const Datum::Record& given, std::span<const Parameter> known, std::string_view owner)
+Parameters::Parameters(const Datum::Record& given, std::span<const Parameter> known, const std::string& owner)
     : given_(given) {
     for (const auto& [name, value] : given) {
         const auto parameter = std::ranges::find(known, std::string_view(name), &Parameter::name);
+        const std::string named = "parameter \"" + name + "\"";
         if (parameter == known.end())
-            refuse({owner, " has no parameter \"", name, "\"; there are ", namesOf(known)}, name);
+            throw Refusal(owner + " has no " + named + "; there are " + namesOf(known), {.field = name});
         if (find(name) != &value)
-            refuse({"parameter \"", name, "\" of ", owner, " is given twice"}, name);
-        if (!isOf(parameter->type, value))
-            refuse({"parameter \"", name, "\" of ", owner, " must be ", wanted(parameter->type)}, name);
+            throw Refusal(named + " of " + owner + " is given twice", {.field = name});
+        if (!formOf(parameter->type).has(value))
+            throw Refusal(named + " of " + owner + " must be " + wanted(parameter->type), {.field = name});
     }
-    for (const Parameter& parameter : known)
-        if (parameter.isRequired && find(parameter.name) == nullptr)
-            refuse({owner, " needs the parameter \"", parameter.name, "\""}, parameter.name);
+    for (const auto& [name, type, isRequired, about] : known)
+        if (isRequired && find(name) == nullptr)
+            throw Refusal(owner + " needs the parameter \"" + std::string(name) + "\"",
+                          {.field = std::string(name)});
 }
 
 const Datum* Parameters::find(std::string_view name) const {
@@ -79,19 +70,9 @@ const Datum* Parameters::find(std::string_view name) const {
     return found == given_.end() ? nullptr : &found->second;
 }
 
-const std::string* Parameters::text(std::string_view name) const {
+std::optional<Datum> Parameters::any(std::string_view name) const {
     const Datum* value = find(name);
-    return value == nullptr ? nullptr : value->text();
-}
-
-const std::uint64_t* Parameters::number(std::string_view name) const {
-    const Datum* value = find(name);
-    return value == nullptr ? nullptr : value->number();
-}
-
-bool Parameters::isTrue(std::string_view name) const {
-    const Datum* value = find(name);
-    return value != nullptr && *value->boolean();
+    return value == nullptr ? std::nullopt : std::optional(*value);
 }
 
 } // namespace Agent

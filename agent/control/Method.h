@@ -1,7 +1,7 @@
 // A method of the control protocol: its name, what it takes, what carries it out; and the parameters of a request,
 // held against what its method takes. The schema tells methods from the same descriptions.
 //
-// ControlService.h has the table of methods; whoever adds one of his own describes it in these words.
+// ControlMethods.cpp has the table of methods; whoever adds one of his own describes it in these words.
 #pragma once
 
 #include "agent/control/LineHandler.h"
@@ -10,9 +10,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <variant>
+#include <vector>
 
 namespace Agent {
 
@@ -34,27 +37,41 @@ class Parameters {
     /// @param given outlives it.
     /// @param owner what takes them, for messages: `method "get"`.
     /// @throws Refusal whose place has the `field`.
-    Parameters(const State::Datum::Record& given, std::span<const Parameter> known, std::string_view owner);
+    Parameters(const State::Datum::Record& given, std::span<const Parameter> known, const std::string& owner);
 
     /// Null when it was not given.
     const State::Datum* find(std::string_view name) const;
-    /// The same, of a parameter of such a type.
-    const std::string* text(std::string_view name) const;
-    const std::uint64_t* number(std::string_view name) const;
+    /// The same as a value, of a parameter of such a type.
+    std::optional<std::string> text(std::string_view name) const { return valueOf<std::string>(name); }
+    std::optional<std::uint64_t> number(std::string_view name) const { return valueOf<std::uint64_t>(name); }
+    std::optional<State::Datum> any(std::string_view name) const;
     /// Whether a boolean was given, and is true.
-    bool isTrue(std::string_view name) const;
+    bool isTrue(std::string_view name) const { return valueOf<bool>(name).value_or(false); }
 
   private:
+    template <class T>
+    std::optional<T> valueOf(std::string_view name) const {
+        const State::Datum* value = find(name);
+        return value == nullptr ? std::nullopt : std::optional(std::get<T>(value->content));
+    }
+
     const State::Datum::Record& given_;
+};
+
+/// A request, for the method that carries it out; its parts are there during the call. The reply comes at once, or
+/// later: what it needs until then is copied, itself among it.
+struct Call {
+    ClientId client;
+    const Parameters& parameters;
+    const Text::Reply& reply;
 };
 
 struct Method {
     std::string_view name;
     std::string_view about;
-    std::span<const Parameter> parameters; // outlive it
-    /// Carries out a request. The reply comes at once, or later: what it needs until then is copied.
+    std::vector<Parameter> parameters;
     /// @throws Refusal
-    std::function<void(ClientId client, const Parameters& parameters, const Text::Reply& reply)> carryOut;
+    std::function<void(const Call& call)> carryOut;
 };
 
 } // namespace Agent

@@ -1,10 +1,13 @@
-#include "agent/control/Status.h"
+// What `status` tells: toggles, ready flags, how much every collection holds, what tables refused, counters.
+#include "agent/control/ControlService.h"
 
+#include "agent/control/Sessions.h"
 #include "agent/host/Paths.h"
 #include "agent/json/Json.h"
 #include "records/NatStatus.h"
 #include "state/ShmTable.h"
 #include "state/Toggle.h"
+#include "state/Trace.h"
 
 #include <map>
 #include <string>
@@ -12,6 +15,8 @@
 namespace Agent {
 
 namespace {
+
+using Text::Writer;
 
 template <class Visit>
 void eachEntity(const Stores& stores, Visit visit) {
@@ -56,28 +61,16 @@ class SizeSum final : public State::MemberVisitor {
     std::string tablesPath_;
 };
 
-} // namespace
-
-void writeToggles(Text::Writer& writer) {
+void writeToggles(Writer& writer) {
     constexpr std::string_view origins[] = {"default", "file", "override"};
-    writer.beginList();
-    for (const State::ToggleStatus& toggle : State::toggles()) {
-        writer.beginRecord();
-        writer.member("name", toggle.name);
-        writer.member("file", toggle.file);
-        writer.member("value", toggle.value);
-        writer.member("origin", origins[static_cast<std::size_t>(toggle.origin)]);
-        writer.end();
-    }
-    writer.end();
+    writer.list(State::toggles(), [&](const State::ToggleStatus& toggle) {
+        writer.record("name", toggle.name, "file", toggle.file, "value", toggle.value, "origin",
+                      origins[static_cast<std::size_t>(toggle.origin)]);
+    });
 }
 
-void writeReady(Text::Writer& writer, const Stores& stores) {
-    const auto status = stores.inDatabase<KestrelNat::MulticastSmStatus>();
-    Json::write(writer, status->entityType().fields(*status));
-}
-
-void writeSizes(Text::Writer& writer, const Stores& stores) {
+// Members of every collection: by path, those of one shape summed up under the shape.
+void writeSizes(Writer& writer, const Stores& stores) {
     SizeSum sum(stores);
     eachEntity(stores, [&](const std::string& path, const auto&) { sum.add(path); });
     writer.beginRecord();
@@ -91,7 +84,8 @@ void writeSizes(Text::Writer& writer, const Stores& stores) {
     writer.end();
 }
 
-void writeTables(Text::Writer& writer, const Stores& stores) {
+// Rows that full tables refused and reads that found damage, over all tables.
+void writeTables(Writer& writer, const Stores& stores) {
     std::uint64_t refused = 0;
     std::uint64_t corruptions = 0;
     std::string path;
@@ -111,14 +105,51 @@ void writeTables(Text::Writer& writer, const Stores& stores) {
     writer.member("refusedRows", refused);
     writer.member("corruptions", corruptions);
     writer.field("lastCorruption");
-    if (path.empty()) {
+    if (path.empty())
         writer.value(nullptr);
-    } else {
-        writer.beginRecord();
-        writer.member("path", path);
-        writer.member("message", message);
-        writer.end();
-    }
+    else
+        writer.record("path", path, "message", message);
+    writer.end();
+}
+
+} // namespace
+
+void ControlService::writeStatus(Writer& writer) const {
+    const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - started_;
+    const Host& host = operations_.host();
+    const auto ready = host.stores().inDatabase<KestrelNat::MulticastSmStatus>();
+    writer.beginRecord();
+    writer.member("version", KESTREL_VERSION);
+    writer.member("instance", log_.instance());
+    writer.member("uptimeSeconds", static_cast<std::uint64_t>(uptime.count()));
+    writer.field("toggles");
+    writeToggles(writer);
+    writer.member("fibSource", host.routes().name());
+    writer.field("sources");
+    writer.list(sources_, [&](const std::string& source) { writer.value(source); });
+    writer.field("ready");
+    Json::write(writer, ready->entityType().fields(*ready));
+    writer.field("sizes");
+    writeSizes(writer, host.stores());
+    writer.field("tables");
+    writeTables(writer, host.stores());
+    writer.field("counters");
+    writeCounters(writer);
+    writer.end();
+}
+
+void ControlService::writeCounters(Writer& writer) const {
+    writer.beginRecord();
+    writer.member("requests", requests_);
+    writer.member("changes", operations_.counters().changes);
+    writer.member("refused", operations_.counters().refused);
+    writer.member("clients", sessions_ == nullptr ? 0 : sessions_->clients());
+    writer.member("cutOff", sessions_ == nullptr ? 0 : sessions_->cutOffCount());
+    writer.member("watchers", watchers_.size());
+    writer.member("answerSeq", log_.last());
+    writer.member("answersOldest", log_.oldest());
+    writer.member("traceNext", State::traceNext());
+    writer.member("traceOldest", State::traceOldest());
     writer.end();
 }
 

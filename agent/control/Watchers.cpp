@@ -25,49 +25,48 @@ void Watchers::unwatch(ClientId client) {
     std::erase_if(watchers_, [client](const Watcher& watcher) { return watcher.client == client; });
 }
 
-bool Watchers::tell() {
-    cutOffTheLost();
+bool Watchers::tell(Sessions& sessions) {
+    cutOffTheLost(sessions);
     for (std::size_t told = 0; told < sliceChanges; ++told) {
-        const Watcher* watcher = furthestBehind();
+        const Watcher* watcher = furthestBehind(sessions);
         if (watcher == nullptr)
             return false;
-        tellOne(watcher->next);
+        tellOne(watcher->next, sessions);
     }
-    return furthestBehind() != nullptr;
+    return furthestBehind(sessions) != nullptr;
 }
 
-void Watchers::cutOffTheLost() {
-    std::erase_if(watchers_, [this](const Watcher& watcher) {
+void Watchers::cutOffTheLost(Sessions& sessions) {
+    std::erase_if(watchers_, [&](const Watcher& watcher) {
         const bool isLost = watcher.next < log_.oldest();
-        if (isLost && sessions_ != nullptr)
-            sessions_->cutOff(watcher.client);
+        if (isLost)
+            sessions.cutOff(watcher.client);
         return isLost;
     });
 }
 
 // Whether the watcher can be told something now.
-bool Watchers::isOpen(const Watcher& watcher) const {
-    return watcher.next <= log_.last() && sessions_ != nullptr &&
-           sessions_->unsent(watcher.client) < waitingLimit;
+bool Watchers::isOpen(const Watcher& watcher, const Sessions& sessions) const {
+    return watcher.next <= log_.last() && sessions.unsent(watcher.client) < waitingLimit;
 }
 
-const Watchers::Watcher* Watchers::furthestBehind() const {
+const Watchers::Watcher* Watchers::furthestBehind(const Sessions& sessions) const {
     const Watcher* found = nullptr;
     for (const Watcher& watcher : watchers_)
-        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher))
+        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher, sessions))
             found = &watcher;
     return found;
 }
 
 // Tells one change to all whose turn it is, put into words once for each form.
-void Watchers::tellOne(std::uint64_t seq) {
+void Watchers::tellOne(std::uint64_t seq, Sessions& sessions) {
     for (std::string& line : lines_)
         line.clear();
     std::erase_if(watchers_, [&](Watcher& watcher) {
-        if (watcher.next != seq || !isOpen(watcher))
+        if (watcher.next != seq || !isOpen(watcher, sessions))
             return false;
         ++watcher.next;
-        return !sessions_->notify(watcher.client, line(seq, watcher.withText));
+        return !sessions.notify(watcher.client, line(seq, watcher.withText));
     });
 }
 
