@@ -69,6 +69,12 @@ class Writer {
             write(element);
         end();
     }
+    /// A member that is such a list.
+    template <class Elements, class Write>
+    void list(std::string_view name, const Elements& elements, const Write& write) {
+        field(name);
+        list(elements, write);
+    }
 
   private:
     void members() {}

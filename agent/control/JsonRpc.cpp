@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <span>
+#include <type_traits>
 
 namespace Agent {
 
@@ -40,29 +41,26 @@ const Datum::Record noParams;
 // Tells the parts of the place that are there as `data`; without any nothing.
 void writePlace(Text::Writer& writer, const Where& where) {
     bool isBegun = false;
-    const auto tell = [&](std::string_view name, const auto& part) {
+    const auto tell = [&]<class Part>(std::string_view name, const Part& part) {
+        if (part == Part())
+            return;
         if (!std::exchange(isBegun, true)) {
             writer.field("data");
             writer.beginRecord();
         }
-        writer.member(name, part);
+        if constexpr (std::is_same_v<Part, std::string>)
+            writer.member(name, part);
+        else
+            writer.member(name, *part);
     };
-    const auto tellText = [&](std::string_view name, const std::string& text) {
-        if (!text.empty())
-            tell(name, text);
-    };
-    const auto tellNumber = [&](std::string_view name, std::optional<std::size_t> number) {
-        if (number)
-            tell(name, *number);
-    };
-    tellText("path", where.path);
-    tellText("attribute", where.attribute);
-    tellText("field", where.field);
-    tellNumber("index", where.index);
-    tellNumber("line", where.line);
-    tellNumber("word", where.word);
-    tellText("expected", where.expected);
-    tellText("actual", where.actual);
+    tell("path", where.path);
+    tell("attribute", where.attribute);
+    tell("field", where.field);
+    tell("index", where.index);
+    tell("line", where.line);
+    tell("word", where.word);
+    tell("expected", where.expected);
+    tell("actual", where.actual);
     if (isBegun)
         writer.end();
 }

@@ -26,8 +26,7 @@ std::string_view kindText(State::ValueKind kind) {
 void write(Writer& writer, const State::EntityType* type) {
     writer.beginRecord();
     writer.member("name", type->name());
-    writer.field("attributes");
-    writer.list(type->attributes(), [&](const auto& attribute) {
+    writer.list("attributes", type->attributes(), [&](const auto& attribute) {
         writer.beginRecord();
         writer.member("name", attribute->name());
         writer.member("kind", kindText(attribute->kind()));
@@ -47,17 +46,14 @@ void write(Writer& writer, const State::ValueType* type) {
     writer.member("name", type->name);
     writer.member("kind", kindText(type->kind));
     if (!type->fields.empty()) {
-        writer.field("fields");
-        writer.list(type->fields, [&](const auto& field) {
+        writer.list("fields", type->fields, [&](const auto& field) {
             writer.record("name", field.first, "type", field.second->name);
         });
     }
     if (type->element != nullptr)
         writer.member("element", type->element->name);
-    if (!type->enumerators.empty()) {
-        writer.field("enumerators");
-        writer.list(type->enumerators, [&](std::string_view name) { writer.value(name); });
-    }
+    if (!type->enumerators.empty())
+        writer.list("enumerators", type->enumerators, [&](std::string_view name) { writer.value(name); });
     writer.end();
 }
 
@@ -65,10 +61,8 @@ void write(Writer& writer, const PathShape& shape) {
     writer.beginRecord();
     writer.member("path", shape.text);
     writer.member("type", shape.entityType().name());
-    if (!shape.modes.empty()) {
-        writer.field("TYPE");
-        writer.list(shape.modes, [&](const char* mode) { writer.value(mode); });
-    }
+    if (!shape.modes.empty())
+        writer.list("TYPE", shape.modes, [&](const char* mode) { writer.value(mode); });
     writer.end();
 }
 
@@ -76,8 +70,7 @@ void write(Writer& writer, const Method& method) {
     writer.beginRecord();
     writer.member("name", method.name);
     writer.member("about", method.about);
-    writer.field("parameters");
-    writer.list(method.parameters, [&](const Parameter& parameter) {
+    writer.list("parameters", method.parameters, [&](const Parameter& parameter) {
         writer.record("name", parameter.name, "type", typeText(parameter.type), "required",
                       parameter.isRequired, "about", parameter.about);
     });
@@ -103,8 +96,7 @@ Text::Tell ControlService::schemaOf(std::optional<std::string> type) const {
             return;
         }
         const auto writeAll = [&](std::string_view name, const auto& all) {
-            writer.field(name);
-            writer.list(all, [&](const auto& one) { write(writer, one); });
+            writer.list(name, all, [&](const auto& one) { write(writer, one); });
         };
         writer.beginRecord();
         writeAll("entityTypes", State::EntityType::all());

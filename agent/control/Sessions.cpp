@@ -65,10 +65,7 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
         , id_(id)
         , in_(server.context_)
         , ownOut_(server.context_)
-        , turn_(server.context_, [this] {
-            const auto keep = shared_from_this();
-            turn();
-        }) {
+        , turn_(server.context_, [this] { turn(); }) {
         in_.assign(in.get());
         in.release();
         if (out) {

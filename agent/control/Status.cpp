@@ -25,56 +25,35 @@ void eachEntity(const Stores& stores, Visit visit) {
             visit(path, entity);
 }
 
+// By path, and by the name of the collection.
+using Sizes = std::map<std::string, std::map<std::string, std::uint64_t>>;
+
 // Adds up the collections of what stands at a path, and of members that can be addressed below it.
-class SizeSum final : public State::MemberVisitor {
-  public:
-    explicit SizeSum(const Stores& stores)
-        : paths_(stores) {}
-
-    void add(const std::string& path) {
-        const Place place = paths_.at(path);
-        const bool isFamily = place.shape != nullptr && place.shape->text != place.path;
-        auto& sums = sizes[std::string(isFamily ? place.shape->text : place.path)];
-        if (isFamily)
-            ++sums["entities"];
-        for (const auto& attribute : place.type->attributes()) {
-            if (attribute->kind() == State::AttributeKind::value)
-                continue;
-            sums[std::string(attribute->name())] += attribute->size(*place.entity);
-            if (place.kind() == PathKind::routeTables) {
-                tablesPath_ = path;
-                attribute->walk(*place.entity, nullptr, *this);
-            }
-        }
+void addSizes(const Operations& operations, const std::string& path, Sizes& sizes) {
+    const Place place = Paths(operations.host().stores()).at(path);
+    const bool isFamily = place.shape != nullptr && place.shape->text != place.path;
+    auto& sums = sizes[std::string(isFamily ? place.shape->text : place.path)];
+    if (isFamily)
+        ++sums["entities"];
+    for (const auto& attribute : place.type->attributes()) {
+        if (attribute->kind() == State::AttributeKind::value)
+            continue;
+        sums[std::string(attribute->name())] += attribute->size(*place.entity);
+        if (place.kind() != PathKind::routeTables)
+            continue;
+        for (const auto& [key, value] : operations.members(path, attribute->name()).members)
+            if (const std::string& name = *key.text(); !name.empty() && name.find('/') == std::string::npos)
+                addSizes(operations, path + "/" + name, sizes);
     }
-
-    bool member(const State::Datum& key, const State::Datum& /*value*/) override {
-        if (key.text()->find('/') == std::string::npos && !key.text()->empty())
-            add(tablesPath_ + "/" + *key.text());
-        return true;
-    }
-
-    std::map<std::string, std::map<std::string, std::uint64_t>> sizes;
-
-  private:
-    Paths paths_;
-    std::string tablesPath_;
-};
-
-void writeToggles(Writer& writer) {
-    constexpr std::string_view origins[] = {"default", "file", "override"};
-    writer.list(State::toggles(), [&](const State::ToggleStatus& toggle) {
-        writer.record("name", toggle.name, "file", toggle.file, "value", toggle.value, "origin",
-                      origins[static_cast<std::size_t>(toggle.origin)]);
-    });
 }
 
 // Members of every collection: by path, those of one shape summed up under the shape.
-void writeSizes(Writer& writer, const Stores& stores) {
-    SizeSum sum(stores);
-    eachEntity(stores, [&](const std::string& path, const auto&) { sum.add(path); });
+void writeSizes(Writer& writer, const Operations& operations) {
+    Sizes all;
+    eachEntity(operations.host().stores(),
+               [&](const std::string& path, const auto&) { addSizes(operations, path, all); });
     writer.beginRecord();
-    for (const auto& [path, sizes] : sum.sizes) {
+    for (const auto& [path, sizes] : all) {
         writer.field(path);
         writer.beginRecord();
         for (const auto& [name, size] : sizes)
@@ -122,15 +101,17 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.member("version", KESTREL_VERSION);
     writer.member("instance", log_.instance());
     writer.member("uptimeSeconds", static_cast<std::uint64_t>(uptime.count()));
-    writer.field("toggles");
-    writeToggles(writer);
+    writer.list("toggles", State::toggles(), [&](const State::ToggleStatus& toggle) {
+        constexpr std::string_view origins[] = {"default", "file", "override"};
+        writer.record("name", toggle.name, "file", toggle.file, "value", toggle.value, "origin",
+                      origins[static_cast<std::size_t>(toggle.origin)]);
+    });
     writer.member("fibSource", host.routes().name());
-    writer.field("sources");
-    writer.list(sources_, [&](const std::string& source) { writer.value(source); });
+    writer.list("sources", sources_, [&](const std::string& source) { writer.value(source); });
     writer.field("ready");
     Json::write(writer, ready->entityType().fields(*ready));
     writer.field("sizes");
-    writeSizes(writer, host.stores());
+    writeSizes(writer, operations_);
     writer.field("tables");
     writeTables(writer, host.stores());
     writer.field("counters");

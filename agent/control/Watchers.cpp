@@ -26,7 +26,12 @@ void Watchers::unwatch(ClientId client) {
 }
 
 bool Watchers::tell(Sessions& sessions) {
-    cutOffTheLost(sessions);
+    std::erase_if(watchers_, [&](const Watcher& watcher) {
+        const bool isLost = watcher.next < log_.oldest();
+        if (isLost)
+            sessions.cutOff(watcher.client);
+        return isLost;
+    });
     for (std::size_t told = 0; told < sliceChanges; ++told) {
         const Watcher* watcher = furthestBehind(sessions);
         if (watcher == nullptr)
@@ -36,20 +41,12 @@ bool Watchers::tell(Sessions& sessions) {
     return furthestBehind(sessions) != nullptr;
 }
 
-void Watchers::cutOffTheLost(Sessions& sessions) {
-    std::erase_if(watchers_, [&](const Watcher& watcher) {
-        const bool isLost = watcher.next < log_.oldest();
-        if (isLost)
-            sessions.cutOff(watcher.client);
-        return isLost;
-    });
-}
-
 // Whether the watcher can be told something now.
 bool Watchers::isOpen(const Watcher& watcher, const Sessions& sessions) const {
     return watcher.next <= log_.last() && sessions.unsent(watcher.client) < waitingLimit;
 }
 
+// Of those who can be told something now.
 const Watchers::Watcher* Watchers::furthestBehind(const Sessions& sessions) const {
     const Watcher* found = nullptr;
     for (const Watcher& watcher : watchers_)
@@ -60,25 +57,20 @@ const Watchers::Watcher* Watchers::furthestBehind(const Sessions& sessions) cons
 
 // Tells one change to all whose turn it is, put into words once for each form.
 void Watchers::tellOne(std::uint64_t seq, Sessions& sessions) {
-    for (std::string& line : lines_)
-        line.clear();
+    std::string lines[2]; // without text and with it; empty: not put into words yet
     std::erase_if(watchers_, [&](Watcher& watcher) {
         if (watcher.next != seq || !isOpen(watcher, sessions))
             return false;
         ++watcher.next;
-        return !sessions.notify(watcher.client, line(seq, watcher.withText));
+        std::string& line = lines[watcher.withText ? 1 : 0];
+        if (line.empty()) {
+            line = R"({"jsonrpc":"2.0","method":"changed","params":)";
+            Text::JsonWriter writer(line);
+            writeChange(writer, operations_, seq, log_.change(seq), watcher.withText);
+            line += '}';
+        }
+        return !sessions.notify(watcher.client, line);
     });
-}
-
-const std::string& Watchers::line(std::uint64_t seq, bool withText) {
-    std::string& line = lines_[withText ? 1 : 0];
-    if (line.empty()) {
-        line = R"({"jsonrpc":"2.0","method":"changed","params":)";
-        Text::JsonWriter writer(line);
-        writeChange(writer, operations_, seq, log_.change(seq), withText);
-        line += '}';
-    }
-    return line;
 }
 
 } // namespace Agent

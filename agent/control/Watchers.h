@@ -13,7 +13,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 namespace Agent {
@@ -49,16 +48,13 @@ class Watchers {
         bool withText;
     };
 
-    void cutOffTheLost(Sessions& sessions);
     bool isOpen(const Watcher& watcher, const Sessions& sessions) const;
     const Watcher* furthestBehind(const Sessions& sessions) const;
     void tellOne(std::uint64_t seq, Sessions& sessions);
-    const std::string& line(std::uint64_t seq, bool withText);
 
     const Operations& operations_;
     const AnswerLog& log_;
     std::vector<Watcher> watchers_;
-    std::string lines_[2]; // the change at hand without text and with it; empty: not put into words yet
 };
 
 /// Writes a change as watchers hear it: {seq, path, attribute, key, value}, with text also vrf and text.

@@ -91,30 +91,23 @@ template <class Value>
 void visit(Value&& value, int depth) {
     if (depth > depthLimit)
         throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
-    switch (ondemand::json_type(value.type())) {
-    case ondemand::json_type::array:
+    const ondemand::json_type type = value.type();
+    if (type == ondemand::json_type::array)
         for (auto element : value.get_array())
             visit(element, depth + 1);
-        break;
-    case ondemand::json_type::object:
+    else if (type == ondemand::json_type::object)
         for (auto field : value.get_object()) {
             static_cast<void>(std::string_view(field.unescaped_key()));
             visit(field.value(), depth + 1);
         }
-        break;
-    case ondemand::json_type::string:
+    else if (type == ondemand::json_type::string)
         static_cast<void>(std::string_view(value.get_string()));
-        break;
-    case ondemand::json_type::number:
+    else if (type == ondemand::json_type::number)
         static_cast<void>(ondemand::number(value.get_number()));
-        break;
-    case ondemand::json_type::boolean:
+    else if (type == ondemand::json_type::boolean)
         static_cast<void>(bool(value.get_bool()));
-        break;
-    case ondemand::json_type::null:
+    else
         static_cast<void>(bool(value.is_null()));
-        break;
-    }
 }
 
 // What is wrong with a text that the parser of documents did not take, and where, which it does not tell. The one
@@ -148,25 +141,21 @@ dom::parser parserFor(std::size_t length) {
     return parser;
 }
 
-Datum parseWith(dom::parser& parser, std::string_view text) {
-    dom::element element;
-    const auto error = parser.parse(text.data(), text.size()).get(element); // copies the text, to pad it
-    if (error == simdjson::SUCCESS)
-        return datumOf(element);
-    if (error == simdjson::MEMALLOC)
-        throw std::bad_alloc();
-    throw Error("not JSON: " + faultOf(text, error));
-}
-
 } // namespace
 
 Datum parse(std::string_view text) {
     constexpr std::size_t keptLength = std::size_t{64} << 10U;
     static dom::parser kept = parserFor(keptLength);
-    if (text.size() <= keptLength)
-        return parseWith(kept, text);
-    dom::parser once = parserFor(text.size()); // gives back what a long text needs
-    return parseWith(once, text);
+    const bool isLong = text.size() > keptLength;
+    dom::parser once = isLong ? parserFor(text.size()) : dom::parser(); // gives back what a long text needs
+    dom::element element;
+    const auto error =
+        (isLong ? once : kept).parse(text.data(), text.size()).get(element); // copies, to pad it
+    if (error == simdjson::MEMALLOC)
+        throw std::bad_alloc();
+    if (error != simdjson::SUCCESS)
+        throw Error("not JSON: " + faultOf(text, error));
+    return datumOf(element);
 }
 
 void write(Text::Writer& writer, const Datum& datum) {
@@ -178,10 +167,7 @@ void write(Text::Writer& writer, const Datum& datum) {
         }
         writer.end();
     } else if (const auto* list = datum.list()) {
-        writer.beginList();
-        for (const Datum& element : *list)
-            write(writer, element);
-        writer.end();
+        writer.list(*list, [&](const Datum& element) { write(writer, element); });
     } else {
         std::visit(
             [&](const auto& scalar) {
