@@ -4,7 +4,9 @@
 #include "agent/json/Json.h"
 #include "text/JsonWriter.h"
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <span>
 #include <type_traits>
 
@@ -41,17 +43,17 @@ const Datum::Record noParams;
 // Tells the parts of the place that are there as `data`; without any nothing.
 void writePlace(Text::Writer& writer, const Where& where) {
     bool isBegun = false;
-    const auto tell = [&]<class Part>(std::string_view name, const Part& part) {
-        if (part == Part())
+    const auto tell = [&](std::string_view name, const auto& part) {
+        if (part == std::remove_cvref_t<decltype(part)>())
             return;
         if (!std::exchange(isBegun, true)) {
             writer.field("data");
             writer.beginRecord();
         }
-        if constexpr (std::is_same_v<Part, std::string>)
-            writer.member(name, part);
-        else
+        if constexpr (requires { *part; })
             writer.member(name, *part);
+        else
+            writer.member(name, part);
     };
     tell("path", where.path);
     tell("attribute", where.attribute);
@@ -65,24 +67,26 @@ void writePlace(Text::Writer& writer, const Where& where) {
         writer.end();
 }
 
-void beginAnswer(Text::Writer& writer, const Datum& id) {
+void append(std::string& out, const Datum& id, std::string_view outcome, const Text::Tell& tell) {
+    Text::JsonWriter writer(out);
     writer.beginRecord();
     writer.member("jsonrpc", "2.0");
     writer.field("id");
     Json::write(writer, id);
+    writer.field(outcome);
+    tell(writer);
+    writer.end();
 }
 
 void appendError(std::string& out, const Datum& id, int code, std::string_view message,
                  const Where& where = {}) {
-    Text::JsonWriter writer(out);
-    beginAnswer(writer, id);
-    writer.field("error");
-    writer.beginRecord();
-    writer.member("code", code);
-    writer.member("message", message);
-    writePlace(writer, where);
-    writer.end();
-    writer.end();
+    append(out, id, "error", [&](Text::Writer& writer) {
+        writer.beginRecord();
+        writer.member("code", code);
+        writer.member("message", message);
+        writePlace(writer, where);
+        writer.end();
+    });
 }
 
 std::string errorOf(int code, std::string_view message) {
@@ -99,11 +103,7 @@ void appendResult(std::string& out, const Datum& id, const Text::Tell& tell) {
         appendError(out, id, code, error.what(), where);
     };
     try {
-        Text::JsonWriter writer(out);
-        beginAnswer(writer, id);
-        writer.field("result");
-        tell(writer);
-        writer.end();
+        append(out, id, "result", tell);
     } catch (const Refusal& refusal) {
         fail(refusalCodes[static_cast<std::size_t>(refusal.kind())], refusal, refusal.where());
     } catch (const InvalidRequest& error) {
@@ -116,33 +116,38 @@ void appendResult(std::string& out, const Datum& id, const Text::Tell& tell) {
 }
 
 bool isId(const Datum& id) {
-    return id.isNull() || id.text() != nullptr || id.number() != nullptr || id.real() != nullptr ||
-           std::holds_alternative<std::int64_t>(id.content);
+    return id.boolean() == nullptr && id.list() == nullptr && id.record() == nullptr;
 }
 
 // A request's members; those that may be left out are null then.
-struct Members {
+struct Request {
     const Datum* version = nullptr;
     const Datum* method = nullptr;
     const Datum* id = nullptr;
     const Datum* params = nullptr;
     std::string fault = {}; // what is wrong beside the parameters; empty when nothing is
 
-    explicit Members(const Datum& request);
-    // The id under which a faulty request is answered.
+    explicit Request(const Datum& message);
+    bool wantsAnswer() const { return id != nullptr || !fault.empty(); }
+    // The id under which it is answered, faulty ones too.
     const Datum& answerId() const { return id != nullptr && isId(*id) ? *id : noId; }
-
-  private:
-    void take(const std::string& name, const Datum& value);
 };
 
-Members::Members(const Datum& request) {
-    if (request.record() == nullptr) {
+Request::Request(const Datum& message) {
+    if (message.record() == nullptr) {
         fault = "a request is an object";
         return;
     }
-    for (const auto& [name, value] : *request.record())
-        take(name, value);
+    const std::pair<std::string_view, const Datum**> members[] = {
+        {"jsonrpc", &version}, {"id", &id}, {"method", &method}, {"params", &params}};
+    for (const auto& [name, value] : *message.record()) {
+        const auto* const member =
+            std::ranges::find(members, name, [](const auto& pair) { return pair.first; });
+        if (member == std::end(members))
+            fault = "unknown member \"" + name + "\": a request has jsonrpc, id, method and params";
+        else if (std::exchange(*member->second, &value) != nullptr)
+            fault = "member \"" + name + "\" is given twice";
+    }
     if (!fault.empty())
         return;
     if (version == nullptr || *version != Datum("2.0"))
@@ -151,18 +156,6 @@ Members::Members(const Datum& request) {
         fault = R"(member "method" must be a string)";
     else if (id != nullptr && !isId(*id))
         fault = R"(member "id" must be a string, a number or null)";
-}
-
-void Members::take(const std::string& name, const Datum& value) {
-    const Datum** const member = name == "jsonrpc"  ? &version
-                                 : name == "id"     ? &id
-                                 : name == "method" ? &method
-                                 : name == "params" ? &params
-                                                    : nullptr;
-    if (member == nullptr)
-        fault = "unknown member \"" + name + "\": a request has jsonrpc, id, method and params";
-    else if (std::exchange(*member, &value) != nullptr)
-        fault = "member \"" + name + "\" is given twice";
 }
 
 } // namespace
@@ -215,27 +208,27 @@ bool JsonRpc::goOn(const std::shared_ptr<Line>& line) {
 }
 
 void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
-    const Members members(line->left.front());
+    const Request request(line->left.front());
     line->left = line->left.subspan(1);
     // What replies to a notification, perhaps while a later request of its batch waits, is heard by nobody.
     Text::Reply reply = [](const Text::Tell&) {};
-    if (members.id != nullptr || !members.fault.empty()) {
-        line->awaited = &members.answerId();
+    if (request.wantsAnswer()) {
+        line->awaited = &request.answerId();
         reply = [this, line, id = line->awaited](const Text::Tell& tell) {
             if (line->awaited == id)
                 replied(line, tell);
         };
     }
     try {
-        if (!members.fault.empty())
-            throw InvalidRequest(members.fault);
+        if (!request.fault.empty())
+            throw InvalidRequest(request.fault);
         if (line->answers.size() > batchAnswerLimit)
             throw Refusal(RefusalKind::limit,
                           "not carried out: the answers of this batch have grown too large");
-        if (members.params != nullptr && members.params->record() == nullptr)
+        if (request.params != nullptr && request.params->record() == nullptr)
             throw Refusal("parameters go by name: \"params\" must be an object");
-        dispatcher_.call(line->client, *members.method->text(),
-                         members.params == nullptr ? noParams : *members.params->record(), reply);
+        dispatcher_.call(line->client, *request.method->text(),
+                         request.params == nullptr ? noParams : *request.params->record(), reply);
     } catch (const std::exception&) {
         if (line->awaited != nullptr)
             line->answer(

@@ -5,10 +5,10 @@
 // an error. A reply may come after its call: the line, a batch as a whole, then waits for it, and no other client
 // does. The codes of the protocol's errors are known here alone.
 //
-// The application owns it. Read next: LineHandler.h; ControlService.h, the dispatcher.
+// The application owns it. Read next: Sessions.h, which brings the lines; ControlService.h, the dispatcher.
 #pragma once
 
-#include "agent/control/LineHandler.h"
+#include "agent/control/Sessions.h"
 #include "state/Datum.h"
 #include "text/Writer.h"
 

@@ -1,7 +1,6 @@
 // What `status` tells: toggles, ready flags, how much every collection holds, what tables refused, counters.
 #include "agent/control/ControlService.h"
 
-#include "agent/control/Sessions.h"
 #include "agent/host/Paths.h"
 #include "agent/json/Json.h"
 #include "records/NatStatus.h"

@@ -1,6 +1,5 @@
 #include "agent/control/Watchers.h"
 
-#include "agent/control/Sessions.h"
 #include "agent/language/AnswerText.h"
 #include "text/JsonWriter.h"
 

@@ -8,7 +8,7 @@
 
 #include "agent/changes/AnswerLog.h"
 #include "agent/changes/Operations.h"
-#include "agent/control/LineHandler.h"
+#include "agent/control/Sessions.h"
 #include "text/Writer.h"
 
 #include <cstddef>
@@ -16,8 +16,6 @@
 #include <vector>
 
 namespace Agent {
-
-class Sessions;
 
 class Watchers {
   public:
