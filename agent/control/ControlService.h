@@ -108,7 +108,6 @@ class ControlService final : public Dispatcher {
     void addOwnVerbs();
     Text::Tell schemaOf(std::optional<std::string> type) const;
     void writeStatus(Text::Writer& writer) const;
-    void writeCounters(Text::Writer& writer) const;
     void tellWatchers();
 
     Operations& operations_;

@@ -124,7 +124,7 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
         giveBack(output_);
         sent_ = notified_ = 0;
         if (hadMuch)
-            server_.room_.request();
+            server_.onRoom_();
     }
 
     // Closes it, with what is unsent, and has it swept.
@@ -272,7 +272,6 @@ struct Sessions::Listener {
 Sessions::Sessions(asio::io_context& context, LineHandler& handler)
     : context_(context)
     , handler_(handler)
-    , room_(context, [this] { onRoom_(); })
     , sweep_(context, [this] { sweep(); }) {
     std::signal(SIGPIPE, SIG_IGN);
 }

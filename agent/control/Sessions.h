@@ -89,8 +89,8 @@ class Sessions {
 
     /// Bytes that wait for a client; 0 when there is no such client.
     std::size_t unsent(ClientId client) const;
-    /// Who holds notifications back while much waits for a client goes on in this callback: a client has taken
-    /// it all.
+    /// Called when a client has taken all, after much waited for it: who held notifications back may go on. It is
+    /// called from inside other work: it may do no more than note it.
     void onRoom(std::function<void()> callback) { onRoom_ = std::move(callback); }
 
     /// Closes a client that has fallen too far behind, without a last word to it.
@@ -121,7 +121,6 @@ class Sessions {
     asio::io_context& context_;
     LineHandler& handler_;
     std::function<void()> onRoom_ = [] {};
-    PostedTask room_;  // somebody for whom much waited has taken it
     PostedTask sweep_; // some have ended
     std::shared_ptr<Listener> listener_;
     std::unordered_map<ClientId, std::shared_ptr<Session>> sessions_;

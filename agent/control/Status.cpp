@@ -114,11 +114,6 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.field("tables");
     writeTables(writer, host.stores());
     writer.field("counters");
-    writeCounters(writer);
-    writer.end();
-}
-
-void ControlService::writeCounters(Writer& writer) const {
     writer.beginRecord();
     writer.member("requests", requests_);
     writer.member("changes", operations_.counters().changes);
@@ -130,6 +125,7 @@ void ControlService::writeCounters(Writer& writer) const {
     writer.member("answersOldest", log_.oldest());
     writer.member("traceNext", State::traceNext());
     writer.member("traceOldest", State::traceOldest());
+    writer.end();
     writer.end();
 }
 

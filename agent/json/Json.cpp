@@ -14,10 +14,6 @@ using State::Datum;
 namespace dom = simdjson::dom;
 namespace ondemand = simdjson::ondemand;
 
-std::string tooDeep() {
-    return "arrays and objects nest deeper than " + std::to_string(depthLimit) + " levels";
-}
-
 // The depth of what has been parsed is known to be within the limit.
 Datum datumOf(const dom::element& element) {
     switch (element.type()) {
@@ -39,12 +35,12 @@ Datum datumOf(const dom::element& element) {
     }
     case dom::element_type::STRING:
         return std::string_view(element);
+    case dom::element_type::INT64:
+        if (const std::int64_t number = element; number < 0)
+            return number;
+        [[fallthrough]];
     case dom::element_type::UINT64:
         return std::uint64_t(element);
-    case dom::element_type::INT64: {
-        const std::int64_t number = element;
-        return number < 0 ? Datum(number) : Datum(static_cast<std::uint64_t>(number));
-    }
     case dom::element_type::DOUBLE:
         return double(element);
     case dom::element_type::BOOL:
@@ -79,8 +75,10 @@ std::string placeText(std::string_view text, std::size_t at) {
     return " (line " + std::to_string(line) + ", column " + std::to_string(column) + ")";
 }
 
-// The library's text for a code, without the code's own name.
+// The library's text for a code, without the code's own name; ours where it knows no number.
 std::string textOf(simdjson::error_code code) {
+    if (code == simdjson::DEPTH_ERROR)
+        return "arrays and objects nest deeper than " + std::to_string(depthLimit) + " levels";
     const std::string text = simdjson::error_message(code);
     const std::size_t name = text.find(": ");
     return name == std::string::npos ? text : text.substr(name + 2);
@@ -130,7 +128,7 @@ std::string faultOf(std::string_view text, simdjson::error_code error) {
     const bool isWithin = document.current_location().get(at) == simdjson::SUCCESS;
     const std::size_t place =
         isWithin ? std::min(static_cast<std::size_t>(at - padded.data()), text.size()) : text.size();
-    return (error == simdjson::DEPTH_ERROR ? tooDeep() : textOf(error)) + placeText(text, place);
+    return textOf(error) + placeText(text, place);
 }
 
 // A parser for texts up to some length, which refuses those that nest too deep.
