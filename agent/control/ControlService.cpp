@@ -37,10 +37,12 @@ std::string wanted(ParameterType type) {
                                          : "of type " + std::string(typeText(type));
 }
 
-std::string namesOf(std::span<const Parameter> parameters) {
-    std::string names = parameters.empty() ? "none" : "";
-    for (const Parameter& parameter : parameters)
-        names += (names.empty() ? "" : ", ") + std::string(parameter.name);
+// Of methods or parameters.
+template <class All>
+std::string namesOf(const All& all) {
+    std::string names = all.empty() ? "none" : "";
+    for (const auto& each : all)
+        names += (names.empty() ? "" : ", ") + std::string(each.name);
     return names;
 }
 
@@ -52,16 +54,21 @@ std::string_view typeText(ParameterType type) {
 
 Parameters::Parameters(const Datum::Record& given, std::span<const Parameter> known, const std::string& owner)
     : given_(given) {
-    for (const auto& [name, value] : given) {
+    const auto check = [&](const std::string& name, const Datum& value) {
         const auto parameter = std::ranges::find(known, std::string_view(name), &Parameter::name);
-        const std::string named = "parameter \"" + name + "\"";
         if (parameter == known.end())
-            throw Refusal(owner + " has no " + named + "; there are " + namesOf(known), {.field = name});
+            throw Refusal(owner + " has no parameter \"" + name + "\"; there are " + namesOf(known),
+                          {.field = name});
+        const auto refuse = [&](const std::string& fault) {
+            throw Refusal("parameter \"" + name + "\" of " + owner + fault, {.field = name});
+        };
         if (find(name) != &value)
-            throw Refusal(named + " of " + owner + " is given twice", {.field = name});
+            refuse(" is given twice");
         if (!formOf(parameter->type).has(value))
-            throw Refusal(named + " of " + owner + " must be " + wanted(parameter->type), {.field = name});
-    }
+            refuse(" must be " + wanted(parameter->type));
+    };
+    for (const auto& [name, value] : given)
+        check(name, value);
     for (const auto& [name, type, isRequired, about] : known)
         if (isRequired && find(name) == nullptr)
             throw Refusal(owner + " needs the parameter \"" + std::string(name) + "\"",
@@ -116,14 +123,11 @@ void ControlService::call(ClientId client, std::string_view name, const State::D
     State::traceEventBegin();
     ++requests_;
     const auto method = std::ranges::find(methods_, name, &Method::name);
-    if (method == methods_.end()) {
-        std::string names;
-        for (const Method& known : methods_)
-            names += (names.empty() ? "" : ", ") + std::string(known.name);
-        throw UnknownMethod("there is no method \"" + std::string(name) + "\"; there are " + names);
-    }
+    const std::string owner = "method \"" + std::string(name) + "\"";
+    if (method == methods_.end())
+        throw UnknownMethod("there is no " + owner + "; there are " + namesOf(methods_));
     TRACE(8, "ControlService::", "call", " method=", name);
-    const Parameters parameters(params, method->parameters, "method \"" + std::string(name) + "\"");
+    const Parameters parameters(params, method->parameters, owner);
     method->carryOut({client, parameters, reply});
     tellWatchers(); // before the answer leaves, so that who waits for the answer has heard what it caused
     onServed_();

@@ -43,6 +43,15 @@ bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t\r") == std::string_view::npos;
 }
 
+// What completes a wait: the work, unless the wait failed or who waited has gone.
+template <class Owner, class Work>
+auto unlessGone(const std::shared_ptr<Owner>& owner, Work work) {
+    return [owner = std::weak_ptr(owner), work](const asio::error_code& error) {
+        if (!error && !owner.expired())
+            work();
+    };
+}
+
 bool isShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
@@ -290,17 +299,8 @@ void Sessions::listen(const std::string& path) {
     awaitClients();
 }
 
-// What completes a wait of the listener: the work, unless the wait failed or the server has gone.
-template <class Work>
-auto Sessions::whileListening(Work work) {
-    return [listener = std::weak_ptr(listener_), work](const asio::error_code& error) {
-        if (!error && !listener.expired())
-            work();
-    };
-}
-
 void Sessions::awaitClients() {
-    listener_->stream.async_wait(Stream::wait_read, whileListening([this] { letIn(); }));
+    listener_->stream.async_wait(Stream::wait_read, unlessGone(listener_, [this] { letIn(); }));
 }
 
 void Sessions::letIn() {
@@ -314,7 +314,7 @@ void Sessions::letIn() {
             break;
         } else {
             listener_->pause.expires_after(acceptPause);
-            listener_->pause.async_wait(whileListening([this] { awaitClients(); }));
+            listener_->pause.async_wait(unlessGone(listener_, [this] { awaitClients(); }));
             return;
         }
     }

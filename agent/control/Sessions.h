@@ -108,8 +108,6 @@ class Sessions {
         int flags;
     };
 
-    template <class Work>
-    auto whileListening(Work work);
     void awaitClients();
     void letIn();
     void turnAway(const Fd& client);

@@ -42,7 +42,7 @@ void addSizes(const Operations& operations, const std::string& path, Sizes& size
             continue;
         for (const auto& [key, value] : operations.members(path, attribute->name()).members)
             if (const std::string& name = *key.text(); !name.empty() && name.find('/') == std::string::npos)
-                addSizes(operations, path + "/" + name, sizes);
+                addSizes(operations, std::string(path).append("/").append(name), sizes);
     }
 }
 
