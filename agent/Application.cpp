@@ -44,10 +44,6 @@ void flagChanged(void* readyTask, const State::Notification& /*change*/) {
     static_cast<PostedTask*>(readyTask)->request();
 }
 
-constexpr Parameter kernelParameters[] = {
-    {"verify", ParameterType::boolean, false, "compare a fresh dump with the tables"},
-};
-
 } // namespace
 
 struct Application::Loop {
@@ -155,10 +151,11 @@ void Application::addKernelCommands() {
                                words.oneOf("what to do", known);
                            return [carryOut, verify](const Text::Reply& reply) { carryOut(verify, reply); };
                        }});
-    service_.addMethod({"kernel", "the state of the kernel source", kernelParameters,
-                        [carryOut](ClientId, const Parameters& parameters, const Text::Reply& reply) {
-                            carryOut(parameters.isTrue("verify"), reply);
-                        }});
+    service_.addMethod(
+        {"kernel",
+         "the state of the kernel source",
+         {{"verify", ParameterType::boolean, false, "compare a fresh dump with the tables"}},
+         [carryOut](const Call& call) { carryOut(call.parameters.isTrue("verify"), call.reply); }});
 }
 
 void Application::makeChip() {

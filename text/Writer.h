@@ -54,6 +54,35 @@ class Writer {
         field(name);
         value(content);
     }
+    /// A record of scalars in one: names and contents in turn.
+    template <class... Members>
+    void record(const Members&... namesAndContents) {
+        beginRecord();
+        members(namesAndContents...);
+        end();
+    }
+    /// A list of what `write` writes of each element.
+    template <class Elements, class Write>
+    void list(const Elements& elements, const Write& write) {
+        beginList();
+        for (const auto& element : elements)
+            write(element);
+        end();
+    }
+    /// A member that is such a list.
+    template <class Elements, class Write>
+    void list(std::string_view name, const Elements& elements, const Write& write) {
+        field(name);
+        list(elements, write);
+    }
+
+  private:
+    void members() {}
+    template <class T, class... More>
+    void members(std::string_view name, const T& content, const More&... more) {
+        member(name, content);
+        members(more...);
+    }
 };
 
 /// Writes a result.

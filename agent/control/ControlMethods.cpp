@@ -1,73 +1,70 @@
-// What the control methods do. Their parameters have been checked for names and types (ControlService.cpp).
+// The methods of the control protocol: the table of what there is with what each takes, and what each does.
 #include "agent/control/ControlService.h"
-#include "agent/control/Schema.h"
+
 #include "agent/host/Refusal.h"
 #include "agent/json/Json.h"
 #include "agent/language/AnswerText.h"
 #include "agent/language/Queries.h"
-#include "state/Trace.h"
 #include "text/JsonWriter.h"
 #include "text/TextWriter.h"
-
-#include <optional>
 
 namespace Agent {
 
 namespace {
 
 using State::Datum;
-using Text::Reply;
 using Text::Writer;
+using Type = ParameterType;
 
 constexpr Parameter changeParameters[] = {
-    {"op", ParameterType::text, true, "\"set\" or \"del\""},
-    {"path", ParameterType::text, true, "as for set and del"},
-    {"attribute", ParameterType::text, false, "as for set and del"},
-    {"key", ParameterType::any, false, "as for set and del"},
-    {"value", ParameterType::any, false, "as for set"},
-    {"raw", ParameterType::boolean, false, "whether the guards let it through"},
+    {"op", Type::text, true, "\"set\" or \"del\""},
+    {"path", Type::text, true, "as for set and del"},
+    {"attribute", Type::text, false, "as for set and del"},
+    {"key", Type::any, false, "as for set and del"},
+    {"value", Type::any, false, "as for set"},
+    {"raw", Type::boolean, false, "whether the guards let it through"},
 };
 constexpr Parameter sinceParameters[] = {
-    {"instance", ParameterType::text, true, "of the agent"},
-    {"seq", ParameterType::number, true, "of the last change heard"},
+    {"instance", Type::text, true, "of the agent"},
+    {"seq", Type::number, true, "of the last change heard"},
 };
 
 [[noreturn]] void refuse(std::string_view field, const std::string& message) {
     throw Refusal(message, {.field = std::string(field)});
 }
 
-std::string textOf(const Parameters& parameters, std::string_view name) {
-    const std::string* text = parameters.text(name);
-    return text == nullptr ? std::string() : *text;
+void get(const Operations& operations, const Call& call) {
+    const Parameters& given = call.parameters;
+    const GetQuery query{.path = *given.text("path"),
+                         .attribute = given.text("attribute").value_or(""),
+                         .key = given.any("key"),
+                         .limit = given.number("limit"),
+                         .after = given.any("after")};
+    call.reply([&](Writer& writer) { Agent::get(operations, query, writer); });
 }
 
-std::optional<Datum> datumOf(const Parameters& parameters, std::string_view name) {
-    const Datum* datum = parameters.find(name);
-    return datum == nullptr ? std::nullopt : std::optional(*datum);
-}
-
-std::optional<std::uint64_t> numberOf(const Parameters& parameters, std::string_view name) {
-    const std::uint64_t* number = parameters.number(name);
-    return number == nullptr ? std::nullopt : std::optional(*number);
-}
-
-Change changeOf(const Parameters& parameters, Change::Op op) {
+Change changeOf(const Parameters& given, Change::Op op) {
     return {.op = op,
-            .path = textOf(parameters, "path"),
-            .attribute = textOf(parameters, "attribute"),
-            .key = datumOf(parameters, "key"),
-            .value = datumOf(parameters, "value"),
-            .raw = parameters.isTrue("raw")};
+            .path = *given.text("path"),
+            .attribute = given.text("attribute").value_or(""),
+            .key = given.any("key"),
+            .value = given.any("value"),
+            .raw = given.isTrue("raw")};
+}
+
+void change(Operations& operations, const Call& call, Change::Op op) {
+    const bool isChanged = operations.change(changeOf(call.parameters, op));
+    call.reply([&](Writer& writer) { writer.record("changed", isChanged); });
 }
 
 Change listedChange(const Datum& item, const std::string& owner) {
     if (item.record() == nullptr)
         refuse("changes", owner + " is no object");
-    const Parameters parameters(*item.record(), changeParameters, owner);
-    const std::string& op = *parameters.text("op");
+    const Parameters given(*item.record(), changeParameters, owner);
+    const std::string op = *given.text("op");
     if (op != "set" && op != "del")
         refuse("op", owner + ": op is \"set\" or \"del\"");
-    return changeOf(parameters, op == "set" ? Change::Op::set : Change::Op::del);
+    return changeOf(given, op == "set" ? Change::Op::set : Change::Op::del);
 }
 
 std::vector<Change> listedChanges(const Datum::List& list) {
@@ -94,164 +91,187 @@ std::vector<std::string> linesOf(const Datum::List& list) {
     return lines;
 }
 
-// Says in a refusal which line is meant.
-[[noreturn]] void rethrowAtLine(const Refusal& refusal) {
-    throw Refusal(refusal.kind(), "line " + std::to_string(*refusal.where().line) + ": " + refusal.what(),
-                  refusal.where());
+// The result of a list of changes; of a dry run what the child wrote of it, or the end that it came to.
+Text::Tell applied(Operations& operations, const std::vector<Change>& changes, const Parameters& given) {
+    const auto tell = [&operations, withText = given.isTrue("text")](Writer& writer,
+                                                                     const ApplyResult& result) {
+        writer.beginRecord();
+        writer.member("changed", result.changed);
+        writer.field("answers");
+        writeAnswers(writer, operations, result.answers, withText);
+        writer.end();
+    };
+    if (!given.isTrue("dryRun"))
+        return [tell, result = operations.apply(changes)](Writer& writer) { tell(writer, result); };
+    const DryRunResult foretold = operations.dryRun(changes, [&](const ApplyResult& result) {
+        std::string json;
+        Text::JsonWriter writer(json);
+        tell(writer, result);
+        return json;
+    });
+    return [foretold](Writer& writer) {
+        if (foretold.told)
+            Json::write(writer, Json::parse(*foretold.told));
+        else
+            writer.record("assertion", foretold.fatal);
+    };
+}
+
+void apply(Operations& operations, Language& language, const Call& call) {
+    const Parameters& given = call.parameters;
+    const Datum* listed = given.find("changes");
+    const Datum* lines = given.find("lines");
+    if ((listed != nullptr) == (lines != nullptr))
+        refuse("changes", "apply takes either changes or lines");
+    if (listed != nullptr && given.find("raw") != nullptr)
+        refuse("raw", "each change says itself whether it is raw");
+    if (listed != nullptr) {
+        call.reply(applied(operations, listedChanges(*listed->list()), given));
+        return;
+    }
+    LineChanges list;
+    try {
+        list = language.changes(linesOf(*lines->list()), given.isTrue("raw"));
+        call.reply(applied(operations, list.changes, given));
+    } catch (Refusal& refusal) {
+        list.place(refusal);
+        if (!refusal.where().line)
+            throw;
+        throw Refusal(refusal.kind(), "line " + std::to_string(*refusal.where().line) + ": " + refusal.what(),
+                      refusal.where());
+    }
+}
+
+void watch(const Operations& operations, const AnswerLog& log, Watchers& watchers, const Call& call) {
+    const Datum* since = call.parameters.find("since");
+    const bool withText = call.parameters.isTrue("text");
+    std::optional<std::uint64_t>
+        heard; // if what came after it is still held, and it names this run of the agent
+    if (since != nullptr) {
+        const Parameters parts(*since->record(), sinceParameters, "\"since\"");
+        const std::uint64_t seq = *parts.number("seq");
+        if (*parts.text("instance") == log.instance() && seq <= log.last() && seq + 1 >= log.oldest())
+            heard = seq;
+    }
+    watchers.watch(call.client, log.last(), withText);
+    call.reply([&](Writer& writer) {
+        writer.beginRecord();
+        writer.member("instance", log.instance());
+        writer.member("seq", log.last());
+        if (since != nullptr && !heard)
+            writer.member("lost", true);
+        writer.field(heard ? "changes" : "snapshot");
+        if (heard) {
+            writer.beginList();
+            for (std::uint64_t seq = *heard + 1; seq <= log.last(); ++seq)
+                writeChange(writer, operations, seq, log.change(seq), withText);
+            writer.end();
+        } else {
+            writeAnswers(writer, operations, log.snapshot(), withText);
+        }
+        writer.end();
+    });
+}
+
+void command(Language& language, const Call& call) {
+    // The line's reply may come later: it holds what it needs.
+    const auto reply = [reply = call.reply,
+                        withText = call.parameters.isTrue("text")](const Text::Tell& tell) {
+        reply([&](Writer& writer) {
+            writer.beginRecord();
+            writer.field("result");
+            tell(writer);
+            if (withText) {
+                std::string text;
+                Text::TextWriter people(text);
+                tell(people);
+                writer.member("text", text);
+            }
+            writer.end();
+        });
+    };
+    language.run(*call.parameters.text("line"), call.parameters.isTrue("raw"), reply);
 }
 
 } // namespace
 
-void ControlService::get(const Parameters& parameters, const Reply& reply) {
-    const GetQuery query{.path = textOf(parameters, "path"),
-                         .attribute = textOf(parameters, "attribute"),
-                         .key = datumOf(parameters, "key"),
-                         .limit = numberOf(parameters, "limit"),
-                         .after = datumOf(parameters, "after")};
-    reply([&](Writer& writer) { Agent::get(operations_, query, writer); });
-}
-
-void ControlService::change(const Parameters& parameters, Change::Op op, const Reply& reply) {
-    const bool isChanged = operations_.change(changeOf(parameters, op));
-    reply([&](Writer& writer) {
-        writer.beginRecord();
-        writer.member("changed", isChanged);
-        writer.end();
-    });
-}
-
-void ControlService::apply(const Parameters& parameters, const Reply& reply) {
-    const Datum* listed = parameters.find("changes");
-    const Datum* lines = parameters.find("lines");
-    if ((listed != nullptr) == (lines != nullptr))
-        refuse("changes", "apply takes either changes or lines");
-    if (listed != nullptr && parameters.find("raw") != nullptr)
-        refuse("raw", "each change says itself whether it is raw");
-    const bool withText = parameters.isTrue("text");
-    LineChanges list;
-    try {
-        list = listed != nullptr ? LineChanges{listedChanges(*listed->list()), {}}
-                                 : language_.changes(linesOf(*lines->list()), parameters.isTrue("raw"));
-        if (parameters.isTrue("dryRun")) {
-            dryRun(list.changes, withText, reply);
-            return;
-        }
-        const ApplyResult result = operations_.apply(list.changes);
-        reply([&](Writer& writer) { writeApplied(writer, result, withText); });
-    } catch (Refusal& refusal) {
-        if (lines != nullptr)
-            list.place(refusal);
-        if (!refusal.where().line)
-            throw;
-        rethrowAtLine(refusal);
-    }
-}
-
-// The child writes the result as it would be, and this process passes it on.
-void ControlService::dryRun(std::span<const Change> changes, bool withText, const Reply& reply) {
-    const DryRunResult result = operations_.dryRun(changes, [&](const ApplyResult& applied) {
-        std::string json;
-        Text::JsonWriter writer(json);
-        writeApplied(writer, applied, withText);
-        return json;
-    });
-    reply([&](Writer& writer) {
-        if (result.told) {
-            Json::write(writer, Json::parse(*result.told));
-            return;
-        }
-        writer.beginRecord();
-        writer.member("assertion", result.fatal);
-        writer.end();
-    });
-}
-
-void ControlService::writeApplied(Writer& writer, const ApplyResult& result, bool withText) const {
-    writer.beginRecord();
-    writer.member("changed", result.changed);
-    writer.field("answers");
-    writeAnswers(writer, operations_, result.answers, withText);
-    writer.end();
-}
-
-void ControlService::watch(ClientId client, const Parameters& parameters, const Reply& reply) {
-    const Datum* since = parameters.find("since");
-    const bool withText = parameters.isTrue("text");
-    std::optional<std::uint64_t> heard;
-    if (since != nullptr) {
-        const Parameters parts(*since->record(), sinceParameters, "\"since\"");
-        if (stillHolds(parts))
-            heard = *parts.number("seq");
-    }
-    watchers_.watch(client, log_.last(), withText);
-    reply([&](Writer& writer) {
-        writer.beginRecord();
-        writer.member("instance", log_.instance());
-        writer.member("seq", log_.last());
-        if (since != nullptr && !heard)
-            writer.member("lost", true);
-        if (heard) {
-            writer.field("changes");
-            writer.beginList();
-            for (std::uint64_t seq = *heard + 1; seq <= log_.last(); ++seq)
-                writeChange(writer, operations_, seq, log_.change(seq), withText);
-            writer.end();
-        } else {
-            writer.field("snapshot");
-            writeSnapshot(writer, withText);
-        }
-        writer.end();
-    });
-}
-
-void ControlService::writeSnapshot(Writer& writer, bool withText) const {
-    writer.beginList();
-    for (const AnswerChange& answer : log_.snapshot()) {
-        writer.beginRecord();
-        writeAnswerMembers(writer, operations_, answer, withText);
-        writer.end();
-    }
-    writer.end();
-}
-
-// Whether the changes after the one that `since` names are all held, and it names this run of the agent.
-bool ControlService::stillHolds(const Parameters& since) const {
-    const std::uint64_t heard = *since.number("seq");
-    return *since.text("instance") == log_.instance() && heard <= log_.last() && heard + 1 >= log_.oldest();
-}
-
-void ControlService::command(const Parameters& parameters, const Reply& reply) {
-    const bool withText = parameters.isTrue("text");
-    // The line's reply may come later: it holds what it needs.
-    language_.run(*parameters.text("line"), parameters.isTrue("raw"),
-                  [reply, withText](const Text::Tell& tell) {
-                      reply([&](Writer& writer) {
-                          writer.beginRecord();
-                          writer.field("result");
-                          tell(writer);
-                          if (withText) {
-                              std::string text;
-                              Text::TextWriter people(text);
-                              tell(people);
-                              writer.member("text", text);
-                          }
-                          writer.end();
-                      });
-                  });
-}
-
-void ControlService::schema(const Parameters& parameters, const Reply& reply) {
-    const std::string* type = parameters.text("type");
-    reply([&](Writer& writer) {
-        type == nullptr ? writeSchema(writer, methods_) : writeSchemaOf(writer, *type);
-    });
-}
-
-void ControlService::trace(const Parameters& parameters, const Reply& reply) {
-    TraceQuery query{.level = numberOf(parameters, "level"), .last = numberOf(parameters, "last")};
-    if (const std::string* facility = parameters.text("facility"))
-        query.facility = *facility;
-    Agent::trace(query, reply);
+std::vector<Method> ControlService::ownMethods() {
+    return {
+        {"get",
+         "reads an attribute, a member or everything at a path",
+         {{"path", Type::text, true, "what stands in the agent's stores"},
+          {"attribute", Type::text, false, "of what stands there; without it all of them"},
+          {"key", Type::any, false, "a member of the attribute's collection"},
+          {"limit", Type::number, false, "most members to return"},
+          {"after", Type::any, false, "the member behind which to begin"}},
+         [this](const Call& call) { get(operations_, call); }},
+        {"set",
+         "writes an attribute or a member",
+         {{"path", Type::text, true, "as for get; a table or FIB is made by the first write below its path"},
+          {"attribute", Type::text, false, "without it the table or FIB is made, and nothing else"},
+          {"key", Type::any, false, "the member, if the attribute is a collection"},
+          {"value", Type::any, false, "the value; fields left out keep what they have"},
+          {"raw", Type::boolean, false, "whether the guards let it through"}},
+         [this](const Call& call) { change(operations_, call, Change::Op::set); }},
+        {"del",
+         "removes a member",
+         {{"path", Type::text, true, "as for get"},
+          {"attribute", Type::text, true, "a collection"},
+          {"key", Type::any, true, "the member to remove"},
+          {"raw", Type::boolean, false, "whether the guards let it through"}},
+         [this](const Call& call) { change(operations_, call, Change::Op::del); }},
+        {"apply",
+         "checks all changes, then carries all out",
+         {{"changes", Type::array, false,
+           "changes: the parameters of set or del, with op \"set\" or \"del\""},
+          {"lines", Type::array, false, "in their place: state commands of the grammar, a line each"},
+          {"raw", Type::boolean, false, "whether the guards let the lines through"},
+          {"dryRun", Type::boolean, false, "foretell what would happen and change nothing"},
+          {"text", Type::boolean, false, "tell each answer also as people read it"}},
+         [this](const Call& call) { apply(operations_, language_, call); }},
+        {"watch",
+         "tells answers as they change",
+         {{"since", Type::object, false, "{instance, seq} of the last change heard"},
+          {"text", Type::boolean, false, "tell each answer also as people read it"}},
+         [this](const Call& call) { watch(operations_, log_, watchers_, call); }},
+        {"unwatch",
+         "ends watch",
+         {},
+         [this](const Call& call) {
+             watchers_.unwatch(call.client);
+             call.reply([](Writer& writer) { writer.record(); });
+         }},
+        {"command",
+         "runs a line of the grammar",
+         {{"line", Type::text, true, "one line of the grammar"},
+          {"raw", Type::boolean, false, "whether the guards let it through"},
+          {"text", Type::boolean, false, "send the result also as people read it"}},
+         [this](const Call& call) { command(language_, call); }},
+        {"show",
+         "rows of what the stores hold",
+         {{"what", Type::text, true, "mroute, mgroup, vrfs, routes, requests, groups or status"}},
+         [this](const Call& call) { call.reply(language_.shown(*call.parameters.text("what"))); }},
+        {"schema",
+         "describes types, paths and methods",
+         {{"type", Type::text, false, "one entity type or value type only"}},
+         [this](const Call& call) { call.reply(schemaOf(call.parameters.text("type"))); }},
+        {"status",
+         "how the agent fares",
+         {},
+         [this](const Call& call) { call.reply(language_.shown("status")); }},
+        {"trace",
+         "trace levels, or the latest trace records",
+         {{"facility", Type::text, false, "whose level is meant"},
+          {"level", Type::number, false, "up to which its lines are printed, 0 to 9"},
+          {"last", Type::number, false, "so many of the latest trace records instead"}},
+         [](const Call& call) {
+             const Parameters& given = call.parameters;
+             trace({.facility = given.text("facility"),
+                    .level = given.number("level"),
+                    .last = given.number("last")},
+                   call.reply);
+         }},
+    };
 }
 
 } // namespace Agent

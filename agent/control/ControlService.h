@@ -4,11 +4,13 @@
 // Each turns its parameters into operations (changes/Operations.h) or lines (language/Language.h) and has the result
 // written where it is wanted. The application owns it beside the sessions that bring the requests.
 //
-// Read next: ControlMethods.cpp, the methods; Method.h, what they take; Schema.h and Status.h.
+// Whoever adds a method describes it as a row, as ControlMethods.cpp describes those of the service: its name, what it
+// takes, what carries it out. The schema tells methods from the same rows.
+//
+// Read next: ControlMethods.cpp; Schema.cpp and Status.cpp, what `schema` and `status` tell.
 #pragma once
 
 #include "agent/control/JsonRpc.h"
-#include "agent/control/Method.h"
 #include "agent/control/Watchers.h"
 #include "agent/host/PostedTask.h"
 #include "agent/language/Language.h"
@@ -16,12 +18,70 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace Agent {
+
+enum class ParameterType : std::uint8_t { text, boolean, number, object, array, any };
+
+/// "string", "boolean", "number", "object", "array", "any".
+std::string_view typeText(ParameterType type);
+
+struct Parameter {
+    std::string_view name;
+    ParameterType type;
+    bool isRequired;
+    std::string_view about;
+};
+
+/// The parameters of a request: all known, each of its type and there once, none missing that is required.
+class Parameters {
+  public:
+    /// @param given outlives it.
+    /// @param owner what takes them, for messages: `method "get"`.
+    /// @throws Refusal whose place has the `field`.
+    Parameters(const State::Datum::Record& given, std::span<const Parameter> known, const std::string& owner);
+
+    /// Null when it was not given.
+    const State::Datum* find(std::string_view name) const;
+    /// The same as a value, of a parameter of such a type.
+    std::optional<std::string> text(std::string_view name) const { return valueOf<std::string>(name); }
+    std::optional<std::uint64_t> number(std::string_view name) const { return valueOf<std::uint64_t>(name); }
+    std::optional<State::Datum> any(std::string_view name) const;
+    /// Whether a boolean was given, and is true.
+    bool isTrue(std::string_view name) const { return valueOf<bool>(name).value_or(false); }
+
+  private:
+    template <class T>
+    std::optional<T> valueOf(std::string_view name) const {
+        const State::Datum* value = find(name);
+        return value == nullptr ? std::nullopt : std::optional(std::get<T>(value->content));
+    }
+
+    const State::Datum::Record& given_;
+};
+
+/// A request, for the method that carries it out; its parts are there during the call. The reply comes at once, or
+/// later: what it needs until then is copied, itself among it.
+struct Call {
+    ClientId client;
+    const Parameters& parameters;
+    const Text::Reply& reply;
+};
+
+struct Method {
+    std::string_view name;
+    std::string_view about;
+    std::vector<Parameter> parameters;
+    /// @throws Refusal
+    std::function<void(const Call& call)> carryOut;
+};
 
 class ControlService final : public Dispatcher {
   public:
@@ -29,7 +89,7 @@ class ControlService final : public Dispatcher {
     ControlService(asio::io_context& context, Operations& operations, Language& language, AnswerLog& log);
 
     /// Adds a method of somebody else's.
-    void addMethod(Method method);
+    void addMethod(Method method) { methods_.push_back(std::move(method)); }
     /// Where watchers are told; null: nowhere any more.
     void attach(Sessions* sessions);
     /// What else feeds the agent, for `status`: "kernel", "software-chip".
@@ -43,26 +103,11 @@ class ControlService final : public Dispatcher {
               const Text::Reply& reply) override;
     void clientGone(ClientId client) override;
 
-    /// Writes the result of `status`.
-    void writeStatus(Text::Writer& writer) const;
-
   private:
-    void addOwnMethods();
+    std::vector<Method> ownMethods();
     void addOwnVerbs();
-
-    void get(const Parameters& parameters, const Text::Reply& reply);
-    void change(const Parameters& parameters, Change::Op op, const Text::Reply& reply);
-    void apply(const Parameters& parameters, const Text::Reply& reply);
-    void watch(ClientId client, const Parameters& parameters, const Text::Reply& reply);
-    void command(const Parameters& parameters, const Text::Reply& reply);
-    void schema(const Parameters& parameters, const Text::Reply& reply);
-    void trace(const Parameters& parameters, const Text::Reply& reply);
-
-    void dryRun(std::span<const Change> changes, bool withText, const Text::Reply& reply);
-    void writeApplied(Text::Writer& writer, const ApplyResult& result, bool withText) const;
-    void writeSnapshot(Text::Writer& writer, bool withText) const;
-    bool stillHolds(const Parameters& since) const;
-    void writeCounters(Text::Writer& writer) const;
+    Text::Tell schemaOf(std::optional<std::string> type) const;
+    void writeStatus(Text::Writer& writer) const;
     void tellWatchers();
 
     Operations& operations_;
@@ -73,7 +118,7 @@ class ControlService final : public Dispatcher {
     Sessions* sessions_ = nullptr;
     std::vector<Method> methods_;
     std::vector<std::string> sources_;
-    std::function<void(ClientId)> onClientGone_;
+    std::function<void(ClientId)> onClientGone_ = [](ClientId /*client*/) {};
     std::function<void()> onServed_ = [] {};
     std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     std::uint64_t requests_ = 0;

@@ -41,10 +41,6 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
-int connectTo(int fd, const sockaddr_un& address) {
-    return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-}
-
 // The lock that keeps two starters apart. It is on the directory itself, so that no lock file stays behind.
 Fd lockDirectoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -63,14 +59,55 @@ Fd lockDirectoryOf(const std::string& path) {
     return lock;
 }
 
+Fd makeSocket(const std::string& path) {
+    Fd made(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!made)
+        failErrno(path, "can't make a socket");
+    return made;
+}
+
+// Removes a socket that an agent left which has gone; fails on anything else that is there.
+void removeLeftover(const std::string& path, const sockaddr_un& address) {
+    struct stat found {};
+    if (::lstat(path.c_str(), &found) != 0) {
+        if (errno == ENOENT)
+            return;
+        failErrno(path, "can't look at it");
+    }
+    if (!S_ISSOCK(found.st_mode))
+        fail(path, "the file exists and is no socket");
+    const Fd probe = makeSocket(path);
+    const int result = ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (result == 0 || errno == EAGAIN)
+        fail(path, "another agent serves it");
+    if (errno != ECONNREFUSED)
+        failErrno(path, "can't tell whether an agent serves it");
+    if (::unlink(path.c_str()) != 0)
+        failErrno(path, "can't remove the socket of an agent that has gone");
+}
+
 } // namespace
 
 ControlSocket::ControlSocket(const std::string& path)
     : path_(path) {
-    addressOf(path_);
-    const Fd lock = lockDirectoryOf(path_);
-    replaceLeftover();
-    bindAndListen();
+    const sockaddr_un address = addressOf(path);
+    const Fd lock = lockDirectoryOf(path);
+    removeLeftover(path, address);
+    socket_ = makeSocket(path);
+    // The file takes its mode from the socket, so there is no moment in which others could connect.
+    if (::fchmod(socket_.get(), S_IRUSR | S_IWUSR) != 0)
+        failErrno(path, "can't set its mode");
+    if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        failErrno(path, "can't bind");
+    struct stat made {};
+    if (::listen(socket_.get(), SOMAXCONN) != 0 || ::lstat(path.c_str(), &made) != 0) {
+        const int error = errno;
+        ::unlink(path.c_str());
+        errno = error;
+        failErrno(path, "can't listen");
+    }
+    device_ = made.st_dev;
+    inode_ = made.st_ino;
 }
 
 ControlSocket::~ControlSocket() {
@@ -79,49 +116,6 @@ ControlSocket::~ControlSocket() {
     struct stat now {};
     if (::lstat(path_.c_str(), &now) == 0 && now.st_dev == device_ && now.st_ino == inode_)
         ::unlink(path_.c_str());
-}
-
-void ControlSocket::replaceLeftover() {
-    struct stat found {};
-    if (::lstat(path_.c_str(), &found) != 0) {
-        if (errno == ENOENT)
-            return;
-        failErrno(path_, "can't look at it");
-    }
-    if (!S_ISSOCK(found.st_mode))
-        fail(path_, "the file exists and is no socket");
-
-    const Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!probe)
-        failErrno(path_, "can't make a socket");
-    const int result = connectTo(probe.get(), addressOf(path_));
-    if (result == 0 || errno == EAGAIN)
-        fail(path_, "another agent serves it");
-    if (errno != ECONNREFUSED)
-        failErrno(path_, "can't tell whether an agent serves it");
-    if (::unlink(path_.c_str()) != 0)
-        failErrno(path_, "can't remove the socket of an agent that has gone");
-}
-
-void ControlSocket::bindAndListen() {
-    const sockaddr_un address = addressOf(path_);
-    socket_ = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!socket_)
-        failErrno(path_, "can't make a socket");
-    // The file takes its mode from the socket, so there is no moment in which others could connect.
-    if (::fchmod(socket_.get(), S_IRUSR | S_IWUSR) != 0)
-        failErrno(path_, "can't set its mode");
-    if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        failErrno(path_, "can't bind");
-    struct stat made {};
-    if (::listen(socket_.get(), SOMAXCONN) != 0 || ::lstat(path_.c_str(), &made) != 0) {
-        const int error = errno;
-        ::unlink(path_.c_str());
-        errno = error;
-        failErrno(path_, "can't listen");
-    }
-    device_ = made.st_dev;
-    inode_ = made.st_ino;
 }
 
 } // namespace Agent

@@ -26,12 +26,8 @@ class ControlSocket {
     ControlSocket& operator=(const ControlSocket&) = delete;
 
     int fd() const { return socket_.get(); }
-    const std::string& path() const { return path_; }
 
   private:
-    void replaceLeftover();
-    void bindAndListen();
-
     std::string path_;
     Fd socket_;
     dev_t device_ = 0;

@@ -5,10 +5,10 @@
 // an error. A reply may come after its call: the line, a batch as a whole, then waits for it, and no other client
 // does. The codes of the protocol's errors are known here alone.
 //
-// The application owns it. Read next: LineHandler.h; ControlService.h, the dispatcher.
+// The application owns it. Read next: Sessions.h, which brings the lines; ControlService.h, the dispatcher.
 #pragma once
 
-#include "agent/control/LineHandler.h"
+#include "agent/control/Sessions.h"
 #include "state/Datum.h"
 #include "text/Writer.h"
 
@@ -16,10 +16,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace Agent {
 
@@ -52,23 +54,22 @@ class JsonRpc final : public LineHandler {
     static constexpr std::size_t batchAnswerLimit = 64U << 20U;
 
     /// Takes the answer to a line that serve() left unfinished.
-    using Finish = std::function<void(ClientId client, const std::string& answer)>;
+    using Finish = std::function<void(ClientId client, std::string answer)>;
 
     /// @param dispatcher outlives it.
-    JsonRpc(Dispatcher& dispatcher, Finish finish);
-    ~JsonRpc() override;
+    JsonRpc(Dispatcher& dispatcher, Finish finish)
+        : dispatcher_(dispatcher)
+        , finish_(std::move(finish)) {}
 
-    bool serve(ClientId client, std::string_view text, std::string& out) override;
-    void refusal(TurnedAway reason, std::string& out) override;
+    std::optional<std::string> serve(ClientId client, std::string_view text) override;
+    std::string refusal(TurnedAway reason) override;
     void clientGone(ClientId client) override;
 
   private:
     struct Line;
 
     bool goOn(const std::shared_ptr<Line>& line);
-    bool answerOne(const std::shared_ptr<Line>& line, const State::Datum& request);
-    template <class Append>
-    bool answered(Line& line, Append append);
+    void serveNext(const std::shared_ptr<Line>& line);
     void replied(const std::shared_ptr<Line>& line, const Text::Tell& tell);
 
     Dispatcher& dispatcher_;

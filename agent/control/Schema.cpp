@@ -1,4 +1,6 @@
-#include "agent/control/Schema.h"
+// What `schema` tells: entity types with their attributes, value types with their fields, the paths and the methods.
+// Everything but paths and methods comes from reflection, so a new type or field is there without a word here.
+#include "agent/control/ControlService.h"
 
 #include "agent/host/Paths.h"
 #include "agent/host/Refusal.h"
@@ -21,20 +23,10 @@ std::string_view kindText(State::ValueKind kind) {
     return texts[static_cast<std::size_t>(kind)];
 }
 
-// A member that is a list, of what `write` writes of each element.
-template <class List, class Write>
-void writeList(Writer& writer, std::string_view name, const List& list, Write write) {
-    writer.field(name);
-    writer.beginList();
-    for (const auto& element : list)
-        write(element);
-    writer.end();
-}
-
-void write(Writer& writer, const State::EntityType& type) {
+void write(Writer& writer, const State::EntityType* type) {
     writer.beginRecord();
-    writer.member("name", type.name());
-    writeList(writer, "attributes", type.attributes(), [&](const auto& attribute) {
+    writer.member("name", type->name());
+    writer.list("attributes", type->attributes(), [&](const auto& attribute) {
         writer.beginRecord();
         writer.member("name", attribute->name());
         writer.member("kind", kindText(attribute->kind()));
@@ -49,22 +41,19 @@ void write(Writer& writer, const State::EntityType& type) {
     writer.end();
 }
 
-void write(Writer& writer, const State::ValueType& type) {
+void write(Writer& writer, const State::ValueType* type) {
     writer.beginRecord();
-    writer.member("name", type.name);
-    writer.member("kind", kindText(type.kind));
-    if (!type.fields.empty())
-        writeList(writer, "fields", type.fields, [&](const auto& field) {
-            writer.beginRecord();
-            writer.member("name", field.first);
-            writer.member("type", field.second->name);
-            writer.end();
+    writer.member("name", type->name);
+    writer.member("kind", kindText(type->kind));
+    if (!type->fields.empty()) {
+        writer.list("fields", type->fields, [&](const auto& field) {
+            writer.record("name", field.first, "type", field.second->name);
         });
-    if (type.element != nullptr)
-        writer.member("element", type.element->name);
-    if (!type.enumerators.empty())
-        writeList(writer, "enumerators", type.enumerators,
-                  [&](std::string_view name) { writer.value(name); });
+    }
+    if (type->element != nullptr)
+        writer.member("element", type->element->name);
+    if (!type->enumerators.empty())
+        writer.list("enumerators", type->enumerators, [&](std::string_view name) { writer.value(name); });
     writer.end();
 }
 
@@ -73,7 +62,7 @@ void write(Writer& writer, const PathShape& shape) {
     writer.member("path", shape.text);
     writer.member("type", shape.entityType().name());
     if (!shape.modes.empty())
-        writeList(writer, "TYPE", shape.modes, [&](const char* mode) { writer.value(mode); });
+        writer.list("TYPE", shape.modes, [&](const char* mode) { writer.value(mode); });
     writer.end();
 }
 
@@ -81,36 +70,41 @@ void write(Writer& writer, const Method& method) {
     writer.beginRecord();
     writer.member("name", method.name);
     writer.member("about", method.about);
-    writeList(writer, "parameters", method.parameters, [&](const Parameter& parameter) {
-        writer.beginRecord();
-        writer.member("name", parameter.name);
-        writer.member("type", typeText(parameter.type));
-        writer.member("required", parameter.isRequired);
-        writer.member("about", parameter.about);
-        writer.end();
+    writer.list("parameters", method.parameters, [&](const Parameter& parameter) {
+        writer.record("name", parameter.name, "type", typeText(parameter.type), "required",
+                      parameter.isRequired, "about", parameter.about);
     });
     writer.end();
 }
 
-} // namespace
-
-void writeSchema(Writer& writer, std::span<const Method> methods) {
-    writer.beginRecord();
-    writeList(writer, "entityTypes", State::EntityType::all(),
-              [&](const auto* type) { write(writer, *type); });
-    writeList(writer, "valueTypes", State::valueTypes(), [&](const auto* type) { write(writer, *type); });
-    writeList(writer, "paths", Paths::shapes(), [&](const PathShape& shape) { write(writer, shape); });
-    writeList(writer, "methods", methods, [&](const Method& method) { write(writer, method); });
-    writer.end();
-}
-
-void writeSchemaOf(Writer& writer, const std::string& name) {
+void writeType(Writer& writer, const std::string& name) {
     if (const State::EntityType* entity = State::EntityType::find(name))
-        write(writer, *entity);
+        write(writer, entity);
     else if (const State::ValueType* value = State::findValueType(name))
-        write(writer, *value);
+        write(writer, value);
     else
         throw Refusal("there is no entity or value type \"" + name + "\"", {.field = "type"});
+}
+
+} // namespace
+
+// @param type writes one entity type or value type alone.
+Text::Tell ControlService::schemaOf(std::optional<std::string> type) const {
+    return [this, type = std::move(type)](Writer& writer) {
+        if (type) {
+            writeType(writer, *type);
+            return;
+        }
+        const auto writeAll = [&](std::string_view name, const auto& all) {
+            writer.list(name, all, [&](const auto& one) { write(writer, one); });
+        };
+        writer.beginRecord();
+        writeAll("entityTypes", State::EntityType::all());
+        writeAll("valueTypes", State::valueTypes());
+        writeAll("paths", Paths::shapes());
+        writeAll("methods", methods_);
+        writer.end();
+    };
 }
 
 } // namespace Agent

@@ -1,10 +1,12 @@
-#include "agent/control/Status.h"
+// What `status` tells: toggles, ready flags, how much every collection holds, what tables refused, counters.
+#include "agent/control/ControlService.h"
 
 #include "agent/host/Paths.h"
 #include "agent/json/Json.h"
 #include "records/NatStatus.h"
 #include "state/ShmTable.h"
 #include "state/Toggle.h"
+#include "state/Trace.h"
 
 #include <map>
 #include <string>
@@ -13,6 +15,8 @@ namespace Agent {
 
 namespace {
 
+using Text::Writer;
+
 template <class Visit>
 void eachEntity(const Stores& stores, Visit visit) {
     for (const auto& store : {stores.database, stores.tables, stores.entities})
@@ -20,68 +24,35 @@ void eachEntity(const Stores& stores, Visit visit) {
             visit(path, entity);
 }
 
+// By path, and by the name of the collection.
+using Sizes = std::map<std::string, std::map<std::string, std::uint64_t>>;
+
 // Adds up the collections of what stands at a path, and of members that can be addressed below it.
-class SizeSum final : public State::MemberVisitor {
-  public:
-    explicit SizeSum(const Stores& stores)
-        : paths_(stores) {}
-
-    void add(const std::string& path) {
-        const Place place = paths_.at(path);
-        const bool isFamily = place.shape != nullptr && place.shape->text != place.path;
-        auto& sums = sizes[std::string(isFamily ? place.shape->text : place.path)];
-        if (isFamily)
-            ++sums["entities"];
-        for (const auto& attribute : place.type->attributes()) {
-            if (attribute->kind() == State::AttributeKind::value)
-                continue;
-            sums[std::string(attribute->name())] += attribute->size(*place.entity);
-            if (place.kind() == PathKind::routeTables) {
-                tablesPath_ = path;
-                attribute->walk(*place.entity, nullptr, *this);
-            }
-        }
+void addSizes(const Operations& operations, const std::string& path, Sizes& sizes) {
+    const Place place = Paths(operations.host().stores()).at(path);
+    const bool isFamily = place.shape != nullptr && place.shape->text != place.path;
+    auto& sums = sizes[std::string(isFamily ? place.shape->text : place.path)];
+    if (isFamily)
+        ++sums["entities"];
+    for (const auto& attribute : place.type->attributes()) {
+        if (attribute->kind() == State::AttributeKind::value)
+            continue;
+        sums[std::string(attribute->name())] += attribute->size(*place.entity);
+        if (place.kind() != PathKind::routeTables)
+            continue;
+        for (const auto& [key, value] : operations.members(path, attribute->name()).members)
+            if (const std::string& name = *key.text(); !name.empty() && name.find('/') == std::string::npos)
+                addSizes(operations, std::string(path).append("/").append(name), sizes);
     }
-
-    bool member(const State::Datum& key, const State::Datum& /*value*/) override {
-        if (key.text()->find('/') == std::string::npos && !key.text()->empty())
-            add(tablesPath_ + "/" + *key.text());
-        return true;
-    }
-
-    std::map<std::string, std::map<std::string, std::uint64_t>> sizes;
-
-  private:
-    Paths paths_;
-    std::string tablesPath_;
-};
-
-} // namespace
-
-void writeToggles(Text::Writer& writer) {
-    constexpr std::string_view origins[] = {"default", "file", "override"};
-    writer.beginList();
-    for (const State::ToggleStatus& toggle : State::toggles()) {
-        writer.beginRecord();
-        writer.member("name", toggle.name);
-        writer.member("file", toggle.file);
-        writer.member("value", toggle.value);
-        writer.member("origin", origins[static_cast<std::size_t>(toggle.origin)]);
-        writer.end();
-    }
-    writer.end();
 }
 
-void writeReady(Text::Writer& writer, const Stores& stores) {
-    const auto status = stores.inDatabase<KestrelNat::MulticastSmStatus>();
-    Json::write(writer, status->entityType().fields(*status));
-}
-
-void writeSizes(Text::Writer& writer, const Stores& stores) {
-    SizeSum sum(stores);
-    eachEntity(stores, [&](const std::string& path, const auto&) { sum.add(path); });
+// Members of every collection: by path, those of one shape summed up under the shape.
+void writeSizes(Writer& writer, const Operations& operations) {
+    Sizes all;
+    eachEntity(operations.host().stores(),
+               [&](const std::string& path, const auto&) { addSizes(operations, path, all); });
     writer.beginRecord();
-    for (const auto& [path, sizes] : sum.sizes) {
+    for (const auto& [path, sizes] : all) {
         writer.field(path);
         writer.beginRecord();
         for (const auto& [name, size] : sizes)
@@ -91,7 +62,8 @@ void writeSizes(Text::Writer& writer, const Stores& stores) {
     writer.end();
 }
 
-void writeTables(Text::Writer& writer, const Stores& stores) {
+// Rows that full tables refused and reads that found damage, over all tables.
+void writeTables(Writer& writer, const Stores& stores) {
     std::uint64_t refused = 0;
     std::uint64_t corruptions = 0;
     std::string path;
@@ -111,14 +83,49 @@ void writeTables(Text::Writer& writer, const Stores& stores) {
     writer.member("refusedRows", refused);
     writer.member("corruptions", corruptions);
     writer.field("lastCorruption");
-    if (path.empty()) {
+    if (path.empty())
         writer.value(nullptr);
-    } else {
-        writer.beginRecord();
-        writer.member("path", path);
-        writer.member("message", message);
-        writer.end();
-    }
+    else
+        writer.record("path", path, "message", message);
+    writer.end();
+}
+
+} // namespace
+
+void ControlService::writeStatus(Writer& writer) const {
+    const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - started_;
+    const Host& host = operations_.host();
+    const auto ready = host.stores().inDatabase<KestrelNat::MulticastSmStatus>();
+    writer.beginRecord();
+    writer.member("version", KESTREL_VERSION);
+    writer.member("instance", log_.instance());
+    writer.member("uptimeSeconds", static_cast<std::uint64_t>(uptime.count()));
+    writer.list("toggles", State::toggles(), [&](const State::ToggleStatus& toggle) {
+        constexpr std::string_view origins[] = {"default", "file", "override"};
+        writer.record("name", toggle.name, "file", toggle.file, "value", toggle.value, "origin",
+                      origins[static_cast<std::size_t>(toggle.origin)]);
+    });
+    writer.member("fibSource", host.routes().name());
+    writer.list("sources", sources_, [&](const std::string& source) { writer.value(source); });
+    writer.field("ready");
+    Json::write(writer, ready->entityType().fields(*ready));
+    writer.field("sizes");
+    writeSizes(writer, operations_);
+    writer.field("tables");
+    writeTables(writer, host.stores());
+    writer.field("counters");
+    writer.beginRecord();
+    writer.member("requests", requests_);
+    writer.member("changes", operations_.counters().changes);
+    writer.member("refused", operations_.counters().refused);
+    writer.member("clients", sessions_ == nullptr ? 0 : sessions_->clients());
+    writer.member("cutOff", sessions_ == nullptr ? 0 : sessions_->cutOffCount());
+    writer.member("watchers", watchers_.size());
+    writer.member("answerSeq", log_.last());
+    writer.member("answersOldest", log_.oldest());
+    writer.member("traceNext", State::traceNext());
+    writer.member("traceOldest", State::traceOldest());
+    writer.end();
     writer.end();
 }
 

@@ -1,6 +1,5 @@
 #include "agent/control/Watchers.h"
 
-#include "agent/control/Sessions.h"
 #include "agent/language/AnswerText.h"
 #include "text/JsonWriter.h"
 
@@ -25,61 +24,52 @@ void Watchers::unwatch(ClientId client) {
     std::erase_if(watchers_, [client](const Watcher& watcher) { return watcher.client == client; });
 }
 
-bool Watchers::tell() {
-    cutOffTheLost();
-    for (std::size_t told = 0; told < sliceChanges; ++told) {
-        const Watcher* watcher = furthestBehind();
-        if (watcher == nullptr)
-            return false;
-        tellOne(watcher->next);
-    }
-    return furthestBehind() != nullptr;
-}
-
-void Watchers::cutOffTheLost() {
-    std::erase_if(watchers_, [this](const Watcher& watcher) {
+bool Watchers::tell(Sessions& sessions) {
+    std::erase_if(watchers_, [&](const Watcher& watcher) {
         const bool isLost = watcher.next < log_.oldest();
-        if (isLost && sessions_ != nullptr)
-            sessions_->cutOff(watcher.client);
+        if (isLost)
+            sessions.cutOff(watcher.client);
         return isLost;
     });
+    for (std::size_t told = 0; told < sliceChanges; ++told) {
+        const Watcher* watcher = furthestBehind(sessions);
+        if (watcher == nullptr)
+            return false;
+        tellOne(watcher->next, sessions);
+    }
+    return furthestBehind(sessions) != nullptr;
 }
 
 // Whether the watcher can be told something now.
-bool Watchers::isOpen(const Watcher& watcher) const {
-    return watcher.next <= log_.last() && sessions_ != nullptr &&
-           sessions_->unsent(watcher.client) < waitingLimit;
+bool Watchers::isOpen(const Watcher& watcher, const Sessions& sessions) const {
+    return watcher.next <= log_.last() && sessions.unsent(watcher.client) < waitingLimit;
 }
 
-const Watchers::Watcher* Watchers::furthestBehind() const {
+// Of those who can be told something now.
+const Watchers::Watcher* Watchers::furthestBehind(const Sessions& sessions) const {
     const Watcher* found = nullptr;
     for (const Watcher& watcher : watchers_)
-        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher))
+        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher, sessions))
             found = &watcher;
     return found;
 }
 
 // Tells one change to all whose turn it is, put into words once for each form.
-void Watchers::tellOne(std::uint64_t seq) {
-    for (std::string& line : lines_)
-        line.clear();
+void Watchers::tellOne(std::uint64_t seq, Sessions& sessions) {
+    std::string lines[2]; // without text and with it; empty: not put into words yet
     std::erase_if(watchers_, [&](Watcher& watcher) {
-        if (watcher.next != seq || !isOpen(watcher))
+        if (watcher.next != seq || !isOpen(watcher, sessions))
             return false;
         ++watcher.next;
-        return !sessions_->notify(watcher.client, line(seq, watcher.withText));
+        std::string& line = lines[watcher.withText ? 1 : 0];
+        if (line.empty()) {
+            line = R"({"jsonrpc":"2.0","method":"changed","params":)";
+            Text::JsonWriter writer(line);
+            writeChange(writer, operations_, seq, log_.change(seq), watcher.withText);
+            line += '}';
+        }
+        return !sessions.notify(watcher.client, line);
     });
-}
-
-const std::string& Watchers::line(std::uint64_t seq, bool withText) {
-    std::string& line = lines_[withText ? 1 : 0];
-    if (line.empty()) {
-        line = R"({"jsonrpc":"2.0","method":"changed","params":)";
-        Text::JsonWriter writer(line);
-        writeChange(writer, operations_, seq, log_.change(seq), withText);
-        line += '}';
-    }
-    return line;
 }
 
 } // namespace Agent

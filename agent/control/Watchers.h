@@ -8,17 +8,14 @@
 
 #include "agent/changes/AnswerLog.h"
 #include "agent/changes/Operations.h"
-#include "agent/control/LineHandler.h"
+#include "agent/control/Sessions.h"
 #include "text/Writer.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 namespace Agent {
-
-class Sessions;
 
 class Watchers {
   public:
@@ -32,9 +29,6 @@ class Watchers {
         : operations_(operations)
         , log_(log) {}
 
-    /// Where to tell them; null: nowhere any more.
-    void attach(Sessions* sessions) { sessions_ = sessions; }
-
     /// Tells the client what comes after change number `last`, anew if it watches already.
     /// @param withText whether each change comes with its line for people.
     void watch(ClientId client, std::uint64_t last, bool withText);
@@ -43,7 +37,7 @@ class Watchers {
     std::size_t size() const { return watchers_.size(); }
 
     /// Tells a slice; true if there is more that could be told at once.
-    bool tell();
+    bool tell(Sessions& sessions);
 
   private:
     struct Watcher {
@@ -52,17 +46,13 @@ class Watchers {
         bool withText;
     };
 
-    void cutOffTheLost();
-    bool isOpen(const Watcher& watcher) const;
-    const Watcher* furthestBehind() const;
-    void tellOne(std::uint64_t seq);
-    const std::string& line(std::uint64_t seq, bool withText);
+    bool isOpen(const Watcher& watcher, const Sessions& sessions) const;
+    const Watcher* furthestBehind(const Sessions& sessions) const;
+    void tellOne(std::uint64_t seq, Sessions& sessions);
 
     const Operations& operations_;
     const AnswerLog& log_;
-    Sessions* sessions_ = nullptr;
     std::vector<Watcher> watchers_;
-    std::string lines_[2]; // the change at hand without text and with it; empty: not put into words yet
 };
 
 /// Writes a change as watchers hear it: {seq, path, attribute, key, value}, with text also vrf and text.

@@ -14,10 +14,6 @@ using State::Datum;
 namespace dom = simdjson::dom;
 namespace ondemand = simdjson::ondemand;
 
-std::string tooDeep() {
-    return "arrays and objects nest deeper than " + std::to_string(depthLimit) + " levels";
-}
-
 // The depth of what has been parsed is known to be within the limit.
 Datum datumOf(const dom::element& element) {
     switch (element.type()) {
@@ -39,12 +35,12 @@ Datum datumOf(const dom::element& element) {
     }
     case dom::element_type::STRING:
         return std::string_view(element);
+    case dom::element_type::INT64:
+        if (const std::int64_t number = element; number < 0)
+            return number;
+        [[fallthrough]];
     case dom::element_type::UINT64:
         return std::uint64_t(element);
-    case dom::element_type::INT64: {
-        const std::int64_t number = element;
-        return number < 0 ? Datum(number) : Datum(static_cast<std::uint64_t>(number));
-    }
     case dom::element_type::DOUBLE:
         return double(element);
     case dom::element_type::BOOL:
@@ -79,8 +75,10 @@ std::string placeText(std::string_view text, std::size_t at) {
     return " (line " + std::to_string(line) + ", column " + std::to_string(column) + ")";
 }
 
-// The library's text for a code, without the code's own name.
+// The library's text for a code, without the code's own name; ours where it knows no number.
 std::string textOf(simdjson::error_code code) {
+    if (code == simdjson::DEPTH_ERROR)
+        return "arrays and objects nest deeper than " + std::to_string(depthLimit) + " levels";
     const std::string text = simdjson::error_message(code);
     const std::size_t name = text.find(": ");
     return name == std::string::npos ? text : text.substr(name + 2);
@@ -91,30 +89,23 @@ template <class Value>
 void visit(Value&& value, int depth) {
     if (depth > depthLimit)
         throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
-    switch (ondemand::json_type(value.type())) {
-    case ondemand::json_type::array:
+    const ondemand::json_type type = value.type();
+    if (type == ondemand::json_type::array)
         for (auto element : value.get_array())
             visit(element, depth + 1);
-        break;
-    case ondemand::json_type::object:
+    else if (type == ondemand::json_type::object)
         for (auto field : value.get_object()) {
             static_cast<void>(std::string_view(field.unescaped_key()));
             visit(field.value(), depth + 1);
         }
-        break;
-    case ondemand::json_type::string:
+    else if (type == ondemand::json_type::string)
         static_cast<void>(std::string_view(value.get_string()));
-        break;
-    case ondemand::json_type::number:
+    else if (type == ondemand::json_type::number)
         static_cast<void>(ondemand::number(value.get_number()));
-        break;
-    case ondemand::json_type::boolean:
+    else if (type == ondemand::json_type::boolean)
         static_cast<void>(bool(value.get_bool()));
-        break;
-    case ondemand::json_type::null:
+    else
         static_cast<void>(bool(value.is_null()));
-        break;
-    }
 }
 
 // What is wrong with a text that the parser of documents did not take, and where, which it does not tell. The one
@@ -137,7 +128,7 @@ std::string faultOf(std::string_view text, simdjson::error_code error) {
     const bool isWithin = document.current_location().get(at) == simdjson::SUCCESS;
     const std::size_t place =
         isWithin ? std::min(static_cast<std::size_t>(at - padded.data()), text.size()) : text.size();
-    return (error == simdjson::DEPTH_ERROR ? tooDeep() : textOf(error)) + placeText(text, place);
+    return textOf(error) + placeText(text, place);
 }
 
 // A parser for texts up to some length, which refuses those that nest too deep.
@@ -148,25 +139,21 @@ dom::parser parserFor(std::size_t length) {
     return parser;
 }
 
-Datum parseWith(dom::parser& parser, std::string_view text) {
-    dom::element element;
-    const auto error = parser.parse(text.data(), text.size()).get(element); // copies the text, to pad it
-    if (error == simdjson::SUCCESS)
-        return datumOf(element);
-    if (error == simdjson::MEMALLOC)
-        throw std::bad_alloc();
-    throw Error("not JSON: " + faultOf(text, error));
-}
-
 } // namespace
 
 Datum parse(std::string_view text) {
     constexpr std::size_t keptLength = std::size_t{64} << 10U;
     static dom::parser kept = parserFor(keptLength);
-    if (text.size() <= keptLength)
-        return parseWith(kept, text);
-    dom::parser once = parserFor(text.size()); // gives back what a long text needs
-    return parseWith(once, text);
+    const bool isLong = text.size() > keptLength;
+    dom::parser once = isLong ? parserFor(text.size()) : dom::parser(); // gives back what a long text needs
+    dom::element element;
+    const auto error =
+        (isLong ? once : kept).parse(text.data(), text.size()).get(element); // copies, to pad it
+    if (error == simdjson::MEMALLOC)
+        throw std::bad_alloc();
+    if (error != simdjson::SUCCESS)
+        throw Error("not JSON: " + faultOf(text, error));
+    return datumOf(element);
 }
 
 void write(Text::Writer& writer, const Datum& datum) {
@@ -178,10 +165,7 @@ void write(Text::Writer& writer, const Datum& datum) {
         }
         writer.end();
     } else if (const auto* list = datum.list()) {
-        writer.beginList();
-        for (const Datum& element : *list)
-            write(writer, element);
-        writer.end();
+        writer.list(*list, [&](const Datum& element) { write(writer, element); });
     } else {
         std::visit(
             [&](const auto& scalar) {

@@ -1,6 +1,6 @@
 #include "agent/language/AnswerText.h"
 
-#include "agent/json/ValueWriter.h"
+#include "agent/json/Json.h"
 
 namespace Agent {
 

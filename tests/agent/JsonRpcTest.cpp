@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -41,9 +42,9 @@ class RecordingDispatcher : public Agent::Dispatcher {
 class JsonRpcTest : public testing::Test {
   protected:
     std::string answer(const std::string& line) {
-        std::string out;
-        EXPECT_TRUE(rpc.serve(7, line, out));
-        return out;
+        const std::optional<std::string> served = rpc.serve(7, line);
+        EXPECT_TRUE(served.has_value());
+        return served.value_or("");
     }
 
     Json error(const std::string& line) {
@@ -54,7 +55,7 @@ class JsonRpcTest : public testing::Test {
     }
 
     RecordingDispatcher dispatcher;
-    Agent::JsonRpc rpc{dispatcher, [](Agent::ClientId, const std::string&) {}};
+    Agent::JsonRpc rpc{dispatcher, [](Agent::ClientId, const std::string& /*answer*/) {}};
 };
 
 TEST_F(JsonRpcTest, AnswersUnderTheRequestsOwnId) {

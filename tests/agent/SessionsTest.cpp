@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,7 +25,6 @@ namespace AgentTest {
 namespace {
 
 using Agent::LineHandler;
-using Agent::Session;
 using Agent::Sessions;
 
 std::string request(const std::string& method, const Json& params = json("{}"), const Json& id = 1) {
@@ -180,7 +180,7 @@ TEST_F(SessionsTest, WhoLetsNotificationsPileUpIsCutOffAndWhoReadsThemIsNot) {
     }
     EXPECT_EQ(whole, 24);
     EXPECT_EQ(status().at("cutOff"), 1);
-    EXPECT_LT(server.memory(), before + 3 * Session::notificationLimit);
+    EXPECT_LT(server.memory(), before + 3 * Sessions::notificationLimit);
     while (deaf.line()) {
     }
     EXPECT_TRUE(deaf.ended());
@@ -305,11 +305,10 @@ class EchoHandler : public Agent::LineHandler {
     explicit EchoHandler(asio::io_context& loop)
         : loop_(loop) {}
 
-    bool serve(Agent::ClientId /*client*/, std::string_view line, std::string& out) override {
-        out += line;
-        return true;
+    std::optional<std::string> serve(Agent::ClientId /*client*/, std::string_view line) override {
+        return std::string(line);
     }
-    void refusal(Agent::TurnedAway /*reason*/, std::string& out) override { out += "refused"; }
+    std::string refusal(Agent::TurnedAway /*reason*/) override { return "refused"; }
     void clientGone(Agent::ClientId /*client*/) override { loop_.stop(); }
 
   private:
