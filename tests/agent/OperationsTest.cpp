@@ -181,7 +181,7 @@ Json picture(const InProcessAgent& agent) {
     for (const char* type : {"user", "sparsemode"}) {
         const std::string fibs = std::string("lumen/multicast/fib/ipv4/") + type;
         for (const auto& fib : agent.get(fibs, "status"))
-            all.push_back(agent.get(fibs + "/" + fib.at(0).text(), "route"));
+            all.emplace_back(agent.get(fibs + "/" + fib.at(0).text(), "route"));
     }
     return all;
 }
