@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Text {
@@ -12,5 +13,18 @@ namespace Text {
 std::vector<std::string> splitWords(std::string_view line);
 /// The line that splitWords takes apart into these words.
 std::string joinWords(const std::vector<std::string>& words);
+
+/// Texts one behind the other, with the separator between them.
+template <class Texts>
+std::string joined(const Texts& texts, std::string_view separator) {
+    std::string all;
+    bool isFirst = true;
+    for (const auto& text : texts) {
+        if (!std::exchange(isFirst, false))
+            all += separator;
+        all += std::string_view(text);
+    }
+    return all;
+}
 
 } // namespace Text

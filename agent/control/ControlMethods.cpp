@@ -128,19 +128,17 @@ void ControlService::apply(const Parameters& parameters, const Reply& reply) {
     if (listed != nullptr && parameters.find("raw") != nullptr)
         refuse("raw", "each change says itself whether it is raw");
     const bool withText = parameters.isTrue("text");
-    LineChanges list;
     try {
-        list = listed != nullptr ? LineChanges{listedChanges(*listed->list()), {}}
-                                 : language_.changes(linesOf(*lines->list()), parameters.isTrue("raw"));
+        const std::vector<Change> changes =
+            listed != nullptr ? listedChanges(*listed->list())
+                              : language_.changes(linesOf(*lines->list()), parameters.isTrue("raw"));
         if (parameters.isTrue("dryRun")) {
-            dryRun(list.changes, withText, reply);
+            dryRun(changes, withText, reply);
             return;
         }
-        const ApplyResult result = operations_.apply(list.changes);
-        reply([&](Writer& writer) { writeApplied(writer, result, withText); });
-    } catch (Refusal& refusal) {
-        if (lines != nullptr)
-            list.place(refusal);
+        const ApplyResult result = operations_.apply(changes);
+        reply([&](Writer& writer) { writeApplied(writer, operations_, result, withText); });
+    } catch (const Refusal& refusal) {
         if (!refusal.where().line)
             throw;
         rethrowAtLine(refusal);
@@ -152,7 +150,7 @@ void ControlService::dryRun(std::span<const Change> changes, bool withText, cons
     const DryRunResult result = operations_.dryRun(changes, [&](const ApplyResult& applied) {
         std::string json;
         Text::JsonWriter writer(json);
-        writeApplied(writer, applied, withText);
+        writeApplied(writer, operations_, applied, withText);
         return json;
     });
     reply([&](Writer& writer) {
@@ -164,14 +162,6 @@ void ControlService::dryRun(std::span<const Change> changes, bool withText, cons
         writer.member("assertion", result.fatal);
         writer.end();
     });
-}
-
-void ControlService::writeApplied(Writer& writer, const ApplyResult& result, bool withText) const {
-    writer.beginRecord();
-    writer.member("changed", result.changed);
-    writer.field("answers");
-    writeAnswers(writer, operations_, result.answers, withText);
-    writer.end();
 }
 
 void ControlService::watch(ClientId client, const Parameters& parameters, const Reply& reply) {

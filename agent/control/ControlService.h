@@ -59,7 +59,6 @@ class ControlService final : public Dispatcher {
     void trace(const Parameters& parameters, const Text::Reply& reply);
 
     void dryRun(std::span<const Change> changes, bool withText, const Text::Reply& reply);
-    void writeApplied(Text::Writer& writer, const ApplyResult& result, bool withText) const;
     void writeSnapshot(Text::Writer& writer, bool withText) const;
     bool stillHolds(const Parameters& since) const;
     void writeCounters(Text::Writer& writer) const;

@@ -1,7 +1,7 @@
 #include "agent/language/Queries.h"
 
-#include "agent/host/Refusal.h"
 #include "agent/json/Json.h"
+#include "agent/language/StateCommands.h"
 #include "state/Trace.h"
 #include "text/Nearest.h"
 
@@ -117,8 +117,6 @@ void writeLevels(Text::Writer& writer, const TraceQuery& query) {
     writer.end();
 }
 
-} // namespace
-
 void checkQuery(const Operations& operations, const GetQuery& query) {
     if (!query.attribute.empty())
         checkMember(operations, query, operations.attributeAt(query.path, query.attribute).kind());
@@ -126,20 +124,6 @@ void checkQuery(const Operations& operations, const GetQuery& query) {
         refuse("a key is that of an attribute's member: name the attribute", "attribute");
     if (query.limit.value_or(0) > GetQuery::pageLimit)
         refuse("an answer has at most " + std::to_string(GetQuery::pageLimit) + " members", "limit");
-}
-
-void get(const Operations& operations, const GetQuery& query, Text::Writer& writer) {
-    checkQuery(operations, query);
-    if (!query.attribute.empty()) {
-        getAttribute(operations, query, query.attribute, writer);
-        return;
-    }
-    writer.beginRecord();
-    for (const auto& attribute : operations.typeAt(query.path).attributes()) {
-        writer.field(attribute->name());
-        getAttribute(operations, query, attribute->name(), writer);
-    }
-    writer.end();
 }
 
 void checkQuery(const TraceQuery& query) {
@@ -160,6 +144,59 @@ void checkQuery(const TraceQuery& query) {
         refuse("there is no trace facility \"" + *query.facility + "\"" +
                    Text::suggestion(*query.facility, names),
                "facility");
+}
+
+} // namespace
+
+Action readGet(const Operations& operations, WordReader& words) {
+    // At each word, so that a refusal names the one that is wrong.
+    GetQuery query{.path = words.word("a path")};
+    const auto check = [&] { checkQuery(operations, query); };
+    words.checkLast(check);
+    if (!words.atEnd()) {
+        query.attribute = words.word("an attribute");
+        words.checkLast(check);
+    }
+    while (!words.atEnd()) {
+        if (words.accept("limit"))
+            query.limit = words.number("how many members", GetQuery::pageLimit);
+        else if (words.accept("after"))
+            query.after = datumOfWord(words.word("the key of a member"));
+        else if (!query.key)
+            query.key = datumOfWord(words.word("a key"));
+        else
+            words.expectEnd();
+        words.checkLast(check);
+    }
+    return [&operations, query](const Text::Reply& reply) {
+        reply([&](Text::Writer& writer) { get(operations, query, writer); });
+    };
+}
+
+void get(const Operations& operations, const GetQuery& query, Text::Writer& writer) {
+    checkQuery(operations, query);
+    if (!query.attribute.empty()) {
+        getAttribute(operations, query, query.attribute, writer);
+        return;
+    }
+    writer.beginRecord();
+    for (const auto& attribute : operations.typeAt(query.path).attributes()) {
+        writer.field(attribute->name());
+        getAttribute(operations, query, attribute->name(), writer);
+    }
+    writer.end();
+}
+
+Action readTrace(WordReader& words) {
+    TraceQuery query;
+    if (words.accept("last")) {
+        query.last = words.number("how many records", 1'000'000);
+    } else if (!words.atEnd()) {
+        query.facility = words.word("a facility");
+        words.checkLast([&] { checkQuery(query); });
+        query.level = words.number("a level", TraceQuery::maxLevel);
+    }
+    return [query](const Text::Reply& reply) { trace(query, reply); };
 }
 
 void trace(const TraceQuery& query, const Text::Reply& reply) {

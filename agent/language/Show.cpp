@@ -30,18 +30,13 @@ struct Row {
 
 using Rows = std::vector<Row>;
 
-// Something that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
-// for people; `of` the service whose answers they are.
-struct Shown {
-    std::string_view name;
+// A table that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
+// for people.
+struct Table {
+    std::string name;
     std::vector<std::string_view> columns;
-    void (*collect)(const Operations& operations, const Service* of, Rows& rows);
-    const Service* of = nullptr;
+    std::function<void(const Operations& operations, Rows& rows)> collect;
     std::size_t hidden = 0;
-
-    std::size_t columnsFor(const Text::Writer& writer) const {
-        return columns.size() - (writer.isForPeople() ? hidden : 0);
-    }
 };
 
 Row requestRow(const Operations& operations, const RequestKey& key) {
@@ -54,35 +49,32 @@ Row requestRow(const Operations& operations, const RequestKey& key) {
 }
 
 // Requests with their answers, and answers whose request is gone.
-void collectAnswers(const Operations& operations, const Service* of, Rows& rows) {
-    const auto& database = *operations.host().stores().database;
-    const auto requests = database.entity(of->requestPath);
-    const auto answers = database.entity(of->answerPath);
+void collectAnswers(const Operations& operations, const Service& of, Rows& rows) {
+    const State::Store& database = *operations.host().stores().database;
+    const RequestSet& requests = of.requests(database);
     const auto add = [&](const RequestKey& key, const Answer& answer) {
         rows.push_back(requestRow(operations, key));
         rows.back().cells.push_back(toDatum(answer));
         rows.back().cells.push_back(State::toDatum(key.type));
     };
-    for (const RequestKey& key : of->requests(*requests).walk())
-        add(key, of->answer(*answers, key));
-    of->eachAnswer(*answers, [&](const RequestKey& key, const Answer& answer) {
-        if (of->requests(*requests).has(key))
+    for (const RequestKey& key : requests.walk())
+        add(key, of.answer(database, key));
+    of.eachAnswer(database, [&](const RequestKey& key, const Answer& answer) {
+        if (requests.has(key))
             return;
         add(key, answer);
         rows.back().withdrawn = answerWords(answer, "") + " (withdrawn)";
     });
 }
 
-void collectRequests(const Operations& operations, const Service* /*of*/, Rows& rows) {
-    for (const Service& service : services()) {
-        const auto requests = operations.host().stores().database->entity(service.requestPath);
-        for (const RequestKey& key : service.requests(*requests).walk()) {
+void collectRequests(const Operations& operations, Rows& rows) {
+    for (const Service& service : services())
+        for (const RequestKey& key : service.requests(*operations.host().stores().database).walk()) {
             Row row = requestRow(operations, key);
             row.cells.insert(row.cells.begin(), Datum(service.name));
             row.cells.push_back(State::toDatum(key.type));
             rows.push_back(std::move(row));
         }
-    }
 }
 
 std::vector<std::string> vrfNames(const Stores& stores) {
@@ -95,7 +87,7 @@ std::vector<std::string> vrfNames(const Stores& stores) {
     return names;
 }
 
-void collectVrfs(const Operations& operations, const Service* /*of*/, Rows& rows) {
+void collectVrfs(const Operations& operations, Rows& rows) {
     const Stores& stores = operations.host().stores();
     for (const std::string& name : vrfNames(stores)) {
         const auto status = stores.inDatabase<RouteStatus>()->vrfStatus(name);
@@ -112,7 +104,7 @@ std::string prefixText(const L3::IpGenPrefix& prefix) {
     return prefix == L3::IpGenPrefix() ? "any" : prefix.stringValue();
 }
 
-void collectRoutes(const Operations& operations, const Service* /*of*/, Rows& rows) {
+void collectRoutes(const Operations& operations, Rows& rows) {
     for (const std::string& vrf : vrfNames(operations.host().stores()))
         for (const RouteType type : routeTypes)
             operations.host().routes().eachRoute(vrf, type, [&](const ShownRoute& route) {
@@ -128,7 +120,7 @@ void collectRoutes(const Operations& operations, const Service* /*of*/, Rows& ro
             });
 }
 
-void collectGroups(const Operations& operations, const Service* /*of*/, Rows& rows) {
+void collectGroups(const Operations& operations, Rows& rows) {
     const auto& tables = *operations.host().stores().tables;
     const auto config = State::handleCast<MrouteColl>(tables.entity(MrouteColl::path));
     const auto status = State::handleCast<MgroupColl>(tables.entity(MgroupColl::path));
@@ -150,31 +142,28 @@ void collectGroups(const Operations& operations, const Service* /*of*/, Rows& ro
             add(key, false, Datum(std::uint64_t{item.groupId}));
 }
 
-std::span<const Shown> everythingShown() {
-    static const std::vector<Shown> shown = [] {
-        std::vector<Shown> all;
-        for (const Service& service : services())
-            all.push_back({service.name,
-                           {"vrf", "source", "group", "intf", "vlan", service.answerColumn, "type"},
-                           &collectAnswers,
-                           &service,
-                           1});
-        all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
-        all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
-        all.push_back(
-            {"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &collectRequests});
-        all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &collectGroups});
-        return all;
-    }();
-    return shown;
+std::vector<Table> tables() {
+    std::vector<Table> all;
+    for (const Service& service : services())
+        all.push_back({std::string(service.name),
+                       {"vrf", "source", "group", "intf", "vlan", service.answerColumn, "type"},
+                       [&service](const Operations& operations, Rows& rows) {
+                           collectAnswers(operations, service, rows);
+                       },
+                       1});
+    all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
+    all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
+    all.push_back(
+        {"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &collectRequests});
+    all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &collectGroups});
+    return all;
 }
 
-void writeRow(Text::Writer& writer, const Shown& shown, const Row& row) {
+void writeRow(Text::Writer& writer, std::span<const std::string_view> columns, const Row& row) {
     writer.beginRecord();
-    const std::size_t columns = shown.columnsFor(writer);
-    for (std::size_t i = 0; i < columns; ++i) {
-        writer.field(shown.columns[i]);
-        const bool isLast = i + 1 == columns;
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        writer.field(columns[i]);
+        const bool isLast = i + 1 == columns.size();
         if (writer.isForPeople() && isLast && !row.withdrawn.empty())
             writer.value(row.withdrawn);
         else
@@ -185,33 +174,34 @@ void writeRow(Text::Writer& writer, const Shown& shown, const Row& row) {
     writer.end();
 }
 
-} // namespace
-
-std::vector<std::string_view> shownNames() {
-    std::vector<std::string_view> names;
-    for (const Shown& shown : everythingShown())
-        names.push_back(shown.name);
-    return names;
-}
-
-void show(const Operations& operations, std::string_view what, Text::Writer& writer) {
-    const auto all = everythingShown();
-    const Shown& shown = *std::ranges::find(all, what, &Shown::name);
+void write(Text::Writer& writer, const Operations& operations, const Table& table) {
     Rows rows;
-    shown.collect(operations, shown.of, rows);
+    table.collect(operations, rows);
     std::ranges::stable_sort(rows, {},
                              [](const Row& row) { return std::tie(row.vrf, row.group, row.source); });
-    if (!writer.isForPeople()) {
+    const bool isRecord = !writer.isForPeople();
+    if (isRecord) {
         writer.beginRecord();
-        writer.member("show", what);
+        writer.member("show", table.name);
         writer.field("rows");
     }
-    writer.beginTable(std::span(shown.columns).first(shown.columnsFor(writer)));
+    const auto columns = std::span(table.columns).first(table.columns.size() - (isRecord ? 0 : table.hidden));
+    writer.beginTable(columns);
     for (const Row& row : rows)
-        writeRow(writer, shown, row);
+        writeRow(writer, columns, row);
     writer.end();
-    if (!writer.isForPeople())
+    if (isRecord)
         writer.end();
+}
+
+} // namespace
+
+std::vector<Shown> shownTables(const Operations& operations) {
+    std::vector<Shown> all;
+    for (const Table& table : tables())
+        all.emplace_back(table.name,
+                         [&operations, table](Text::Writer& writer) { write(writer, operations, table); });
+    return all;
 }
 
 } // namespace Agent

@@ -93,9 +93,8 @@ TEST_F(SoftwareChipTest, ManyRowsAreWorkedOffInSeveralTasks) {
     Agent::SoftwareChip chip(agent.host.stores(), wake);
     agent.host.start();
     constexpr unsigned count = 1000;
-    for (unsigned vlan = 1; vlan <= count; ++vlan) {
+    for (unsigned vlan = 1; vlan <= count; ++vlan)
         agent.operations.change(setOf("api/mgroup/req", "mgroupReq", request(1).with("vlanId", vlan)));
-    }
     std::size_t turns = 0;
     while (turn(chip))
         ++turns;
