@@ -2,6 +2,7 @@
 // may hold blanks, with \" and \\ for a quote and a backslash; # begins a comment.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,6 +15,14 @@ std::vector<std::string> splitWords(std::string_view line);
 /// The line that splitWords takes apart into these words.
 std::string joinWords(const std::vector<std::string>& words);
 
+/// One text of each, a member such as its name.
+template <class Range, class Member>
+std::vector<std::string_view> namesOf(const Range& range, Member member) {
+    std::vector<std::string_view> names;
+    for (const auto& each : range)
+        names.emplace_back(std::invoke(member, each));
+    return names;
+}
 /// Texts one behind the other, with the separator between them.
 template <class Texts>
 std::string joined(const Texts& texts, std::string_view separator) {

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <system_error>
@@ -23,14 +24,6 @@ namespace {
 
 constexpr unsigned limitSeconds = 10;
 
-// A file in memory, which outlives the child that writes it.
-Fd makeFile() {
-    Fd file(::memfd_create("dry run", MFD_CLOEXEC));
-    if (!file)
-        throw std::system_error(errno, std::generic_category(), "memfd_create");
-    return file;
-}
-
 std::string contentOf(const Fd& file) {
     std::string text(static_cast<std::size_t>(std::max<off_t>(::lseek(file.get(), 0, SEEK_END), 0)), '\0');
     const ssize_t count = ::pread(file.get(), text.data(), text.size(), 0);
@@ -38,27 +31,27 @@ std::string contentOf(const Fd& file) {
     return text;
 }
 
-bool write(int fd, std::string_view text) {
-    return ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+// Puts the text in place of what has been said.
+bool tell(std::string_view text) {
+    return ::ftruncate(STDERR_FILENO, 0) == 0 &&
+           ::pwrite(STDERR_FILENO, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
 }
 
-[[noreturn]] void beChild(const std::function<std::string()>& work, const Fd& result, const Fd& error) {
-    constexpr int resultTo = STDERR_FILENO + 1;
+[[noreturn]] void beChild(const std::function<std::string()>& work, const Fd& said) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::prctl(PR_SET_DUMPABLE, 0);
     std::signal(SIGALRM, SIG_DFL);
     ::alarm(limitSeconds);
-    ::dup2(error.get(), STDERR_FILENO);
-    ::dup2(result.get(), resultTo);
-    ::close_range(static_cast<unsigned>(resultTo) + 1, ~0U, 0);
+    ::dup2(said.get(), STDERR_FILENO);
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);
     dropLastWords();
     State::traceSinkIs([](void*, const State::TraceRecord&) {}, nullptr);
     State::traceRingIs({});
     int status = 1;
     try {
-        status = write(resultTo, work()) ? 0 : 1;
-    } catch (const std::exception& failure) {
-        write(STDERR_FILENO, failure.what());
+        status = tell(work()) ? 0 : 1;
+    } catch (const std::exception& error) {
+        std::fputs(error.what(), stderr);
     }
     ::_exit(status);
 }
@@ -75,13 +68,12 @@ std::string endText(std::string said, int status) {
 } // namespace
 
 DryRunResult runDry(const std::function<std::string()>& work) {
-    const Fd result = makeFile();
-    const Fd error = makeFile();
-    const pid_t child = ::fork();
+    const Fd said(::memfd_create("dry run", MFD_CLOEXEC)); // it outlives the child
+    const pid_t child = said ? ::fork() : -1;
     if (child < 0)
-        throw std::system_error(errno, std::generic_category(), "fork");
+        throw std::system_error(errno, std::generic_category(), said ? "fork" : "memfd_create");
     if (child == 0)
-        beChild(work, result, error);
+        beChild(work, said);
 
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -90,8 +82,8 @@ DryRunResult runDry(const std::function<std::string()>& work) {
         throw Refusal(RefusalKind::limit, "the dry run took more than " + std::to_string(limitSeconds) +
                                               " seconds and was ended");
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        return {.told = contentOf(result), .fatal = {}};
-    return {.told = {}, .fatal = endText(contentOf(error), status)};
+        return {.told = contentOf(said), .fatal = {}};
+    return {.told = {}, .fatal = endText(contentOf(said), status)};
 }
 
 } // namespace Agent

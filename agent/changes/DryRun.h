@@ -1,9 +1,9 @@
 // A function run in a forked child of the agent, on a copy of everything that it has: what it returns, or how
 // it came to its end.
 //
-// The child has its standard error and a file for its result; every other descriptor but standard input and
-// output is closed in it, above all the loop's and the sockets. It says no last words and leaves no core
-// file. The parent waits for it.
+// The child says both on its standard error, a file in memory; every other descriptor but standard input and output is
+// closed in it, above all the loop's and the sockets. It says no last words and leaves no core file. The parent waits
+// for it.
 #pragma once
 
 #include <functional>

@@ -25,9 +25,7 @@ using State::Datum;
 const State::Attribute& attributeOf(const Place& place, std::string_view name) {
     if (const State::Attribute* attribute = place.type->attribute(name))
         return *attribute;
-    std::vector<std::string_view> known;
-    for (const auto& attribute : place.type->attributes())
-        known.push_back(attribute->name());
+    const auto known = Text::namesOf(place.type->attributes(), [](const auto& each) { return each->name(); });
     refuse(place.path, name, "attribute",
            (name.empty() ? "an attribute must be named"
                          : "there is no attribute \"" + std::string(name) + "\"") +
@@ -77,21 +75,6 @@ const Datum* pointerTo(const std::optional<Datum>& datum) {
     return datum ? &*datum : nullptr;
 }
 
-class PageReader final : public State::MemberVisitor {
-  public:
-    PageReader(Page& page, std::size_t limit)
-        : page_(page)
-        , limit_(limit) {}
-    bool member(const Datum& key, const Datum& value) override {
-        page_.members.emplace_back(key, value);
-        return page_.members.size() < limit_;
-    }
-
-  private:
-    Page& page_;
-    std::size_t limit_;
-};
-
 } // namespace
 
 Operations::Operations(Host& host)
@@ -131,10 +114,11 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
     Page page;
     if (place.entity) {
         page.size = attribute.size(*place.entity);
-        if (limit > 0) {
-            PageReader reader(page, limit);
-            attribute.walk(*place.entity, after, reader);
-        }
+        if (limit > 0)
+            attribute.walk(*place.entity, after, [&](const Datum& key, const Datum& value) {
+                page.members.emplace_back(key, value);
+                return page.members.size() < limit;
+            });
     }
     return page;
 }

@@ -21,7 +21,7 @@ void eachEntity(const Stores& stores, Visit visit) {
 }
 
 // Adds up the collections of what stands at a path, and of members that can be addressed below it.
-class SizeSum final : public State::MemberVisitor {
+class SizeSum {
   public:
     explicit SizeSum(const Stores& stores)
         : paths_(stores) {}
@@ -36,24 +36,20 @@ class SizeSum final : public State::MemberVisitor {
             if (attribute->kind() == State::AttributeKind::value)
                 continue;
             sums[std::string(attribute->name())] += attribute->size(*place.entity);
-            if (place.kind() == PathKind::routeTables) {
-                tablesPath_ = path;
-                attribute->walk(*place.entity, nullptr, *this);
-            }
+            if (place.kind() != PathKind::routeTables)
+                continue;
+            attribute->walk(*place.entity, nullptr, [&](const State::Datum& key, const State::Datum&) {
+                if (key.text()->find('/') == std::string::npos && !key.text()->empty())
+                    add(path + "/" + *key.text());
+                return true;
+            });
         }
-    }
-
-    bool member(const State::Datum& key, const State::Datum& /*value*/) override {
-        if (key.text()->find('/') == std::string::npos && !key.text()->empty())
-            add(tablesPath_ + "/" + *key.text());
-        return true;
     }
 
     std::map<std::string, std::map<std::string, std::uint64_t>> sizes;
 
   private:
     Paths paths_;
-    std::string tablesPath_;
 };
 
 } // namespace

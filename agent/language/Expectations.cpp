@@ -70,21 +70,16 @@ Action Expectations::read(WordReader& words, const StateCommands& names) {
     const bool isAbsent = words.accept("no");
     if (isAbsent)
         words.expect("trace");
-    if (isAbsent || words.accept("trace"))
-        return readTrace(words, isAbsent);
+    if (isAbsent || words.accept("trace")) {
+        const std::string text = words.word("a text in quotes");
+        return held([this, text, isAbsent] { holdTrace(text, isAbsent); });
+    }
     const NamedRequest named = names.request(words);
     const Service& service = *named.service;
     // Refuses a key that is none.
     static_cast<void>(operations_.value(service.answerPath, service.answerAttribute, &named.key));
     const std::string expected = readAnswer(words.expect("="), service);
-    words.expectEnd();
     return held([this, named, expected] { holdAnswer(named, expected); });
-}
-
-Action Expectations::readTrace(WordReader& words, bool isAbsent) {
-    const std::string text = words.word("a text in quotes");
-    words.expectEnd();
-    return held([this, text, isAbsent] { holdTrace(text, isAbsent); });
 }
 
 Action Expectations::mark() {

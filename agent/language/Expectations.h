@@ -24,7 +24,6 @@ class Expectations {
     Action mark();
 
   private:
-    Action readTrace(WordReader& words, bool isAbsent);
     void holdAnswer(const NamedRequest& named, const std::string& expected) const;
     void holdTrace(const std::string& text, bool isAbsent) const;
 

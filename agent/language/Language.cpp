@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace Agent {
@@ -19,12 +20,10 @@ namespace {
 
 std::vector<std::string> linesOf(const std::string& file) {
     std::ifstream in(file);
-    if (!in)
-        throw std::runtime_error(file + ": cannot be read");
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    if (in.bad()) // a folder
+    if (!in.eof()) // it is not there, or a folder
         throw std::runtime_error(file + ": cannot be read");
     return lines;
 }
@@ -42,9 +41,7 @@ std::vector<std::string> wordsOf(std::string_view line) {
 }
 
 [[noreturn]] void refuseVerb(const std::string& word) {
-    std::vector<std::string_view> names;
-    for (const Text::VerbHelp& verb : Text::verbs())
-        names.push_back(verb.name);
+    const auto names = Text::namesOf(Text::verbs(), &Text::VerbHelp::name);
     throw Refusal("expected a command (" + Text::joined(names, ", ") + "), not '" + word + "'" +
                       Text::suggestion(word, names),
                   {.word = 1});
@@ -67,13 +64,12 @@ Language::Language(Operations& operations, std::function<void()> settle)
     : operations_(operations)
     , expectations_(operations, std::move(settle))
     , shown_(shownTables(operations)) {
-    addVerb({"expect", [this](WordReader& words, const StateCommands& names) {
-                 return expectations_.read(words, names);
-             }});
-    addVerb({"mark", [this](WordReader&, const StateCommands&) { return expectations_.mark(); }});
-    addVerb({"show", [this](WordReader& words, const StateCommands&) { return readShow(words); }});
-    addVerb({"get", [this](WordReader& words, const StateCommands&) { return readGet(operations_, words); }});
-    addVerb({"trace", [](WordReader& words, const StateCommands&) { return readTrace(words); }});
+    using Names = const StateCommands&;
+    addVerb({"expect", [this](WordReader& words, Names names) { return expectations_.read(words, names); }});
+    addVerb({"mark", [this](WordReader&, Names) { return expectations_.mark(); }});
+    addVerb({"show", [this](WordReader& words, Names) { return readShow(words); }});
+    addVerb({"get", [this](WordReader& words, Names) { return readGet(operations_, words); }});
+    addVerb({"trace", [](WordReader& words, Names) { return readTrace(words); }});
 }
 
 void Language::addVerb(Verb verb) {
@@ -84,24 +80,17 @@ void Language::addShown(std::string name, Text::Tell tell) {
     shown_.emplace_back(std::move(name), std::move(tell));
 }
 
-std::vector<std::string_view> Language::shownNames() const {
-    std::vector<std::string_view> names;
-    for (const auto& [name, tell] : shown_)
-        names.push_back(name);
-    return names;
-}
-
 const Text::Tell& Language::shown(const std::string& name) const {
     const auto found = std::ranges::find(shown_, name, &Shown::first);
     if (found == shown_.end())
         throw Refusal("there is nothing called \"" + name + "\" to show" +
-                          Text::suggestion(name, shownNames()),
+                          Text::suggestion(name, Text::namesOf(shown_, &Shown::first)),
                       {.field = "what"});
     return found->second;
 }
 
 Action Language::readShow(WordReader& words) {
-    const Text::Tell& tell = shown_[words.oneOf("what to show", shownNames())].second;
+    const Text::Tell& tell = shown_[words.oneOf("what to show", Text::namesOf(shown_, &Shown::first))].second;
     return [tell](const Text::Reply& reply) { reply(tell); };
 }
 
@@ -196,11 +185,9 @@ void Language::playLine(const std::string& line, std::ostream& out) {
     });
     if (!*isDone)
         throw Refusal("its result comes later: it can't be played");
-    for (std::size_t begin = 0; begin < text->size();) {
-        const std::size_t end = text->find('\n', begin);
-        out << "    " << text->substr(begin, end - begin) << '\n';
-        begin = end + 1;
-    }
+    std::istringstream result(*text);
+    for (std::string told; std::getline(result, told);)
+        out << "    " << told << '\n';
 }
 
 } // namespace Agent

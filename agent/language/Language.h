@@ -59,7 +59,6 @@ class Language {
     Action readOther(const std::vector<std::string>& words, const StateCommands& names);
     void readLines(std::span<const std::string> lines, StateCommands& commands, bool onlyState);
     void playLine(const std::string& line, std::ostream& out);
-    std::vector<std::string_view> shownNames() const;
 
     Operations& operations_;
     Expectations expectations_;

@@ -4,6 +4,7 @@
 #include "agent/language/StateCommands.h"
 #include "state/Trace.h"
 #include "text/Nearest.h"
+#include "text/Words.h"
 
 #include <algorithm>
 
@@ -136,10 +137,7 @@ void checkQuery(const TraceQuery& query) {
     if (!query.facility)
         return;
     const auto known = State::traceLevels();
-    std::vector<std::string_view> names;
-    names.reserve(known.size());
-    for (const State::TraceLevel& level : known)
-        names.push_back(level.facility);
+    const auto names = Text::namesOf(known, &State::TraceLevel::facility);
     if (std::ranges::find(names, *query.facility) == names.end())
         refuse("there is no trace facility \"" + *query.facility + "\"" +
                    Text::suggestion(*query.facility, names),

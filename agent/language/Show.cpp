@@ -7,6 +7,7 @@
 #include "state/Value.h"
 
 #include <algorithm>
+#include <set>
 #include <tuple>
 
 namespace Agent {
@@ -44,8 +45,8 @@ Row requestRow(const Operations& operations, const RequestKey& key) {
     return {.vrf = vrf,
             .group = key.groupIp.value(),
             .source = key.sourceIp.value(),
-            .cells = {Datum(vrf), Datum(addressText(key.sourceIp)), Datum(addressText(key.groupIp)),
-                      Datum(key.intf.stringValue()), Datum(std::uint64_t{key.vlanId})}};
+            .cells = {vrf, addressText(key.sourceIp), addressText(key.groupIp), key.intf.stringValue(),
+                      std::uint64_t{key.vlanId}}};
 }
 
 // Requests with their answers, and answers whose request is gone.
@@ -77,13 +78,12 @@ void collectRequests(const Operations& operations, Rows& rows) {
         }
 }
 
-std::vector<std::string> vrfNames(const Stores& stores) {
-    std::vector<std::string> names;
+std::set<std::string> vrfNames(const Stores& stores) {
+    std::set<std::string> names;
     for (const auto& [name, status] : stores.inDatabase<RouteStatus>()->vrfStatus())
-        names.push_back(name.stringValue());
+        names.insert(name.stringValue());
     for (const auto& [name, isOn] : stores.inDatabase<VrfEnabledStatus>()->vrfEnabled())
-        if (std::ranges::find(names, name.stringValue()) == names.end())
-            names.push_back(name.stringValue());
+        names.insert(name.stringValue());
     return names;
 }
 
@@ -92,8 +92,8 @@ void collectVrfs(const Operations& operations, Rows& rows) {
     for (const std::string& name : vrfNames(stores)) {
         const auto status = stores.inDatabase<RouteStatus>()->vrfStatus(name);
         Row row{.vrf = name,
-                .cells = {Datum(name), status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
-                          Datum(stores.inDatabase<VrfEnabledStatus>()->vrfEnabled(name))}};
+                .cells = {name, status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
+                          stores.inDatabase<VrfEnabledStatus>()->vrfEnabled(name)}};
         for (const RouteType type : routeTypes)
             row.cells.emplace_back(std::uint64_t{operations.host().routes().routes(name, type)});
         rows.push_back(std::move(row));
@@ -108,14 +108,12 @@ void collectRoutes(const Operations& operations, Rows& rows) {
     for (const std::string& vrf : vrfNames(operations.host().stores()))
         for (const RouteType type : routeTypes)
             operations.host().routes().eachRoute(vrf, type, [&](const ShownRoute& route) {
-                rows.push_back(
-                    {.vrf = vrf,
-                     .group = route.key.group.ipv4().value(),
-                     .source = route.key.source.ipv4().value(),
-                     .cells = {Datum(vrf), Datum(routeTypeText(type)), Datum(prefixText(route.key.source)),
-                               Datum(route.key.group.stringValue()),
-                               Datum(Datum::List(route.oifs.begin(), route.oifs.end())),
-                               Datum(route.isReady)}});
+                rows.push_back({.vrf = vrf,
+                                .group = route.key.group.ipv4().value(),
+                                .source = route.key.source.ipv4().value(),
+                                .cells = {vrf, routeTypeText(type), prefixText(route.key.source),
+                                          route.key.group.stringValue(),
+                                          Datum::List(route.oifs.begin(), route.oifs.end()), route.isReady}});
                 return true;
             });
 }
@@ -129,8 +127,8 @@ void collectGroups(const Operations& operations, Rows& rows) {
         rows.push_back({.vrf = vrf,
                         .group = key.group.ipv4().value(),
                         .source = key.source.ipv4().value(),
-                        .cells = {Datum(vrf), Datum(addressText(key.source)), Datum(addressText(key.group)),
-                                  Datum(std::uint64_t{key.vlanId}), Datum(isWanted), id}});
+                        .cells = {vrf, addressText(key.source), addressText(key.group),
+                                  std::uint64_t{key.vlanId}, isWanted, id}});
     };
     if (config)
         for (const KestrelL3::IpMcastKey& key : config->mroutesCollection().walk()) {

@@ -4,6 +4,7 @@
 #include "records/MrouteGroup.h"
 #include "records/NatStatus.h"
 #include "records/RouteStatus.h"
+#include "text/Words.h"
 
 #include <utility>
 
@@ -34,10 +35,7 @@ std::string prefix(WordReader& words, const char* what) {
 }
 
 RouteType routeType(WordReader& words) {
-    std::vector<std::string_view> names;
-    for (const RouteType type : routeTypes)
-        names.push_back(routeTypeText(type));
-    return routeTypes[words.oneOf("a route type", names)];
+    return routeTypes[words.oneOf("a route type", Text::namesOf(routeTypes, &routeTypeText))];
 }
 
 // The identifier that an entry names, if it is a number.
@@ -167,10 +165,7 @@ void StateCommands::route(WordReader& words, Op op) {
 }
 
 NamedRequest StateCommands::request(WordReader& words) const {
-    std::vector<std::string_view> names;
-    for (const Service& service : services())
-        names.push_back(service.name);
-    const Service& service = services()[words.oneOf("a service", names)];
+    const Service& service = services()[words.oneOf("a service", Text::namesOf(services(), &Service::name))];
     Datum::Record key{{"intf", words.expect("intf").word("an interface")},
                       {idField, std::uint64_t{readVrfId(words.expect("vrf"))}},
                       {"vlanId", words.expect("vlan").number("a VLAN", UINT16_MAX)},
