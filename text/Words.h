@@ -19,6 +19,7 @@ std::string joinWords(const std::vector<std::string>& words);
 template <class Range, class Member>
 std::vector<std::string_view> namesOf(const Range& range, Member member) {
     std::vector<std::string_view> names;
+    names.reserve(std::size(range));
     for (const auto& each : range)
         names.emplace_back(std::invoke(member, each));
     return names;

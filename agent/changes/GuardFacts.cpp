@@ -25,6 +25,7 @@ GuardFacts::Vrf GuardFacts::vrfInStores(std::string_view name) const {
     vrf.enabled = host_.stores().inDatabase<VrfEnabledStatus>()->vrfEnabled(key);
     for (const RouteType type : routeTypes)
         vrf.hasTable[static_cast<std::size_t>(type)] = static_cast<bool>(host_.routes().find(name, type));
+    vrf.isAdded = isAdded(name, vrf);
     return vrf;
 }
 
@@ -115,17 +116,17 @@ void GuardFacts::editVrf(std::string_view name, Edit edit) {
     const Vrf before = vrf(name);
     Vrf& after = vrfs_.insert_or_assign(std::string(name), before).first->second;
     edit(after);
-    const bool wasAdded = isAdded(name, before);
     const std::string key(name);
     if (!after.enabled) {
         memory_.addedUnidentified.erase(key);
         memory_.addedIncomplete.erase(key);
     } else if (host_.isStarted()) {
-        if (wasAdded && !isIdentified(name, after.id))
+        if (before.isAdded && !isIdentified(name, after.id))
             memory_.addedUnidentified.insert(key);
-        else if (!wasAdded && isAdded(name, after) && !after.hasBoth())
+        else if (!before.isAdded && isAdded(name, after) && !after.hasBoth())
             memory_.addedIncomplete.insert(key);
     }
+    after.isAdded = isAdded(name, after);
 }
 
 void GuardFacts::note(const Change& change, const Place& place) {

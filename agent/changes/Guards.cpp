@@ -71,19 +71,18 @@ void checkAddition(const Case& given, std::string_view name, std::string_view fi
 void checkVrfEntry(const Case& given) {
     const std::string name = given.key<L3::VrfName>().stringValue();
     const GuardFacts::Vrf vrf = given.facts.vrf(name);
-    const bool isAdded = given.facts.isAdded(name);
     const std::string inUse = vrfCalled(name) + " is in use: its ";
     const char* const turnOff = "turn multicast off in it first";
     if (!given.isSet()) {
-        given.refuseIf(isAdded, "key", inUse + "entry can't be removed, the plug-in would keep the VRF",
+        given.refuseIf(vrf.isAdded, "key", inUse + "entry can't be removed, the plug-in would keep the VRF",
                        turnOff);
         return;
     }
     checkVrfName(given, name, "key");
     const std::uint32_t id = GuardFacts::writtenId(given.change, vrf.id.value_or(0));
-    if (isAdded && vrf.id == id)
+    if (vrf.isAdded && vrf.id == id)
         return;
-    given.refuseIf(isAdded, "vrfId",
+    given.refuseIf(vrf.isAdded, "vrfId",
                    inUse + "identifier can't become " + std::to_string(id) +
                        ", which ends the plug-in's process",
                    turnOff);

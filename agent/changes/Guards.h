@@ -38,6 +38,7 @@ class GuardFacts {
         std::optional<std::uint32_t> id; // of the entry; nothing: no entry
         bool enabled = false;
         std::array<bool, 2> hasTable{}; // of the source in force, by RouteType
+        bool isAdded = false;           // the plug-in has it in its route map
 
         bool hasBoth() const { return hasTable[0] && hasTable[1]; }
     };
@@ -48,8 +49,6 @@ class GuardFacts {
         , memory_(std::move(memory)) {}
 
     Vrf vrf(std::string_view name) const;
-    /// Whether the plug-in has the VRF in its route map.
-    bool isAdded(std::string_view name) const { return isAdded(name, vrf(name)); }
     /// Whether the plug-in has the tables of the VRF that are in, or under, such a place.
     bool usesTables(const Place& place, std::string_view name) const {
         return isOfSource(place) && vrf(name).enabled;
