@@ -40,13 +40,6 @@ std::vector<std::string> wordsOf(std::string_view line) {
     }
 }
 
-[[noreturn]] void refuseVerb(const std::string& word) {
-    const auto names = Text::namesOf(Text::verbs(), &Text::VerbHelp::name);
-    throw Refusal("expected a command (" + Text::joined(names, ", ") + "), not '" + word + "'" +
-                      Text::suggestion(word, names),
-                  {.word = 1});
-}
-
 // Has something done with the lines of a file; a refusal names the file and the line.
 template <class Use>
 void withLines(const std::string& file, Use use) {
@@ -99,8 +92,12 @@ Action Language::readOther(const std::vector<std::string>& given, const StateCom
     WordReader words(given);
     const std::string name = words.word("a command");
     const auto verb = std::ranges::find(verbs_, name, &Verb::name);
-    if (verb == verbs_.end())
-        refuseVerb(name);
+    if (verb == verbs_.end()) {
+        const auto known = Text::namesOf(Text::verbs(), &Text::VerbHelp::name);
+        throw Refusal("expected a command (" + Text::joined(known, ", ") + "), not '" + name + "'" +
+                          Text::suggestion(name, known),
+                      {.word = 1});
+    }
     Action action = verb->read(words, names);
     words.expectEnd();
     return action;
