@@ -275,10 +275,10 @@ void Application::sayPlan(std::ostream& out) {
         language_.preload(options_.preload);
         out << "begin with the state of " << options_.preload << "\n";
     }
-    std::vector<GivenVrf> mirrored;
+    VrfIds mirrored;
     if (!options_.kernel.empty()) {
         for (const Kernel::VrfConfig& vrf : Kernel::readKernelConfig(options_.kernel).vrfs)
-            mirrored.push_back({vrf.name, vrf.id});
+            mirrored.emplace(vrf.name, vrf.id);
         out << "mirror the kernel's multicast forwarding in " << mirrored.size() << " VRFs, as "
             << options_.kernel << " says\n";
     }

@@ -122,9 +122,8 @@ class SetAttributeOf final : public CollectionAttributeOf<E, Access> {
     std::optional<Datum> find(const Entity& entity, const Datum& key) const override {
         return Base::of(entity).has(Base::keyOf(&key)) ? std::optional<Datum>(Datum()) : std::nullopt;
     }
-    void walk(const Entity& entity, const Datum* after, MemberVisitor& visitor) const override {
-        Base::eachMember(entity, after,
-                         [&](const auto& key) { return visitor.member(toDatum(key), Datum()); });
+    void walk(const Entity& entity, const Datum* after, const MemberVisitor& visit) const override {
+        Base::eachMember(entity, after, [&](const auto& key) { return visit(toDatum(key), Datum()); });
     }
     void check(const Datum* key, const Datum* value) const override {
         Base::keyOf(key);
@@ -150,9 +149,9 @@ class MapAttributeOf final : public CollectionAttributeOf<E, Access> {
         const auto* value = Base::of(entity).find(Base::keyOf(&key));
         return value == nullptr ? std::nullopt : std::optional<Datum>(toDatum(*value));
     }
-    void walk(const Entity& entity, const Datum* after, MemberVisitor& visitor) const override {
+    void walk(const Entity& entity, const Datum* after, const MemberVisitor& visit) const override {
         Base::eachMember(entity, after, [&](const auto& key, const V& value) {
-            return visitor.member(toDatum(key), toDatum(value));
+            return visit(toDatum(key), toDatum(value));
         });
     }
     void check(const Datum* key, const Datum* value) const override {
@@ -198,9 +197,9 @@ class MembersAttributeOf final : public CollectionAttributeOf<E, Access> {
         const Handle<Entity> found = member(entity, key);
         return found ? std::optional<Datum>(type().fields(*found)) : std::nullopt;
     }
-    void walk(const Entity& entity, const Datum* after, MemberVisitor& visitor) const override {
+    void walk(const Entity& entity, const Datum* after, const MemberVisitor& visit) const override {
         Base::eachMember(entity, after, [&](const auto& key, const MemberHandle& value) {
-            return visitor.member(toDatum(key), type().fields(*value));
+            return visit(toDatum(key), type().fields(*value));
         });
     }
     void check(const Datum* key, const Datum* value) const override {

@@ -29,7 +29,7 @@ Datum Attribute::value(const Entity&) const {
 std::optional<Datum> Attribute::find(const Entity&, const Datum&) const {
     unsupported("read by key");
 }
-void Attribute::walk(const Entity&, const Datum*, MemberVisitor&) const {
+void Attribute::walk(const Entity&, const Datum*, const MemberVisitor&) const {
     unsupported("walked");
 }
 bool Attribute::del(Entity&, const Datum&) const {

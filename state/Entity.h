@@ -6,6 +6,7 @@
 #include "state/Datum.h"
 #include "state/Publisher.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,13 +31,7 @@ enum class AttributeKind {
 };
 
 /// Receives a member of a collection: its key, and its value (null for a set); false ends the walk.
-class MemberVisitor {
-  public:
-    virtual bool member(const Datum& key, const Datum& value) = 0;
-
-  protected:
-    ~MemberVisitor() = default;
-};
+using MemberVisitor = std::function<bool(const Datum& key, const Datum& value)>;
 
 /// One attribute of an entity type. Keys and values are plain data, held against the attribute's types: what
 /// does not fit raises ParseError or RangeError and changes nothing. Operations that a kind does not have
@@ -62,7 +57,7 @@ class Attribute {
     /// The value of a member (null for a set's); nothing when absent.
     virtual std::optional<Datum> find(const Entity& entity, const Datum& key) const;
     /// Visits members in iteration order, behind `after` if that is given.
-    virtual void walk(const Entity& entity, const Datum* after, MemberVisitor& visitor) const;
+    virtual void walk(const Entity& entity, const Datum* after, const MemberVisitor& visit) const;
     /// Raises what `set` would raise for types and ranges; changes nothing.
     virtual void check(const Datum* key, const Datum* value) const = 0;
     /// Writes a value or a member; true if something changed. A member entity is made and filled in before it

@@ -2,8 +2,10 @@
 // may hold blanks, with \" and \\ for a quote and a backslash; # begins a comment.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Text {
@@ -12,5 +14,27 @@ namespace Text {
 std::vector<std::string> splitWords(std::string_view line);
 /// The line that splitWords takes apart into these words.
 std::string joinWords(const std::vector<std::string>& words);
+
+/// One text of each, a member such as its name.
+template <class Range, class Member>
+std::vector<std::string_view> namesOf(const Range& range, Member member) {
+    std::vector<std::string_view> names;
+    names.reserve(std::size(range));
+    for (const auto& each : range)
+        names.emplace_back(std::invoke(member, each));
+    return names;
+}
+/// Texts one behind the other, with the separator between them.
+template <class Texts>
+std::string joined(const Texts& texts, std::string_view separator) {
+    std::string all;
+    bool isFirst = true;
+    for (const auto& text : texts) {
+        if (!std::exchange(isFirst, false))
+            all += separator;
+        all += std::string_view(text);
+    }
+    return all;
+}
 
 } // namespace Text

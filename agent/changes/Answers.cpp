@@ -1,58 +1,66 @@
 #include "agent/changes/Answers.h"
 
+#include <array>
+#include <cstdio>
+#include <random>
+#include <utility>
+
 namespace Agent {
 
-AnswerMaps::AnswerMaps(const Stores& stores) {
+namespace {
+
+std::string randomName() {
+    std::random_device random;
+    std::array<char, 17> name{};
+    std::snprintf(name.data(), name.size(), "%08x%08x", random(), random());
+    return name.data();
+}
+
+} // namespace
+
+AnswerListener::AnswerListener(const Stores& stores, Hear hear)
+    : stores_(stores)
+    , hear_(std::move(hear)) {
     for (const Service& service : services())
-        maps_.emplace_back(stores.database->entity(service.answerPath));
-}
-
-AnswerChange AnswerMaps::answer(const Service& service, const RequestKey& key) const {
-    return {.service = &service, .key = key, .answer = service.answer(*maps_[service.index()], key)};
-}
-
-std::vector<AnswerChange> AnswerMaps::all() const {
-    std::vector<AnswerChange> answers;
-    for (const Service& service : services())
-        service.eachAnswer(*maps_[service.index()], [&](const RequestKey& key, const Answer& answer) {
-            answers.push_back({.service = &service, .key = key, .answer = answer});
-        });
-    return answers;
-}
-
-AnswerListener::AnswerListener(const AnswerMaps& maps, Notify notify)
-    : maps_(maps)
-    , notify_(std::move(notify)) {
-    subscribers_.reserve(services().size()); // they stay where they are
-    for (const Service& service : services()) {
         subscribers_.push_back({this, &service});
-        maps_.maps_[service.index()]->subscribe(&subscribers_.back(), &notified);
-    }
+    for (OfService& subscriber : subscribers_)
+        stores_.database->entity(subscriber.service->answerPath)->subscribe(&subscriber, &notified);
 }
 
 AnswerListener::~AnswerListener() {
     for (const OfService& subscriber : subscribers_)
-        maps_.maps_[subscriber.service->index()]->unsubscribe(&subscriber, &notified);
+        stores_.database->entity(subscriber.service->answerPath)->unsubscribe(&subscriber, &notified);
 }
 
 void AnswerListener::notified(void* self, const State::Notification& change) {
-    const auto& subscriber = *static_cast<const OfService*>(self);
-    subscriber.listener->notify_(*subscriber.service, change.keyAs<RequestKey>());
+    const auto& [listener, service] = *static_cast<const OfService*>(self);
+    const auto& key = change.keyAs<RequestKey>();
+    listener->hear_(
+        {.service = service, .key = key, .answer = service->answer(*listener->stores_.database, key)});
 }
 
-AnswerCollector::AnswerCollector(const Stores& stores)
-    : maps_(stores)
-    , listener_(maps_, [this](const Service& service, const RequestKey& key) {
-        if (seen_.insert({&service, key}).second)
-            order_.push_back({&service, key});
-    }) {}
+AnswerLog::AnswerLog(const Stores& stores)
+    : stores_(stores)
+    , instance_(randomName()) {
+    listener_.emplace(stores, [this](AnswerChange change) { append(std::move(change)); });
+}
 
-std::vector<AnswerChange> AnswerCollector::changes() const {
-    std::vector<AnswerChange> changes;
-    changes.reserve(order_.size());
-    for (const Name& name : order_)
-        changes.push_back(maps_.answer(*name.service, name.key));
-    return changes;
+void AnswerLog::append(AnswerChange change) {
+    if (changes_.size() < heldChanges)
+        changes_.push_back(std::move(change));
+    else
+        changes_[last_ % heldChanges] = std::move(change);
+    ++last_;
+    grown_();
+}
+
+std::vector<AnswerChange> AnswerLog::snapshot() const {
+    std::vector<AnswerChange> answers;
+    for (const Service& service : services())
+        service.eachAnswer(*stores_.database, [&](const RequestKey& key, const Answer& answer) {
+            answers.push_back({.service = &service, .key = key, .answer = answer});
+        });
+    return answers;
 }
 
 } // namespace Agent

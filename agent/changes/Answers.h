@@ -1,41 +1,32 @@
-// The plug-in's answers as the agent sees them: the answer maps of all services, and a collector of what changes
-// during an operation.
-//
-// Operations uses the collector for `apply`; AnswerLog.h keeps the changes for those who watch.
+// The plug-in's answers as the agent sees them: what an answer is that changed, who hears every change, and the log
+// of changes behind `watch`. How an answer is told: language/AnswerText.h.
 #pragma once
 
-#include "agent/changes/Change.h"
+#include "agent/host/Services.h"
 #include "agent/host/Stores.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <memory>
-#include <unordered_set>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace Agent {
 
-/// The answer maps of all services.
-class AnswerMaps {
-  public:
-    explicit AnswerMaps(const Stores& stores);
-
-    /// The answer as it is now.
-    AnswerChange answer(const Service& service, const RequestKey& key) const;
-    /// All maps in iteration order, service by service.
-    std::vector<AnswerChange> all() const;
-
-  private:
-    friend class AnswerListener;
-    std::vector<State::Handle<const State::Entity>> maps_; // by Service::index()
+/// An answer of the plug-in that changed, as it is now.
+struct AnswerChange {
+    const Service* service = nullptr;
+    RequestKey key;
+    Answer answer; // none: it went
 };
 
 /// Hears every change of an answer while it lives, in the order of subscription among others.
 class AnswerListener {
   public:
-    using Notify = std::function<void(const Service&, const RequestKey&)>;
+    using Hear = std::function<void(AnswerChange)>;
 
-    /// @param maps outlives it.
-    AnswerListener(const AnswerMaps& maps, Notify notify);
+    AnswerListener(const Stores& stores, Hear hear);
     ~AnswerListener();
     AnswerListener(const AnswerListener&) = delete;
     AnswerListener& operator=(const AnswerListener&) = delete;
@@ -47,35 +38,52 @@ class AnswerListener {
     };
     static void notified(void* self, const State::Notification& change);
 
-    const AnswerMaps& maps_;
-    Notify notify_;
-    std::vector<OfService> subscribers_; // by Service::index()
+    Stores stores_;
+    Hear hear_;
+    std::vector<OfService> subscribers_;
 };
 
-/// Notes which answers change while it lives.
-class AnswerCollector {
+/// Every change of an answer, numbered without gaps from 1, the latest 65,536 held, so that a watcher that was away
+/// can be told what it missed.
+///
+/// It is made before the plug-in starts, so it hears each change before any reactor of the plug-in does, and keeps
+/// the answer as it is at that moment; it is closed before the mounter goes, whose teardown nobody is told. The
+/// application owns it. Read next: control/Watchers.h, which tells clients.
+class AnswerLog {
   public:
-    explicit AnswerCollector(const Stores& stores);
+    static constexpr std::size_t heldChanges = 65536;
 
-    /// The answers that changed, as they are now, in order of their first change.
-    std::vector<AnswerChange> changes() const;
+    /// Begins to listen.
+    explicit AnswerLog(const Stores& stores);
+    AnswerLog(const AnswerLog&) = delete;
+    AnswerLog& operator=(const AnswerLog&) = delete;
+
+    /// Has `grown` called after each change, from inside the change: it may do no more than note it.
+    void onGrown(std::function<void()> grown) { grown_ = std::move(grown); }
+    /// Ends listening; what was logged stays.
+    void close() { listener_.reset(); }
+
+    /// Names this run of the agent: no other one has it.
+    const std::string& instance() const { return instance_; }
+    /// Number of the last change; 0: there was none.
+    std::uint64_t last() const { return last_; }
+    /// Number of the oldest change that is held; last() + 1 when none is.
+    std::uint64_t oldest() const { return last_ - changes_.size() + 1; }
+    /// The change of that number, which is held.
+    const AnswerChange& change(std::uint64_t seq) const { return changes_[(seq - 1) % heldChanges]; }
+
+    /// All answers as they are now, in iteration order, service by service.
+    std::vector<AnswerChange> snapshot() const;
 
   private:
-    struct Name {
-        const Service* service;
-        RequestKey key;
-        bool operator==(const Name&) const = default;
-    };
-    struct NameHash {
-        std::size_t operator()(const Name& name) const {
-            return name.key.hash(static_cast<std::uint32_t>(name.service->index()));
-        }
-    };
+    void append(AnswerChange change);
 
-    AnswerMaps maps_;
-    std::vector<Name> order_;
-    std::unordered_set<Name, NameHash> seen_;
-    AnswerListener listener_;
+    Stores stores_;
+    std::string instance_;
+    std::vector<AnswerChange> changes_; // number n at (n - 1) % heldChanges
+    std::uint64_t last_ = 0;
+    std::function<void()> grown_ = [] {};
+    std::optional<AnswerListener> listener_;
 };
 
 } // namespace Agent

@@ -1,10 +1,10 @@
 #include "agent/changes/Operations.h"
 
-#include "agent/changes/Answers.h"
-#include "agent/changes/ForkedRun.h"
-#include "agent/host/Refusal.h"
 #include "state/Errors.h"
 #include "state/Trace.h"
+#include "text/Words.h"
+
+#include <unordered_map>
 
 TRACE_FACILITY("Agent");
 
@@ -23,90 +23,63 @@ using State::Datum;
 }
 
 const State::Attribute& attributeOf(const Place& place, std::string_view name) {
-    const State::Attribute* attribute = place.type->attribute(name);
-    if (attribute != nullptr)
+    if (const State::Attribute* attribute = place.type->attribute(name))
         return *attribute;
-    std::string message = name.empty() ? "an attribute must be named" : "there is no attribute \"";
-    message += name.empty() ? "" : std::string(name) + "\"";
-    message += "; " + std::string(place.type->name()) + " at " + std::string(place.path) + " has ";
-    std::string_view separator;
-    for (const auto& known : place.type->attributes()) {
-        message += std::string(separator) + std::string(known->name());
-        separator = ", ";
-    }
-    refuse(place.path, name, "attribute", message);
+    const auto known = Text::namesOf(place.type->attributes(), [](const auto& each) { return each->name(); });
+    refuse(place.path, name, "attribute",
+           (name.empty() ? "an attribute must be named"
+                         : "there is no attribute \"" + std::string(name) + "\"") +
+               "; " + std::string(place.type->name()) + " at " + std::string(place.path) + " has " +
+               Text::joined(known, ", "));
 }
 
-// Finds a member; what is wrong with the key comes out as an error.
+// Refuses what an attribute's types refuse. @param part of the change, where the error names no field.
+[[noreturn]] void refuseFor(const State::Error& error, const Place& place, const State::Attribute& attribute,
+                            std::string_view part) {
+    const auto* parseError = dynamic_cast<const State::ParseError*>(&error);
+    const bool namesField = parseError != nullptr && !parseError->attribute().empty();
+    refuse(place.path, attribute.name(), namesField ? parseError->attribute() : part, error.what());
+}
+
+// Finds a member; refuses a key that is none.
 std::optional<Datum> findMember(const Paths& paths, const Place& place, const State::Attribute& attribute,
                                 const Datum& key) {
-    // An entity that is not there holds nothing, but the key is held against its type all the same.
-    const State::Handle<State::Entity> entity = place.entity ? place.entity : paths.made(place);
-    return attribute.find(*entity, key);
-}
-
-// Which part of a change the types refuse.
-std::string fieldOf(const Paths& paths, const Place& place, const State::Attribute& attribute,
-                    const Change& change, const State::Error& error) {
-    const auto* parseError = dynamic_cast<const State::ParseError*>(&error);
-    if (parseError != nullptr && !parseError->attribute().empty())
-        return parseError->attribute();
-    if (change.key) {
-        try {
-            findMember(paths, place, attribute, *change.key);
-        } catch (const State::Error&) {
-            return "key";
-        }
+    try {
+        // An entity that is not there holds nothing, but the key is held against its type all the same.
+        return attribute.find(place.entity ? *place.entity : *paths.made(place), key);
+    } catch (const State::Error& error) {
+        refuseFor(error, place, attribute, "key");
     }
-    return "value";
 }
 
 // Holds a change against the shape of its attribute: what must be given, and what must not.
 void checkParts(const Change& change, const State::Attribute& attribute) {
     const bool isSet = change.op == Change::Op::set;
     const bool isCollection = attribute.kind() != AttributeKind::value;
-    const auto wrong = [&](std::string_view field, std::string_view what) {
-        refuse(change.path, change.attribute, field, std::string(attribute.name()) + " " + std::string(what));
+    const auto require = [&](bool isRight, std::string_view field, std::string_view what) {
+        if (!isRight)
+            refuse(change.path, change.attribute, field,
+                   std::string(attribute.name()) + " " + std::string(what));
     };
-    if (isCollection && !change.key)
-        wrong("key", "is a collection: the member's key must be given");
-    else if (!isCollection && change.key)
-        wrong("key", "is a single value: it has no key");
-    else if (!isCollection && !isSet)
-        wrong("attribute", "is a single value: it can be set, not removed");
-    else if (change.value && !isSet)
-        wrong("value", "is removed by its key alone");
-    else if (isSet && !change.value && (attribute.kind() == AttributeKind::map || !isCollection))
-        wrong("value", "must be given a value");
-    else if (isSet && change.value && !change.value->isNull() && attribute.kind() == AttributeKind::set)
-        wrong("value", "is a set: its members are keys without values");
+    require(!isCollection || change.key, "key", "is a collection: the member's key must be given");
+    require(isCollection || !change.key, "key", "is a single value: it has no key");
+    require(isCollection || isSet, "attribute", "is a single value: it can be set, not removed");
+    require(isSet || !change.value, "value", "is removed by its key alone");
+    const bool takesValue = attribute.kind() == AttributeKind::map || !isCollection;
+    require(!isSet || change.value || !takesValue, "value", "must be given a value");
+    const bool isBare = !change.value || change.value->isNull() || attribute.kind() != AttributeKind::set;
+    require(!isSet || isBare, "value", "is a set: its members are keys without values");
 }
 
 const Datum* pointerTo(const std::optional<Datum>& datum) {
     return datum ? &*datum : nullptr;
 }
 
-class PageReader final : public State::MemberVisitor {
-  public:
-    PageReader(Page& page, std::size_t limit)
-        : page_(page)
-        , limit_(limit) {}
-    bool member(const Datum& key, const Datum& value) override {
-        page_.members.emplace_back(key, value);
-        return page_.members.size() < limit_;
-    }
-
-  private:
-    Page& page_;
-    std::size_t limit_;
-};
-
 } // namespace
 
 Operations::Operations(Host& host)
     : host_(host)
-    , paths_(host.stores())
-    , guards_(host) {}
+    , paths_(host.stores()) {}
 
 const State::EntityType& Operations::typeAt(std::string_view path) const {
     return *paths_.at(path).type;
@@ -125,13 +98,9 @@ std::optional<Datum> Operations::value(std::string_view path, std::string_view n
                std::string(name) + (isCollection ? " is a collection: one value of it has a key"
                                                  : " is a single value: it has no key"));
     }
-    if (!isCollection)
-        return place.entity ? std::optional(attribute.value(*place.entity)) : std::nullopt;
-    try {
+    if (isCollection)
         return findMember(paths_, place, attribute, *key);
-    } catch (const State::Error& error) {
-        refuse(path, name, fieldOf(paths_, place, attribute, {.key = *key}, error), error.what());
-    }
+    return place.entity ? std::optional(attribute.value(*place.entity)) : std::nullopt;
 }
 
 Page Operations::members(std::string_view path, std::string_view name, const Datum* after,
@@ -140,19 +109,16 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
     const State::Attribute& attribute = attributeOf(place, name);
     if (attribute.kind() == AttributeKind::value)
         refuse(path, name, "attribute", std::string(name) + " is a single value, no collection");
-    try {
-        if (after != nullptr && !findMember(paths_, place, attribute, *after))
-            refuse(path, name, "after", "there is no such member any more to go on after: begin again");
-    } catch (const State::Error& error) {
-        refuse(path, name, "after", error.what());
-    }
+    if (after != nullptr && !findMember(paths_, place, attribute, *after))
+        refuse(path, name, "after", "there is no such member any more to go on after: begin again");
     Page page;
     if (place.entity) {
         page.size = attribute.size(*place.entity);
-        if (limit > 0) {
-            PageReader reader(page, limit);
-            attribute.walk(*place.entity, after, reader);
-        }
+        if (limit > 0)
+            attribute.walk(*place.entity, after, [&](const Datum& key, const Datum& value) {
+                page.members.emplace_back(key, value);
+                return page.members.size() < limit;
+            });
     }
     return page;
 }
@@ -172,13 +138,14 @@ void Operations::checkOne(const Change& change, GuardFacts& facts) {
             else
                 findMember(paths_, place, attribute, *change.key);
         } catch (const State::Error& error) {
-            refuse(change.path, change.attribute, fieldOf(paths_, place, attribute, change, error),
-                   error.what());
+            if (change.key)
+                findMember(paths_, place, attribute, *change.key); // refuses it if the key is what is wrong
+            refuseFor(error, place, attribute, "value");
         }
     }
     if (!change.raw) {
         try {
-            guards_.check(change, place, facts);
+            checkGuards(change, place, facts);
         } catch (const Refusal& error) {
             ++counters_.refused;
             TRACE(8, "Operations::", "checkOne", " refused: ", std::string(error.what()));
@@ -189,12 +156,15 @@ void Operations::checkOne(const Change& change, GuardFacts& facts) {
 }
 
 GuardFacts Operations::checkAll(std::span<const Change> changes) {
-    GuardFacts facts = guards_.facts();
+    GuardFacts facts = this->facts();
     for (std::size_t i = 0; i < changes.size(); ++i) {
         try {
             checkOne(changes[i], facts);
         } catch (Refusal& error) {
-            error.where().index = i;
+            if (changes[i].line != 0)
+                error.where().line = changes[i].line;
+            else
+                error.where().index = i;
             throw;
         }
     }
@@ -222,17 +192,17 @@ bool Operations::carryOut(const Change& change) {
 }
 
 bool Operations::change(const Change& change) {
-    GuardFacts facts = guards_.facts();
+    GuardFacts facts = this->facts();
     checkOne(change, facts);
     const bool changed = carryOut(change);
-    guards_.carriedOut(facts);
+    guardMemory_ = facts.memory();
     return changed;
 }
 
 ApplyResult Operations::apply(std::span<const Change> changes) {
     const GuardFacts facts = checkAll(changes);
     ApplyResult result = carryOutAll(changes);
-    guards_.carriedOut(facts);
+    guardMemory_ = facts.memory();
     return result;
 }
 
@@ -241,33 +211,30 @@ void Operations::check(std::span<const Change> changes) {
 }
 
 ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
-    const AnswerCollector collector(host_.stores());
     ApplyResult result;
+    // Where in the result each answer is, by service.
+    std::vector<std::unordered_map<RequestKey, std::size_t, RequestKeyHash>> places(services().size());
+    const AnswerListener listener(host_.stores(), [&](AnswerChange change) {
+        const auto [place, isFirst] =
+            places[change.service->index()].try_emplace(change.key, result.answers.size());
+        if (isFirst)
+            result.answers.push_back(std::move(change));
+        else
+            result.answers[place->second] = std::move(change);
+    });
     for (const Change& change : changes)
         result.changed += carryOut(change) ? 1 : 0;
-    result.answers = collector.changes();
     return result;
 }
 
 DryRunResult Operations::dryRun(std::span<const Change> changes,
                                 const std::function<std::string(const ApplyResult&)>& tell) {
     checkAll(changes);
-    ForkedResult run =
-        runForked([&] { return tell(carryOutAll(changes)); }, std::chrono::milliseconds(dryRunLimitMs));
-    if (run.isOverdue)
-        throw Refusal(RefusalKind::limit, "the dry run took more than " +
-                                              std::to_string(dryRunLimitMs / 1000) +
-                                              " seconds and was ended");
-    return {.told = std::move(run.result), .fatal = std::move(run.end)};
-}
-
-std::optional<std::uint32_t> Operations::vrfIdOf(std::string_view vrfName) const {
-    const std::optional<std::uint32_t> id = guards_.facts().vrf(vrfName).id;
-    return GuardFacts::isIdentified(vrfName, id) ? id : std::nullopt;
+    return runDry([&] { return tell(carryOutAll(changes)); });
 }
 
 std::optional<std::string> Operations::vrfNameOf(std::uint32_t vrfId) const {
-    return guards_.facts().holderOf(vrfId, {});
+    return facts().holderOf(vrfId, {});
 }
 
 } // namespace Agent

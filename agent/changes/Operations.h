@@ -8,7 +8,8 @@
 // Read next: host/Paths.h, what can be addressed; Guards.h, what is refused.
 #pragma once
 
-#include "agent/changes/Change.h"
+#include "agent/changes/Answers.h"
+#include "agent/changes/DryRun.h"
 #include "agent/changes/Guards.h"
 #include "agent/host/Host.h"
 #include "agent/host/Paths.h"
@@ -19,18 +20,25 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Agent {
 
-/// What a dry run foretells: its result as the caller told it, or the end that the process would come to.
-struct DryRunResult {
-    std::optional<std::string> told;
-    std::string fatal; // without `told`: what would be said on standard error
+struct ApplyResult {
+    std::size_t changed = 0;           // changes that changed something
+    std::vector<AnswerChange> answers; // as each is in the end, in order of its first change
+};
+
+/// A page of a collection.
+struct Page {
+    std::vector<std::pair<State::Datum, State::Datum>> members; // key, value (null for a set's)
+    std::size_t size = 0;                                       // members of the whole collection
 };
 
 class Operations {
   public:
-    /// @param host outlives it; the plug-in has been loaded. Listens to the host's requests from now on.
+    /// @param host outlives it; the plug-in has been loaded.
     explicit Operations(Host& host);
 
     /// What kind of entity stands, or would stand, at the path. @throws Refusal for an unknown path.
@@ -51,21 +59,19 @@ class Operations {
     /// Checks and carries out one change; true if something changed. @throws Refusal
     bool change(const Change& change);
     /// Checks all, each against the state as the earlier ones leave it, and carries out none.
-    /// @throws Refusal with the index of the first that is refused.
+    /// @throws Refusal with the index, or if it comes from a line with that, of the first that is refused.
     void check(std::span<const Change> changes);
     /// Checks all, then carries out all in order in one turn.
-    /// @throws Refusal with the index of the first that is refused; nothing was changed then.
+    /// @throws Refusal as check() does; nothing was changed then.
     ApplyResult apply(std::span<const Change> changes);
     /// The same in a forked child with the real plug-in; this process is not touched, but waits for it.
     /// @param tell makes a text of the result, in the child.
-    /// @throws Refusal as apply() does, and when the child does not end within dryRunLimitMs.
+    /// @throws Refusal as apply() and runDry() do.
     DryRunResult dryRun(std::span<const Change> changes,
                         const std::function<std::string(const ApplyResult&)>& tell);
-    static constexpr int dryRunLimitMs = 10'000;
 
-    /// The identifier of a VRF's entry, and the name of the VRF that has an identifier; nothing when there is
-    /// none. An identifier of 0 is none, except for the VRF "default".
-    std::optional<std::uint32_t> vrfIdOf(std::string_view vrfName) const;
+    /// The name of the VRF that has an identifier; nothing when there is none. An identifier of 0 is none, except for
+    /// the VRF "default".
     std::optional<std::string> vrfNameOf(std::uint32_t vrfId) const;
 
     Host& host() const { return host_; }
@@ -80,6 +86,7 @@ class Operations {
     void changedDirectly(bool changed) { counters_.changes += changed ? 1 : 0; }
 
   private:
+    GuardFacts facts() const { return GuardFacts(host_, guardMemory_); }
     GuardFacts checkAll(std::span<const Change> changes);
     void checkOne(const Change& change, GuardFacts& facts);
     bool carryOut(const Change& change);
@@ -87,7 +94,7 @@ class Operations {
 
     Host& host_;
     Paths paths_;
-    Guards guards_;
+    GuardMemory guardMemory_;
     Counters counters_;
 };
 

@@ -95,11 +95,7 @@ std::vector<std::string> linesOf(const Datum::List& list) {
 Text::Tell applied(Operations& operations, const std::vector<Change>& changes, const Parameters& given) {
     const auto tell = [&operations, withText = given.isTrue("text")](Writer& writer,
                                                                      const ApplyResult& result) {
-        writer.beginRecord();
-        writer.member("changed", result.changed);
-        writer.field("answers");
-        writeAnswers(writer, operations, result.answers, withText);
-        writer.end();
+        writeApplied(writer, operations, result, withText);
     };
     if (!given.isTrue("dryRun"))
         return [tell, result = operations.apply(changes)](Writer& writer) { tell(writer, result); };
@@ -125,16 +121,12 @@ void apply(Operations& operations, Language& language, const Call& call) {
         refuse("changes", "apply takes either changes or lines");
     if (listed != nullptr && given.find("raw") != nullptr)
         refuse("raw", "each change says itself whether it is raw");
-    if (listed != nullptr) {
-        call.reply(applied(operations, listedChanges(*listed->list()), given));
-        return;
-    }
-    LineChanges list;
     try {
-        list = language.changes(linesOf(*lines->list()), given.isTrue("raw"));
-        call.reply(applied(operations, list.changes, given));
-    } catch (Refusal& refusal) {
-        list.place(refusal);
+        const std::vector<Change> changes =
+            listed != nullptr ? listedChanges(*listed->list())
+                              : language.changes(linesOf(*lines->list()), given.isTrue("raw"));
+        call.reply(applied(operations, changes, given));
+    } catch (const Refusal& refusal) {
         if (!refusal.where().line)
             throw;
         throw Refusal(refusal.kind(), "line " + std::to_string(*refusal.where().line) + ": " + refusal.what(),

@@ -6,7 +6,7 @@
 // that neither a slow watcher nor a flood of changes holds anybody up.
 #pragma once
 
-#include "agent/changes/AnswerLog.h"
+#include "agent/changes/Answers.h"
 #include "agent/changes/Operations.h"
 #include "agent/control/Sessions.h"
 #include "text/Writer.h"

@@ -14,11 +14,8 @@ class Fd {
         : fd_(fd) {}
     Fd(Fd&& other) noexcept
         : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            close();
-            fd_ = std::exchange(other.fd_, -1);
-        }
+    Fd& operator=(Fd other) noexcept {
+        std::swap(fd_, other.fd_);
         return *this;
     }
     ~Fd() { close(); }

@@ -1,7 +1,6 @@
 #include "agent/host/Host.h"
 
 #include "agent/host/Paths.h"
-#include "agent/host/RouteSources.h"
 #include "records/MrouteGroup.h"
 #include "records/QuillFib.h"
 #include "state/Toggle.h"
@@ -67,7 +66,6 @@ void Host::load(const std::string& file) {
     }
     const auto picked = std::ranges::find(routeSources(), toggleValue(file), &RouteSourceRow::toggle);
     routes_ = picked->make(stores_);
-    routes_->makeEntities();
 }
 
 void Host::start() {

@@ -44,7 +44,6 @@ class Host {
     const Stores& stores() const { return stores_; }
     /// The source in force; known once the plug-in is loaded.
     RouteSource& routes() const { return *routes_; }
-    const State::Handle<State::ShmEntityManager>& shmemEm() const { return shmemEm_; }
 
   private:
     Stores stores_;

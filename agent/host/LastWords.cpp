@@ -11,7 +11,7 @@ namespace Agent {
 
 namespace {
 
-std::terminate_handler usualEnd = nullptr;
+const std::terminate_handler usualEnd = std::get_terminate();
 
 void onFatal(void* /*context*/) {
     printLastRecords();
@@ -38,20 +38,18 @@ void onFatal(void* /*context*/) {
 
 void sayLastWords() {
     State::fatalHookIs(&onFatal, nullptr);
-    usualEnd = std::set_terminate(&onTerminate);
+    std::set_terminate(&onTerminate);
 }
 
 void dropLastWords() {
     State::fatalHookDel(&onFatal, nullptr);
-    if (usualEnd != nullptr) {
-        std::set_terminate(usualEnd);
-        usualEnd = nullptr;
-    }
+    std::set_terminate(usualEnd);
 }
 
 void printLastRecords() {
+    constexpr std::size_t records = 50;
     std::fputs("last trace records:\n", stderr);
-    State::traceDumpLast(lastWordsRecords, stderr);
+    State::traceDumpLast(records, stderr);
     std::fflush(stderr);
 }
 

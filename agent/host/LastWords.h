@@ -2,12 +2,7 @@
 // reactor, or one that nobody caught. After the text itself the last trace records follow on standard error.
 #pragma once
 
-#include <cstddef>
-
 namespace Agent {
-
-/// Trace records that the last words hold.
-constexpr std::size_t lastWordsRecords = 50;
 
 /// Has the last words said from now on.
 void sayLastWords();

@@ -1,5 +1,6 @@
-#include "agent/host/LumenSource.h"
-
+// The Lumen FIBs as the source of routes (RouteSource.h): one FIB per VRF and route type, all FIBs of a type in one
+// entity of the entity store; routes hold their interfaces themselves, and say whether they are ready.
+#include "agent/host/RouteSource.h"
 #include "records/LumenFib.h"
 
 namespace Agent {
@@ -21,18 +22,18 @@ std::string fibsPath(RouteType type) {
 
 // A VRF's FIB of a route type: where it is.
 struct FibPlace {
-    FibPlace(const Stores& from, std::string_view vrfName, RouteType type)
-        : stores(from)
+    FibPlace(const Stores& stores, std::string_view vrfName, RouteType type)
+        : entities(stores.entities)
         , path(fibsPath(type))
         , vrf(L3::VrfName(vrfName)) {}
 
     State::Handle<Fib> find() const {
-        const auto fibs = State::handleCast<StatusByVrf>(stores.entities->entity(path));
+        const auto fibs = State::handleCast<StatusByVrf>(entities->entity(path));
         return fibs ? fibs->status(vrf) : State::Handle<Fib>();
     }
     State::Handle<Fib> made() const {
         const auto fibs =
-            State::handleCast<StatusByVrf>(stores.entities->entityIs(path, StatusByVrf::type().name()));
+            State::handleCast<StatusByVrf>(entities->entityIs(path, StatusByVrf::type().name()));
         State::Handle<Fib> fib = fibs->status(vrf);
         if (!fib) {
             fib = State::makeHandle<Fib>(fibs->name());
@@ -41,20 +42,9 @@ struct FibPlace {
         return fib;
     }
 
-    Stores stores;
+    State::Handle<State::Store> entities;
     std::string path; // of what holds the FIBs of the type
     MfibVrfName vrf;
-};
-
-class Draft final : public RouteDraft {
-  public:
-    std::vector<RowWrite> route(std::string_view vrf, RouteType type, const State::Datum& key,
-                                const std::vector<std::string>& oifs, bool isReady) override {
-        State::Datum::List list(oifs.begin(), oifs.end());
-        State::Datum::Record row{{"intf", std::move(list)},
-                                 {"ready", std::uint64_t{isReady ? Route::isReady : 0U}}};
-        return {{fibsPath(type) + "/" + std::string(vrf), "route", key, State::Datum(std::move(row))}};
-    }
 };
 
 class WrittenFib final : public RouteTable {
@@ -66,9 +56,7 @@ class WrittenFib final : public RouteTable {
         L3::IntfSet intf;
         for (const Oif& oif : oifs)
             intf.insert(L3::IntfId(oif.name));
-        State::Handle<Fib> fib = place_.find();
-        if (!fib)
-            fib = place_.made();
+        const State::Handle<Fib> fib = place_.made();
         const State::Handle<Route> present = fib->route(key);
         if (!present) {
             const auto made = State::makeHandle<Route>(key);
@@ -92,9 +80,6 @@ class WrittenFib final : public RouteTable {
         return isThere;
     }
 
-    bool rename(int /*ifindex*/, std::string_view /*name*/) override { return false; }
-    void forget(int /*ifindex*/) override {}
-
   private:
     FibPlace place_;
 };
@@ -102,23 +87,17 @@ class WrittenFib final : public RouteTable {
 class LumenSource final : public RouteSource {
   public:
     explicit LumenSource(const Stores& stores)
-        : stores_(stores) {}
-
-    std::string_view name() const override { return "lumen"; }
-    void makeEntities() override {
+        : stores_(stores) {
         for (const RouteType type : routeTypes)
             stores_.entities->entityIs(fibsPath(type), StatusByVrf::type().name());
     }
 
+    std::string_view name() const override { return "lumen"; }
     std::string tablePath(std::string_view vrf, RouteType type) const override {
         return fibsPath(type) + "/" + std::string(vrf);
     }
-    bool hasTable(std::string_view vrf, RouteType type) const override {
-        return static_cast<bool>(FibPlace(stores_, vrf, type).find());
-    }
-    std::size_t routes(std::string_view vrf, RouteType type) const override {
-        const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find();
-        return fib ? std::as_const(*fib).routeCollection().size() : 0;
+    State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const override {
+        return FibPlace(stores_, vrf, type).find();
     }
     void eachRoute(std::string_view vrf, RouteType type,
                    const std::function<bool(const ShownRoute&)>& visit) const override {
@@ -136,8 +115,18 @@ class LumenSource final : public RouteSource {
         });
     }
 
-    std::unique_ptr<RouteDraft> draft() const override { return std::make_unique<Draft>(); }
-    std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) override {
+    RouteDraft draft() const override {
+        return [this](const DraftedRoute& route) -> std::vector<Change> {
+            State::Datum::List oifs(route.oifs.begin(), route.oifs.end());
+            State::Datum::Record row{{"intf", std::move(oifs)},
+                                     {"ready", std::uint64_t{route.isReady ? Route::isReady : 0U}}};
+            return {{.path = tablePath(route.vrf, route.type),
+                     .attribute = "route",
+                     .key = route.key,
+                     .value = std::move(row)}};
+        };
+    }
+    std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const override {
         return std::make_unique<WrittenFib>(FibPlace(stores_, vrf, type));
     }
 
@@ -145,27 +134,28 @@ class LumenSource final : public RouteSource {
     Stores stores_;
 };
 
+constexpr PathShape shapes[] = {{.text = "lumen/multicast/fib/ipv4/TYPE",
+                                 .kind = PathKind::routeTables,
+                                 .entityType = &StatusByVrf::type,
+                                 .store = &Stores::entities,
+                                 .modes = modes,
+                                 .source = "lumen"},
+                                {.text = "lumen/multicast/fib/ipv4/TYPE/VRF",
+                                 .kind = PathKind::routeTable,
+                                 .entityType = &Fib::type,
+                                 .store = &Stores::entities,
+                                 .isMember = true,
+                                 .modes = modes,
+                                 .source = "lumen"}};
+
 } // namespace
 
-std::unique_ptr<RouteSource> makeLumenSource(const Stores& stores) {
-    return std::make_unique<LumenSource>(stores);
-}
-
-std::span<const PathShape> lumenShapes() {
-    static const PathShape shapes[] = {{.text = "lumen/multicast/fib/ipv4/TYPE",
-                                        .kind = PathKind::routeTables,
-                                        .entityType = &StatusByVrf::type,
-                                        .store = &Stores::entities,
-                                        .modes = modes,
-                                        .source = "lumen"},
-                                       {.text = "lumen/multicast/fib/ipv4/TYPE/VRF",
-                                        .kind = PathKind::routeTable,
-                                        .entityType = &Fib::type,
-                                        .store = &Stores::entities,
-                                        .isMember = true,
-                                        .modes = modes,
-                                        .source = "lumen"}};
-    return shapes;
+RouteSourceRow lumenSource() {
+    return {.toggle = true,
+            .make = [](const Stores& stores) -> std::unique_ptr<RouteSource> {
+                return std::make_unique<LumenSource>(stores);
+            },
+            .shapes = shapes};
 }
 
 } // namespace Agent

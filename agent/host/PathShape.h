@@ -2,16 +2,23 @@
 // source of routes has its own.
 #pragma once
 
+#include "agent/host/Change.h"
 #include "agent/host/Services.h"
 #include "agent/host/Stores.h"
 
 #include <cstdint>
-#include <optional>
 #include <span>
-#include <string>
 #include <string_view>
 
 namespace Agent {
+
+/// The two tables that a VRF has.
+enum class RouteType : std::uint8_t { staticRoutes, sparse };
+constexpr RouteType routeTypes[] = {RouteType::staticRoutes, RouteType::sparse};
+/// "static" or "sparse", as people write it.
+constexpr std::string_view routeTypeText(RouteType type) {
+    return type == RouteType::sparse ? "sparse" : "static";
+}
 
 /// What stands at a path, as far as anybody treats it in a way of its own.
 enum class PathKind : std::uint8_t {
@@ -25,13 +32,6 @@ enum class PathKind : std::uint8_t {
     other,
 };
 
-/// Why a row of a source of routes can't be: the field that is wrong, the rule, what to do instead.
-struct RowFault {
-    std::string field;
-    std::string rule;
-    std::string wayOut;
-};
-
 /// A family of paths. Components in capitals stand for others: VRF for any VRF's name, TYPE for one of `modes`.
 struct PathShape {
     std::string_view text;
@@ -39,12 +39,11 @@ struct PathShape {
     const State::EntityType& (*entityType)() = nullptr;
     State::Handle<State::Store> Stores::*store = &Stores::database;
     bool isMember = false;                   // of the entity at the path without its last component
-    std::span<const char* const> modes = {}; // what TYPE may be: of static routes, of sparse ones
+    std::span<const char* const> modes = {}; // what TYPE may be, by RouteType
     const Service* service = nullptr;        // of requests
     std::string_view source = {};            // of a route table: the name of its source
-    /// What its source refuses in rows whose types are in order; null: nothing.
-    std::optional<RowFault> (*rowFault)(std::string_view attribute, const State::Datum& key,
-                                        const State::Datum& value) = nullptr;
+    /// Refuses, as a guard, rows whose types are in order but that its source can't have; null: there are none.
+    void (*checkRow)(const Change& change) = nullptr;
 };
 
 } // namespace Agent

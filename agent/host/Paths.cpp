@@ -1,12 +1,13 @@
 #include "agent/host/Paths.h"
 
 #include "agent/host/Refusal.h"
-#include "agent/host/RouteSources.h"
+#include "agent/host/RouteSource.h"
 #include "records/MrouteGroup.h"
 #include "records/NatStatus.h"
 #include "records/RouteStatus.h"
 #include "state/Errors.h"
 #include "text/Nearest.h"
+#include "text/Words.h"
 
 #include <algorithm>
 #include <vector>
@@ -42,12 +43,16 @@ std::vector<PathShape> makeShapes() {
     return shapes;
 }
 
-// Takes the first component off a path.
-std::string_view takeComponent(std::string_view& path) {
-    const std::size_t slash = std::min(path.find('/'), path.size());
-    const std::string_view component = path.substr(0, slash);
-    path.remove_prefix(std::min(slash + 1, path.size()));
-    return component;
+using Components = std::vector<std::string_view>;
+
+Components componentsOf(std::string_view path) {
+    Components components;
+    for (std::size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/')) {
+        components.push_back(path.substr(0, slash));
+        path.remove_prefix(slash + 1);
+    }
+    components.push_back(path);
+    return components;
 }
 
 std::string_view parentOf(std::string_view path) {
@@ -59,49 +64,33 @@ std::string_view lastOf(std::string_view path) {
 }
 
 // Whether the path is of the shape; notes its VRF and TYPE components.
-bool matches(const PathShape& shape, Place& place) {
-    std::string_view wanted = shape.text;
-    std::string_view given = place.path;
+bool matches(const PathShape& shape, const Components& given, Place& place) {
     if (shape.modes.empty())
-        return wanted == given;
-    if (std::ranges::count(wanted, '/') != std::ranges::count(given, '/'))
-        return false;
-    while (!wanted.empty()) {
-        const std::string_view name = takeComponent(wanted);
-        const std::string_view component = takeComponent(given);
-        if (name == "VRF" && !component.empty()) {
+        return shape.text == place.path;
+    return std::ranges::equal(componentsOf(shape.text), given, [&](auto name, auto component) {
+        if (name == "VRF") {
             place.vrf = component;
-        } else if (name == "TYPE") {
-            const auto mode = std::ranges::find(shape.modes, component);
-            if (mode == shape.modes.end())
-                return false;
-            place.mode = component;
-            place.routeType = static_cast<RouteType>(mode - shape.modes.begin());
-        } else if (name != component) {
-            return false;
+            return !component.empty();
         }
-    }
-    return true;
+        if (name != "TYPE")
+            return name == component;
+        const auto mode = std::ranges::find(shape.modes, component);
+        place.routeType = static_cast<RouteType>(mode - shape.modes.begin());
+        return mode != shape.modes.end();
+    });
 }
 
 // How far a path is from a shape: leading components of the shape that it does not have, then the edit distance,
 // in which its own components stand for VRF and TYPE.
 std::pair<std::ptrdiff_t, std::size_t> distance(const PathShape& shape, std::string_view path) {
-    std::string like;
-    std::ptrdiff_t common = 0;
-    bool isCommon = true;
-    std::string_view text = shape.text;
-    std::string_view rest = path;
-    while (!text.empty()) {
-        const std::string_view name = takeComponent(text);
-        const std::string_view component = takeComponent(rest);
-        const bool stands = (name == "VRF" || name == "TYPE") && !component.empty();
-        isCommon = isCommon && (stands || name == component);
-        common += isCommon ? 1 : 0;
-        like += like.empty() ? "" : "/";
-        like += stands ? component : name;
-    }
-    return {-common, Text::editDistance(like, path)};
+    Components like = componentsOf(shape.text);
+    Components given = componentsOf(path);
+    given.resize(like.size());
+    for (std::size_t i = 0; i < like.size(); ++i)
+        if ((like[i] == "VRF" || like[i] == "TYPE") && !given[i].empty())
+            like[i] = given[i];
+    const auto common = std::ranges::mismatch(like, given).in1 - like.begin();
+    return {-common, Text::editDistance(Text::joined(like, "/"), path)};
 }
 
 [[noreturn]] void refuseUnknown(std::string_view path) {
@@ -110,15 +99,10 @@ std::pair<std::ptrdiff_t, std::size_t> distance(const PathShape& shape, std::str
     const auto shapes = Paths::shapes();
     const auto nearest =
         std::ranges::min_element(shapes, {}, [&](const PathShape& shape) { return distance(shape, given); });
-    std::string message = "unknown path \"" + std::string(path) + "\"; the nearest known one is ";
-    message += nearest->text;
-    std::string_view separator = ", where TYPE is ";
-    for (const std::string_view mode : nearest->modes) {
-        message += separator;
-        message += mode;
-        separator = " or ";
-    }
-    throw Refusal(message, {.path = std::string(path)});
+    const std::string modes = Text::joined(nearest->modes, " or ");
+    throw Refusal("unknown path \"" + std::string(path) + "\"; the nearest known one is " +
+                      std::string(nearest->text) + (modes.empty() ? "" : ", where TYPE is " + modes),
+                  {.path = std::string(path)});
 }
 
 // The attribute whose members an entity has at the paths below its own.
@@ -135,9 +119,10 @@ std::span<const PathShape> Paths::shapes() {
 }
 
 Place Paths::at(std::string_view path) const {
+    const Components components = componentsOf(path);
     for (const PathShape& shape : shapes()) {
         Place place{.path = path};
-        if (matches(shape, place)) {
+        if (matches(shape, components, place)) {
             place.shape = &shape;
             place.type = &shape.entityType();
             place.entity = find(place);

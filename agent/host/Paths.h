@@ -7,7 +7,6 @@
 #pragma once
 
 #include "agent/host/PathShape.h"
-#include "agent/host/RouteSource.h"
 
 #include <span>
 #include <string>
@@ -22,8 +21,7 @@ struct Place {
     const State::EntityType* type = nullptr;       // never null
     State::Handle<State::Entity> entity = {};      // null: nothing there yet
     std::string_view vrf = {};                     // the VRF component, where the shape has one
-    std::string_view mode = {};                    // the TYPE component, likewise
-    RouteType routeType = RouteType::staticRoutes; // what TYPE means
+    RouteType routeType = RouteType::staticRoutes; // what the TYPE component means, likewise
 
     PathKind kind() const { return shape == nullptr ? PathKind::other : shape->kind; }
 };

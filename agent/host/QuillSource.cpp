@@ -1,6 +1,7 @@
-#include "agent/host/QuillSource.h"
-
+// The Quill tables as the source of routes (RouteSource.h): one table per VRF and route type in the table store,
+// whose routes name their interfaces by indexes; rows beside them say which interface an index is.
 #include "agent/host/Refusal.h"
+#include "agent/host/RouteSource.h"
 #include "records/QuillFib.h"
 
 #include <algorithm>
@@ -18,84 +19,88 @@ using Routing::Multicast::Fib::staticMode;
 
 constexpr const char* modes[] = {staticMode, sparseMode}; // by RouteType
 
-std::string pathOf(std::string_view vrf, RouteType type) {
-    return Table::mountPath(vrf, modes[static_cast<std::size_t>(type)]);
-}
+// A table: where it is.
+struct TablePlace {
+    TablePlace(const Stores& stores, std::string_view vrf, RouteType type)
+        : tables(stores.tables)
+        , path(Table::mountPath(vrf, modes[static_cast<std::size_t>(type)])) {}
 
-State::Handle<Table> find(const Stores& stores, const std::string& path) {
-    return State::handleCast<Table>(stores.tables->entity(path));
-}
+    State::Handle<Table> find() const { return State::handleCast<Table>(tables->entity(path)); }
+    State::Handle<Table> made() const {
+        return State::handleCast<Table>(tables->entityIs(path, Table::type().name()));
+    }
+
+    State::Handle<State::Store> tables;
+    std::string path;
+};
 
 // Which indexes of a table are free.
 class FreeIndexes {
   public:
-    explicit FreeIndexes(const Table* table) {
-        taken_[0] = true; // indexes are given from 1 on
-        if (table != nullptr)
+    explicit FreeIndexes(const TablePlace& place)
+        : path_(place.path) {
+        isTaken_[0] = true; // indexes are given from 1 on
+        if (const State::Handle<Table> table = place.find())
             for (const auto& [index, intf] : table->oifIndexIntf())
-                taken_[index.value()] = true;
+                isTaken_[index.value()] = true;
     }
 
     // Takes the lowest.
-    std::uint16_t take(std::string_view path, std::string_view intf) {
-        const auto last = taken_.begin() + OifIndex::null;
-        const auto free = std::find(taken_.begin(), last, false);
+    std::uint16_t take(std::string_view intf) {
+        const auto last = isTaken_.begin() + OifIndex::null;
+        const auto free = std::find(isTaken_.begin(), last, false);
         if (free == last)
             throw Refusal(RefusalKind::limit,
-                          "the table has no index left for interface " + std::string(intf),
-                          {.path = std::string(path)});
+                          "the table has no index left for interface " + std::string(intf), {.path = path_});
         *free = true;
-        return static_cast<std::uint16_t>(free - taken_.begin());
+        return static_cast<std::uint16_t>(free - isTaken_.begin());
     }
-    void giveBack(std::uint16_t index) { taken_[index] = false; }
+    void giveBack(std::uint16_t index) { isTaken_[index] = false; }
 
   private:
-    std::array<bool, OifIndex::null + 1> taken_{};
+    std::string path_;
+    std::array<bool, OifIndex::null + 1> isTaken_{};
 };
 
-class Draft final : public RouteDraft {
+class Draft {
   public:
     explicit Draft(const Stores& stores)
         : stores_(stores) {}
 
-    std::vector<RowWrite> route(std::string_view vrf, RouteType type, const State::Datum& key,
-                                const std::vector<std::string>& oifs, bool isReady) override {
-        if (!isReady)
+    std::vector<Change> operator()(const DraftedRoute& route) {
+        if (!route.isReady)
             throw Refusal("not-ready: routes of the Quill tables have no readiness");
-        const std::string path = pathOf(vrf, type);
-        Indexes& indexes = indexesOf(path);
-        std::vector<RowWrite> writes;
+        const TablePlace place(stores_, route.vrf, route.type);
+        Indexes& indexes = indexes_.try_emplace(place.path, place).first->second;
+        std::vector<Change> changes;
         State::Datum::List list;
-        for (const std::string& intf : oifs) {
+        for (const std::string& intf : route.oifs) {
             auto known = indexes.byIntf.find(intf);
             if (known == indexes.byIntf.end()) {
-                known = indexes.byIntf.emplace(intf, indexes.free.take(path, intf)).first;
-                writes.push_back({path, "oifIndexIntf", State::Datum(known->second), State::Datum(intf)});
+                known = indexes.byIntf.emplace(intf, indexes.free.take(intf)).first;
+                changes.push_back(setOf(place, "oifIndexIntf", known->second, intf));
             }
             list.emplace_back(known->second);
         }
-        writes.push_back({path, "route", key, State::Datum(State::Datum::Record{{"oifs", std::move(list)}})});
-        return writes;
+        changes.push_back(setOf(place, "route", route.key, State::Datum::Record{{"oifs", std::move(list)}}));
+        return changes;
     }
 
   private:
     struct Indexes {
-        explicit Indexes(const Table* table)
-            : free(table) {}
+        explicit Indexes(const TablePlace& place)
+            : free(place) {
+            if (const State::Handle<Table> table = place.find())
+                for (const auto& [index, intf] : table->oifIndexIntf())
+                    byIntf.emplace(intf.stringValue(), index.value());
+        }
         std::map<std::string, std::uint64_t, std::less<>> byIntf;
         FreeIndexes free;
     };
 
-    Indexes& indexesOf(const std::string& path) {
-        const auto known = indexes_.find(path);
-        if (known != indexes_.end())
-            return known->second;
-        const State::Handle<Table> table = find(stores_, path);
-        Indexes& made = indexes_.try_emplace(path, table.get()).first->second;
-        if (table)
-            for (const auto& [index, intf] : table->oifIndexIntf())
-                made.byIntf.emplace(intf.stringValue(), index.value());
-        return made;
+    static Change setOf(const TablePlace& place, const char* attribute, State::Datum key,
+                        State::Datum value) {
+        return {.path = place.path, .attribute = attribute, .key = std::move(key), .value = std::move(value)};
     }
 
     Stores stores_;
@@ -104,21 +109,20 @@ class Draft final : public RouteDraft {
 
 class WrittenTable final : public RouteTable {
   public:
-    WrittenTable(const Stores& stores, std::string path)
-        : stores_(stores)
-        , path_(std::move(path))
-        , free_(find(stores_, path_).get()) {}
+    explicit WrittenTable(TablePlace place)
+        : place_(std::move(place))
+        , free_(place_) {}
 
     bool put(const RouteKey& key, std::span<const Oif> oifs) override {
-        Table& table = made();
+        const State::Handle<Table> table = place_.made();
         Route route;
         for (const Oif& oif : oifs)
-            route.oifs.insert(indexOf(table, oif));
-        return table.routeCollection().is(key, std::move(route));
+            route.oifs.insert(indexOf(*table, oif));
+        return table->routeCollection().is(key, std::move(route));
     }
 
     bool erase(const RouteKey& key) override {
-        const State::Handle<Table> table = find(stores_, path_);
+        const State::Handle<Table> table = place_.find();
         const bool isThere = table && table->routeHas(key);
         if (isThere)
             table->routeDel(key);
@@ -127,7 +131,7 @@ class WrittenTable final : public RouteTable {
 
     bool rename(int ifindex, std::string_view name) override {
         if (const auto known = byIfindex_.find(ifindex); known != byIfindex_.end())
-            made().oifIndexIntfIs(known->second, L3::IntfId(name));
+            place_.made()->oifIndexIntfIs(known->second, L3::IntfId(name));
         return true;
     }
 
@@ -135,52 +139,45 @@ class WrittenTable final : public RouteTable {
         const auto known = byIfindex_.find(ifindex);
         if (known == byIfindex_.end())
             return;
-        if (const State::Handle<Table> table = find(stores_, path_))
+        if (const State::Handle<Table> table = place_.find())
             table->oifIndexIntfDel(known->second);
         free_.giveBack(known->second);
         byIfindex_.erase(known);
     }
 
   private:
-    Table& made() { return *State::handleCast<Table>(stores_.tables->entityIs(path_, Table::type().name())); }
-
     // One index an interface, so that its rename is one row.
     std::uint16_t indexOf(Table& table, const Oif& oif) {
         if (const auto known = byIfindex_.find(oif.ifindex); known != byIfindex_.end())
             return known->second;
         const L3::IntfId intf(oif.name);
-        const std::uint16_t index = free_.take(path_, oif.name);
+        const std::uint16_t index = free_.take(oif.name);
         table.oifIndexIntfIs(index, intf);
         byIfindex_.emplace(oif.ifindex, index);
         return index;
     }
 
-    Stores stores_;
-    std::string path_;
+    TablePlace place_;
     FreeIndexes free_;
     std::map<int, std::uint16_t> byIfindex_;
 };
 
+// The plug-in mounts a VRF's tables when the VRF is enabled; those of the default VRF are the host's.
 class QuillSource final : public RouteSource {
   public:
     explicit QuillSource(const Stores& stores)
         : stores_(stores) {}
 
     std::string_view name() const override { return "quill"; }
-    // The plug-in mounts a VRF's tables when the VRF is enabled; those of the default VRF are the host's.
-    void makeEntities() override {}
-
-    std::string tablePath(std::string_view vrf, RouteType type) const override { return pathOf(vrf, type); }
-    bool hasTable(std::string_view vrf, RouteType type) const override {
-        return static_cast<bool>(find(stores_, pathOf(vrf, type)));
+    std::string tablePath(std::string_view vrf, RouteType type) const override {
+        return TablePlace(stores_, vrf, type).path;
     }
-    std::size_t routes(std::string_view vrf, RouteType type) const override {
-        const auto table = find(stores_, pathOf(vrf, type));
-        return table ? std::as_const(*table).routeCollection().size() : 0;
+    State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const override {
+        return TablePlace(stores_, vrf, type).find();
     }
     void eachRoute(std::string_view vrf, RouteType type,
                    const std::function<bool(const ShownRoute&)>& visit) const override {
-        const auto table = find(stores_, pathOf(vrf, type));
+        const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
         if (!table)
             return;
         ShownRoute shown;
@@ -201,9 +198,9 @@ class QuillSource final : public RouteSource {
         });
     }
 
-    std::unique_ptr<RouteDraft> draft() const override { return std::make_unique<Draft>(stores_); }
-    std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) override {
-        return std::make_unique<WrittenTable>(stores_, pathOf(vrf, type));
+    RouteDraft draft() const override { return Draft(stores_); }
+    std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const override {
+        return std::make_unique<WrittenTable>(TablePlace(stores_, vrf, type));
     }
 
   private:
@@ -211,41 +208,41 @@ class QuillSource final : public RouteSource {
 };
 
 // An index that the tables can't have as one of an interface.
-std::optional<RowFault> rowFault(std::string_view attribute, const State::Datum& key,
-                                 const State::Datum& value) {
-    const auto fault = [](const char* field, std::uint64_t index) {
+void checkRow(const Change& change) {
+    const auto checkIndex = [&](const char* field, std::uint64_t index) {
+        if (index < OifIndex::null)
+            return;
         const std::string null = std::to_string(OifIndex::null);
-        return RowFault{.field = field,
-                        .rule = "the OIF index " + std::to_string(index) + " is none: " + null +
-                                " ends a list, larger ones end the process",
-                        .wayOut = "use indexes up to " + std::to_string(OifIndex::null - 1)};
+        refuseByGuard(change, field,
+                      "the OIF index " + std::to_string(index) + " is none: " + null +
+                          " ends a list, larger ones end the process",
+                      "use indexes up to " + std::to_string(OifIndex::null - 1));
     };
-    if (attribute == "oifIndexIntf")
-        return *key.number() >= OifIndex::null ? std::optional(fault("key", *key.number())) : std::nullopt;
-    if (value.record() == nullptr)
-        return std::nullopt;
-    for (const auto& [name, content] : *value.record())
+    if (change.attribute == "oifIndexIntf")
+        return checkIndex("key", *change.key->number());
+    if (!change.value || change.value->record() == nullptr)
+        return;
+    for (const auto& [name, content] : *change.value->record())
         for (const State::Datum& index : *content.list())
-            if (*index.number() >= OifIndex::null)
-                return fault("oifs", *index.number());
-    return std::nullopt;
+            checkIndex("oifs", *index.number());
 }
+
+constexpr PathShape shapes[] = {{.text = "routing/multicast/routestatus/VRF/TYPE",
+                                 .kind = PathKind::routeTable,
+                                 .entityType = &Table::type,
+                                 .store = &Stores::tables,
+                                 .modes = modes,
+                                 .source = "quill",
+                                 .checkRow = &checkRow}};
 
 } // namespace
 
-std::unique_ptr<RouteSource> makeQuillSource(const Stores& stores) {
-    return std::make_unique<QuillSource>(stores);
-}
-
-std::span<const PathShape> quillShapes() {
-    static const PathShape shapes[] = {{.text = "routing/multicast/routestatus/VRF/TYPE",
-                                        .kind = PathKind::routeTable,
-                                        .entityType = &Table::type,
-                                        .store = &Stores::tables,
-                                        .modes = modes,
-                                        .source = "quill",
-                                        .rowFault = &rowFault}};
-    return shapes;
+RouteSourceRow quillSource() {
+    return {.toggle = false,
+            .make = [](const Stores& stores) -> std::unique_ptr<RouteSource> {
+                return std::make_unique<QuillSource>(stores);
+            },
+            .shapes = shapes};
 }
 
 } // namespace Agent

@@ -1,14 +1,14 @@
 // What differs between the sources of routes: where a VRF's tables are, how a route stands in them, how it is
 // written, what people see of it. The toggle picks one before the plug-in is loaded; nothing else in the agent
-// asks which it is. A third source is one file like QuillSource.cpp, and one row in RouteSources.cpp.
+// asks which it is. A third source is one file like QuillSource.cpp, and its name in routeSources().
 //
-// The host owns the one in force. Read next: QuillSource.cpp, LumenSource.cpp; RouteSources.h, the table of them.
+// The host owns the one in force. Read next: QuillSource.cpp, LumenSource.cpp.
 #pragma once
 
+#include "agent/host/Change.h"
+#include "agent/host/PathShape.h"
 #include "records/IpGenRouteKey.h"
-#include "state/Datum.h"
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -20,14 +20,6 @@ namespace Agent {
 
 using RouteKey = Routing::Multicast::Fib::IpGenRouteKey;
 
-/// The two tables that a VRF has.
-enum class RouteType : std::uint8_t { staticRoutes, sparse };
-constexpr RouteType routeTypes[] = {RouteType::staticRoutes, RouteType::sparse};
-/// "static" or "sparse", as people write it.
-constexpr std::string_view routeTypeText(RouteType type) {
-    return type == RouteType::sparse ? "sparse" : "static";
-}
-
 /// A row of any source as people see it.
 struct ShownRoute {
     RouteKey key;
@@ -35,24 +27,19 @@ struct ShownRoute {
     bool isReady = true;
 };
 
-/// One write of several that stand for a route (the row, and where a source needs them, rows beside it).
-struct RowWrite {
-    std::string path;
-    std::string attribute;
-    State::Datum key;
-    State::Datum value;
+/// A route that is to be written.
+struct DraftedRoute {
+    std::string vrf;
+    RouteType type = RouteType::staticRoutes;
+    State::Datum key; // as the type of the tables' keys reads it
+    std::vector<std::string> oifs = {};
+    bool isReady = true;
 };
 
-/// Routes as writes, for one list of changes: what earlier routes of the list took is taken for later ones.
-class RouteDraft {
-  public:
-    virtual ~RouteDraft() = default;
-    /// The writes that put a route into its table, replacing one of the same key.
-    /// @param key as the type of the tables' keys reads it.
-    /// @throws Refusal for what this source can't say.
-    virtual std::vector<RowWrite> route(std::string_view vrf, RouteType type, const State::Datum& key,
-                                        const std::vector<std::string>& oifs, bool isReady) = 0;
-};
+/// The changes that put a route into its table, replacing one of the same key, and what it needs beside it. One
+/// serves a list of changes: what earlier routes of the list took is taken for later ones.
+/// @throws Refusal for what the source can't say.
+using RouteDraft = std::function<std::vector<Change>(const DraftedRoute& route)>;
 
 /// An outgoing interface as a kernel tells it. The index identifies it while it exists; the name can change.
 struct Oif {
@@ -73,9 +60,9 @@ class RouteTable {
     virtual bool erase(const RouteKey& key) = 0;
     /// Gives an interface of earlier puts another name. @throws as put()
     /// @return whether that was all; false where rows hold names themselves, and must be put again.
-    virtual bool rename(int ifindex, std::string_view name) = 0;
+    virtual bool rename(int /*ifindex*/, std::string_view /*name*/) { return false; }
     /// No row has the interface any more, and none will have it under this index.
-    virtual void forget(int ifindex) = 0;
+    virtual void forget(int /*ifindex*/) {}
 };
 
 class RouteSource {
@@ -84,20 +71,31 @@ class RouteSource {
 
     /// "quill", "lumen".
     virtual std::string_view name() const = 0;
-    /// Makes what must be in the stores before the plug-in starts.
-    virtual void makeEntities() = 0;
-
     /// Where the table of a VRF is, whether or not it is there.
     virtual std::string tablePath(std::string_view vrf, RouteType type) const = 0;
-    virtual bool hasTable(std::string_view vrf, RouteType type) const = 0;
+    /// The table or FIB of a VRF, or null.
+    virtual State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const = 0;
     /// Rows of a table; 0 where there is none.
-    virtual std::size_t routes(std::string_view vrf, RouteType type) const = 0;
+    std::size_t routes(std::string_view vrf, RouteType type) const;
     /// Visits the rows in table order; visit says whether to go on.
     virtual void eachRoute(std::string_view vrf, RouteType type,
                            const std::function<bool(const ShownRoute&)>& visit) const = 0;
 
-    virtual std::unique_ptr<RouteDraft> draft() const = 0;
-    virtual std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) = 0;
+    virtual RouteDraft draft() const = 0;
+    virtual std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const = 0;
 };
+
+/// A row of the table of sources.
+struct RouteSourceRow {
+    bool toggle; // the value of the toggle that picks it
+    /// Makes the source, and what must be in the stores before the plug-in starts.
+    std::unique_ptr<RouteSource> (*make)(const Stores& stores);
+    std::span<const PathShape> shapes; // its paths, which can be read and written whatever source is in force
+};
+
+std::span<const RouteSourceRow> routeSources();
+/// Rows of that table, each in a file of its own.
+RouteSourceRow quillSource();
+RouteSourceRow lumenSource();
 
 } // namespace Agent

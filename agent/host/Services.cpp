@@ -4,13 +4,17 @@
 #include "records/NatMroute.h"
 #include "state/Value.h"
 
-#include <algorithm>
-
 namespace Agent {
 
 namespace {
 
 using namespace KestrelNat;
+
+// The entity of type T in the database, which holds it from the beginning to the end.
+template <class T>
+const T& in(const State::Store& database) {
+    return static_cast<const T&>(*database.entity(T::path));
+}
 
 // Completes a row by what the types of its two ends tell: where they stand and how they are read.
 // `RequestsOf` and `AnswersOf`, captureless lambdas, yield their collections.
@@ -18,19 +22,19 @@ template <class Requests, class Answers, class RequestsOf, class AnswersOf>
 Service row(Service row, RequestsOf, AnswersOf) {
     row.requestPath = Requests::path;
     row.requestEntity = &Requests::type;
-    row.requests = [](const State::Entity& entity) -> const RequestSet& {
-        return RequestsOf{}(static_cast<const Requests&>(entity));
+    row.requests = [](const State::Store& database) -> const RequestSet& {
+        return RequestsOf{}(in<Requests>(database));
     };
     row.answerPath = Answers::path;
     row.answerEntity = &Answers::type;
     using Value = std::remove_cvref_t<decltype(*AnswersOf{}(std::declval<const Answers&>()).find({}))>;
     row.answersInterfaces = std::is_same_v<Value, NatMrouteOifSet>;
-    row.answer = [](const State::Entity& entity, const RequestKey& key) {
-        const auto* answer = AnswersOf{}(static_cast<const Answers&>(entity)).find(key);
+    row.answer = [](const State::Store& database, const RequestKey& key) {
+        const auto* answer = AnswersOf{}(in<Answers>(database)).find(key);
         return answer == nullptr ? Answer() : Answer(*answer);
     };
-    row.eachAnswer = [](const State::Entity& entity, const AnswerVisitor& visit) {
-        for (const auto& [key, answer] : AnswersOf{}(static_cast<const Answers&>(entity)).walk())
+    row.eachAnswer = [](const State::Store& database, const AnswerVisitor& visit) {
+        for (const auto& [key, answer] : AnswersOf{}(in<Answers>(database)).walk())
             visit(key, Answer(answer));
     };
     return row;
@@ -65,12 +69,6 @@ std::span<const Service> services() {
 
 std::size_t Service::index() const {
     return static_cast<std::size_t>(this - services().data());
-}
-
-const Service* serviceNamed(std::string_view name) {
-    const auto table = services();
-    const auto found = std::ranges::find(table, name, &Service::name);
-    return found == table.end() ? nullptr : &*found;
 }
 
 State::Datum toDatum(const Answer& answer) {

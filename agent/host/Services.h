@@ -9,7 +9,7 @@
 #include "records/NatMrouteOifSet.h"
 #include "state/Collection.h"
 #include "state/Datum.h"
-#include "state/Entity.h"
+#include "state/Store.h"
 
 #include <cstdint>
 #include <functional>
@@ -21,6 +21,9 @@ namespace Agent {
 
 using RequestKey = KestrelNat::NatMrouteKey;
 using RequestSet = State::SetAttribute<RequestKey>;
+struct RequestKeyHash {
+    std::size_t operator()(const RequestKey& key) const { return key.hash(0); }
+};
 
 /// An answer as it is kept: cheap to copy. The first alternative: there is none.
 using Answer = std::variant<std::monostate, KestrelNat::NatMrouteOifSet, std::uint32_t>;
@@ -42,11 +45,11 @@ struct Service {
     bool answersInterfaces = false; // else with a number
     const char* requestPath = nullptr;
     const State::EntityType& (*requestEntity)() = nullptr;
-    const RequestSet& (*requests)(const State::Entity& entity) = nullptr;
+    const RequestSet& (*requests)(const State::Store& database) = nullptr;
     const char* answerPath = nullptr;
     const State::EntityType& (*answerEntity)() = nullptr;
-    Answer (*answer)(const State::Entity& entity, const RequestKey& key) = nullptr;
-    void (*eachAnswer)(const State::Entity& entity, const AnswerVisitor& visit) = nullptr;
+    Answer (*answer)(const State::Store& database, const RequestKey& key) = nullptr;
+    void (*eachAnswer)(const State::Store& database, const AnswerVisitor& visit) = nullptr;
 
     /// Its place in the table.
     std::size_t index() const;
@@ -54,7 +57,5 @@ struct Service {
 
 /// The table.
 std::span<const Service> services();
-/// Null for a name that none has.
-const Service* serviceNamed(std::string_view name);
 
 } // namespace Agent

@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <set>
-#include <unordered_map>
 
 namespace Agent {
 
@@ -33,9 +33,6 @@ class SoftwareChip {
 
   private:
     using Key = KestrelL3::IpMcastKey;
-    struct KeyHash {
-        std::size_t operator()(const Key& key) const { return key.hash(0); }
-    };
 
     static void notified(void* self, const State::Notification& change);
     void rowChanged(const Key& key);
@@ -46,7 +43,7 @@ class SoftwareChip {
     State::Handle<KestrelCommon::MrouteGroup::MgroupColl> status_;
     std::function<void()> wake_;
     std::deque<Key> pending_;
-    std::unordered_map<Key, std::uint32_t, KeyHash> groups_;
+    std::map<Key, std::uint32_t> groups_;
     std::set<std::uint32_t> freed_;
     std::uint32_t lastId_ = 0;
 };

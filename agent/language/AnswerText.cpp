@@ -1,6 +1,7 @@
 #include "agent/language/AnswerText.h"
 
 #include "agent/json/Json.h"
+#include "text/Words.h"
 
 namespace Agent {
 
@@ -18,12 +19,10 @@ std::string answerWords(const Answer& answer, std::string_view absent) {
     const auto* oifs = std::get_if<KestrelNat::NatMrouteOifSet>(&answer);
     if (oifs == nullptr)
         return std::string(absent);
-    std::string words;
-    for (const L3::IntfId intf : oifs->oif()) {
-        words += words.empty() ? "" : " ";
-        words += intf.stringValue();
-    }
-    return words.empty() ? "none" : words;
+    std::vector<std::string_view> words;
+    for (const L3::IntfId intf : oifs->oif())
+        words.emplace_back(intf.stringValue());
+    return words.empty() ? "none" : Text::joined(words, " ");
 }
 
 std::string answerLine(const Operations& operations, const AnswerChange& change) {
@@ -54,10 +53,10 @@ void writeAnswerMembers(Text::Writer& writer, const Operations& operations, cons
     writer.member("text", answerLine(operations, change));
 }
 
-void writeAnswers(Text::Writer& writer, const Operations& operations,
-                  const std::vector<AnswerChange>& changes, bool withText) {
+void writeAnswers(Text::Writer& writer, const Operations& operations, std::span<const AnswerChange> answers,
+                  bool withText) {
     writer.beginList();
-    for (const AnswerChange& change : changes) {
+    for (const AnswerChange& change : answers) {
         if (writer.isForPeople()) {
             writer.value(answerLine(operations, change));
             continue;
@@ -66,6 +65,17 @@ void writeAnswers(Text::Writer& writer, const Operations& operations,
         writeAnswerMembers(writer, operations, change, withText);
         writer.end();
     }
+    writer.end();
+}
+
+void writeApplied(Text::Writer& writer, const Operations& operations, const ApplyResult& result,
+                  bool withText) {
+    if (writer.isForPeople())
+        return writeAnswers(writer, operations, result.answers, withText);
+    writer.beginRecord();
+    writer.member("changed", result.changed);
+    writer.field("answers");
+    writeAnswers(writer, operations, result.answers, withText);
     writer.end();
 }
 

@@ -4,6 +4,7 @@
 #include "agent/changes/Operations.h"
 #include "text/Writer.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -23,8 +24,11 @@ std::string answerLine(const Operations& operations, const AnswerChange& change)
 /// @param withText whether there are also `vrf`, the name of the VRF that has the identifier, and `text`, the line.
 void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
                         bool withText);
-/// The changes as a list: for people of lines, else of records.
-void writeAnswers(Text::Writer& writer, const Operations& operations,
-                  const std::vector<AnswerChange>& changes, bool withText);
+/// A list of answers; for people a line for each.
+void writeAnswers(Text::Writer& writer, const Operations& operations, std::span<const AnswerChange> answers,
+                  bool withText);
+/// What changes came to: {changed, answers}; for people a line for each answer.
+void writeApplied(Text::Writer& writer, const Operations& operations, const ApplyResult& result,
+                  bool withText);
 
 } // namespace Agent

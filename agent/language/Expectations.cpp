@@ -1,11 +1,9 @@
 #include "agent/language/Expectations.h"
 
-#include "agent/changes/Answers.h"
-#include "agent/host/Refusal.h"
 #include "agent/language/AnswerText.h"
-#include "agent/language/StateCommands.h"
 #include "state/Trace.h"
 #include "state/Value.h"
+#include "text/Words.h"
 
 #include <algorithm>
 #include <set>
@@ -19,28 +17,29 @@ namespace {
                   {.expected = expected, .actual = actual});
 }
 
-Action held(std::function<void()> hold) {
-    return [hold = std::move(hold)](const Text::Reply& reply) {
-        hold();
-        reply([](Text::Writer& writer) {
+// Does the work and replies with what it returns as a member, which people need not be told.
+template <class Work>
+Action toldAs(std::string_view member, Work work) {
+    return [member, work = std::move(work)](const Text::Reply& reply) {
+        const auto result = work();
+        reply([&](Text::Writer& writer) {
             if (writer.isForPeople())
                 return;
             writer.beginRecord();
-            writer.member("held", true);
+            writer.member(member, result);
             writer.end();
         });
     };
 }
 
-// Words in order, each once: interfaces are compared as sets.
-std::string sorted(const std::set<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words)
-        text += (text.empty() ? "" : " ") + word;
-    return text;
+Action held(std::function<void()> hold) {
+    return toldAs("held", [hold = std::move(hold)] {
+        hold();
+        return true;
+    });
 }
 
-// The expected answer, in the words of answerWords().
+// The expected answer, in the words of answerWords(); interfaces in order, as they are compared as sets.
 std::string readAnswer(WordReader& words, const Service& service) {
     if (words.accept("absent"))
         return "absent";
@@ -52,17 +51,17 @@ std::string readAnswer(WordReader& words, const Service& service) {
     do
         interfaces.insert(words.word("interfaces, none or absent"));
     while (!words.atEnd());
-    return sorted(interfaces);
+    return Text::joined(interfaces, " ");
 }
 
 std::string actualAnswer(const Answer& answer) {
     const auto* oifs = std::get_if<KestrelNat::NatMrouteOifSet>(&answer);
     if (oifs == nullptr || oifs->oif().empty())
         return answerWords(answer, "absent");
-    std::set<std::string> interfaces;
+    std::set<std::string_view> interfaces;
     for (const L3::IntfId intf : oifs->oif())
-        interfaces.insert(intf.stringValue());
-    return sorted(interfaces);
+        interfaces.emplace(intf.stringValue());
+    return Text::joined(interfaces, " ");
 }
 
 } // namespace
@@ -71,34 +70,27 @@ Action Expectations::read(WordReader& words, const StateCommands& names) {
     const bool isAbsent = words.accept("no");
     if (isAbsent)
         words.expect("trace");
-    if (isAbsent || words.accept("trace"))
-        return readTrace(words, isAbsent);
+    if (isAbsent || words.accept("trace")) {
+        const std::string text = words.word("a text in quotes");
+        return held([this, text, isAbsent] { holdTrace(text, isAbsent); });
+    }
     const NamedRequest named = names.request(words);
     const Service& service = *named.service;
     // Refuses a key that is none.
     static_cast<void>(operations_.value(service.answerPath, service.answerAttribute, &named.key));
-    words.expect("=");
-    const std::string expected = readAnswer(words, service);
-    words.expectEnd();
+    const std::string expected = readAnswer(words.expect("="), service);
     return held([this, named, expected] { holdAnswer(named, expected); });
 }
 
-Action Expectations::readTrace(WordReader& words, bool isAbsent) {
-    const std::string text = words.word("a text in quotes");
-    words.expectEnd();
-    return held([this, text, isAbsent] { holdTrace(text, isAbsent); });
-}
-
-std::uint64_t Expectations::mark() {
-    mark_ = State::traceNext();
-    return mark_;
+Action Expectations::mark() {
+    return toldAs("marked", [this] { return mark_ = State::traceNext(); });
 }
 
 void Expectations::holdAnswer(const NamedRequest& named, const std::string& expected) const {
     settle_();
-    const AnswerMaps maps(operations_.host().stores());
     const auto key = State::fromDatum<RequestKey>(named.key);
-    const std::string actual = actualAnswer(maps.answer(*named.service, key).answer);
+    const std::string actual =
+        actualAnswer(named.service->answer(*operations_.host().stores().database, key));
     if (actual != expected)
         failed(std::string(named.service->name) + " answer", expected, actual);
 }

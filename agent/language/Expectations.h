@@ -2,15 +2,11 @@
 // since the last mark. Reading is apart from holding, so that a file can be checked without being played.
 #pragma once
 
-#include "agent/changes/Operations.h"
-#include "agent/language/Verb.h"
+#include "agent/language/StateCommands.h"
 
 #include <cstdint>
 
 namespace Agent {
-
-struct NamedRequest;
-class StateCommands;
 
 class Expectations {
   public:
@@ -24,11 +20,10 @@ class Expectations {
     /// that has both sides.
     /// @param names knows the names that earlier lines gave.
     Action read(WordReader& words, const StateCommands& names);
-    /// `expect trace` looks at records from now on. @return the number of the next one.
-    std::uint64_t mark();
+    /// `expect trace` looks at records from now on. The action replies {"marked": the number of the next one}.
+    Action mark();
 
   private:
-    Action readTrace(WordReader& words, bool isAbsent);
     void holdAnswer(const NamedRequest& named, const std::string& expected) const;
     void holdTrace(const std::string& text, bool isAbsent) const;
 

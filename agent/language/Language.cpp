@@ -1,10 +1,7 @@
 #include "agent/language/Language.h"
 
-#include "agent/host/Refusal.h"
 #include "agent/language/AnswerText.h"
 #include "agent/language/Queries.h"
-#include "agent/language/Show.h"
-#include "agent/language/StateCommands.h"
 #include "text/Nearest.h"
 #include "text/TextWriter.h"
 #include "text/Verbs.h"
@@ -14,6 +11,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace Agent {
@@ -22,12 +20,10 @@ namespace {
 
 std::vector<std::string> linesOf(const std::string& file) {
     std::ifstream in(file);
-    if (!in)
-        throw std::runtime_error(file + ": cannot be read");
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    if (in.bad()) // a folder
+    if (!in.eof()) // it is not there, or a folder
         throw std::runtime_error(file + ": cannot be read");
     return lines;
 }
@@ -44,55 +40,29 @@ std::vector<std::string> wordsOf(std::string_view line) {
     }
 }
 
-// Replies with what is written to the writer.
-Action told(Text::Tell tell) {
-    return [tell = std::move(tell)](const Text::Reply& reply) { reply(tell); };
-}
-
-void writeResult(const Operations& operations, const ApplyResult& result, Text::Writer& writer) {
-    if (writer.isForPeople()) {
-        writeAnswers(writer, operations, result.answers, true);
-        return;
+// Has something done with the lines of a file; a refusal names the file and the line.
+template <class Use>
+void withLines(const std::string& file, Use use) {
+    const auto lines = linesOf(file);
+    try {
+        use(lines);
+    } catch (const Refusal& refusal) {
+        throw std::runtime_error(place(file, refusal.where().line.value_or(1)) + refusal.what());
     }
-    writer.beginRecord();
-    writer.member("changed", result.changed);
-    writer.field("answers");
-    writeAnswers(writer, operations, result.answers, true);
-    writer.end();
-}
-
-[[noreturn]] void refuseVerb(const std::string& word) {
-    std::vector<std::string_view> names;
-    for (const Text::VerbHelp& verb : Text::verbs())
-        names.push_back(verb.name);
-    std::string known;
-    for (const std::string_view name : names)
-        known += (known.empty() ? "" : ", ") + std::string(name);
-    throw Refusal("expected a command (" + known + "), not '" + word + "'" + Text::suggestion(word, names),
-                  {.word = 1});
 }
 
 } // namespace
 
-void LineChanges::place(Refusal& refusal) const {
-    if (const auto index = refusal.where().index) {
-        refusal.where().line = lines.at(*index);
-        refusal.where().index.reset();
-    }
-}
-
 Language::Language(Operations& operations, std::function<void()> settle)
     : operations_(operations)
-    , expectations_(operations, std::move(settle)) {
-    addVerb({"expect", [this](WordReader& words, const StateCommands& names) {
-                 return expectations_.read(words, names);
-             }});
-    addVerb({"mark", [this](WordReader&, const StateCommands&) { return mark(); }});
-    addVerb({"show", [this](WordReader& words, const StateCommands&) { return readShow(words); }});
-    addVerb({"get", [this](WordReader& words, const StateCommands&) { return readGet(words); }});
-    addVerb({"trace", [](WordReader& words, const StateCommands&) { return readTrace(words); }});
-    for (const std::string_view name : shownNames())
-        addShown(std::string(name), [this, name](Text::Writer& writer) { show(operations_, name, writer); });
+    , expectations_(operations, std::move(settle))
+    , shown_(shownTables(operations)) {
+    using Names = const StateCommands&;
+    addVerb({"expect", [this](WordReader& words, Names names) { return expectations_.read(words, names); }});
+    addVerb({"mark", [this](WordReader&, Names) { return expectations_.mark(); }});
+    addVerb({"show", [this](WordReader& words, Names) { return readShow(words); }});
+    addVerb({"get", [this](WordReader& words, Names) { return readGet(operations_, words); }});
+    addVerb({"trace", [](WordReader& words, Names) { return readTrace(words); }});
 }
 
 void Language::addVerb(Verb verb) {
@@ -103,70 +73,18 @@ void Language::addShown(std::string name, Text::Tell tell) {
     shown_.emplace_back(std::move(name), std::move(tell));
 }
 
-Action Language::mark() {
-    return [this](const Text::Reply& reply) {
-        const std::uint64_t next = expectations_.mark();
-        reply([next](Text::Writer& writer) {
-            if (writer.isForPeople())
-                return;
-            writer.beginRecord();
-            writer.member("marked", next);
-            writer.end();
-        });
-    };
-}
-
 const Text::Tell& Language::shown(const std::string& name) const {
-    std::vector<std::string_view> names;
-    for (const auto& [known, tell] : shown_) {
-        if (known == name)
-            return tell;
-        names.push_back(known);
-    }
-    throw Refusal("there is nothing called \"" + name + "\" to show" + Text::suggestion(name, names),
-                  {.field = "what"});
+    const auto found = std::ranges::find(shown_, name, &Shown::first);
+    if (found == shown_.end())
+        throw Refusal("there is nothing called \"" + name + "\" to show" +
+                          Text::suggestion(name, Text::namesOf(shown_, &Shown::first)),
+                      {.field = "what"});
+    return found->second;
 }
 
 Action Language::readShow(WordReader& words) {
-    std::vector<std::string_view> names;
-    for (const auto& [name, tell] : shown_)
-        names.push_back(name);
-    return told(shown_[words.oneOf("what to show", names)].second);
-}
-
-Action Language::readGet(WordReader& words) {
-    // At each word, so that a refusal names the one that is wrong.
-    GetQuery query{.path = words.word("a path")};
-    const auto check = [&] { checkQuery(operations_, query); };
-    words.checkLast(check);
-    if (!words.atEnd()) {
-        query.attribute = words.word("an attribute");
-        words.checkLast(check);
-    }
-    while (!words.atEnd()) {
-        if (words.accept("limit"))
-            query.limit = words.number("how many members", GetQuery::pageLimit);
-        else if (words.accept("after"))
-            query.after = datumOfWord(words.word("the key of a member"));
-        else if (!query.key)
-            query.key = datumOfWord(words.word("a key"));
-        else
-            words.expectEnd();
-        words.checkLast(check);
-    }
-    return told([this, query](Text::Writer& writer) { get(operations_, query, writer); });
-}
-
-Action Language::readTrace(WordReader& words) {
-    TraceQuery query;
-    if (words.accept("last")) {
-        query.last = words.number("how many records", 1'000'000);
-    } else if (!words.atEnd()) {
-        query.facility = words.word("a facility");
-        words.checkLast([&] { checkQuery(query); });
-        query.level = words.number("a level", TraceQuery::maxLevel);
-    }
-    return [query](const Text::Reply& reply) { trace(query, reply); };
+    const Text::Tell& tell = shown_[words.oneOf("what to show", Text::namesOf(shown_, &Shown::first))].second;
+    return [tell](const Text::Reply& reply) { reply(tell); };
 }
 
 // Reads a line that is no state command.
@@ -174,8 +92,12 @@ Action Language::readOther(const std::vector<std::string>& given, const StateCom
     WordReader words(given);
     const std::string name = words.word("a command");
     const auto verb = std::ranges::find(verbs_, name, &Verb::name);
-    if (verb == verbs_.end())
-        refuseVerb(name);
+    if (verb == verbs_.end()) {
+        const auto known = Text::namesOf(Text::verbs(), &Text::VerbHelp::name);
+        throw Refusal("expected a command (" + Text::joined(known, ", ") + "), not '" + name + "'" +
+                          Text::suggestion(name, known),
+                      {.word = 1});
+    }
     Action action = verb->read(words, names);
     words.expectEnd();
     return action;
@@ -185,73 +107,48 @@ void Language::run(std::string_view line, bool raw, const Text::Reply& reply) {
     const auto words = wordsOf(line);
     if (words.empty())
         throw Refusal("the line holds no command");
-    StateCommands commands(operations_);
-    std::vector<Change> changes;
-    if (!commands.compile(words, raw, changes)) {
+    StateCommands commands(operations_, raw);
+    if (!commands.compile(words)) {
         readOther(words, commands)(reply);
         return;
     }
-    const ApplyResult result = operations_.apply(changes);
-    reply([&](Text::Writer& writer) { writeResult(operations_, result, writer); });
+    const ApplyResult result = operations_.apply(commands.changes());
+    reply([&](Text::Writer& writer) { writeApplied(writer, operations_, result, true); });
 }
 
-LineChanges Language::changes(std::span<const std::string> lines, bool raw) {
-    StateCommands commands(operations_);
-    return read(commands, lines, raw, [](const std::vector<std::string>& words) {
-        throw Refusal("'" + words.front() + "' describes no state");
-    });
-}
-
-// Reads lines into changes; those that are no state commands go to `other`.
-LineChanges Language::read(StateCommands& commands, std::span<const std::string> lines, bool raw,
-                           const std::function<void(const std::vector<std::string>&)>& other) {
-    LineChanges made;
+// Reads lines; those that are no state commands are refused, or read and carried out no further.
+void Language::readLines(std::span<const std::string> lines, StateCommands& commands, bool onlyState) {
     for (std::size_t at = 0; at < lines.size(); ++at) {
         try {
             const auto words = wordsOf(lines[at]);
-            if (!words.empty() && !commands.compile(words, raw, made.changes))
-                other(words);
+            if (words.empty() || commands.compile(words, at + 1))
+                continue;
+            if (onlyState)
+                throw Refusal("'" + words.front() + "' describes no state");
+            readOther(words, commands);
         } catch (Refusal& refusal) {
             refusal.where().line = at + 1;
             throw;
         }
-        made.lines.resize(made.changes.size(), at + 1);
     }
-    return made;
 }
 
-// Has something done to the changes of a file; a refusal names the file and the line.
-void Language::withChanges(const std::string& file, const std::function<LineChanges()>& read,
-                           const std::function<void(std::span<const Change>)>& use) {
-    LineChanges made;
-    try {
-        made = read();
-        use(made.changes);
-    } catch (Refusal& refusal) {
-        made.place(refusal);
-        throw std::runtime_error(place(file, refusal.where().line.value_or(1)) + refusal.what());
-    }
+std::vector<Change> Language::changes(std::span<const std::string> lines, bool raw) {
+    StateCommands commands(operations_, raw);
+    readLines(lines, commands, true);
+    return commands.changes();
 }
 
 void Language::preload(const std::string& file) {
-    const auto lines = linesOf(file);
-    withChanges(
-        file, [&] { return changes(lines, false); },
-        [this](std::span<const Change> changes) { operations_.apply(changes); });
+    withLines(file, [this](const auto& lines) { operations_.apply(changes(lines, false)); });
 }
 
-void Language::check(const std::string& file, std::span<const GivenVrf> vrfs) {
-    const auto lines = linesOf(file);
-    StateCommands commands(operations_);
-    for (const GivenVrf& vrf : vrfs)
-        commands.know(vrf.name, vrf.id);
-    withChanges(
-        file,
-        [&] {
-            return read(commands, lines, false,
-                        [&](const std::vector<std::string>& words) { readOther(words, commands); });
-        },
-        [this](std::span<const Change> changes) { operations_.check(changes); });
+void Language::check(const std::string& file, VrfIds vrfs) {
+    StateCommands commands(operations_, false, std::move(vrfs));
+    withLines(file, [&](const auto& lines) {
+        readLines(lines, commands, false);
+        operations_.check(commands.changes());
+    });
 }
 
 bool Language::play(const std::string& file, std::ostream& out) {
@@ -285,11 +182,9 @@ void Language::playLine(const std::string& line, std::ostream& out) {
     });
     if (!*isDone)
         throw Refusal("its result comes later: it can't be played");
-    for (std::size_t begin = 0; begin < text->size();) {
-        const std::size_t end = text->find('\n', begin);
-        out << "    " << text->substr(begin, end - begin) << '\n';
-        begin = end + 1;
-    }
+    std::istringstream result(*text);
+    for (std::string told; std::getline(result, told);)
+        out << "    " << told << '\n';
 }
 
 } // namespace Agent

@@ -1,38 +1,20 @@
-// The one grammar of scenario files, preloaded state and the client's lines: a table of verbs (Verb.h), by which
+// The one grammar of scenario files, preloaded state and the client's lines: a table of verbs (WordReader.h), by which
 // lines are read, checked and carried out. State commands, which become changes, are in StateCommands.h.
 //
 // The application owns it. Read next: Queries.h, Show.h, Expectations.h.
 #pragma once
 
-#include "agent/changes/Operations.h"
-#include "agent/host/Refusal.h"
 #include "agent/language/Expectations.h"
-#include "agent/language/Verb.h"
+#include "agent/language/Show.h"
 
 #include <functional>
 #include <iosfwd>
 #include <span>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace Agent {
-
-/// A list of changes that lines stand for.
-struct LineChanges {
-    std::vector<Change> changes;
-    std::vector<std::size_t> lines; // beside changes: the number of the line, from 1, that each comes from
-
-    /// Adds to a refusal that the line of its change is meant.
-    void place(Refusal& refusal) const;
-};
-
-/// A VRF and its identifier.
-struct GivenVrf {
-    std::string name;
-    std::uint32_t id = 0;
-};
 
 class Language {
   public:
@@ -56,7 +38,7 @@ class Language {
     /// The changes that lines of state commands stand for, each judged by the state as the earlier ones leave it;
     /// comments and blank lines are none.
     /// @throws Refusal with its line, for a line that is no state command.
-    LineChanges changes(std::span<const std::string> lines, bool raw);
+    std::vector<Change> changes(std::span<const std::string> lines, bool raw);
 
     /// Puts the state that a file describes into the stores; the plug-in has not been started.
     /// @throws std::runtime_error naming file and line; nothing was put there then.
@@ -65,7 +47,7 @@ class Language {
     /// for expectations that don't hold.
     /// @throws std::runtime_error naming file and line.
     /// @param vrfs that will be there by then, beside those of the file.
-    void check(const std::string& file, std::span<const GivenVrf> vrfs = {});
+    void check(const std::string& file, VrfIds vrfs = {});
     /// Plays a scenario file.
     /// @param out where it tells what happens; what fails is told on standard error.
     /// @return whether every line was carried out and every expectation held.
@@ -73,21 +55,15 @@ class Language {
     bool play(const std::string& file, std::ostream& out);
 
   private:
-    Action mark();
     Action readShow(WordReader& words);
-    Action readGet(WordReader& words);
-    static Action readTrace(WordReader& words);
     Action readOther(const std::vector<std::string>& words, const StateCommands& names);
-    static LineChanges read(StateCommands& commands, std::span<const std::string> lines, bool raw,
-                            const std::function<void(const std::vector<std::string>&)>& other);
-    static void withChanges(const std::string& file, const std::function<LineChanges()>& read,
-                            const std::function<void(std::span<const Change>)>& use);
+    void readLines(std::span<const std::string> lines, StateCommands& commands, bool onlyState);
     void playLine(const std::string& line, std::ostream& out);
 
     Operations& operations_;
     Expectations expectations_;
     std::vector<Verb> verbs_;
-    std::vector<std::pair<std::string, Text::Tell>> shown_;
+    std::vector<Shown> shown_;
 };
 
 } // namespace Agent

@@ -1,9 +1,10 @@
 #include "agent/language/Queries.h"
 
-#include "agent/host/Refusal.h"
 #include "agent/json/Json.h"
+#include "agent/language/StateCommands.h"
 #include "state/Trace.h"
 #include "text/Nearest.h"
+#include "text/Words.h"
 
 #include <algorithm>
 
@@ -117,8 +118,6 @@ void writeLevels(Text::Writer& writer, const TraceQuery& query) {
     writer.end();
 }
 
-} // namespace
-
 void checkQuery(const Operations& operations, const GetQuery& query) {
     if (!query.attribute.empty())
         checkMember(operations, query, operations.attributeAt(query.path, query.attribute).kind());
@@ -126,6 +125,50 @@ void checkQuery(const Operations& operations, const GetQuery& query) {
         refuse("a key is that of an attribute's member: name the attribute", "attribute");
     if (query.limit.value_or(0) > GetQuery::pageLimit)
         refuse("an answer has at most " + std::to_string(GetQuery::pageLimit) + " members", "limit");
+}
+
+void checkQuery(const TraceQuery& query) {
+    if (query.last && (query.facility || query.level))
+        refuse("either the latest records are wanted, or levels", "last");
+    if (query.level && !query.facility)
+        refuse("a level is that of a facility: name it", "facility");
+    if (query.level.value_or(0) > TraceQuery::maxLevel)
+        refuse("levels run from 0 to " + std::to_string(TraceQuery::maxLevel), "level");
+    if (!query.facility)
+        return;
+    const auto known = State::traceLevels();
+    const auto names = Text::namesOf(known, &State::TraceLevel::facility);
+    if (std::ranges::find(names, *query.facility) == names.end())
+        refuse("there is no trace facility \"" + *query.facility + "\"" +
+                   Text::suggestion(*query.facility, names),
+               "facility");
+}
+
+} // namespace
+
+Action readGet(const Operations& operations, WordReader& words) {
+    // At each word, so that a refusal names the one that is wrong.
+    GetQuery query{.path = words.word("a path")};
+    const auto check = [&] { checkQuery(operations, query); };
+    words.checkLast(check);
+    if (!words.atEnd()) {
+        query.attribute = words.word("an attribute");
+        words.checkLast(check);
+    }
+    while (!words.atEnd()) {
+        if (words.accept("limit"))
+            query.limit = words.number("how many members", GetQuery::pageLimit);
+        else if (words.accept("after"))
+            query.after = datumOfWord(words.word("the key of a member"));
+        else if (!query.key)
+            query.key = datumOfWord(words.word("a key"));
+        else
+            words.expectEnd();
+        words.checkLast(check);
+    }
+    return [&operations, query](const Text::Reply& reply) {
+        reply([&](Text::Writer& writer) { get(operations, query, writer); });
+    };
 }
 
 void get(const Operations& operations, const GetQuery& query, Text::Writer& writer) {
@@ -142,24 +185,16 @@ void get(const Operations& operations, const GetQuery& query, Text::Writer& writ
     writer.end();
 }
 
-void checkQuery(const TraceQuery& query) {
-    if (query.last && (query.facility || query.level))
-        refuse("either the latest records are wanted, or levels", "last");
-    if (query.level && !query.facility)
-        refuse("a level is that of a facility: name it", "facility");
-    if (query.level.value_or(0) > TraceQuery::maxLevel)
-        refuse("levels run from 0 to " + std::to_string(TraceQuery::maxLevel), "level");
-    if (!query.facility)
-        return;
-    const auto known = State::traceLevels();
-    std::vector<std::string_view> names;
-    names.reserve(known.size());
-    for (const State::TraceLevel& level : known)
-        names.push_back(level.facility);
-    if (std::ranges::find(names, *query.facility) == names.end())
-        refuse("there is no trace facility \"" + *query.facility + "\"" +
-                   Text::suggestion(*query.facility, names),
-               "facility");
+Action readTrace(WordReader& words) {
+    TraceQuery query;
+    if (words.accept("last")) {
+        query.last = words.number("how many records", 1'000'000);
+    } else if (!words.atEnd()) {
+        query.facility = words.word("a facility");
+        words.checkLast([&] { checkQuery(query); });
+        query.level = words.number("a level", TraceQuery::maxLevel);
+    }
+    return [query](const Text::Reply& reply) { trace(query, reply); };
 }
 
 void trace(const TraceQuery& query, const Text::Reply& reply) {

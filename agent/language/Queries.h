@@ -2,7 +2,7 @@
 #pragma once
 
 #include "agent/changes/Operations.h"
-#include "text/Writer.h"
+#include "agent/language/WordReader.h"
 
 #include <cstdint>
 #include <optional>
@@ -21,11 +21,12 @@ struct GetQuery {
     std::optional<State::Datum> after = {}; // the member behind which to begin
 };
 
-/// @throws Refusal when the path, the attribute, a key or the form of the question is none.
-void checkQuery(const Operations& operations, const GetQuery& query);
+/// Reads what stands behind "get".
+Action readGet(const Operations& operations, WordReader& words);
 /// Writes the value (null where there is none); a collection as a list, of keys or of {key, value}; without an
 /// attribute a record of all. For people a member of a collection named is a line.
-/// @throws Refusal as checkQuery() does, when `after` is no member, for more members than fit a result.
+/// @throws Refusal when the path, the attribute, a key or the form of the question is none, when `after` is no member,
+/// for more members than fit a result.
 void get(const Operations& operations, const GetQuery& query, Text::Writer& writer);
 
 struct TraceQuery {
@@ -36,10 +37,10 @@ struct TraceQuery {
     std::optional<std::uint64_t> last = {};  // the ring's last records instead of levels
 };
 
-/// @throws Refusal for a facility that there is not, a level that is none, or what does not go together.
-void checkQuery(const TraceQuery& query);
+/// Reads what stands behind "trace".
+Action readTrace(WordReader& words);
 /// Sets the level, if one is given, and replies with the levels, or the records.
-/// @throws Refusal as checkQuery() does.
+/// @throws Refusal for a facility that there is not, a level that is none, or what does not go together.
 void trace(const TraceQuery& query, const Text::Reply& reply);
 
 } // namespace Agent

@@ -7,6 +7,7 @@
 #include "state/Value.h"
 
 #include <algorithm>
+#include <set>
 #include <tuple>
 
 namespace Agent {
@@ -30,18 +31,13 @@ struct Row {
 
 using Rows = std::vector<Row>;
 
-// Something that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
-// for people; `of` the service whose answers they are.
-struct Shown {
-    std::string_view name;
+// A table that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
+// for people.
+struct Table {
+    std::string name;
     std::vector<std::string_view> columns;
-    void (*collect)(const Operations& operations, const Service* of, Rows& rows);
-    const Service* of = nullptr;
+    std::function<void(const Operations& operations, Rows& rows)> collect;
     std::size_t hidden = 0;
-
-    std::size_t columnsFor(const Text::Writer& writer) const {
-        return columns.size() - (writer.isForPeople() ? hidden : 0);
-    }
 };
 
 Row requestRow(const Operations& operations, const RequestKey& key) {
@@ -49,59 +45,55 @@ Row requestRow(const Operations& operations, const RequestKey& key) {
     return {.vrf = vrf,
             .group = key.groupIp.value(),
             .source = key.sourceIp.value(),
-            .cells = {Datum(vrf), Datum(addressText(key.sourceIp)), Datum(addressText(key.groupIp)),
-                      Datum(key.intf.stringValue()), Datum(std::uint64_t{key.vlanId})}};
+            .cells = {vrf, addressText(key.sourceIp), addressText(key.groupIp), key.intf.stringValue(),
+                      std::uint64_t{key.vlanId}}};
 }
 
 // Requests with their answers, and answers whose request is gone.
-void collectAnswers(const Operations& operations, const Service* of, Rows& rows) {
-    const auto& database = *operations.host().stores().database;
-    const auto requests = database.entity(of->requestPath);
-    const auto answers = database.entity(of->answerPath);
+void collectAnswers(const Operations& operations, const Service& of, Rows& rows) {
+    const State::Store& database = *operations.host().stores().database;
+    const RequestSet& requests = of.requests(database);
     const auto add = [&](const RequestKey& key, const Answer& answer) {
         rows.push_back(requestRow(operations, key));
         rows.back().cells.push_back(toDatum(answer));
         rows.back().cells.push_back(State::toDatum(key.type));
     };
-    for (const RequestKey& key : of->requests(*requests).walk())
-        add(key, of->answer(*answers, key));
-    of->eachAnswer(*answers, [&](const RequestKey& key, const Answer& answer) {
-        if (of->requests(*requests).has(key))
+    for (const RequestKey& key : requests.walk())
+        add(key, of.answer(database, key));
+    of.eachAnswer(database, [&](const RequestKey& key, const Answer& answer) {
+        if (requests.has(key))
             return;
         add(key, answer);
         rows.back().withdrawn = answerWords(answer, "") + " (withdrawn)";
     });
 }
 
-void collectRequests(const Operations& operations, const Service* /*of*/, Rows& rows) {
-    for (const Service& service : services()) {
-        const auto requests = operations.host().stores().database->entity(service.requestPath);
-        for (const RequestKey& key : service.requests(*requests).walk()) {
+void collectRequests(const Operations& operations, Rows& rows) {
+    for (const Service& service : services())
+        for (const RequestKey& key : service.requests(*operations.host().stores().database).walk()) {
             Row row = requestRow(operations, key);
             row.cells.insert(row.cells.begin(), Datum(service.name));
             row.cells.push_back(State::toDatum(key.type));
             rows.push_back(std::move(row));
         }
-    }
 }
 
-std::vector<std::string> vrfNames(const Stores& stores) {
-    std::vector<std::string> names;
+std::set<std::string> vrfNames(const Stores& stores) {
+    std::set<std::string> names;
     for (const auto& [name, status] : stores.inDatabase<RouteStatus>()->vrfStatus())
-        names.push_back(name.stringValue());
+        names.insert(name.stringValue());
     for (const auto& [name, isOn] : stores.inDatabase<VrfEnabledStatus>()->vrfEnabled())
-        if (std::ranges::find(names, name.stringValue()) == names.end())
-            names.push_back(name.stringValue());
+        names.insert(name.stringValue());
     return names;
 }
 
-void collectVrfs(const Operations& operations, const Service* /*of*/, Rows& rows) {
+void collectVrfs(const Operations& operations, Rows& rows) {
     const Stores& stores = operations.host().stores();
     for (const std::string& name : vrfNames(stores)) {
         const auto status = stores.inDatabase<RouteStatus>()->vrfStatus(name);
         Row row{.vrf = name,
-                .cells = {Datum(name), status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
-                          Datum(stores.inDatabase<VrfEnabledStatus>()->vrfEnabled(name))}};
+                .cells = {name, status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
+                          stores.inDatabase<VrfEnabledStatus>()->vrfEnabled(name)}};
         for (const RouteType type : routeTypes)
             row.cells.emplace_back(std::uint64_t{operations.host().routes().routes(name, type)});
         rows.push_back(std::move(row));
@@ -112,23 +104,21 @@ std::string prefixText(const L3::IpGenPrefix& prefix) {
     return prefix == L3::IpGenPrefix() ? "any" : prefix.stringValue();
 }
 
-void collectRoutes(const Operations& operations, const Service* /*of*/, Rows& rows) {
+void collectRoutes(const Operations& operations, Rows& rows) {
     for (const std::string& vrf : vrfNames(operations.host().stores()))
         for (const RouteType type : routeTypes)
             operations.host().routes().eachRoute(vrf, type, [&](const ShownRoute& route) {
-                rows.push_back(
-                    {.vrf = vrf,
-                     .group = route.key.group.ipv4().value(),
-                     .source = route.key.source.ipv4().value(),
-                     .cells = {Datum(vrf), Datum(routeTypeText(type)), Datum(prefixText(route.key.source)),
-                               Datum(route.key.group.stringValue()),
-                               Datum(Datum::List(route.oifs.begin(), route.oifs.end())),
-                               Datum(route.isReady)}});
+                rows.push_back({.vrf = vrf,
+                                .group = route.key.group.ipv4().value(),
+                                .source = route.key.source.ipv4().value(),
+                                .cells = {vrf, routeTypeText(type), prefixText(route.key.source),
+                                          route.key.group.stringValue(),
+                                          Datum::List(route.oifs.begin(), route.oifs.end()), route.isReady}});
                 return true;
             });
 }
 
-void collectGroups(const Operations& operations, const Service* /*of*/, Rows& rows) {
+void collectGroups(const Operations& operations, Rows& rows) {
     const auto& tables = *operations.host().stores().tables;
     const auto config = State::handleCast<MrouteColl>(tables.entity(MrouteColl::path));
     const auto status = State::handleCast<MgroupColl>(tables.entity(MgroupColl::path));
@@ -137,8 +127,8 @@ void collectGroups(const Operations& operations, const Service* /*of*/, Rows& ro
         rows.push_back({.vrf = vrf,
                         .group = key.group.ipv4().value(),
                         .source = key.source.ipv4().value(),
-                        .cells = {Datum(vrf), Datum(addressText(key.source)), Datum(addressText(key.group)),
-                                  Datum(std::uint64_t{key.vlanId}), Datum(isWanted), id}});
+                        .cells = {vrf, addressText(key.source), addressText(key.group),
+                                  std::uint64_t{key.vlanId}, isWanted, id}});
     };
     if (config)
         for (const KestrelL3::IpMcastKey& key : config->mroutesCollection().walk()) {
@@ -150,31 +140,28 @@ void collectGroups(const Operations& operations, const Service* /*of*/, Rows& ro
             add(key, false, Datum(std::uint64_t{item.groupId}));
 }
 
-std::span<const Shown> everythingShown() {
-    static const std::vector<Shown> shown = [] {
-        std::vector<Shown> all;
-        for (const Service& service : services())
-            all.push_back({service.name,
-                           {"vrf", "source", "group", "intf", "vlan", service.answerColumn, "type"},
-                           &collectAnswers,
-                           &service,
-                           1});
-        all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
-        all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
-        all.push_back(
-            {"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &collectRequests});
-        all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &collectGroups});
-        return all;
-    }();
-    return shown;
+std::vector<Table> tables() {
+    std::vector<Table> all;
+    for (const Service& service : services())
+        all.push_back({std::string(service.name),
+                       {"vrf", "source", "group", "intf", "vlan", service.answerColumn, "type"},
+                       [&service](const Operations& operations, Rows& rows) {
+                           collectAnswers(operations, service, rows);
+                       },
+                       1});
+    all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
+    all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
+    all.push_back(
+        {"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &collectRequests});
+    all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &collectGroups});
+    return all;
 }
 
-void writeRow(Text::Writer& writer, const Shown& shown, const Row& row) {
+void writeRow(Text::Writer& writer, std::span<const std::string_view> columns, const Row& row) {
     writer.beginRecord();
-    const std::size_t columns = shown.columnsFor(writer);
-    for (std::size_t i = 0; i < columns; ++i) {
-        writer.field(shown.columns[i]);
-        const bool isLast = i + 1 == columns;
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        writer.field(columns[i]);
+        const bool isLast = i + 1 == columns.size();
         if (writer.isForPeople() && isLast && !row.withdrawn.empty())
             writer.value(row.withdrawn);
         else
@@ -185,33 +172,34 @@ void writeRow(Text::Writer& writer, const Shown& shown, const Row& row) {
     writer.end();
 }
 
-} // namespace
-
-std::vector<std::string_view> shownNames() {
-    std::vector<std::string_view> names;
-    for (const Shown& shown : everythingShown())
-        names.push_back(shown.name);
-    return names;
-}
-
-void show(const Operations& operations, std::string_view what, Text::Writer& writer) {
-    const auto all = everythingShown();
-    const Shown& shown = *std::ranges::find(all, what, &Shown::name);
+void write(Text::Writer& writer, const Operations& operations, const Table& table) {
     Rows rows;
-    shown.collect(operations, shown.of, rows);
+    table.collect(operations, rows);
     std::ranges::stable_sort(rows, {},
                              [](const Row& row) { return std::tie(row.vrf, row.group, row.source); });
-    if (!writer.isForPeople()) {
+    const bool isRecord = !writer.isForPeople();
+    if (isRecord) {
         writer.beginRecord();
-        writer.member("show", what);
+        writer.member("show", table.name);
         writer.field("rows");
     }
-    writer.beginTable(std::span(shown.columns).first(shown.columnsFor(writer)));
+    const auto columns = std::span(table.columns).first(table.columns.size() - (isRecord ? 0 : table.hidden));
+    writer.beginTable(columns);
     for (const Row& row : rows)
-        writeRow(writer, shown, row);
+        writeRow(writer, columns, row);
     writer.end();
-    if (!writer.isForPeople())
+    if (isRecord)
         writer.end();
+}
+
+} // namespace
+
+std::vector<Shown> shownTables(const Operations& operations) {
+    std::vector<Shown> all;
+    for (const Table& table : tables())
+        all.emplace_back(table.name,
+                         [&operations, table](Text::Writer& writer) { write(writer, operations, table); });
+    return all;
 }
 
 } // namespace Agent

@@ -4,15 +4,18 @@
 #include "agent/changes/Operations.h"
 #include "text/Writer.h"
 
-#include <string_view>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace Agent {
 
-/// What `show` can show.
-std::vector<std::string_view> shownNames();
-/// Writes {"show": what, "rows": [{column: value, ...}, ...]}; for people the rows as a table.
-/// @param what one of shownNames().
-void show(const Operations& operations, std::string_view what, Text::Writer& writer);
+/// Something that `show` can show: its name, and what writes it.
+using Shown = std::pair<std::string, Text::Tell>;
+
+/// What the stores hold. Each writes {"show": name, "rows": [{column: value, ...}, ...]}; for people the rows as a
+/// table.
+/// @param operations outlives them.
+std::vector<Shown> shownTables(const Operations& operations);
 
 } // namespace Agent

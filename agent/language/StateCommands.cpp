@@ -1,12 +1,11 @@
 #include "agent/language/StateCommands.h"
 
-#include "agent/host/Refusal.h"
 #include "agent/json/Json.h"
 #include "records/MrouteGroup.h"
 #include "records/NatStatus.h"
 #include "records/RouteStatus.h"
+#include "text/Words.h"
 
-#include <charconv>
 #include <utility>
 
 namespace Agent {
@@ -35,18 +34,17 @@ std::string prefix(WordReader& words, const char* what) {
     return text.find('/') == std::string::npos ? text + "/32" : text;
 }
 
-Datum routeKey(WordReader& words) {
-    Datum::Record key;
-    key.emplace_back("source", prefix(words, "a source, as 10.0.0.1/32 or any"));
-    key.emplace_back("group", prefix(words, "a group, as 239.1.1.1/32"));
-    return key;
+RouteType routeType(WordReader& words) {
+    return routeTypes[words.oneOf("a route type", Text::namesOf(routeTypes, &routeTypeText))];
 }
 
-RouteType routeType(WordReader& words) {
-    std::vector<std::string_view> names;
-    for (const RouteType type : routeTypes)
-        names.push_back(routeTypeText(type));
-    return routeTypes[words.oneOf("a route type", names)];
+// The identifier that an entry names, if it is a number.
+std::optional<std::uint32_t> idIn(const Datum& entry) {
+    if (const Datum::Record* record = entry.record())
+        for (const auto& [field, content] : *record)
+            if (field == idField && content.number() != nullptr)
+                return static_cast<std::uint32_t>(*content.number());
+    return std::nullopt;
 }
 
 } // namespace
@@ -59,57 +57,43 @@ Datum datumOfWord(const std::string& word) {
     }
 }
 
-struct StateCommands::Row {
-    bool isRemoval;
-    std::string_view verb;
-    void (StateCommands::*read)(WordReader&);
+const StateCommands::Row StateCommands::table[] = {
+    {"vrf", &StateCommands::vrf, true},         {"route", &StateCommands::route, true},
+    {"request", &StateCommands::request, true}, {"group", &StateCommands::group, true},
+    {"egress", &StateCommands::egress, false},  {"set", &StateCommands::set, false},
+    {"del", &StateCommands::del, false},
 };
 
-std::span<const StateCommands::Row> StateCommands::table() {
-    static constexpr Row rows[] = {
-        {false, "vrf", &StateCommands::vrf},
-        {true, "vrf", &StateCommands::noVrf},
-        {false, "route", &StateCommands::route},
-        {true, "route", &StateCommands::noRoute},
-        {false, "request", &StateCommands::addRequest},
-        {true, "request", &StateCommands::noRequest},
-        {false, "group", &StateCommands::group},
-        {true, "group", &StateCommands::noGroup},
-        {false, "egress", &StateCommands::egress},
-        {false, "set", &StateCommands::set},
-        {false, "del", &StateCommands::del},
-    };
-    return rows;
-}
-
-StateCommands::StateCommands(const Operations& operations)
+StateCommands::StateCommands(const Operations& operations, bool raw, VrfIds vrfs)
     : operations_(operations)
-    , routes_(operations.host().routes().draft()) {}
+    , raw_(raw)
+    , draft_(operations.host().routes().draft())
+    , vrfs_(std::move(vrfs)) {}
 
-bool StateCommands::compile(const std::vector<std::string>& given, bool raw, std::vector<Change>& changes) {
+bool StateCommands::compile(const std::vector<std::string>& given, std::size_t line) {
     WordReader words(given);
-    changes_ = &changes;
-    raw_ = raw;
-    const bool isRemoval = words.accept("no");
+    line_ = line;
+    const Op op = words.accept("no") ? Op::del : Op::set;
     std::vector<std::string_view> removable;
-    for (const Row& row : table()) {
-        if (row.isRemoval == isRemoval && words.accept(row.verb)) {
-            (this->*row.read)(words);
+    for (const Row& row : table) {
+        if ((op == Op::set || row.isRemovable) && words.accept(row.verb)) {
+            (this->*row.read)(words, op);
             words.expectEnd();
             return true;
         }
-        if (row.isRemoval)
+        if (row.isRemovable)
             removable.push_back(row.verb);
     }
-    if (isRemoval)
+    if (op == Op::del)
         words.oneOf("what to take back", removable);
     return false;
 }
 
 void StateCommands::add(Change change) {
     change.raw = raw_;
+    change.line = line_;
     noteVrf(change);
-    changes_->push_back(std::move(change));
+    changes_.push_back(std::move(change));
 }
 
 // Takes in what a change of a VRF's entry says to later lines, whichever verb made it.
@@ -118,32 +102,36 @@ void StateCommands::noteVrf(const Change& change) {
         change.key->text() == nullptr)
         return;
     const std::string& name = *change.key->text();
-    if (change.op == Op::del) {
+    if (change.op == Op::del)
         vrfs_[name].reset();
-        return;
-    }
-    const auto known = vrfs_.find(name);
-    std::uint32_t id = (known != vrfs_.end() ? known->second : operations_.vrfIdOf(name)).value_or(0);
-    if (const Datum::Record* entry = change.value ? change.value->record() : nullptr)
-        for (const auto& [field, content] : *entry)
-            if (field == idField && content.number() != nullptr)
-                id = static_cast<std::uint32_t>(*content.number());
-    vrfs_[name] = id;
+    else
+        vrfs_[name] = idIn(change.value.value_or(Datum())).value_or(idOf(name).value_or(0));
 }
 
-void StateCommands::vrf(WordReader& words) {
+// The identifier of a VRF as the lines so far leave it (0: it has none), if it has an entry.
+std::optional<std::uint32_t> StateCommands::idOf(const std::string& vrfName) const {
+    if (const auto known = vrfs_.find(vrfName); known != vrfs_.end())
+        return known->second;
+    const Datum key(vrfName);
+    const std::optional<Datum> entry = operations_.value(RouteStatus::path, statusAttribute, &key);
+    return entry ? idIn(*entry) : std::nullopt;
+}
+
+void StateCommands::vrf(WordReader& words, Op op) {
     const std::string name = words.word("a VRF's name");
-    const Datum key(name);
-    const auto known = vrfs_.find(name);
-    const bool isNew =
-        known != vrfs_.end() ? !known->second : !operations_.value(RouteStatus::path, statusAttribute, &key);
+    if (op == Op::del) {
+        add({.op = op, .path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = name});
+        add({.op = op, .path = RouteStatus::path, .attribute = statusAttribute, .key = name});
+        return;
+    }
+    const bool isNew = !idOf(name);
     const bool hasId = words.accept("id");
     if (hasId || isNew) {
         const std::uint64_t id = hasId ? words.number("an identifier", UINT32_MAX) : 0;
         add({.path = RouteStatus::path,
              .attribute = statusAttribute,
-             .key = key,
-             .value = Datum(Datum::Record{{idField, id}})});
+             .key = name,
+             .value = Datum::Record{{idField, id}}});
     }
     if (!words.accept("multicast"))
         return;
@@ -151,106 +139,72 @@ void StateCommands::vrf(WordReader& words) {
     for (const RouteType type : routeTypes)
         if (isOn)
             add({.path = operations_.host().routes().tablePath(name, type)});
-    add({.path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = key, .value = Datum(isOn)});
+    add({.path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = name, .value = isOn});
 }
 
-void StateCommands::noVrf(WordReader& words) {
-    const std::string name = words.word("a VRF's name");
-    add({.op = Op::del, .path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = Datum(name)});
-    add({.op = Op::del, .path = RouteStatus::path, .attribute = statusAttribute, .key = Datum(name)});
-}
-
-void StateCommands::route(WordReader& words) {
-    const std::string vrfName = words.word("a VRF's name");
-    const RouteType type = routeType(words);
-    const Datum key = routeKey(words);
+void StateCommands::route(WordReader& words, Op op) {
+    DraftedRoute route{.vrf = words.word("a VRF's name"),
+                       .type = routeType(words),
+                       .key = Datum::Record{{"source", prefix(words, "a source, as 10.0.0.1/32 or any")},
+                                            {"group", prefix(words, "a group, as 239.1.1.1/32")}}};
+    if (op == Op::del) {
+        add({.op = op,
+             .path = operations_.host().routes().tablePath(route.vrf, route.type),
+             .attribute = "route",
+             .key = std::move(route.key)});
+        return;
+    }
     words.expect("oifs");
-    std::vector<std::string> oifs;
-    bool isReady = true;
-    while (!words.atEnd() && isReady)
+    while (!words.atEnd() && route.isReady)
         if (words.accept("not-ready"))
-            isReady = false;
+            route.isReady = false;
         else if (!words.accept("none"))
-            oifs.push_back(words.word("an interface"));
-    for (RowWrite& write : routes_->route(vrfName, type, key, oifs, isReady))
-        add({.path = std::move(write.path),
-             .attribute = std::move(write.attribute),
-             .key = std::move(write.key),
-             .value = std::move(write.value)});
-}
-
-void StateCommands::noRoute(WordReader& words) {
-    const std::string vrfName = words.word("a VRF's name");
-    const RouteType type = routeType(words);
-    add({.op = Op::del,
-         .path = operations_.host().routes().tablePath(vrfName, type),
-         .attribute = "route",
-         .key = routeKey(words)});
+            route.oifs.push_back(words.word("an interface"));
+    for (Change& change : draft_(route))
+        add(std::move(change));
 }
 
 NamedRequest StateCommands::request(WordReader& words) const {
-    std::vector<std::string_view> names;
-    for (const Service& service : services())
-        names.push_back(service.name);
-    const Service& service = services()[words.oneOf("a service", names)];
-    Datum::Record key;
-    words.expect("intf");
-    key.emplace_back("intf", words.word("an interface"));
-    words.expect("vrf");
-    key.emplace_back(idField, std::uint64_t{vrfId(words)});
-    words.expect("vlan");
-    key.emplace_back("vlanId", words.number("a VLAN", UINT16_MAX));
-    words.expect("source");
-    key.emplace_back("sourceIp", address(words, "a source, as 10.0.0.1 or any"));
-    words.expect("group");
-    key.emplace_back("groupIp", address(words, "a group, as 239.1.1.1 or any"));
+    const Service& service = services()[words.oneOf("a service", Text::namesOf(services(), &Service::name))];
+    Datum::Record key{{"intf", words.expect("intf").word("an interface")},
+                      {idField, std::uint64_t{readVrfId(words.expect("vrf"))}},
+                      {"vlanId", words.expect("vlan").number("a VLAN", UINT16_MAX)},
+                      {"sourceIp", address(words.expect("source"), "a source, as 10.0.0.1 or any")},
+                      {"groupIp", address(words.expect("group"), "a group, as 239.1.1.1 or any")}};
     const auto type = static_cast<std::uint64_t>(service.requestType);
     key.emplace_back("type", words.accept("type") ? words.number("a request type", UINT8_MAX) : type);
-    return {.service = &service, .key = Datum(std::move(key))};
+    return {.service = &service, .key = std::move(key)};
 }
 
-void StateCommands::addRequest(WordReader& words) {
-    const NamedRequest named = request(words);
-    add({.path = named.service->requestPath,
+void StateCommands::request(WordReader& words, Op op) {
+    NamedRequest named = request(words);
+    add({.op = op,
+         .path = named.service->requestPath,
          .attribute = std::string(named.service->requestAttribute),
-         .key = named.key});
+         .key = std::move(named.key)});
 }
 
-void StateCommands::noRequest(WordReader& words) {
-    addRequest(words);
-    changes_->back().op = Op::del;
-}
-
-Datum StateCommands::groupKey(WordReader& words) const {
-    Datum::Record key;
+void StateCommands::group(WordReader& words, Op op) {
     // The group tables have room for the low 16 bits of the identifier.
-    key.emplace_back(idField, std::uint64_t{vrfId(words) & 0xffffU});
-    key.emplace_back("source", address(words, "a source"));
-    key.emplace_back("group", address(words, "a group"));
-    words.expect("vlan");
-    key.emplace_back("vlanId", words.number("a VLAN", UINT16_MAX));
-    return key;
-}
-
-void StateCommands::group(WordReader& words) {
-    Change change{.path = MgroupColl::path, .attribute = "mgroups", .key = groupKey(words)};
-    words.expect("id");
-    change.value = Datum(Datum::Record{{"groupId", words.number("a group id", UINT32_MAX)}});
+    Change change{.op = op,
+                  .path = MgroupColl::path,
+                  .attribute = "mgroups",
+                  .key = Datum::Record{{idField, std::uint64_t{readVrfId(words) & 0xffffU}},
+                                       {"source", address(words, "a source")},
+                                       {"group", address(words, "a group")},
+                                       {"vlanId", words.expect("vlan").number("a VLAN", UINT16_MAX)}}};
+    if (op == Op::set)
+        change.value = Datum::Record{{"groupId", words.expect("id").number("a group id", UINT32_MAX)}};
     add(std::move(change));
 }
 
-void StateCommands::noGroup(WordReader& words) {
-    add({.op = Op::del, .path = MgroupColl::path, .attribute = "mgroups", .key = groupKey(words)});
-}
-
-void StateCommands::egress(WordReader& words) {
-    words.expect("all");
+void StateCommands::egress(WordReader& words, Op /*op*/) {
     add({.path = CapabilityConfig::path,
          .attribute = "egressFromAllVrfs",
-         .value = Datum(words.onOff("egress all"))});
+         .value = words.expect("all").onOff("egress all")});
 }
 
-void StateCommands::set(WordReader& words) {
+void StateCommands::set(WordReader& words, Op /*op*/) {
     Change change{.path = words.word("a path")};
     words.checkLast([&] { static_cast<void>(operations_.typeAt(change.path)); });
     if (!words.atEnd()) {
@@ -265,23 +219,21 @@ void StateCommands::set(WordReader& words) {
     add(std::move(change));
 }
 
-void StateCommands::del(WordReader& words) {
-    Change change{.op = Op::del, .path = words.word("a path"), .attribute = words.word("an attribute")};
-    change.key = datumOfWord(words.word("a key"));
-    add(std::move(change));
+void StateCommands::del(WordReader& words, Op /*op*/) {
+    add({.op = Op::del,
+         .path = words.word("a path"),
+         .attribute = words.word("an attribute"),
+         .key = datumOfWord(words.word("a key"))});
 }
 
-std::uint32_t StateCommands::vrfId(WordReader& words) const {
+std::uint32_t StateCommands::readVrfId(WordReader& words) const {
     const std::string name = words.word("a VRF's name");
-    const auto known = vrfs_.find(name);
-    const auto id = known != vrfs_.end() ? known->second : operations_.vrfIdOf(name);
-    if (GuardFacts::isIdentified(name, id))
+    if (const auto id = idOf(name); GuardFacts::isIdentified(name, id))
         return *id;
-    std::uint32_t number = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-    if (error != std::errc{} || end != name.data() + name.size())
+    const auto number = WordReader::numberIn(name, UINT32_MAX);
+    if (!number)
         words.refuseLast("VRF '" + name + "' has no identifier");
-    return number;
+    return static_cast<std::uint32_t>(*number);
 }
 
 } // namespace Agent

@@ -2,6 +2,7 @@
 
 #include "agent/host/Refusal.h"
 #include "text/Nearest.h"
+#include "text/Words.h"
 
 #include <algorithm>
 #include <charconv>
@@ -21,9 +22,10 @@ bool WordReader::accept(std::string_view keyword) {
     return true;
 }
 
-void WordReader::expect(std::string_view keyword) {
+WordReader& WordReader::expect(std::string_view keyword) {
     if (!accept(keyword))
         refuse("'" + std::string(keyword) + "'");
+    return *this;
 }
 
 std::size_t WordReader::oneOf(std::string_view what, std::span<const std::string_view> words) {
@@ -33,24 +35,24 @@ std::size_t WordReader::oneOf(std::string_view what, std::span<const std::string
         ++next_;
         return static_cast<std::size_t>(found - words.begin());
     }
-    std::string wanted(what);
-    wanted += " (";
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        wanted += i == 0 ? "" : i + 1 == words.size() ? " or " : ", ";
-        wanted += words[i];
-    }
-    wanted += ')';
-    refuse(wanted, Text::suggestion(given, words));
+    const std::string first = Text::joined(words.first(words.size() - 1), ", ");
+    refuse(std::string(what) + " (" + first + (first.empty() ? "" : " or ") + std::string(words.back()) + ")",
+           Text::suggestion(given, words));
 }
 
 std::uint64_t WordReader::number(std::string_view what, std::uint64_t most) {
-    const std::string text = atEnd() ? std::string() : words_[next_];
-    std::uint64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || error != std::errc{} || end != text.data() + text.size() || value > most)
+    const auto value = atEnd() ? std::nullopt : numberIn(words_[next_], most);
+    if (!value)
         refuse(std::string(what) + " (a number up to " + std::to_string(most) + ")");
     ++next_;
-    return value;
+    return *value;
+}
+
+std::optional<std::uint64_t> WordReader::numberIn(std::string_view word, std::uint64_t most) {
+    std::uint64_t value = 0;
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
+    const bool isNumber = error == std::errc{} && end == word.data() + word.size() && value <= most;
+    return isNumber ? std::optional(value) : std::nullopt;
 }
 
 bool WordReader::onOff(std::string_view what) {

@@ -120,7 +120,7 @@ TEST_F(LanguageTest, ACheckJudgesEachLineByThoseBeforeItAndDoesNothing) {
 
     // Carried out in one list they do what they do one by one.
     const std::vector<std::string> again = {given, "no vrf red", "vrf red multicast on"};
-    agent.operations.apply(language.changes(again, false).changes);
+    agent.operations.apply(language.changes(again, false));
     EXPECT_EQ(told<Text::JsonWriter>("get " + vrfs + " vrfStatus red"), R"({"vrfId":0})");
     try {
         language.changes(std::vector<std::string>{"vrf blue", "", "mark"}, false);
