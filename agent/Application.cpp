@@ -135,27 +135,32 @@ void Application::load() {
 
 // `kernel` and `kernel verify`, as a line and as a method.
 void Application::addKernelCommands() {
-    const auto carryOut = [this](bool verify, const Text::Reply& reply) {
-        if (!kernel_)
+    const auto requireSource = [this] {
+        if (options_.kernel.empty())
             throw Refusal(RefusalKind::limit,
                           "there is no kernel source: the agent was started without --kernel");
+    };
+    const auto carryOut = [this](bool verify, const Text::Reply& reply) {
         if (verify)
             kernel_->verify(reply);
         else
             reply([this](Text::Writer& writer) { kernel_->status(writer); });
     };
-    language_.addVerb({"kernel", [carryOut](WordReader& words, const StateCommands&) -> Action {
+    language_.addVerb({"kernel", [=](WordReader& words, const StateCommands&) -> Action {
                            constexpr std::string_view known[] = {"verify"};
+                           requireSource();
                            const bool verify = !words.atEnd();
                            if (verify)
                                words.oneOf("what to do", known);
                            return [carryOut, verify](const Text::Reply& reply) { carryOut(verify, reply); };
                        }});
-    service_.addMethod(
-        {"kernel",
-         "the state of the kernel source",
-         {{"verify", ParameterType::boolean, false, "compare a fresh dump with the tables"}},
-         [carryOut](const Call& call) { carryOut(call.parameters.isTrue("verify"), call.reply); }});
+    service_.addMethod({"kernel",
+                        "the state of the kernel source",
+                        {{"verify", ParameterType::boolean, false, "compare a fresh dump with the tables"}},
+                        [=](const Call& call) {
+                            requireSource();
+                            carryOut(call.parameters.isTrue("verify"), call.reply);
+                        }});
 }
 
 void Application::makeChip() {

@@ -106,7 +106,7 @@ class ControlService final : public Dispatcher {
   private:
     std::vector<Method> ownMethods();
     void addOwnVerbs();
-    Text::Tell schemaOf(std::optional<std::string> type) const;
+    Text::Tell schemaOf(const std::optional<std::string>& type) const;
     void writeStatus(Text::Writer& writer) const;
     void tellWatchers();
 

@@ -77,24 +77,21 @@ void write(Writer& writer, const Method& method) {
     writer.end();
 }
 
-void writeType(Writer& writer, const std::string& name) {
+Text::Tell typeCalled(const std::string& name) {
     if (const State::EntityType* entity = State::EntityType::find(name))
-        write(writer, entity);
-    else if (const State::ValueType* value = State::findValueType(name))
-        write(writer, value);
-    else
-        throw Refusal("there is no entity or value type \"" + name + "\"", {.field = "type"});
+        return [entity](Writer& writer) { write(writer, entity); };
+    if (const State::ValueType* value = State::findValueType(name))
+        return [value](Writer& writer) { write(writer, value); };
+    throw Refusal("there is no entity or value type \"" + name + "\"", {.field = "type"});
 }
 
 } // namespace
 
-// @param type writes one entity type or value type alone.
-Text::Tell ControlService::schemaOf(std::optional<std::string> type) const {
-    return [this, type = std::move(type)](Writer& writer) {
-        if (type) {
-            writeType(writer, *type);
-            return;
-        }
+// @param type an entity type or value type to tell alone.
+Text::Tell ControlService::schemaOf(const std::optional<std::string>& type) const {
+    if (type)
+        return typeCalled(*type);
+    return [this](Writer& writer) {
         const auto writeAll = [&](std::string_view name, const auto& all) {
             writer.list(name, all, [&](const auto& one) { write(writer, one); });
         };

@@ -87,6 +87,8 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
                   std::string(state) + "request mroute intf Ethernet5 vrf red vlan 10 "
                                        "source any group any\n");
     const std::string odd = writeFile(folder, "odd.scn", "vrf red id 3\ndance\n");
+    const std::string typeless = writeFile(folder, "typeless.scn", "schema Nonsense\n");
+    const std::string sourceless = writeFile(folder, "sourceless.scn", "kernel verify\n");
     const std::string config = writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "a/b", "id": 3}]})");
     const Wrong cases[] = {
         {{"--plugin", folder.file("none.so")}, folder.file("none.so")},
@@ -95,6 +97,8 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
         {{"--preload", odd}, odd + ":2"},
         {{"--preload", refused}, refused + ":8"},
         {{"--play", odd, "--exit"}, odd + ":2"},
+        {{"--play", typeless, "--exit"}, typeless + ":1: there is no entity or value type \"Nonsense\""},
+        {{"--play", sourceless, "--exit"}, sourceless + ":1: there is no kernel source"},
         {{"--kernel", config}, config},
     };
     for (const Wrong& wrong : cases) {
