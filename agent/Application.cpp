@@ -63,9 +63,9 @@ Application::Application(Options options)
                 })
     , service_(loop_->context, operations_, language_, log_)
     , rpc_(service_,
-           [this](ClientId client, const std::string& answer) {
+           [this](ClientId client, std::string answer) {
                if (sessions_)
-                   sessions_->finish(client, answer);
+                   sessions_->finish(client, std::move(answer));
            })
     , readyTask_(loop_->context, [this] { announceIfReady(); })
     , chipTask_(loop_->context, [this] { chip_->work(); }) {
@@ -146,18 +146,19 @@ void Application::addKernelCommands() {
         else
             reply([this](Text::Writer& writer) { kernel_->status(writer); });
     };
-    language_.addVerb({"kernel", [=](WordReader& words, const StateCommands&) -> Action {
-                           constexpr std::string_view known[] = {"verify"};
-                           requireSource();
-                           const bool verify = !words.atEnd();
-                           if (verify)
-                               words.oneOf("what to do", known);
-                           return [carryOut, verify](const Text::Reply& reply) { carryOut(verify, reply); };
-                       }});
+    language_.addVerb(
+        {"kernel", [requireSource, carryOut](WordReader& words, const StateCommands&) -> Action {
+             constexpr std::string_view known[] = {"verify"};
+             requireSource();
+             const bool verify = !words.atEnd();
+             if (verify)
+                 words.oneOf("what to do", known);
+             return [carryOut, verify](const Text::Reply& reply) { carryOut(verify, reply); };
+         }});
     service_.addMethod({"kernel",
                         "the state of the kernel source",
                         {{"verify", ParameterType::boolean, false, "compare a fresh dump with the tables"}},
-                        [=](const Call& call) {
+                        [requireSource, carryOut](const Call& call) {
                             requireSource();
                             carryOut(call.parameters.isTrue("verify"), call.reply);
                         }});

@@ -10,13 +10,6 @@ namespace {
 
 constexpr std::size_t pendingListed = 20;
 
-void writePending(Text::Writer& writer, const std::string& what, const WhyNot& why) {
-    writer.beginRecord();
-    writer.member("what", what);
-    writer.member("why", why);
-    writer.end();
-}
-
 } // namespace
 
 void MirroredVrf::reconfigure(const VrfConfig& config) {
@@ -170,19 +163,16 @@ void MirroredVrf::status(Text::Writer& writer) const {
     writer.member("leaving", leaving_);
     writer.member("routes", routes);
     writer.member("rows", rows);
-    writer.field("vifs");
-    writer.beginList();
-    for (const Vif& vif : kernel_.vifs())
-        writer.value(shared_.interfaces.nameOf(vif.ifindex));
-    writer.end();
+    writer.list("vifs", kernel_.vifs(),
+                [&](const Vif& vif) { writer.value(shared_.interfaces.nameOf(vif.ifindex)); });
     writer.member("pendingCount", pendingCount());
     writer.field("pending");
     writer.beginList();
     if (!whyVrf_.empty())
-        writePending(writer, "VRF", whyVrf_);
+        writer.record("what", "VRF", "why", whyVrf_);
     std::size_t left = pendingListed - (whyVrf_.empty() ? 0 : 1);
     for (auto at = refused_.begin(); at != refused_.end() && left > 0; ++at, --left)
-        writePending(writer, "route " + mfcKeyText(at->first), at->second);
+        writer.record("what", "route " + mfcKeyText(at->first), "why", at->second);
     writer.end();
     writer.end();
 }

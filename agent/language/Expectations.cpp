@@ -23,11 +23,8 @@ Action toldAs(std::string_view member, Work work) {
     return [member, work = std::move(work)](const Text::Reply& reply) {
         const auto result = work();
         reply([&](Text::Writer& writer) {
-            if (writer.isForPeople())
-                return;
-            writer.beginRecord();
-            writer.member(member, result);
-            writer.end();
+            if (!writer.isForPeople())
+                writer.record(member, result);
         });
     };
 }

@@ -106,15 +106,9 @@ void writeRecords(Text::Writer& writer, std::size_t count) {
 void writeLevels(Text::Writer& writer, const TraceQuery& query) {
     static constexpr std::string_view columns[] = {"facility", "level"};
     writer.beginTable(columns);
-    for (const State::TraceLevel& known : State::traceLevels()) {
-        if (query.facility && *query.facility != known.facility)
-            continue;
-        writer.beginRecord();
-        writer.member("facility", known.facility);
-        writer.member("level", known.level);
-        writer.member("loaded", known.isLoaded);
-        writer.end();
-    }
+    for (const State::TraceLevel& known : State::traceLevels())
+        if (!query.facility || *query.facility == known.facility)
+            writer.record("facility", known.facility, "level", known.level, "loaded", known.isLoaded);
     writer.end();
 }
 
