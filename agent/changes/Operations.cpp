@@ -71,10 +71,6 @@ void checkParts(const Change& change, const State::Attribute& attribute) {
     require(!isSet || isBare, "value", "is a set: its members are keys without values");
 }
 
-const Datum* pointerTo(const std::optional<Datum>& datum) {
-    return datum ? &*datum : nullptr;
-}
-
 } // namespace
 
 Operations::Operations(Host& host)
@@ -234,7 +230,11 @@ DryRunResult Operations::dryRun(std::span<const Change> changes,
 }
 
 std::optional<std::string> Operations::vrfNameOf(std::uint32_t vrfId) const {
-    return facts().holderOf(vrfId, {});
+    const auto entries = host_.stores().inDatabase<Routing::Hardware::RouteStatus>();
+    for (const auto& [name, entry] : entries->vrfStatus())
+        if (entry->vrfId() == vrfId && GuardFacts::isIdentified(name, vrfId))
+            return name.stringValue();
+    return std::nullopt;
 }
 
 } // namespace Agent

@@ -26,6 +26,11 @@ struct Change {
     std::size_t line = 0; // that it comes from, in its list of lines, from 1; 0: from none
 };
 
+/// A key or value as readers of attributes take it: null where there is none.
+inline const State::Datum* pointerTo(const std::optional<State::Datum>& datum) {
+    return datum ? &*datum : nullptr;
+}
+
 /// Refuses a change as a guard does.
 /// @param rule what is not allowed. @param wayOut what to do instead; `raw` is added.
 [[noreturn]] inline void refuseByGuard(const Change& change, std::string_view field, std::string_view rule,

@@ -43,15 +43,19 @@ std::vector<PathShape> makeShapes() {
     return shapes;
 }
 
+// Takes the first component from a path.
+std::string_view takeComponent(std::string_view& path) {
+    const std::string_view component = path.substr(0, path.find('/'));
+    path.remove_prefix(std::min(component.size() + 1, path.size()));
+    return component;
+}
+
 using Components = std::vector<std::string_view>;
 
 Components componentsOf(std::string_view path) {
-    Components components;
-    for (std::size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/')) {
-        components.push_back(path.substr(0, slash));
-        path.remove_prefix(slash + 1);
-    }
-    components.push_back(path);
+    Components components(static_cast<std::size_t>(std::ranges::count(path, '/')) + 1);
+    for (std::string_view& component : components)
+        component = takeComponent(path);
     return components;
 }
 
@@ -64,20 +68,30 @@ std::string_view lastOf(std::string_view path) {
 }
 
 // Whether the path is of the shape; notes its VRF and TYPE components.
-bool matches(const PathShape& shape, const Components& given, Place& place) {
+bool matches(const PathShape& shape, Place& place) {
     if (shape.modes.empty())
         return shape.text == place.path;
-    return std::ranges::equal(componentsOf(shape.text), given, [&](auto name, auto component) {
+    std::string_view like = shape.text;
+    std::string_view given = place.path;
+    if (std::ranges::count(like, '/') != std::ranges::count(given, '/'))
+        return false;
+    while (!like.empty()) {
+        const std::string_view name = takeComponent(like);
+        const std::string_view component = takeComponent(given);
         if (name == "VRF") {
             place.vrf = component;
-            return !component.empty();
+            if (component.empty())
+                return false;
+        } else if (name == "TYPE") {
+            const auto mode = std::ranges::find(shape.modes, component);
+            if (mode == shape.modes.end())
+                return false;
+            place.routeType = static_cast<RouteType>(mode - shape.modes.begin());
+        } else if (name != component) {
+            return false;
         }
-        if (name != "TYPE")
-            return name == component;
-        const auto mode = std::ranges::find(shape.modes, component);
-        place.routeType = static_cast<RouteType>(mode - shape.modes.begin());
-        return mode != shape.modes.end();
-    });
+    }
+    return true;
 }
 
 // How far a path is from a shape: leading components of the shape that it does not have, then the edit distance,
@@ -119,10 +133,9 @@ std::span<const PathShape> Paths::shapes() {
 }
 
 Place Paths::at(std::string_view path) const {
-    const Components components = componentsOf(path);
     for (const PathShape& shape : shapes()) {
         Place place{.path = path};
-        if (matches(shape, components, place)) {
+        if (matches(shape, place)) {
             place.shape = &shape;
             place.type = &shape.entityType();
             place.entity = find(place);

@@ -25,13 +25,19 @@ std::string answerWords(const Answer& answer, std::string_view absent) {
     return words.empty() ? "none" : Text::joined(words, " ");
 }
 
-std::string answerLine(const Operations& operations, const AnswerChange& change) {
+namespace {
+
+// "mroute (10.0.0.1, 239.1.1.1) in red for Ethernet5 vlan 10: Ethernet1 Ethernet2"; "gone" where there is none any
+// more.
+std::string answerLine(const AnswerChange& change, const std::string& vrf) {
     const RequestKey& key = change.key;
     std::string line(change.service->name);
     line += " (" + addressText(key.sourceIp) + ", " + addressText(key.groupIp) + ") in ";
-    line += vrfText(operations, key.vrfId.value()) + " for " + key.intf.stringValue() + " vlan ";
+    line += vrf + " for " + key.intf.stringValue() + " vlan ";
     return line + std::to_string(key.vlanId) + ": " + answerWords(change.answer, "gone");
 }
+
+} // namespace
 
 void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
                         bool withText) {
@@ -48,9 +54,11 @@ void writeAnswerMembers(Text::Writer& writer, const Operations& operations, cons
         writer.value(nullptr);
     if (!withText)
         return;
-    if (const auto name = operations.vrfNameOf(change.key.vrfId.value()))
+    const std::uint32_t id = change.key.vrfId.value();
+    const auto name = operations.vrfNameOf(id);
+    if (name)
         writer.member("vrf", *name);
-    writer.member("text", answerLine(operations, change));
+    writer.member("text", answerLine(change, name.value_or(std::to_string(id))));
 }
 
 void writeAnswers(Text::Writer& writer, const Operations& operations, std::span<const AnswerChange> answers,
@@ -58,7 +66,7 @@ void writeAnswers(Text::Writer& writer, const Operations& operations, std::span<
     writer.beginList();
     for (const AnswerChange& change : answers) {
         if (writer.isForPeople()) {
-            writer.value(answerLine(operations, change));
+            writer.value(answerLine(change, vrfText(operations, change.key.vrfId.value())));
             continue;
         }
         writer.beginRecord();

@@ -17,11 +17,9 @@ std::string vrfText(const Operations& operations, std::uint32_t vrfId);
 /// An answer as the grammar writes it: its interfaces or "none", a group id; `absent` where there is none.
 std::string answerWords(const Answer& answer, std::string_view absent);
 
-/// "mroute (10.0.0.1, 239.1.1.1) in red for Ethernet5 vlan 10: Ethernet1 Ethernet2"; "gone" where there is none any
-/// more.
-std::string answerLine(const Operations& operations, const AnswerChange& change);
 /// The members of an open record: path, attribute, key, value.
-/// @param withText whether there are also `vrf`, the name of the VRF that has the identifier, and `text`, the line.
+/// @param withText whether there are also `vrf`, the name of the VRF that has the identifier, and `text`, the line for
+/// people.
 void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
                         bool withText);
 /// A list of answers; for people a line for each.

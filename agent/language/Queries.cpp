@@ -20,10 +20,6 @@ using State::Datum;
     throw Refusal(kind, message, {.field = std::move(field)});
 }
 
-const Datum* pointerTo(const std::optional<Datum>& datum) {
-    return datum ? &*datum : nullptr;
-}
-
 std::string plain(const Datum& datum) {
     return datum.text() != nullptr ? *datum.text() : Json::textOf(datum);
 }
