@@ -16,6 +16,8 @@
 // Read next: Value.h, what is derived.
 #pragma once
 
+#include "state/Hash.h"
+
 #include <concepts>
 #include <cstddef>
 #include <string_view>
@@ -83,5 +85,28 @@ template <class T>
 concept Described = requires {
     T::describe().typeName;
 };
+
+template <class T>
+void mixInto(Hasher& hasher, const T& value) {
+    if constexpr (requires { hasher.mix(value.hashBits()); })
+        hasher.mix(value.hashBits()); // a scalar's own hash is its bits
+    else if constexpr (requires { value.hash(0U); })
+        hasher.mix(value.hash(0U)); // a nested value goes in as its hash under seed 0
+    else if constexpr (std::is_enum_v<T>)
+        hasher.mix(static_cast<std::underlying_type_t<T>>(value));
+    else if constexpr (std::convertible_to<const T&, std::string_view>)
+        hasher.mix(std::string_view(value));
+    else
+        hasher.mix(value);
+}
+
+/// Hash of a structured value: its fields mixed in declared order, under `seed`.
+template <Described T>
+constexpr std::uint32_t hashFields(const T& value, std::uint32_t seed) {
+    Hasher hasher(seed);
+    std::apply([&](const auto&... fields) { (mixInto(hasher, value.*(fields.member)), ...); },
+               T::describe().fields);
+    return hasher.result();
+}
 
 } // namespace State

@@ -14,7 +14,6 @@
 #include "state/Datum.h"
 #include "state/Describe.h"
 #include "state/Errors.h"
-#include "state/Hash.h"
 #include "state/TextReader.h"
 
 #include <concepts>
@@ -112,31 +111,6 @@ T fromDatum(const Datum& datum) {
     T value{};
     ValueTraits<T>::fromDatum(datum, value);
     return value;
-}
-
-// ---- hashing ------------------------------------------------------------------------------------------------
-
-template <class T>
-void mixInto(Hasher& hasher, const T& value) {
-    if constexpr (requires { hasher.mix(value.hashBits()); })
-        hasher.mix(value.hashBits()); // a scalar's own hash is its bits
-    else if constexpr (requires { value.hash(0U); })
-        hasher.mix(value.hash(0U)); // a nested value goes in as its hash under seed 0
-    else if constexpr (std::is_enum_v<T>)
-        hasher.mix(static_cast<std::underlying_type_t<T>>(value));
-    else if constexpr (std::convertible_to<const T&, std::string_view>)
-        hasher.mix(std::string_view(value));
-    else
-        hasher.mix(value);
-}
-
-/// Hash of a structured value: its fields mixed in declared order, under `seed`.
-template <Described T>
-constexpr std::uint32_t hashFields(const T& value, std::uint32_t seed) {
-    Hasher hasher(seed);
-    std::apply([&](const auto&... fields) { (mixInto(hasher, value.*(fields.member)), ...); },
-               T::describe().fields);
-    return hasher.result();
 }
 
 // ---- the traits ---------------------------------------------------------------------------------------------
