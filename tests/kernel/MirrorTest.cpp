@@ -280,6 +280,21 @@ TEST_F(MirrorTest, AnInterfaceHeardOfLateJoinsItsRoutes) {
     EXPECT_EQ(row(), "e3 late");
 }
 
+TEST_F(MirrorTest, RowsThatHoldNamesAreToldAgainAfterARename) {
+    RecordingSink named(true);
+    Mirror second(named);
+    FakeReader secondReader(kernel, second);
+    second.reconfigure({{{.name = "default", .id = 0, .table = table}}});
+    route(flow, 0, {1, 2});
+    route(numbered(1), 0, {3});
+    secondReader.settle();
+    const std::size_t before = named.calls;
+    kernel.linkIs(3, "uplink");
+    secondReader.settle();
+    EXPECT_EQ(named.row("default", flow), "uplink e4");
+    EXPECT_EQ(named.calls, before + 2); // the name, and one row
+}
+
 // The kernel keeps a route's OIFs by VIF: another interface behind one changes routes without an event.
 TEST_F(MirrorTest, AReusedVifIsDumpedInItsTableAlone) {
     kernel.linkIs(20, "other");
