@@ -15,14 +15,11 @@ std::uint32_t IntfSet::room(std::uint32_t count) {
 }
 
 IntfSet::Array* IntfSet::allocate(std::uint32_t count) {
-    auto* array = static_cast<Array*>(::operator new(sizeof(Array) + room(count) * sizeof(std::uint32_t)));
-    array->holders = 1;
-    array->count = count;
-    return array;
+    return Array::make(room(count), {.holders = 1, .count = count});
 }
 
 void IntfSet::Holder::free(Array* array) noexcept {
-    ::operator delete(array);
+    Array::free(array);
 }
 
 IntfSet::IntfSet(std::initializer_list<IntfId> members) {
@@ -37,7 +34,8 @@ IntfSet::IntfSet(std::string_view) {
 
 bool IntfSet::has(IntfId member) const {
     Array* array = array_.get();
-    return array != nullptr && std::binary_search(array->ids(), array->idsEnd(), member.number());
+    return array != nullptr &&
+           std::binary_search(array->items(), (array->items() + array->count), member.number());
 }
 
 bool IntfSet::insert(IntfId member) {
@@ -45,13 +43,13 @@ bool IntfSet::insert(IntfId member) {
     Array* array = array_.get();
     if (array == nullptr) {
         array_ = Holder(allocate(1));
-        array_.get()->ids()[0] = id;
+        array_.get()->items()[0] = id;
         return true;
     }
-    std::uint32_t* const place = std::lower_bound(array->ids(), array->idsEnd(), id);
-    if (place != array->idsEnd() && *place == id)
+    std::uint32_t* const place = std::lower_bound(array->items(), (array->items() + array->count), id);
+    if (place != (array->items() + array->count) && *place == id)
         return false;
-    const auto before = static_cast<std::size_t>(place - array->ids());
+    const auto before = static_cast<std::size_t>(place - array->items());
     const std::size_t behind = array->count - before;
     if (array->holders == 1 && array->count < room(array->count)) {
         std::memmove(place + 1, place, behind * sizeof id);
@@ -60,9 +58,9 @@ bool IntfSet::insert(IntfId member) {
         return true;
     }
     Array* grown = allocate(array->count + 1);
-    std::copy_n(array->ids(), before, grown->ids());
-    grown->ids()[before] = id;
-    std::copy_n(place, behind, grown->ids() + before + 1);
+    std::copy_n(array->items(), before, grown->items());
+    grown->items()[before] = id;
+    std::copy_n(place, behind, grown->items() + before + 1);
     array_ = Holder(grown);
     return true;
 }
@@ -76,7 +74,7 @@ bool IntfSet::erase(IntfId member) {
         return true;
     }
     Array* shrunk = allocate(array->count - 1);
-    std::remove_copy(array->ids(), array->idsEnd(), shrunk->ids(),
+    std::remove_copy(array->items(), (array->items() + array->count), shrunk->items(),
                      static_cast<std::uint32_t>(member.number()));
     array_ = Holder(shrunk);
     return true;
@@ -87,16 +85,19 @@ void IntfSet::insertAll(const IntfSet& other) {
     Array* theirs = other.array_.get();
     if (theirs == nullptr || theirs == mine)
         return;
-    if (mine == nullptr || std::includes(theirs->ids(), theirs->idsEnd(), mine->ids(), mine->idsEnd())) {
+    if (mine == nullptr || std::includes(theirs->items(), (theirs->items() + theirs->count), mine->items(),
+                                         (mine->items() + mine->count))) {
         array_ = other.array_;
         return;
     }
-    if (std::includes(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd()))
+    if (std::includes(mine->items(), (mine->items() + mine->count), theirs->items(),
+                      (theirs->items() + theirs->count)))
         return;
     Array* merged = allocate(mine->count + theirs->count);
-    const auto* end =
-        std::set_union(mine->ids(), mine->idsEnd(), theirs->ids(), theirs->idsEnd(), merged->ids());
-    merged->count = static_cast<std::uint32_t>(end - merged->ids()); // its room is at least that of the count
+    const auto* end = std::set_union(mine->items(), (mine->items() + mine->count), theirs->items(),
+                                     (theirs->items() + theirs->count), merged->items());
+    merged->count =
+        static_cast<std::uint32_t>(end - merged->items()); // its room is at least that of the count
     array_ = Holder(merged);
 }
 
@@ -104,7 +105,7 @@ bool IntfSet::hasEqualMembers(const IntfSet& other) const {
     Array* mine = array_.get();
     Array* theirs = other.array_.get();
     return mine != nullptr && theirs != nullptr && mine->count == theirs->count &&
-           std::memcmp(mine->ids(), theirs->ids(), mine->count * sizeof(std::uint32_t)) == 0;
+           std::memcmp(mine->items(), theirs->items(), mine->count * sizeof(std::uint32_t)) == 0;
 }
 
 std::strong_ordering IntfSet::operator<=>(const IntfSet& other) const {
@@ -155,7 +156,7 @@ IntfSet IntfUnion::take() {
         IntfSet set;
         if (count_ != 0) {
             set.array_ = IntfSet::Holder(IntfSet::allocate(count_));
-            std::copy_n(few_, std::exchange(count_, 0), set.array_.get()->ids());
+            std::copy_n(few_, std::exchange(count_, 0), set.array_.get()->items());
         }
         return set;
     }
@@ -164,7 +165,7 @@ IntfSet IntfUnion::take() {
         count += static_cast<std::uint32_t>(std::popcount(word));
     IntfSet set;
     set.array_ = IntfSet::Holder(IntfSet::allocate(count));
-    std::uint32_t* at = set.array_.get()->ids();
+    std::uint32_t* at = set.array_.get()->items();
     for (std::size_t word = 0; word < bits_.size(); ++word) {
         for (std::uint64_t left = bits_[word]; left != 0; left &= left - 1) {
             *at++ =

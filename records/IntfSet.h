@@ -6,6 +6,7 @@
 #pragma once
 
 #include "records/IntfId.h"
+#include "state/Trailing.h"
 
 #include <compare>
 #include <cstddef>
@@ -57,12 +58,11 @@ class IntfSet {
 
     // The members' numbers, which fit 32 bits (IntfId::maxNames), follow the header. Room is the count
     // rounded up to a power of two.
-    struct Array {
+    struct ArrayHeader {
         std::uint32_t holders;
         std::uint32_t count;
-        std::uint32_t* ids() { return reinterpret_cast<std::uint32_t*>(this + 1); }
-        std::uint32_t* idsEnd() { return ids() + count; }
     };
+    using Array = State::Trailing<ArrayHeader, std::uint32_t>;
     bool hasEqualMembers(const IntfSet& other) const;
     static std::uint32_t room(std::uint32_t count);
     static Array* allocate(std::uint32_t count);
@@ -107,7 +107,7 @@ class IntfSet::Iterator {
     using pointer = const IntfId*;
     using reference = IntfId;
 
-    IntfId operator*() const { return {IntfId::Unchecked{}, array_.get()->ids()[at_]}; }
+    IntfId operator*() const { return {IntfId::Unchecked{}, array_.get()->items()[at_]}; }
     Iterator& operator++() {
         ++at_;
         return *this;

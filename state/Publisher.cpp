@@ -10,7 +10,7 @@ namespace State {
 
 Publisher::~Publisher() {
     if (storage_ == Storage::many)
-        ::operator delete(many_);
+        Many::free(many_);
 }
 
 std::uint32_t Publisher::count() const {
@@ -18,7 +18,7 @@ std::uint32_t Publisher::count() const {
 }
 
 Publisher::Subscriber Publisher::subscriber(std::uint32_t position) const {
-    return storage_ == Storage::many ? many_->subscribers()[position]
+    return storage_ == Storage::many ? many_->items()[position]
                                      : Subscriber{one_.dispatch, one_.object, oneAttributes_};
 }
 
@@ -43,18 +43,17 @@ void Publisher::append(const Subscriber& subscriber) const {
     }
     if (storage_ == Storage::one || before == many_->capacity) {
         const std::uint32_t capacity = before * 2;
-        auto* grown = static_cast<Many*>(::operator new(sizeof(Many) + capacity * sizeof(Subscriber)));
-        *grown = {.capacity = capacity, .count = before, .live = 0};
+        Many* grown = Many::make(capacity, {.capacity = capacity, .count = before, .live = 0});
         for (std::uint32_t at = 0; at < before; ++at) {
-            grown->subscribers()[at] = this->subscriber(at);
-            grown->live += grown->subscribers()[at].dispatch != nullptr ? 1U : 0U;
+            grown->items()[at] = this->subscriber(at);
+            grown->live += grown->items()[at].dispatch != nullptr ? 1U : 0U;
         }
         if (storage_ == Storage::many)
-            ::operator delete(many_);
+            Many::free(many_);
         many_ = grown;
         storage_ = Storage::many;
     }
-    many_->subscribers()[many_->count++] = subscriber;
+    many_->items()[many_->count++] = subscriber;
     ++many_->live;
 }
 
@@ -70,7 +69,7 @@ void Publisher::unsubscribe(const void* subscriber, Dispatch dispatch) const {
     if (storage_ == Storage::one) {
         one_ = {};
     } else {
-        many_->subscribers()[at] = {};
+        many_->items()[at] = {};
         --many_->live;
     }
     if (depth_ == 0)
@@ -98,7 +97,7 @@ void Publisher::deliver(const Notification& notification) const {
     } else {
         const std::uint32_t end = many_->count;
         for (std::uint32_t i = 0; i < end; ++i) {
-            const Subscriber& each = many_->subscribers()[i]; // until one that comes moves them
+            const Subscriber& each = many_->items()[i]; // until one that comes moves them
             tell(each.dispatch, each.object, each.attributes, notification);
         }
     }
@@ -113,13 +112,13 @@ void Publisher::sweep() const {
     }
     if (storage_ == Storage::none || many_->live == many_->count)
         return;
-    Subscriber* begin = many_->subscribers();
+    Subscriber* begin = many_->items();
     static_cast<void>(std::remove_if(begin, begin + many_->count, [](const Subscriber& subscriber) {
         return subscriber.dispatch == nullptr;
     }));
     many_->count = many_->live;
     if (many_->count == 0) {
-        ::operator delete(many_);
+        Many::free(many_);
         storage_ = Storage::none;
     }
 }

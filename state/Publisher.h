@@ -4,6 +4,8 @@
 #pragma once
 
 #include "state/Handle.h"
+#include "state/OneThread.h"
+#include "state/Trailing.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -55,6 +57,7 @@ class Publisher : public RefCounted {
     /// and is still there when its turn comes is called once; this object outlives the delivery. An exception
     /// that leaves a subscriber ends the process here, with its message.
     void publish(AttributeId attribute, const void* key = nullptr) const {
+        assertOneThread();
         if (hasSubscribers())
             deliver(Notification{*this, attribute, key});
     }
@@ -69,12 +72,12 @@ class Publisher : public RefCounted {
         void* object;
         AttributeMask attributes;
     };
-    struct alignas(Subscriber) Many { // the subscribers follow
+    struct ManyHeader {
         std::uint32_t capacity;
         std::uint32_t count; // gone ones included
         std::uint32_t live;  // without them
-        Subscriber* subscribers() { return reinterpret_cast<Subscriber*>(this + 1); }
     };
+    using Many = Trailing<ManyHeader, Subscriber>;
     // Most publishers have one subscriber, which stands in the object. Once there were two, all stand in an
     // array, until the last is gone.
     enum class Storage : std::uint8_t { none, one, many };

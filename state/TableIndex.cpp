@@ -21,12 +21,9 @@ constexpr unsigned hashBits = 32;
 // hashes do not tell the keys apart.
 constexpr std::size_t membersPerDirectoryEntry = 64;
 
-void* block(std::size_t size, bool orNull) {
-    return orNull ? ::operator new(size, std::nothrow) : ::operator new(size);
-}
-
-constexpr std::size_t pageBytes(std::size_t capacity) {
-    return sizeof(TableIndex::Page) + capacity * sizeof(std::uint32_t);
+template <class Block, class Header>
+Block* block(std::size_t count, const Header& header, bool orNull) {
+    return orNull ? Block::makeOrNull(count, header) : Block::make(count, header);
 }
 
 } // namespace
@@ -38,25 +35,25 @@ void TableIndex::build() {
     try {
         directoryIs(0, false);
     } catch (...) {
-        ::operator delete(page);
+        Page::free(page);
         throw;
     }
-    directory_->pages()[0] = page;
+    directory_->items()[0] = page;
     directory_->deepest = 1;
 }
 
 void TableIndex::drop() {
     if (directory_ != nullptr)
-        ::operator delete(freeOtherPages());
-    ::operator delete(std::exchange(directory_, nullptr));
-    ::operator delete(std::exchange(ids_, nullptr));
+        Page::free(freeOtherPages());
+    Directory::free(std::exchange(directory_, nullptr));
+    Ids::free(std::exchange(ids_, nullptr));
     shift_ = hashBits;
 }
 
 void TableIndex::clear() {
     Page* kept = freeOtherPages();
-    std::fill_n(kept->slots(), kept->capacity(), free);
-    *kept = Page{.mask = kept->mask, .live = 0, .removed = 0, .depth = 0};
+    std::fill_n(kept->items(), kept->capacity(), free);
+    static_cast<PageHeader&>(*kept) = {.mask = kept->mask, .live = 0, .removed = 0, .depth = 0};
     directory_->bits = 0;
     directory_->deepest = 1;
     shift_ = hashBits;
@@ -65,12 +62,12 @@ void TableIndex::clear() {
 
 // Frees all pages but the first, which it yields.
 TableIndex::Page* TableIndex::freeOtherPages() {
-    Page** pages = directory_->pages();
+    Page** pages = directory_->items();
     for (std::size_t at = 0; at < std::size_t{1} << directory_->bits;) {
         Page* page = pages[at];
         at += std::size_t{1} << (directory_->bits - page->depth);
         if (page != pages[0])
-            ::operator delete(page);
+            Page::free(page);
     }
     return pages[0];
 }
@@ -78,14 +75,14 @@ TableIndex::Page* TableIndex::freeOtherPages() {
 std::size_t TableIndex::memoryBytes() const {
     std::size_t sum = 0;
     if (ids_ != nullptr)
-        sum += sizeof(Ids) + ids_->capacity * sizeof(IdCell);
+        sum += Ids::bytes(ids_->capacity);
     if (directory_ != nullptr) {
         const std::size_t count = std::size_t{1} << directory_->bits;
-        sum += sizeof(Directory) + count * sizeof(void*);
+        sum += Directory::bytes(count);
         for (std::size_t at = 0; at < count;) {
-            const Page* page = directory_->pages()[at];
+            const Page* page = directory_->items()[at];
             at += std::size_t{1} << (directory_->bits - page->depth);
-            sum += pageBytes(page->capacity());
+            sum += Page::bytes(page->capacity());
         }
     }
     return sum;
@@ -102,40 +99,38 @@ void TableIndex::reserveId() {
             "State::Table: all 262143 segments for members are taken, no room for another");
     }
     const std::uint32_t capacity = ids_ == nullptr ? firstIds : ids_->capacity * 2;
-    void* memory = block(sizeof(Ids) + capacity * sizeof(IdCell), false);
-    Ids* made = ::new (memory) Ids{.capacity = capacity, .used = used, .firstFree = 0, .unused = 0};
+    Ids* made = Ids::make(capacity, {.capacity = capacity, .used = used, .firstFree = 0});
     for (std::uint32_t id = 0; id < capacity; ++id)
-        ::new (made->cells() + id) IdCell(ids_ != nullptr && id < used ? ids_->cells()[id] : IdCell{nullptr});
-    ::operator delete(std::exchange(ids_, made));
+        ::new (made->items() + id) IdCell(ids_ != nullptr && id < used ? ids_->items()[id] : IdCell{nullptr});
+    Ids::free(std::exchange(ids_, made));
 }
 
 void TableIndex::takeId(TableSegment* segment) {
     std::uint32_t id = ids_->firstFree;
     if (id != 0)
-        ids_->firstFree = ids_->cells()[id].nextFree;
+        ids_->firstFree = ids_->items()[id].nextFree;
     else
         id = ids_->used++;
     passId(id, segment);
 }
 
 void TableIndex::passId(std::uint32_t id, TableSegment* segment) {
-    ids_->cells()[id].segment = segment;
+    ids_->items()[id].segment = segment;
     segment->id = id;
 }
 
 void TableIndex::returnId(std::uint32_t id) {
-    ids_->cells()[id].nextFree = ids_->firstFree;
+    ids_->items()[id].nextFree = ids_->firstFree;
     ids_->firstFree = id;
 }
 
 // ---- pages
 
 TableIndex::Page* TableIndex::makePage(std::uint32_t capacity, std::uint32_t depth, bool orNull) {
-    void* memory = block(pageBytes(capacity), orNull);
-    if (memory == nullptr)
-        return nullptr;
-    Page* page = ::new (memory) Page{.mask = capacity - 1, .live = 0, .removed = 0, .depth = depth};
-    std::uninitialized_fill_n(page->slots(), capacity, free);
+    const PageHeader header{.mask = capacity - 1, .live = 0, .removed = 0, .depth = depth};
+    auto* page = block<Page>(capacity, header, orNull);
+    if (page != nullptr)
+        std::uninitialized_fill_n(page->items(), capacity, free);
     return page;
 }
 
@@ -144,7 +139,7 @@ void TableIndex::refill(const Page& from, Page& zero, Page& one, unsigned bit, R
     std::array<Position, 128> positions;
     std::array<std::uint32_t, 128> values;
     std::array<std::uint32_t, 128> hashes;
-    const std::uint32_t* slot = from.slots();
+    const std::uint32_t* slot = from.items();
     const std::uint32_t* end = slot + from.capacity();
     while (slot != end) {
         std::size_t count = 0;
@@ -158,7 +153,7 @@ void TableIndex::refill(const Page& from, Page& zero, Page& one, unsigned bit, R
         for (std::size_t at = 0; at < count; ++at) {
             Page& target = (hashes[at] >> bit & 1) == 0 ? zero : one;
             const Slot to = freeSlot(&target, hashes[at]);
-            target.slots()[to.number] = values[at];
+            target.items()[to.number] = values[at];
             ++target.live;
         }
     }
@@ -168,20 +163,19 @@ void TableIndex::refill(const Page& from, Page& zero, Page& one, unsigned bit, R
 // changed.
 bool TableIndex::directoryIs(std::uint32_t bits, bool orNull) {
     const std::size_t count = std::size_t{1} << bits;
-    void* memory = block(sizeof(Directory) + count * sizeof(void*), orNull);
-    if (memory == nullptr)
+    auto* made = block<Directory>(count, DirectoryHeader{.bits = bits, .deepest = 0}, orNull);
+    if (made == nullptr)
         return false;
-    Directory* made = ::new (memory) Directory{.bits = bits, .deepest = 0};
     for (std::size_t at = 0; at < count; ++at) {
         Page* page = nullptr;
         if (directory_ != nullptr) {
-            page = directory_->pages()[bits >= directory_->bits ? at >> (bits - directory_->bits)
+            page = directory_->items()[bits >= directory_->bits ? at >> (bits - directory_->bits)
                                                                 : at << (directory_->bits - bits)];
             made->deepest += page->depth == bits ? 1 : 0;
         }
-        ::new (made->pages() + at) Page*(page);
+        ::new (made->items() + at) Page*(page);
     }
-    ::operator delete(std::exchange(directory_, made));
+    Directory::free(std::exchange(directory_, made));
     shift_ = hashBits - bits;
     return true;
 }
@@ -189,7 +183,7 @@ bool TableIndex::directoryIs(std::uint32_t bits, bool orNull) {
 // Enters `page` for all hashes that agree with `hash` in the page's depth, in place of what is there.
 void TableIndex::pageIs(std::uint32_t hash, Page* page) {
     const unsigned span = directory_->bits - page->depth;
-    Page** entry = directory_->pages() + ((std::uint64_t{hash} >> shift_) >> span << span);
+    Page** entry = directory_->items() + ((std::uint64_t{hash} >> shift_) >> span << span);
     Page** const end = entry + (std::size_t{1} << span);
     do {
         *entry = page;
@@ -204,7 +198,7 @@ void TableIndex::split(std::uint32_t hash, Rehash rehash) {
     Page* zero = makePage(old->capacity(), depth, false);
     Page* one = makePage(old->capacity(), depth, true);
     if (one == nullptr) {
-        ::operator delete(zero);
+        Page::free(zero);
         throw std::bad_alloc();
     }
     const unsigned bit = hashBits - depth;
@@ -212,7 +206,7 @@ void TableIndex::split(std::uint32_t hash, Rehash rehash) {
     pageIs(hash & ~(std::uint32_t{1} << bit), zero);
     pageIs(hash | std::uint32_t{1} << bit, one);
     directory_->deepest += depth == directory_->bits ? 2 : 0;
-    ::operator delete(old);
+    Page::free(old);
 }
 
 // Makes the page of `hash` anew, without removed slots.
@@ -222,7 +216,7 @@ void TableIndex::remake(std::uint32_t hash, std::uint32_t capacity, bool orNull,
     if (made != nullptr) {
         refill(*old, *made, *made, 0, rehash);
         pageIs(hash, made);
-        ::operator delete(old);
+        Page::free(old);
     }
 }
 
@@ -240,8 +234,8 @@ void TableIndex::join(std::uint32_t hash, Rehash rehash) {
     refill(*buddy, *made, *made, 0, rehash);
     directory_->deepest -= page->depth == directory_->bits ? 2 : 0;
     pageIs(hash, made);
-    ::operator delete(page);
-    ::operator delete(buddy);
+    Page::free(page);
+    Page::free(buddy);
     while (directory_->deepest == 0 && directoryIs(directory_->bits - 1, true)) {
     }
 }
@@ -266,7 +260,7 @@ TableIndex::Slot TableIndex::makeRoom(std::uint32_t hash, std::size_t members, R
 
 void TableIndex::remove(Slot slot, std::uint32_t hash, Rehash rehash) {
     Page* page = slot.page;
-    std::uint32_t* slots = page->slots();
+    std::uint32_t* slots = page->items();
     slots[slot.number] = removed;
     --page->live;
     ++page->removed;

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "state/TableSegment.h"
+#include "state/Trailing.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -29,17 +30,16 @@ class TableIndex {
     static constexpr std::uint32_t free = 0;
     static constexpr std::uint32_t removed = 1; // free, but a probe goes on behind it
 
-    struct Page {
+    struct PageHeader {
         std::uint32_t mask; // number of slots, a power of two, less one
         std::uint32_t live;
         std::uint32_t removed; // slots in this state
         std::uint32_t depth;   // upper bits in which all hashes of the page agree
 
-        std::uint32_t* slots() { return reinterpret_cast<std::uint32_t*>(this + 1); }
-        const std::uint32_t* slots() const { return reinterpret_cast<const std::uint32_t*>(this + 1); }
         std::uint32_t capacity() const { return mask + 1; }
         bool hasRoom() const { return live + removed < capacity() - capacity() / 4; }
     };
+    using Page = Trailing<PageHeader, std::uint32_t>; // its slots
     /// One slot; invalid after makeRoom and remove.
     struct Slot {
         Page* page = nullptr;
@@ -79,7 +79,7 @@ class TableIndex {
     std::size_t memoryBytes() const;
 
     // ---- segments
-    TableSegment* segment(Position position) const { return ids_->cells()[position >> offsetBits].segment; }
+    TableSegment* segment(Position position) const { return ids_->items()[position >> offsetBits].segment; }
     /// Makes sure that there is an id to take. std::bad_alloc; std::length_error when all 262,143 are taken.
     void reserveId();
     /// Gives the segment an id; reserveId comes first.
@@ -105,13 +105,13 @@ class TableIndex {
     Slot freeSlot(std::uint32_t hash) const { return freeSlot(pageOf(hash), hash); }
     /// True if `put` may use this free slot.
     bool hasRoom(Slot slot) const {
-        return slot.page->slots()[slot.number] == removed || slot.page->hasRoom();
+        return slot.page->items()[slot.number] == removed || slot.page->hasRoom();
     }
     /// Makes the page of `hash` larger, or two, and yields a free slot. `members`: how many the index holds.
     /// std::bad_alloc.
     Slot makeRoom(std::uint32_t hash, std::size_t members, Rehash rehash);
     void put(Slot slot, std::uint32_t hash, Position position) {
-        std::uint32_t& value = slot.page->slots()[slot.number];
+        std::uint32_t& value = slot.page->items()[slot.number];
         slot.page->removed -= value;
         ++slot.page->live;
         value = tagOf(hash) | position;
@@ -122,13 +122,13 @@ class TableIndex {
         Page* page = pageOf(hash);
         const std::uint32_t tag = tagOf(hash);
         std::uint32_t at = hash & page->mask;
-        while (page->slots()[at] != (tag | from))
+        while (page->items()[at] != (tag | from))
             at = (at + 1) & page->mask;
-        page->slots()[at] = tag | to;
+        page->items()[at] = tag | to;
     }
     void prefetch(std::uint32_t hash) const {
         const Page* page = pageOf(hash);
-        __builtin_prefetch(page->slots() + (hash & page->mask));
+        __builtin_prefetch(page->items() + (hash & page->mask));
     }
 
   private:
@@ -136,20 +136,20 @@ class TableIndex {
         TableSegment* segment;
         std::uint32_t nextFree;
     };
-    struct Ids { // the cells follow
+    struct IdsHeader {
         std::uint32_t capacity;
         std::uint32_t used;
         std::uint32_t firstFree; // 0: none
-        IdCell* cells() { return reinterpret_cast<IdCell*>(this + 1); }
-        alignas(IdCell) std::uint32_t unused;
     };
-    struct Directory { // the pages follow, each as often as its depth is smaller than `bits`
+    using Ids = Trailing<IdsHeader, IdCell>;
+    struct DirectoryHeader {
         std::uint32_t bits;
         std::uint32_t deepest; // pages whose depth is `bits`
-        Page** pages() { return reinterpret_cast<Page**>(this + 1); }
     };
+    // Of pages, each as often as its depth is smaller than `bits`.
+    using Directory = Trailing<DirectoryHeader, Page*>;
 
-    Page* pageOf(std::uint32_t hash) const { return directory_->pages()[std::uint64_t{hash} >> shift_]; }
+    Page* pageOf(std::uint32_t hash) const { return directory_->items()[std::uint64_t{hash} >> shift_]; }
     static std::uint32_t tagOf(std::uint32_t hash) {
         const std::uint32_t tag = hash << (32 - 16) & ~std::uint32_t{0} << positionBits;
         return tag == 0 ? std::uint32_t{1} << positionBits : tag;
@@ -157,7 +157,7 @@ class TableIndex {
 
     static Slot freeSlot(Page* page, std::uint32_t hash) {
         std::uint32_t at = hash & page->mask;
-        while (page->slots()[at] > removed)
+        while (page->items()[at] > removed)
             at = (at + 1) & page->mask;
         return {page, at};
     }
@@ -181,7 +181,7 @@ inline TableIndex::Slot TableIndex::find(std::uint32_t hash, Same same) const {
     Page* page = pageOf(hash);
     const std::uint32_t tag = tagOf(hash);
     for (std::uint32_t at = hash & page->mask;; at = (at + 1) & page->mask) {
-        const std::uint32_t value = page->slots()[at];
+        const std::uint32_t value = page->items()[at];
         if ((value ^ tag) >> positionBits == 0 && same(value ^ tag))
             return {page, at};
         if (value == free)
@@ -195,7 +195,7 @@ inline std::pair<TableIndex::Slot, bool> TableIndex::findOrFree(std::uint32_t ha
     const std::uint32_t tag = tagOf(hash);
     Slot reusable;
     for (std::uint32_t at = hash & page->mask;; at = (at + 1) & page->mask) {
-        const std::uint32_t value = page->slots()[at];
+        const std::uint32_t value = page->items()[at];
         if ((value ^ tag) >> positionBits == 0 && same(value ^ tag))
             return {{page, at}, true};
         if (value == free)

@@ -9,6 +9,8 @@
 // it, so whatever happens to the memory cannot lead the writer astray.
 #pragma once
 
+#include "state/OneThread.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -56,6 +58,7 @@ class TraceRing {
     /// Room for a record of up to `size` bytes (a multiple of 8, at most traceRecordBytes), old records making
     /// way.
     std::byte* reserve(std::size_t size) {
+        assertOneThread();
         std::byte* const begin = cursor_;
         return size <= static_cast<std::size_t>(limit_ - begin) ? begin : makeRoom(size);
     }

@@ -30,14 +30,13 @@ class ValueSet {
     using Large = Table<T, KeyOf>;
 
     // Holds either `count` elements, which follow it, or a table. A set of one has none.
-    struct Rep {
+    struct RepHeader {
         std::uint32_t holders;
         std::uint16_t count;
         std::uint16_t room;
         Large* large;
-        T* elements() { return reinterpret_cast<T*>(this + 1); }
     };
-    static_assert(alignof(T) <= alignof(Rep));
+    using Rep = Trailing<RepHeader, T>;
 
   public:
     using Element = T;
@@ -79,7 +78,7 @@ class ValueSet {
             return false;
         const std::size_t count = size();
         if (count == 0) {
-            content_.one = element;
+            std::construct_at(&content_.one, element);
             held_ = Held::one;
         } else if (held_ == Held::rep && content_.rep->large != nullptr) {
             own();
@@ -96,10 +95,10 @@ class ValueSet {
             const T copy = element; // may be one of a set that goes with the old array
             if (held_ == Held::one || content_.rep->holders > 1 || content_.rep->room == count) {
                 Rep* grown = allocate(count + 1);
-                std::ranges::copy(shortMembers(), grown->elements());
+                std::ranges::copy(shortMembers(), grown->items());
                 repIs(grown);
             }
-            ::new (content_.rep->elements() + count) T(copy);
+            ::new (content_.rep->items() + count) T(copy);
             content_.rep->count = static_cast<std::uint16_t>(count + 1);
         }
         return true;
@@ -118,7 +117,7 @@ class ValueSet {
         if (mine.large != nullptr) {
             mine.large->erase(T(element));
         } else {
-            static_cast<void>(std::remove(mine.elements(), mine.elements() + mine.count, T(element)));
+            static_cast<void>(std::remove(mine.items(), mine.items() + mine.count, T(element)));
             --mine.count;
         }
         return true;
@@ -185,8 +184,7 @@ class ValueSet {
         if (held_ != Held::rep)
             return 0;
         const Rep& rep = *content_.rep;
-        return sizeof(Rep) + rep.room * sizeof(T) +
-               (rep.large == nullptr ? 0 : sizeof(Large) + rep.large->memoryBytes());
+        return Rep::bytes(rep.room) + (rep.large == nullptr ? 0 : sizeof(Large) + rep.large->memoryBytes());
     }
 
   private:
@@ -196,7 +194,7 @@ class ValueSet {
         case Held::one:
             return {&content_.one, 1};
         case Held::rep:
-            return {content_.rep->elements(), content_.rep->count};
+            return {content_.rep->items(), content_.rep->count};
         default:
             return {};
         }
@@ -211,9 +209,7 @@ class ValueSet {
     static Rep* allocate(std::size_t count) {
         const std::size_t room =
             count <= 1 ? count : std::max<std::size_t>(count, (count + count / 2 + 1) & ~1U);
-        auto* rep = static_cast<Rep*>(::operator new(sizeof(Rep) + room * sizeof(T)));
-        *rep = Rep{1, 0, static_cast<std::uint16_t>(room), nullptr};
-        return rep;
+        return Rep::make(room, {1, 0, static_cast<std::uint16_t>(room), nullptr});
     }
     static void release(Rep* rep) {
         if (--rep->holders == 0)
@@ -222,7 +218,7 @@ class ValueSet {
     // Apart, so that the compiler does not take a count that it cannot follow for a use after the end.
     [[gnu::noinline]] static void destroy(Rep* rep) {
         delete rep->large;
-        ::operator delete(rep);
+        Rep::free(rep);
     }
     // Makes this the only holder of the Rep that it has.
     void own() {
@@ -236,7 +232,7 @@ class ValueSet {
             mine->large = copy.release();
         } else {
             mine = allocate(shared.count);
-            std::ranges::copy(shortMembers(), mine->elements());
+            std::ranges::copy(shortMembers(), mine->items());
             mine->count = shared.count;
         }
         repIs(mine);

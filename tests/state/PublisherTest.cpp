@@ -11,6 +11,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -183,6 +184,12 @@ TEST_F(PublisherTest, AnExceptionThatLeavesASubscriberEndsTheProcess) {
     EXPECT_DEATH(source->publish(0), "exception left a reactor: VrfId::value > 0x00ffffff not allowed");
     thrower.body = [](const Notification&) { throw 7; };
     EXPECT_DEATH(source->publish(0), "exception left a reactor: an exception that is no std::exception");
+}
+
+TEST_F(PublisherTest, AnotherThreadEndsTheProcess) {
+    source->publish(0);
+    EXPECT_DEATH(std::thread([&] { source->publish(0); }).join(),
+                 "publishing and tracing are for one thread");
 }
 
 } // namespace
