@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <optional>
 #include <unordered_map>
 
 namespace L3 {
@@ -12,12 +13,28 @@ namespace L3 {
 namespace {
 
 struct NameTable {
-    std::deque<std::string> names{""}; // by number; stable addresses
-    std::unordered_map<std::string_view, std::uint64_t> numbers{{"", 0}};
+    std::deque<std::string> names; // by number, less that of the first; stable addresses
+    std::unordered_map<std::string_view, std::uint64_t> numbers;
+
+    std::uint64_t enter(std::string_view name, std::uint64_t first) {
+        const std::uint64_t number = first + names.size();
+        names.emplace_back(name);
+        numbers.emplace(names.back(), number);
+        return number;
+    }
+    std::optional<std::uint64_t> find(std::string_view name) const {
+        const auto known = numbers.find(name);
+        return known == numbers.end() ? std::nullopt : std::optional(known->second);
+    }
 };
 
 NameTable& nameTable() {
-    static NameTable table;
+    static NameTable table{{""}, {{"", 0}}};
+    return table;
+}
+
+std::optional<NameTable>& provisionalNames() {
+    static std::optional<NameTable> table;
     return table;
 }
 
@@ -29,9 +46,12 @@ NameTable& nameTable() {
 
 IntfId::IntfId(std::string_view name) {
     NameTable& table = nameTable();
-    const auto known = table.numbers.find(name);
-    if (known != table.numbers.end()) {
-        number_ = known->second;
+    std::optional<NameTable>& provisional = provisionalNames();
+    auto known = table.find(name);
+    if (!known && provisional)
+        known = provisional->find(name);
+    if (known) {
+        number_ = *known;
         return;
     }
     if (name.size() > maxNameLength)
@@ -39,11 +59,9 @@ IntfId::IntfId(std::string_view name) {
     const auto isRefused = [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; };
     if (std::any_of(name.begin(), name.end(), isRefused))
         refuse(name, "it holds a blank or a control byte");
-    if (names() == maxNames)
+    if (names() + Provisional::newNames() >= maxNames)
         refuse(name, "there are " + std::to_string(maxNames) + " names already");
-    number_ = table.names.size();
-    table.names.emplace_back(name);
-    table.numbers.emplace(table.names.back(), number_);
+    number_ = provisional ? provisional->enter(name, firstProvisional) : table.enter(name, 0);
 }
 
 IntfId IntfId::fromNumber(std::uint64_t number) {
@@ -58,7 +76,26 @@ std::uint64_t IntfId::names() {
 
 const std::string& IntfId::stringValue() const {
     static const std::string unknown = "?";
-    return number_ <= names() ? nameTable().names[number_] : unknown;
+    if (number_ <= names())
+        return nameTable().names[number_];
+    const std::uint64_t place = number_ - firstProvisional;
+    return number_ >= firstProvisional && place < Provisional::newNames() ? provisionalNames()->names[place]
+                                                                          : unknown;
+}
+
+IntfId::Provisional::Provisional()
+    : isOuter_(!provisionalNames()) {
+    if (isOuter_)
+        provisionalNames().emplace();
+}
+
+IntfId::Provisional::~Provisional() {
+    if (isOuter_)
+        provisionalNames().reset();
+}
+
+std::size_t IntfId::Provisional::newNames() {
+    return provisionalNames() ? provisionalNames()->names.size() : 0;
 }
 
 STATE_VALUE_TYPE(IntfId);

@@ -1,11 +1,15 @@
 // L3::IntfId: an interface, as a 64-bit number that stands for its name in a table of the process. The empty
-// name is number 0 and means "none". Numbers are given in order of first naming, so they are dense and never
-// change.
+// name is number 0 and means "none". Numbers are given in order of first naming, fit 32 bits, and never stand for
+// another name.
+//
+// Naming an interface enters its name for good, so whoever only looks at what others say, or may yet refuse it, does so
+// under an IntfId::Provisional.
 #pragma once
 
 #include "state/Hash.h"
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -18,9 +22,11 @@ class IntfId {
     static constexpr std::size_t maxNameLength = 63; // bytes
     static constexpr std::size_t maxNames = 65536;
 
+    class Provisional;
+
     constexpr IntfId() = default;
-    /// The interface of that name, which enters the table if it is new. RangeError for a name that is too
-    /// long, holds blanks or control bytes, or is one more than the table holds.
+    /// The interface of that name, which enters the table if it is new (the one of a Provisional, while there is one).
+    /// RangeError for a name that is too long, holds blanks or control bytes, or is one more than the table holds.
     explicit IntfId(std::string_view name);
 
     static IntfId fromString(std::string_view name) { return IntfId(name); }
@@ -28,6 +34,7 @@ class IntfId {
     static IntfId fromNumber(std::uint64_t number);
     /// How many names there are; numbers run from 1 to this.
     static std::uint64_t names();
+    static constexpr std::uint64_t firstProvisional = std::uint64_t{1} << 31;
 
     const std::string& stringValue() const;
     constexpr std::uint64_t number() const { return number_; }
@@ -44,6 +51,22 @@ class IntfId {
     friend class IntfSet;
 
     std::uint64_t number_ = 0;
+};
+
+/// While one lives, names that the table doesn't have are not entered there: they take numbers from firstProvisional on
+/// that mean nothing afterwards. Ids among which may be such are not to be stored. One inside another does nothing.
+class IntfId::Provisional {
+  public:
+    Provisional();
+    ~Provisional();
+    Provisional(const Provisional&) = delete;
+    Provisional& operator=(const Provisional&) = delete;
+
+    /// How many names have been met that the table doesn't have.
+    static std::size_t newNames();
+
+  private:
+    bool isOuter_;
 };
 
 } // namespace L3

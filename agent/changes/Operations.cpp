@@ -85,7 +85,11 @@ const State::Attribute& Operations::attributeAt(std::string_view path, std::stri
     return attributeOf(paths_.at(path), attribute);
 }
 
+// Who asks, and what is refused, enters no interface names: all but carrying out is done under Asking.
+using Asking = L3::IntfId::Provisional;
+
 std::optional<Datum> Operations::value(std::string_view path, std::string_view name, const Datum* key) const {
+    const Asking asking;
     const Place place = paths_.at(path);
     const State::Attribute& attribute = attributeOf(place, name);
     const bool isCollection = attribute.kind() != AttributeKind::value;
@@ -101,6 +105,7 @@ std::optional<Datum> Operations::value(std::string_view path, std::string_view n
 
 Page Operations::members(std::string_view path, std::string_view name, const Datum* after,
                          std::size_t limit) const {
+    const Asking asking;
     const Place place = paths_.at(path);
     const State::Attribute& attribute = attributeOf(place, name);
     if (attribute.kind() == AttributeKind::value)
@@ -151,7 +156,8 @@ void Operations::checkOne(const Change& change, GuardFacts& facts) {
     facts.note(change, place);
 }
 
-GuardFacts Operations::checkAll(std::span<const Change> changes) {
+GuardMemory Operations::checkAll(std::span<const Change> changes) {
+    const Asking asking;
     GuardFacts facts = this->facts();
     for (std::size_t i = 0; i < changes.size(); ++i) {
         try {
@@ -164,7 +170,7 @@ GuardFacts Operations::checkAll(std::span<const Change> changes) {
             throw;
         }
     }
-    return facts;
+    return facts.memory();
 }
 
 bool Operations::carryOut(const Change& change) {
@@ -172,7 +178,9 @@ bool Operations::carryOut(const Change& change) {
     const State::Attribute* attribute = place.type->attribute(change.attribute);
     bool changed = false;
     if (change.op == Change::Op::del) {
-        changed = place.entity && attribute->del(*place.entity, *change.key);
+        // What isn't there is found under Asking: its removal would enter the names in its key.
+        changed =
+            value(change.path, change.attribute, &*change.key) && attribute->del(*place.entity, *change.key);
     } else if (place.entity) {
         changed = attribute != nullptr &&
                   attribute->set(*place.entity, pointerTo(change.key), pointerTo(change.value));
@@ -188,17 +196,22 @@ bool Operations::carryOut(const Change& change) {
 }
 
 bool Operations::change(const Change& change) {
-    GuardFacts facts = this->facts();
-    checkOne(change, facts);
+    GuardMemory memory;
+    {
+        const Asking asking;
+        GuardFacts facts = this->facts();
+        checkOne(change, facts);
+        memory = facts.memory();
+    }
     const bool changed = carryOut(change);
-    guardMemory_ = facts.memory();
+    guardMemory_ = std::move(memory);
     return changed;
 }
 
 ApplyResult Operations::apply(std::span<const Change> changes) {
-    const GuardFacts facts = checkAll(changes);
+    GuardMemory memory = checkAll(changes);
     ApplyResult result = carryOutAll(changes);
-    guardMemory_ = facts.memory();
+    guardMemory_ = std::move(memory);
     return result;
 }
 

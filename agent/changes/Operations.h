@@ -87,7 +87,7 @@ class Operations {
 
   private:
     GuardFacts facts() const { return GuardFacts(host_, guardMemory_); }
-    GuardFacts checkAll(std::span<const Change> changes);
+    GuardMemory checkAll(std::span<const Change> changes);
     void checkOne(const Change& change, GuardFacts& facts);
     bool carryOut(const Change& change);
     ApplyResult carryOutAll(std::span<const Change> changes);

@@ -125,6 +125,8 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.member("answersOldest", log_.oldest());
     writer.member("traceNext", State::traceNext());
     writer.member("traceOldest", State::traceOldest());
+    writer.member("interfaceNames", L3::IntfId::names());
+    writer.member("interfaceNamesMost", L3::IntfId::maxNames);
     writer.end();
     writer.end();
 }

@@ -85,6 +85,7 @@ Action Expectations::mark() {
 
 void Expectations::holdAnswer(const NamedRequest& named, const std::string& expected) const {
     settle_();
+    const L3::IntfId::Provisional asking;
     const auto key = State::fromDatum<RequestKey>(named.key);
     const std::string actual =
         actualAnswer(named.service->answer(*operations_.host().stores().database, key));

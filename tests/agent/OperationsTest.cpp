@@ -47,6 +47,28 @@ TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {
     EXPECT_EQ(agent.get(userFibs, "status").size(), 1U);
 }
 
+TEST(OperationsTest, OnlyWhatIsCarriedOutEntersInterfaceNames) {
+    InProcessAgent agent;
+    agent.host.start();
+    const std::string requests = "api/mroute/req";
+    const auto request = [](const std::string& intf, int vlan) {
+        return requestKey().with("intf", intf).with("vlanId", vlan);
+    };
+    const std::uint64_t before = L3::IntfId::names();
+    const Json asked = request("asked", 10);
+    EXPECT_EQ(agent.operations.value(requests, "mrouteReq", &asked.datum()), std::nullopt);
+    EXPECT_FALSE(agent.operations.change(delOf(requests, "mrouteReq", request("withdrawn", 10))));
+    EXPECT_THROW(agent.operations.change(setOf(requests, "mrouteReq", request("refused", 0))), Refusal);
+    const std::vector<Change> changes{setOf(requests, "mrouteReq", request("first", 10)),
+                                      setOf(requests, "mrouteReq", request("second", 10)),
+                                      setOf(requests, "mrouteReq", request("third", 0))};
+    EXPECT_THROW(agent.operations.apply(changes), Refusal);
+    agent.operations.check({changes.data(), 2});
+    EXPECT_EQ(L3::IntfId::names(), before);
+    EXPECT_EQ(agent.operations.apply({changes.data(), 2}).changed, 2U);
+    EXPECT_EQ(L3::IntfId::names(), before + 2);
+}
+
 TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
     InProcessAgent agent;
     struct Wrong {
