@@ -108,7 +108,7 @@ class Floor : public Stores {
         floor.requesters_.is(VrfIdMrouteSourceAndGroup::of(key), MrouteIntfAndVlan::of(key));
         const IpMcastKey row = rowOf(key);
         floor.config->mroutesIs(MrouteItem(row));
-        if (floor.groups->mgroup(row) != nullptr)
+        if (floor.groups->mgroup(row))
             Bench::refuse("a group is there already");
     }
     static void hearGroup(void* self, const State::Notification& change) {
@@ -117,8 +117,8 @@ class Floor : public Stores {
         const VrfIdMrouteSourceAndGroup flow{
             .vrfId = row.vrfId, .sg = {.sourceIp = row.source.ipv4(), .groupIp = row.group.ipv4()}};
         const MrouteIntfAndVlan* requester = floor.requesters_.find(flow);
-        const auto* item = floor.groups->mgroup(row);
-        if (requester == nullptr || item == nullptr)
+        const auto item = floor.groups->mgroup(row);
+        if (requester == nullptr || !item)
             return;
         floor.responses->mgroupIdIs({.intf = requester->intf,
                                      .vrfId = row.vrfId,
@@ -126,7 +126,7 @@ class Floor : public Stores {
                                      .sourceIp = flow.sg.sourceIp,
                                      .groupIp = flow.sg.groupIp,
                                      .type = NatRequestType::mgroupRequest},
-                                    item->groupId);
+                                    item->groupId());
     }
     static void hear(void* self, const State::Notification& /*change*/) {
         ++static_cast<Floor*>(self)->heard_;

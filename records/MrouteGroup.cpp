@@ -43,7 +43,7 @@ const State::EntityType& MgroupColl::type() {
     return made;
 }
 
-STATE_VALUE_TYPE(MgroupItem);
+STATE_VALUE_TYPE(Mgroup);
 STATE_ENTITY_TYPE(MrouteColl);
 STATE_ENTITY_TYPE(MgroupColl);
 

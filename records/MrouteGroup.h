@@ -8,6 +8,7 @@
 #include "state/ShmTable.h"
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace KestrelCommon::MrouteGroup {
@@ -65,15 +66,30 @@ class MrouteColl final : public State::ShmTable {
     Rows mroutes_{*this};
 };
 
-/// The group of a flow. The default item, which stands in for a damaged one, has group id 0.
-struct MgroupItem {
+/// What is allocated for a flow.
+struct Mgroup {
     std::uint32_t groupId = 0;
 
     static constexpr auto describe() {
-        return State::describe("KestrelCommon::MrouteGroup::MgroupItem",
-                               State::field("groupId", &MgroupItem::groupId));
+        return State::describe("KestrelCommon::MrouteGroup::Mgroup",
+                               State::field("groupId", &Mgroup::groupId));
     }
-    auto operator<=>(const MgroupItem&) const = default;
+    auto operator<=>(const Mgroup&) const = default;
+};
+
+/// A flow and its group, as read. The default item, which stands in for a damaged one, has group id 0.
+class MgroupItem {
+  public:
+    MgroupItem() = default;
+    MgroupItem(const KestrelL3::IpMcastKey& key, const Mgroup& mgroup)
+        : key_(key)
+        , mgroup_(mgroup) {}
+    const KestrelL3::IpMcastKey& key() const { return key_; }
+    std::uint32_t groupId() const { return mgroup_.groupId; }
+
+  private:
+    KestrelL3::IpMcastKey key_;
+    Mgroup mgroup_;
 };
 
 class MgroupColl final : public State::ShmTable {
@@ -85,13 +101,14 @@ class MgroupColl final : public State::ShmTable {
     static const State::EntityType& type();
     const State::EntityType& entityType() const override { return type(); }
 
-    /// Reads an item: null when absent. CorruptionError.
-    const MgroupItem* mgroup(const KestrelL3::IpMcastKey& key) const {
+    /// Reads an item; nothing when absent. CorruptionError.
+    std::optional<MgroupItem> mgroup(const KestrelL3::IpMcastKey& key) const {
         reading();
-        return mgroupsCollection().find(key);
+        const Mgroup* found = mgroupsCollection().find(key);
+        return found == nullptr ? std::nullopt : std::optional(MgroupItem(key, *found));
     }
 
-    STATE_MAP(0, mgroups, KestrelL3::IpMcastKey, MgroupItem,
+    STATE_MAP(0, mgroups, KestrelL3::IpMcastKey, Mgroup,
               State::seedConstant("KestrelCommon::MrouteGroup::MgroupColl::mgroups"))
 };
 

@@ -11,7 +11,7 @@ namespace KestrelNat {
 
 std::string NatMrouteKey::stringValue() const {
     std::string text = "NatMrouteKey (I=";
-    text += intf.stringValue();
+    State::appendValue(text, intf);
     text += ", vrfId=" + std::to_string(vrfId.value());
     text += ", V=" + std::to_string(vlanId);
     text += ", S=" + sourceIp.stringValue();

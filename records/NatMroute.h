@@ -12,6 +12,7 @@
 
 namespace KestrelNat {
 
+/// What must not be posted: NatMrouteKey.h.
 class NatMrouteRequestSet final : public State::Entity {
   public:
     static constexpr const char* path = "api/mroute/req";

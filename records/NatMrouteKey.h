@@ -18,6 +18,9 @@ namespace KestrelNat {
 /// What is asked for. Other numbers may come and are carried along.
 enum class NatRequestType : std::uint8_t { mrouteRequest = 0, mgroupRequest = 1 };
 
+/// Whoever posts requests without the agent's guards in between must know: an mroute request without interface or
+/// VLAN, or one for any source and any group, ends the process; so does the next route update after one of two
+/// requests was withdrawn that differ in `type` alone.
 struct NatMrouteKey {
     L3::IntfId intf;          // the interface that asks
     L3::VrfId vrfId;          // VRF of the request

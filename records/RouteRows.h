@@ -234,18 +234,28 @@ class RouteRows {
         return visit(row.key(), row.value());
     }
 
-    // Appends a row whose key is not there yet; its number.
+    // Appends a row whose key is not there yet; its number. Where memory runs out nothing of it stays.
     std::uint32_t append(Row row) {
         const IpGenRouteKey key = row.key();
         const std::uint32_t number = pool_.take(std::move(row));
-        part(key).findOrInsert(key, [&] { return number; });
-        foundLast_ = number;
-        if (key.hasSource()) {
-            link(sourcedByGroup_, key.group.ipv4(), number, groupSide);
-            link(sourcedBySource_, key.source.ipv4(), number, sourceSide);
-        } else {
-            link(starredByGroup_, key.group.ipv4(), number, groupSide);
+        bool isListed = false;
+        bool isLinked = false;
+        try {
+            part(key).findOrInsert(key, [&] { return number; });
+            isListed = true;
+            link(key.hasSource() ? sourcedByGroup_ : starredByGroup_, key.group.ipv4(), number, groupSide);
+            isLinked = true;
+            if (key.hasSource())
+                link(sourcedBySource_, key.source.ipv4(), number, sourceSide);
+        } catch (...) {
+            if (isLinked)
+                unlink(sourcedByGroup_, key.group.ipv4(), number, groupSide);
+            if (isListed)
+                part(key).erase(key);
+            pool_.giveBack(number);
+            throw;
         }
+        foundLast_ = number;
         return number;
     }
 

@@ -27,7 +27,6 @@ class VrfId {
     static VrfId fromNumber(std::uint64_t number);
     constexpr std::uint32_t value() const { return value_; }
 
-    constexpr std::uint32_t hashBits() const { return value_; }
     std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(value_).result(); }
     auto operator<=>(const VrfId&) const = default;
 

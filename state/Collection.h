@@ -62,7 +62,7 @@ class MapAttribute {
     bool is(const K& key, V value) {
         if constexpr (isHandle<V>) {
             if (!value)
-                return erase(key, [](V&&) {});
+                return erase(key, release);
         }
         return put(key, std::move(value));
     }
@@ -80,9 +80,7 @@ class MapAttribute {
     void prefetch(const HashedKey<K>& key) const { storage_.table().prefetch(key); }
     bool is(const HashedKey<K>& key, V value) requires(!isHandle<V>) { return put(key, std::move(value)); }
     /// Removes; true if it was there.
-    bool drop(const HashedKey<K>& key) {
-        return erase(key, [](V&&) {});
-    }
+    bool drop(const HashedKey<K>& key) { return erase(key, release); }
 
     /// Removes all: member by member with an announcement each where someone listens, else silently.
     void delAll() {
@@ -102,9 +100,16 @@ class MapAttribute {
     void edit(const K& key, Change change) {
         const auto [value, inserted] = storage_.findOrInsert(key, [] { return V{}; });
         ++changes_;
-        const Edited edited = change(*value);
+        Edited edited = Edited::remove;
+        try {
+            edited = change(*value);
+        } catch (...) {
+            if (inserted)
+                storage_.extract(key, release);
+            throw;
+        }
         if (edited == Edited::remove) {
-            storage_.extract(key, [](V&&) {});
+            storage_.extract(key, release);
             if (inserted)
                 return;
         } else if (edited == Edited::unchanged && !inserted) {
@@ -129,6 +134,9 @@ class MapAttribute {
     std::uint32_t changes() const { return changes_; }
 
   private:
+    // The value goes at once, also where a walk keeps the entry that had it.
+    static void release(V&& value) { static_cast<void>(V(std::move(value))); }
+
     // `Given` is a K or a HashedKey<K>.
     template <class Given>
     bool put(const Given& key, V&& value) {

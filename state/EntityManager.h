@@ -21,8 +21,10 @@ class EntityManager : public RefCounted {
   public:
     explicit EntityManager(Handle<Store> database);
 
-    /// The mount group of this mounter, made on first use.
+    /// The mount group of this mounter, made on first use. It goes with the mounter.
     MountGroup& getMountGroup(const KestrelLib::MounterBase& mounter);
+    /// The mounter goes, and what it declared with it.
+    void mountGroupDel(const KestrelLib::MounterBase& mounter) { groups_.erase(&mounter); }
 
     /// The entity at the path, or null. A path that a mount group declares is null until the group was
     /// performed.

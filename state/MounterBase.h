@@ -13,6 +13,10 @@ namespace KestrelLib {
 
 class MounterBase : public State::RefCounted {
   public:
+    ~MounterBase() override {
+        if (stateEm_)
+            stateEm_->mountGroupDel(*this);
+    }
     const std::string& name() const { return name_; }
 
     /// The agent's two entity managers; set by the agent before doInit.

@@ -13,7 +13,8 @@ ShmEntityManager::ShmEntityManager(Handle<Store> tableStore, Handle<Store> entit
     , mounted_(processHashSeed() ^ seedConstant("State::ShmEntityManager::mounted")) {}
 
 void ShmEntityManager::doMount(std::string_view path, std::string_view typeName, const TableMount& mount) {
-    if (mount.mode == 0) {
+    const Handle<Entity> present = tableStore_->entity(path);
+    if (mount.mode == 0 && (!present || present->entityType().name() == typeName)) {
         if (const auto table = handleCast<ShmTable>(tableStore_->entityIs(path, typeName)))
             table->sizingIs(mount);
     }

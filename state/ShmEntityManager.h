@@ -15,8 +15,8 @@ class ShmEntityManager : public RefCounted {
   public:
     ShmEntityManager(Handle<Store> tableStore, Handle<Store> entityStore);
 
-    /// Mounts a table. Mode 0 makes it in the table store if it is not there and applies the sizings; the
-    /// other modes make nothing. Errors: UnknownTypeError and CreationError of Store::entityIs in mode 0.
+    /// Mounts a table. Mode 0 makes it in the table store if nothing is there and applies the sizings; the other
+    /// modes make nothing. UnknownTypeError in mode 0.
     virtual void doMount(std::string_view path, std::string_view typeName, const TableMount& mount);
     /// Mounts an entity of the entity store; makes nothing.
     virtual void doMount(std::string_view path, std::string_view typeName, const EntityMount& mount);

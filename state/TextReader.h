@@ -20,6 +20,7 @@ class TextReader {
     void expectEnd() const;
     bool boolean();
     bool atNumber() const;
+    bool atQuote() const { return position_ < text_.size() && text_[position_] == '"'; }
     std::uint64_t number();
     /// A quoted string: \" \\ \n \t and \xHH are its escapes.
     std::string quoted();

@@ -262,10 +262,14 @@ template <TracePieces pieces, int level, class... Args>
 // Traces the pieces that follow the level (a constant): string literals are the statement's text, all else
 // are values. The pieces must be free of side effects that anything depends on: with ring and text off they
 // are evaluated and dropped.
-#define TRACE(traceLevel, ...)                                                                               \
+#define TRACE(traceLevel, ...) TRACE_AS(traceLevel, __func__, __VA_ARGS__)
+
+// The same for a part of a rule that stands in a function of its own, or in a lambda: the statement names the
+// function of the rule.
+#define TRACE_AS(traceLevel, functionName, ...)                                                              \
     do {                                                                                                     \
         static constinit ::State::TraceSite traceSite{traceFacilityOfThisFile, traceLevel, __FILE__,         \
-                                                      __LINE__, __func__};                                   \
+                                                      __LINE__, functionName};                               \
         ::State::trace<::State::tracePieces(#__VA_ARGS__), traceLevel>(traceSite, traceFacilityOfThisFile,   \
                                                                        __VA_ARGS__);                         \
     } while (false)

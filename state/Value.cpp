@@ -76,6 +76,13 @@ void unknownField(std::string_view typeName, std::string_view name) {
     throw ParseError(std::string(typeName) + " has no attribute \"" + std::string(name) + "\"");
 }
 
+void appendWord(std::string& out, std::string_view text) {
+    if (text.find_first_of(",()") == std::string_view::npos && !text.starts_with('"'))
+        out += text;
+    else
+        appendQuoted(out, text);
+}
+
 void TextReader::fail(std::string_view wanted) const {
     throw ParseError(std::string(typeName_) + ": expected " + std::string(wanted) + " at column " +
                      std::to_string(position_ + 1) + " of '" + std::string(text_) + "'");

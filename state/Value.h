@@ -118,6 +118,8 @@ T fromDatum(const Datum& datum) {
 /// Raises ParseError: `typeName` cannot be built from what is there.
 [[noreturn]] void wrongKind(std::string_view typeName, std::string_view wanted, const Datum& datum);
 void appendQuoted(std::string& out, std::string_view text);
+/// As it is, or quoted where it holds a comma or a bracket, or begins with a quote.
+void appendWord(std::string& out, std::string_view text);
 
 template <>
 struct ValueTraits<bool> {
@@ -178,16 +180,16 @@ template <TextScalar T>
 struct ValueTraits<T> {
     static constexpr ValueKind kind = ValueKind::text;
     static constexpr std::string_view name() { return T::typeName; }
-    /// A string type (one that may hold any character) stands quoted; others end at a separator.
+    /// A string type stands quoted always, others only where their text holds what ends a word.
     static constexpr bool quoted = std::convertible_to<const T&, std::string_view>;
     static void print(std::string& out, const T& value) {
         if constexpr (quoted)
             appendQuoted(out, value);
         else
-            out += value.stringValue();
+            appendWord(out, value.stringValue());
     }
     static void read(TextReader& reader, T& value) {
-        if constexpr (quoted)
+        if (quoted || reader.atQuote())
             value = T::fromString(reader.quoted());
         else
             value = T::fromString(reader.word());

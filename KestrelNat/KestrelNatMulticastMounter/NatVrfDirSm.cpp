@@ -116,11 +116,13 @@ void NatVrfDirSm::vrfStatusIs(const State::Handle<const VrfStatus>& vrfStatus) {
     nested->retiredIs(retired_);
 }
 
-void NatVrfDirSm::vrfStatusDel(const L3::VrfName& vrfName) {
-    if (const auto removed = vrfStatus_.del(vrfName)) {
+State::Handle<NatVrfDirSm::NestedSm_VrfStatus> NatVrfDirSm::vrfStatusDel(const L3::VrfName& vrfName) {
+    auto removed = vrfStatus_.del(vrfName);
+    if (removed) {
         removed->retiredIs(true);
         removed->ownerDel();
     }
+    return removed;
 }
 
 void NatVrfDirSm::vrfStatusDelAll() {

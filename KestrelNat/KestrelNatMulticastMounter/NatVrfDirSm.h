@@ -51,8 +51,8 @@ class NatVrfDirSm final : public State::StateMachine {
     /// One nested state machine per VRF status, by VRF name: adds it, or points it at another status, which it
     /// then handles at once. NullArgumentError.
     void vrfStatusIs(const State::Handle<const VrfStatus>& vrfStatus);
-    /// Removes it; it stops reacting. Absent is no error.
-    void vrfStatusDel(const L3::VrfName& vrfName);
+    /// Removes and hands it back, null when absent; it stops reacting.
+    State::Handle<NestedSm_VrfStatus> vrfStatusDel(const L3::VrfName& vrfName);
     void vrfStatusDelAll();
     bool vrfStatusHas(const L3::VrfName& vrfName) const { return vrfStatus_.has(vrfName); }
     State::Handle<NestedSm_VrfStatus> vrfStatus(const L3::VrfName& vrfName) const {

@@ -70,13 +70,15 @@ void NatVrfDirSm::handleVrf(const L3::VrfName& vrfName) {
     if (!routingHwRouteStatus_)
         return;
     const auto status = routingHwRouteStatus_->vrfStatus(vrfName);
-    if (!status || !mrouteRouteMap_ || !shmemEm_)
+    if (!status)
         return;
     const std::uint32_t vrfId = status->vrfId();
     if (vrfId == 0 && vrfName != "default") {
         TRACE(8, "NatVrfDirSm::", "handleVrf", " will wait for vrfId to be updated for vrfName=", vrfName);
         return;
     }
+    if (!mrouteRouteMap_ || !shmemEm_)
+        return;
     TRACE(8, "NatVrfDirSm::", "handleVrf", " adding vrfName=", vrfName);
     FATAL_ASSERT(!mrouteRouteMap()->vrfNameToIdHas(vrfName),
                  "!mrouteRouteMap()->vrfNameToIdHas( vrfName ) && \"vrfId should not change here\"");
@@ -108,18 +110,22 @@ void NatVrfDirSm::handleVrf(const L3::VrfName& vrfName) {
 void NatVrfDirSm::removeVrf(const L3::VrfName& vrfName) {
     if (!mrouteRouteMap_ || !mrouteRouteMap_->vrfNameToIdHas(vrfName))
         return;
-    TRACE(8, "NatVrfDirSm::", "handleVrf", " removing vrfName=", vrfName);
+    TRACE_AS(8, "handleVrf", "NatVrfDirSm::", "handleVrf", " removing vrfName=", vrfName);
     const L3::VrfId id = mrouteRouteMap_->vrfNameToIdDel(vrfName);
+    const auto unmount = [this](const std::string& path) {
+        if (shmemEm_)
+            shmemEm_->doUnmount(path);
+    };
     if (toggleKestrelNatMfibLumenEnabled()) {
         mrouteRouteMap_->mfibDel({.vrfId = id, .routeName = lumenStaticMode});
-        shmemEm_->doUnmount(lumenPath(lumenStaticMode));
+        unmount(lumenPath(lumenStaticMode));
         mrouteRouteMap_->mfibDel({.vrfId = id, .routeName = SPARSE_MODE});
-        shmemEm_->doUnmount(lumenPath(SPARSE_MODE));
+        unmount(lumenPath(SPARSE_MODE));
     } else {
         mrouteRouteMap_->mrouteRouteDel({.vrfId = id, .routeName = STATIC_MODE});
-        shmemEm_->doUnmount(formatMulticastRoutePath(vrfName, STATIC_MODE));
+        unmount(formatMulticastRoutePath(vrfName, STATIC_MODE));
         mrouteRouteMap_->mrouteRouteDel({.vrfId = id, .routeName = SPARSE_MODE});
-        shmemEm_->doUnmount(formatMulticastRoutePath(vrfName, SPARSE_MODE));
+        unmount(formatMulticastRoutePath(vrfName, SPARSE_MODE));
     }
 }
 

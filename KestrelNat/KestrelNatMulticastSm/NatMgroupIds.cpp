@@ -35,14 +35,15 @@ void NatMgroupSm::handleMcastGroupIds(const KestrelL3::IpMcastKey& key) {
     requesters.iv().visit([&](const MrouteIntfAndVlan& requester) {
         const NatMrouteKey responseKey = requestKey(flow, requester, NatRequestType::mgroupRequest);
         if (const auto item = statusItem(key)) {
-            TRACE(8, "updated groupId for key (s=", sg.sourceIp, ", g=", sg.groupIp, ", v=", key.vlanId,
-                  "), newGroupId=", item->groupId);
+            TRACE_AS(8, "handleMcastGroupIds", "updated groupId for key (s=", sg.sourceIp, ", g=", sg.groupIp,
+                     ", v=", key.vlanId, "), newGroupId=", item->groupId());
             if (mgroupResponseMap_) {
-                mgroupResponseMap_->mgroupIdIs(responseKey, item->groupId);
+                mgroupResponseMap_->mgroupIdIs(responseKey, item->groupId());
             }
             return true;
         }
-        TRACE(8, "removed groupId for key (s=", sg.sourceIp, ", g=", sg.groupIp, ", v=", key.vlanId, ")");
+        TRACE_AS(8, "handleMcastGroupIds", "removed groupId for key (s=", sg.sourceIp, ", g=", sg.groupIp,
+                 ", v=", key.vlanId, ")");
         if (mgroupResponseMap_) {
             mgroupResponseMap_->mgroupIdDel(responseKey);
         }
@@ -68,8 +69,7 @@ std::optional<MgroupItem> NatMgroupSm::statusItem(const KestrelL3::IpMcastKey& k
     if (!l3MgroupStatus_)
         return std::nullopt;
     try {
-        const MgroupItem* item = l3MgroupStatus_->mgroup(key);
-        return item == nullptr ? std::nullopt : std::optional(*item);
+        return l3MgroupStatus_->mgroup(key);
     } catch (const State::CorruptionError& error) {
         l3MgroupStatus_->doCorruptionDetected(error.what());
         return MgroupItem{};

@@ -45,7 +45,7 @@ void NatMgroupSm::addRequest(const NatMrouteKey& key) {
         l3MgroupConfig_->mroutesIs(KestrelCommon::MrouteGroup::MrouteItem(groupKey));
     const auto item = statusItem(groupKey);
     if (item && mgroupResponseMap_)
-        mgroupResponseMap_->mgroupIdIs(key, item->groupId);
+        mgroupResponseMap_->mgroupIdIs(key, item->groupId());
 }
 
 void NatMgroupSm::deleteRequest(const NatMrouteKey& key) {

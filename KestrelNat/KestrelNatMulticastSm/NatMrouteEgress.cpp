@@ -16,6 +16,9 @@ namespace {
 
 using Routing::Multicast::Fib::IpGenRouteKey;
 
+// The function whose rule this is, as traces name it.
+constexpr const char* resolving = "getEgressIntfsFromCurrentVrf";
+
 // Which routes a request matches.
 struct RouteMatch {
     L3::IpAddr source; // zero: any
@@ -59,10 +62,10 @@ void eachMatch(const RouteMatch& match, const Routes& routes, Collect collect) {
 // The interfaces of a route: the route's own array, unless it names the empty interface, which no answer
 // holds.
 L3::IntfSet egressOf(const Lumen::Multicast::Fib::Route& route) {
-    TRACE(8, "Iterating oifs for routeKey=", route.key());
+    TRACE_AS(8, resolving, "Iterating oifs for routeKey=", route.key());
     L3::IntfSet intfs = route.intf();
     for (const L3::IntfId intf : route.intf())
-        TRACE(9, "oif intf: ", intf);
+        TRACE_AS(9, resolving, "oif intf: ", intf);
     intfs.erase(L3::IntfId());
     return intfs;
 }
@@ -93,13 +96,13 @@ L3::IntfId readIntf(const Quill::Multicast::Fib::Status& table, Quill::Multicast
 // Adds the interfaces of a row: its list of indexes ends at the null index; one above raises RangeError.
 void addEgressOf(const Quill::Multicast::Fib::Status& table, const IpGenRouteKey& routeKey,
                  L3::IntfUnion& egress) {
-    TRACE(8, "Iterating oifs for routeKey=", routeKey);
+    TRACE_AS(8, resolving, "Iterating oifs for routeKey=", routeKey);
     for (const std::uint16_t number : readRoute(table, routeKey).oifs) {
         const Quill::Multicast::Fib::OifIndex oifIndex(number);
         if (oifIndex.isNull())
             return;
         const L3::IntfId intf = readIntf(table, oifIndex);
-        TRACE(9, "oifIndex: ", oifIndex, ", oifIndexIntf: ", intf);
+        TRACE_AS(9, resolving, "oifIndex: ", oifIndex, ", oifIndexIntf: ", intf);
         if (!intf.isEmpty())
             egress.add(intf);
     }

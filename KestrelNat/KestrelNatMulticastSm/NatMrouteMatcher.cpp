@@ -45,7 +45,8 @@ void NatMrouteMatcher::edit(const MrouteSourceAndGroup& sg, Change change) {
 }
 
 bool NatMrouteMatcher::matches(const MrouteSourceAndGroup& sg) const {
-    return static_cast<bool>(waiting(sg));
+    return groupsWithAnySource_.has(sg.groupIp) || sourcesWithAnyGroup_.has(sg.sourceIp) ||
+           sourceGroups_.has(sg);
 }
 
 NatMrouteMatcher::Waiting NatMrouteMatcher::waiting(const MrouteSourceAndGroup& sg) const {

@@ -60,12 +60,13 @@ NatMrouteSm::ResponsePlace NatMrouteSm::responsePlace(const NatMrouteKey& key,
 void NatMrouteSm::writeResponse(const NatMrouteOifSet& egressIntfs, const ResponsePlace& place,
                                 const std::string& routeType, bool removeEmpty) {
     const auto& [key, own, isStatic] = place;
-    TRACE(8, "updateResponseMap", " responseMapKey=", key.key(), " routeType=", routeType);
+    TRACE_AS(8, "updateResponseMap", "updateResponseMap", " responseMapKey=", key.key(),
+             " routeType=", routeType);
 
     // A route update brings its table's own name, and a table need not be named by its route type: then there
     // is no own map, its write is left out, and the other type is the static one.
     if (own == nullptr)
-        TRACE(0, "updateResponseMap", " no response map for routeType=", routeType);
+        TRACE_AS(0, "updateResponseMap", "updateResponseMap", " no response map for routeType=", routeType);
     else if (egressIntfs)
         (*own)->mrouteRespCollection().is(key, egressIntfs);
     else

@@ -90,6 +90,8 @@ NatMrouteSm::~NatMrouteSm() {
         member.value->ownerDel();
     for (const auto& member : mfibApp_.walk())
         member.value->ownerDel();
+    watchedMroutesDelAll();
+    vrfIdSourceAndGroupToIntfDelAll();
 }
 
 void NatMrouteSm::retire() {

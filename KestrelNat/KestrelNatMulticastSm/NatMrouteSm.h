@@ -146,20 +146,22 @@ class NatMrouteSm final : public State::StateMachine {
         bool isStatic; // by the static route type
     };
 
-    // The flows that one route concerns, at most three, and who asks for them as the record stood then.
-    struct Flow {
-        VrfIdMrouteSourceAndGroup vsg;
-        const MrouteIntfAndVlanSet* requesters;
-    };
+    // The flows that one route concerns, at most three, and who asks for the first: of the others the record may
+    // say something else by the time they are answered.
     class Flows {
       public:
-        void append(const Flow& flow) { flows_[count_++] = flow; }
+        void append(const VrfIdMrouteSourceAndGroup& vsg, const MrouteIntfAndVlanSet* requesters) {
+            firstRequesters_ = count_ == 0 ? requesters : firstRequesters_;
+            flows_[count_++] = vsg;
+        }
         bool empty() const { return count_ == 0; }
-        const Flow* begin() const { return flows_.data(); }
-        const Flow* end() const { return flows_.data() + count_; }
+        const VrfIdMrouteSourceAndGroup* begin() const { return flows_.data(); }
+        const VrfIdMrouteSourceAndGroup* end() const { return flows_.data() + count_; }
+        const MrouteIntfAndVlanSet* firstRequesters() const { return firstRequesters_; }
 
       private:
-        std::array<Flow, 3> flows_;
+        std::array<VrfIdMrouteSourceAndGroup, 3> flows_;
+        const MrouteIntfAndVlanSet* firstRequesters_ = nullptr;
         std::uint32_t count_ = 0;
     };
 

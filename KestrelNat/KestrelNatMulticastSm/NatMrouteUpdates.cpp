@@ -53,12 +53,11 @@ void NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey& routeKey, const Na
 
     const Flows sgs = concernedFlows(natMcastKey.vrfId, sg, waiting);
     FATAL_ASSERT(!sgs.empty(), "!sgs.empty() && \"sourceAndGroupToIntf does not have the requested entry\"");
-    for (const Flow& flow : sgs) {
-        const VrfIdMrouteSourceAndGroup& vsg = flow.vsg;
+    for (const VrfIdMrouteSourceAndGroup& vsg : sgs) {
         TRACE(8, "found sg=(", vsg.sg.sourceIp, ", ", vsg.sg.groupIp, ")");
         // Whoever hears of an answer may change the record: behind the first flow it is asked again.
-        const bool isFirst = &flow == sgs.begin();
-        const auto* requesters = isFirst ? flow.requesters : vrfIdSourceAndGroupToIntf_.find(vsg);
+        const bool isFirst = &vsg == sgs.begin();
+        const auto* requesters = isFirst ? sgs.firstRequesters() : vrfIdSourceAndGroupToIntf_.find(vsg);
         FATAL_ASSERT(requesters != nullptr, "vrfIdSourceAndGroupToIntfHas( vsg ) && "
                                             "\"sourceAndGroupToIntf does not have the requested entry\"");
         requesters->iv().forEach([&](const MrouteIntfAndVlan& requester) { // holds the set as it is now
@@ -81,11 +80,11 @@ NatMrouteSm::Flows NatMrouteSm::concernedFlows(L3::VrfId vrfId, const MrouteSour
             return;
         const auto vsg = State::whole<VrfIdMrouteSourceAndGroup>(vrfId, flow);
         if (const auto* requesters = vrfIdSourceAndGroupToIntf_.find(vsg))
-            flows.append({.vsg = vsg, .requesters = requesters});
+            flows.append(vsg, requesters);
     };
     if (sg.sourceIp.isZero()) {
         const auto vsg = State::whole<VrfIdMrouteSourceAndGroup>(vrfId, sg);
-        flows.append({.vsg = vsg, .requesters = vrfIdSourceAndGroupToIntf_.find(vsg)});
+        flows.append(vsg, vrfIdSourceAndGroupToIntf_.find(vsg));
         return flows;
     }
     appendIf(waiting.own, sg);
@@ -102,7 +101,7 @@ void NatMrouteSm::answerRequester(const VrfIdMrouteSourceAndGroup& vsg, const Mr
     const ResponsePlace place = responsePlace(key, table.name());
     const NatMrouteOifSet oifs = getEgressIntfsForMrouteKey(key, table.quillRoutes, table.lumenMfib);
     writeResponse(oifs, place, table.name(), true);
-    TRACE(8, "setting ", key, " to key ", oifs);
+    TRACE_AS(8, "handleMcastRouteUpdate", "setting ", key, " to key ", oifs);
 }
 
 void NatMrouteSm::handleMcastRouteUpdateAll(const NatMcastRouteKey& natMcastKey) {

@@ -43,8 +43,7 @@ struct MrouteSourceAndGroup {
     static MrouteSourceAndGroup of(const NatMrouteKey& key) {
         return State::whole<MrouteSourceAndGroup>(key.sourceIp, key.groupIp);
     }
-    std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(bits()).result(); }
-    std::uint64_t bits() const { return std::uint64_t{sourceIp.value()} << 32 | groupIp.value(); }
+    std::uint32_t hash(std::uint32_t seed) const { return State::hashFields(*this, seed); }
     auto operator<=>(const MrouteSourceAndGroup&) const = default;
 };
 
@@ -60,9 +59,7 @@ struct VrfIdMrouteSourceAndGroup {
     static VrfIdMrouteSourceAndGroup of(const NatMrouteKey& key) {
         return State::whole<VrfIdMrouteSourceAndGroup>(key.vrfId, MrouteSourceAndGroup::of(key));
     }
-    std::uint32_t hash(std::uint32_t seed) const {
-        return State::Hasher(seed).mix(sg.bits()).mix(vrfId.value()).result();
-    }
+    std::uint32_t hash(std::uint32_t seed) const { return State::hashFields(*this, seed); }
     auto operator<=>(const VrfIdMrouteSourceAndGroup&) const = default;
 };
 

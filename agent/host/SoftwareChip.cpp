@@ -10,8 +10,8 @@ namespace Agent {
 
 namespace {
 
+using KestrelCommon::MrouteGroup::Mgroup;
 using KestrelCommon::MrouteGroup::MgroupColl;
-using KestrelCommon::MrouteGroup::MgroupItem;
 using KestrelCommon::MrouteGroup::MrouteColl;
 
 // Rows done at a time, so that the loop comes to others in between.
@@ -74,7 +74,7 @@ void SoftwareChip::settle(const Key& key) {
         const std::uint32_t id = freeId();
         groups_.emplace(key, id);
         TRACE(8, "SoftwareChip::", "settle", " group ", id, " for ", key);
-        status_->mgroupsIs(key, MgroupItem{.groupId = id});
+        status_->mgroupsIs(key, Mgroup{.groupId = id});
     } else if (!isWanted && own != groups_.end()) {
         const std::uint32_t id = own->second;
         groups_.erase(own);

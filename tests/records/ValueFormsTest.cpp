@@ -80,8 +80,8 @@ TEST(ValueForms, OfKeysReadBackAsTheyWereWritten) {
                                           .group = IpGenAddr::fromString("ff0e::1"),
                                           .vlanId = 4094},
                     "KestrelL3::IpMcastKey(vrfId=65535, source=10.0.0.1, group=ff0e::1, vlanId=4094)");
-    expectRoundTrip(KestrelCommon::MrouteGroup::MgroupItem{.groupId = 4294967295U},
-                    "KestrelCommon::MrouteGroup::MgroupItem(groupId=4294967295)");
+    expectRoundTrip(KestrelCommon::MrouteGroup::Mgroup{.groupId = 4294967295U},
+                    "KestrelCommon::MrouteGroup::Mgroup(groupId=4294967295)");
     expectRoundTrip(L3::VrfName("red"), "\"red\"");
     expectRoundTrip(L3::VrfName("\"a\\b\"\n\t\x01\x7f, (c=d)\xc3\xa9"), R"("\"a\\b\"\n\t\x01\x7f, (c=d)é")");
     expectRoundTrip(L3::VrfId(0x00ffffff), "16777215");
