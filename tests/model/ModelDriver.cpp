@@ -1,8 +1,8 @@
 #include "tests/model/ModelDriver.h"
 
-#include "tests/model/Guards.h"
 #include "tests/model/NaiveModel.h"
 #include "tests/model/OperationSource.h"
+#include "tests/model/ProductUnderTest.h"
 
 #include <algorithm>
 #include <csignal>
@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 namespace Model {
 
@@ -27,11 +29,13 @@ std::optional<std::uint64_t> numberFromEnvironment(const char* name) {
     return number;
 }
 
-std::string listed(const std::vector<Operation>& operations, std::size_t last) {
+using Operations = std::vector<Operation>;
+
+std::string listed(const Operations& operations, std::size_t last) {
     const std::size_t skipped = operations.size() - std::min(last, operations.size());
-    std::string result = skipped == 0 ? "" : "  ... " + std::to_string(skipped) + " before\n";
+    std::string result = skipped == 0 ? "" : "# ... " + std::to_string(skipped) + " before\n";
     for (std::size_t at = skipped; at < operations.size(); ++at)
-        result += "  " + text(operations[at]) + "\n";
+        result += line(productSource(), operations[at]) + "\n";
     return result;
 }
 
@@ -40,7 +44,7 @@ std::string listed(const std::vector<Operation>& operations, std::size_t last) {
 // enough.
 class AbortReport {
   public:
-    AbortReport(std::uint64_t seed, const std::vector<Operation>& operations)
+    AbortReport(std::uint64_t seed, const Operations& operations)
         : previous_(std::signal(SIGABRT, tell)) {
         seed_ = seed;
         operations_ = &operations;
@@ -61,40 +65,71 @@ class AbortReport {
     }
 
     static inline std::uint64_t seed_ = 0;
-    static inline const std::vector<Operation>* operations_ = nullptr;
+    static inline const Operations* operations_ = nullptr;
     void (*previous_)(int) = nullptr;
 };
 
-// A model and a system to which the same is done.
-class Pair {
-  public:
-    Pair(Source source, std::unique_ptr<SystemUnderTest> system)
-        : model_(source)
-        , system_(std::move(system)) {}
+// The model and the plug-in, to which the same is done.
+struct Pair {
+    NaiveModel model{productSource()};
+    ProductUnderTest product;
 
-    const NaiveModel& model() const { return model_; }
-
-    bool agreeAfter(const Operation& operation) {
-        try {
-            apply(operation, model_);
-            apply(operation, *system_);
-        } catch (const std::exception& error) {
-            thrown_ = error.what();
-            return false;
-        }
-        return model_.observe() == system_->observe();
-    }
-
-    std::string disagreement() {
-        return thrown_.empty() ? difference(model_.observe(), system_->observe())
-                               : "  an exception: " + thrown_ + "\n";
-    }
-
-  private:
-    NaiveModel model_;
-    std::unique_ptr<SystemUnderTest> system_;
-    std::string thrown_;
+    bool agree() { return model.observe() == product.observe(); }
+    std::string disagreement() { return difference(model.observe(), product.observe()); }
 };
+
+// The operations of one episode up to the first disagreement; nothing when there was none.
+std::optional<Operations> failingEpisode(std::uint64_t seed, std::size_t length) {
+    Pair pair;
+    OperationSource source(seed);
+    Operations operations;
+    const AbortReport onAbort(seed, operations);
+    while (operations.size() < length) {
+        Operation operation = source.draw(pair.model.world());
+        if (!pair.model.apply(operation))
+            continue;
+        operations.push_back(std::move(operation));
+        pair.product.apply(operations.back());
+        if (!pair.agree())
+            return operations;
+    }
+    return std::nullopt;
+}
+
+// Those of the operations that are allowed, up to the first disagreement, with what differs then.
+std::optional<std::pair<Operations, std::string>> failingReplay(const Operations& operations) {
+    Pair pair;
+    Operations done;
+    for (const Operation& operation : operations) {
+        if (!pair.model.apply(operation))
+            continue;
+        done.push_back(operation);
+        pair.product.apply(operation);
+        if (!pair.agree())
+            return {{done, pair.disagreement()}};
+    }
+    return std::nullopt;
+}
+
+std::string report(std::uint64_t seed, Operations operations) {
+    std::string disagreement = "  nothing: the disagreement did not come again\n";
+    const AbortReport onAbort(seed, operations);
+    if (const auto again = failingReplay(operations))
+        disagreement = again->second;
+    for (std::size_t chunk = operations.size() / 2; chunk > 0; chunk /= 2) {
+        for (std::size_t from = 0; from < operations.size();) {
+            const std::size_t to = std::min(from + chunk, operations.size());
+            Operations fewer = operations;
+            fewer.erase(fewer.begin() + std::ptrdiff_t(from), fewer.begin() + std::ptrdiff_t(to));
+            if (auto failing = failingReplay(fewer))
+                std::tie(operations, disagreement) = *std::move(failing);
+            else
+                from = to;
+        }
+    }
+    return "model and plug-in disagree; repeat with KESTREL_TEST_SEED=" + std::to_string(seed) +
+           "\nthinned out to:\n" + listed(operations, 60) + "what differs:\n" + disagreement;
+}
 
 } // namespace
 
@@ -105,73 +140,15 @@ Settings Settings::fromEnvironment() {
     return settings;
 }
 
-ModelDriver::ModelDriver(Source source, SystemFactory makeSystem)
-    : source_(source)
-    , makeSystem_(std::move(makeSystem)) {}
-
-std::optional<std::string> ModelDriver::run(const Settings& settings) {
+std::optional<std::string> disagreementOfModelAndPlugIn(const Settings& settings) {
     std::size_t left = settings.operations;
     for (std::uint64_t seed = settings.seed; left > 0; ++seed) {
         const std::size_t length = std::min(left, settings.episodeLength);
         left -= length;
-        if (const std::optional<Operations> failing = failingEpisode(seed, length)) {
-            const AbortReport onAbort(seed, *failing);
-            return report(seed, thinnedOut(*failing));
-        }
+        if (const auto failing = failingEpisode(seed, length))
+            return report(seed, *failing);
     }
     return std::nullopt;
-}
-
-std::optional<ModelDriver::Operations> ModelDriver::failingEpisode(std::uint64_t seed, std::size_t length) {
-    Pair pair(source_, makeSystem_());
-    OperationSource source(seed);
-    Operations operations;
-    const AbortReport onAbort(seed, operations);
-    while (operations.size() < length) {
-        operations.push_back(source.draw(pair.model()));
-        if (!pair.agreeAfter(operations.back()))
-            return operations;
-    }
-    return std::nullopt;
-}
-
-std::optional<ModelDriver::Operations> ModelDriver::failingReplay(const Operations& operations,
-                                                                  std::string* disagreement) {
-    Pair pair(source_, makeSystem_());
-    Operations done;
-    for (const Operation& operation : operations) {
-        if (!allowed(operation, pair.model()))
-            continue;
-        done.push_back(operation);
-        if (!pair.agreeAfter(operation)) {
-            if (disagreement != nullptr)
-                *disagreement = pair.disagreement();
-            return done;
-        }
-    }
-    return std::nullopt;
-}
-
-ModelDriver::Operations ModelDriver::thinnedOut(Operations operations) {
-    for (std::size_t chunk = operations.size() / 2; chunk > 0; chunk /= 2) {
-        for (std::size_t from = 0; from < operations.size();) {
-            const std::size_t to = std::min(from + chunk, operations.size());
-            Operations fewer = operations;
-            fewer.erase(fewer.begin() + std::ptrdiff_t(from), fewer.begin() + std::ptrdiff_t(to));
-            if (std::optional<Operations> failing = failingReplay(fewer))
-                operations = *std::move(failing);
-            else
-                from = to;
-        }
-    }
-    return operations;
-}
-
-std::string ModelDriver::report(std::uint64_t seed, const Operations& operations) {
-    std::string disagreement = "  nothing: the disagreement did not come again\n";
-    failingReplay(operations, &disagreement);
-    return "model and system disagree; repeat with KESTREL_TEST_SEED=" + std::to_string(seed) +
-           "\noperations, thinned out:\n" + listed(operations, 60) + "what differs:\n" + disagreement;
 }
 
 } // namespace Model

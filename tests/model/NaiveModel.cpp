@@ -1,25 +1,75 @@
 #include "tests/model/NaiveModel.h"
 
+#include <algorithm>
+
 namespace Model {
 
 NaiveModel::NaiveModel(Source source)
-    : source_(source)
-    , mroute_(source, stores_, seen_)
-    , mgroup_(stores_, seen_) {
+    : world_(source) {
     if (source == Source::quill)
         for (const RouteType type : routeTypes)
             stores_.tables.put({"default", type}, Table());
 }
 
+bool NaiveModel::apply(const Operation& operation) {
+    seen_.said.clear();
+    const World before = world_;
+    try {
+        carryOut(operation);
+        return true;
+    } catch (const NotAllowed&) {
+        world_ = before;
+        return false;
+    }
+}
+
+void NaiveModel::carryOut(const Operation& operation) {
+    std::visit(Each{
+                   [&](const PlugIn& op) {
+                       if (op.isLoaded == world_.isLoaded)
+                           throw NotAllowed("it is as it is");
+                       op.isLoaded ? start() : stop();
+                   },
+                   [&](const VrfStatus& op) { vrfStatus(op); },
+                   [&](const VrfEnabled& op) { vrfEnabled(op); },
+                   [&](const TableIs& op) { table(op); },
+                   [&](const QuillRoute& op) {
+                       auto& routes = tableOf(Source::quill, op.table).routes;
+                       if (op.oifs ? routes.put(op.key, {*op.oifs, {}, 1}) : routes.erase(op.key))
+                           mroute_.rowChanged(op.table, op.key);
+                   },
+                   [&](const OifRow& op) {
+                       auto& rows = tableOf(Source::quill, op.table).oifIndexIntf;
+                       if (op.intf ? rows.put(op.index, *op.intf) : rows.erase(op.index))
+                           mroute_.oifRowChanged(op.table, op.index);
+                   },
+                   [&](const LumenRoute& op) { lumenRoute(op); },
+                   [&](const Request& op) {
+                       const bool isMroute = op.service == Service::mroute;
+                       auto& requests = isMroute ? stores_.mrouteRequests : stores_.mgroupRequests;
+                       if (!(op.isThere ? requests.put(op.key) : requests.erase(op.key)) || !world_.isLoaded)
+                           return;
+                       isMroute ? mroute_.requestChanged(op.key) : mgroup_.requestChanged(op.key);
+                   },
+                   [&](const EgressFromAllVrfs& op) { stores_.egressFromAllVrfs = op.isOn; },
+                   [&](const GroupStatus& op) { mgroup_.statusIs(op.key, op.groupId); },
+                   [&](const Chip& op) { stores_.hasChip = op.isThere; },
+               },
+               operation);
+}
+
 void NaiveModel::start() {
-    seen_.mounted.insert("routing/multicast/routestatus/default/static");
-    seen_.mounted.insert("routing/multicast/routestatus/default/sparsemode");
-    started_ = true;
+    world_.detail(6, "doInit", "NatMulticastMounter::doInit");
+    for (const RouteType type : routeTypes)
+        seen_.mounted.insert("routing/multicast/routestatus/default/" + routeTypeName(Source::quill, type));
+    world_.detail(6, "doMountsComplete", "NatMulticastMounter::doMountsComplete");
+    world_.detail(6, "handleInitialized", "NatVrfDirSm::handleInitialized");
+    world_.isLoaded = true;
     const auto vrfs = stores_.vrfEnabled;
     for (const auto& [vrf, enabled] : vrfs)
         handleVrf(vrf);
     mroute_.start();
-    mrouteStarted_ = true;
+    world_.isMrouteThere = true;
     mgroup_.start();
 }
 
@@ -28,172 +78,115 @@ void NaiveModel::stop() {
     mroute_.stop();
     seen_.vrfIds.clear();
     seen_.routeMap.clear();
-    mrouteStarted_ = false;
-    started_ = false;
+    world_.isMrouteThere = false;
+    world_.isLoaded = false;
 }
 
-void NaiveModel::vrfStatusIs(const std::string& vrf, std::uint32_t vrfId) {
-    if (stores_.vrfStatus.put(vrf, vrfId))
-        handleVrf(vrf);
+void NaiveModel::vrfStatus(const VrfStatus& op) {
+    const bool wasThere = stores_.vrfStatus.has(op.vrf);
+    const bool isChange =
+        op.vrfId ? stores_.vrfStatus.put(op.vrf, *op.vrfId) : stores_.vrfStatus.erase(op.vrf);
+    if (isChange || op.isAnotherEntry)
+        handleVrf(op.vrf); // for the collection's member, or for the entry
+    if (wasThere && op.isAnotherEntry)
+        handleVrf(op.vrf); // for the watcher of the entry, which is pointed at the new one
 }
 
-void NaiveModel::vrfStatusReplaced(const std::string& vrf, std::uint32_t vrfId) {
-    stores_.vrfStatus.put(vrf, vrfId);
-    handleVrf(vrf); // for the collection's member
-    handleVrf(vrf); // for the watcher of the entry, which is pointed at the new one
+void NaiveModel::vrfEnabled(const VrfEnabled& op) {
+    if (op.isOn ? stores_.vrfEnabled.put(op.vrf, *op.isOn) : stores_.vrfEnabled.erase(op.vrf))
+        handleVrf(op.vrf);
 }
 
-void NaiveModel::vrfStatusDel(const std::string& vrf) {
-    if (stores_.vrfStatus.erase(vrf))
-        handleVrf(vrf);
+void NaiveModel::table(const TableIs& op) {
+    if (op.isThere && !stores_.tables.has(op.table))
+        stores_.tables.put(op.table, Table());
+    if (op.isThere)
+        return;
+    const bool isUsed = std::any_of(seen_.routeMap.begin(), seen_.routeMap.end(),
+                                    [&op](const auto& member) { return member.second == op.table; });
+    if (world_.source == Source::quill || isUsed)
+        throw NotAllowed("the table stays");
+    stores_.tables.erase(op.table);
 }
 
-void NaiveModel::vrfEnabledIs(const std::string& vrf, bool enabled) {
-    if (stores_.vrfEnabled.put(vrf, enabled))
-        handleVrf(vrf);
+void NaiveModel::lumenRoute(const LumenRoute& op) {
+    auto& routes = tableOf(Source::lumen, op.table).routes;
+    const bool wasThere = routes.has(op.key);
+    if (!op.intfs) {
+        if (routes.erase(op.key))
+            mroute_.rowChanged(op.table, op.key);
+        return;
+    }
+    const bool isChange = routes.put(op.key, {{}, *op.intfs, op.ready});
+    if (!wasThere || op.writing == Writing::replaced)
+        mroute_.rowChanged(op.table, op.key);
+    else if (isChange && op.writing == Writing::told)
+        mroute_.versionChanged(op.table, op.key);
 }
 
-void NaiveModel::vrfEnabledDel(const std::string& vrf) {
-    if (stores_.vrfEnabled.erase(vrf))
-        handleVrf(vrf);
+Table& NaiveModel::tableOf(Source source, const TableName& name) {
+    if (world_.source != source || !stores_.tables.has(name))
+        throw NotAllowed("there is no such table");
+    return stores_.tables.at(name);
 }
 
 void NaiveModel::handleVrf(const std::string& vrf) {
-    if (!started_)
+    if (!world_.isLoaded)
         return;
+    const auto trace = [&](const std::string& message) {
+        world_.detail(8, "handleVrf", "NatVrfDirSm::handleVrf " + message + "vrfName=" + vrf);
+    };
+    trace("");
     if (!stores_.vrfEnabled.get(vrf)) {
-        removeVrf(vrf);
+        if (seen_.vrfIds.has(vrf)) {
+            trace("removing ");
+            removeVrf(vrf);
+        }
         return;
     }
     const std::uint32_t* vrfId = stores_.vrfStatus.find(vrf);
-    if (vrfId == nullptr || (*vrfId == 0 && vrf != "default"))
+    if (vrfId == nullptr)
         return;
+    if (*vrfId == 0 && vrf != "default") {
+        trace("will wait for vrfId to be updated for ");
+        return;
+    }
+    trace("adding ");
     addVrf(vrf, *vrfId);
 }
 
 void NaiveModel::addVrf(const std::string& vrf, std::uint32_t vrfId) {
     if (seen_.vrfIds.has(vrf) || vrfId > 0x00ffffffU)
-        throw Fatal("VRF " + vrf + " can't be added with the identifier " + std::to_string(vrfId));
-    seen_.vrfIds.put(vrf, vrfId);
+        throw NotAllowed("VRF " + vrf + " can't be added with the identifier " + std::to_string(vrfId));
+    world_.put("vrfNameToId", seen_.vrfIds, vrf, vrfId);
     for (const RouteType type : routeTypes) {
         const TableName name = {vrf, type};
-        seen_.mounted.insert(mountPath(name));
+        seen_.mounted.insert(mountPath(world_.source, name));
         if (!stores_.tables.has(name)) {
-            if (source_ == Source::quill)
-                throw Fatal("route table " + text(name) + " isn't there");
+            if (world_.source == Source::quill)
+                throw NotAllowed("route table " + text(name) + " isn't there");
+            world_.detail(8, "handleVrf",
+                          std::string("Lumen mfib not found for ") +
+                              (type == RouteType::plain ? "static mode" : "sparsemode") + ", vrfName=" + vrf);
             continue;
         }
-        const TableKey table = {vrfId, routeTypeName(source_, type)};
-        if (seen_.routeMap.put(table, name) && mrouteStarted_)
+        const TableKey table = {vrfId, routeTypeName(world_.source, type)};
+        const bool isChange =
+            world_.put(world_.source == Source::quill ? "mrouteRoute" : "mfib", seen_.routeMap, table, name);
+        if (isChange && world_.isMrouteThere)
             mroute_.tableEntered(table);
     }
 }
 
 void NaiveModel::removeVrf(const std::string& vrf) {
-    if (!seen_.vrfIds.has(vrf))
-        return;
     const std::uint32_t vrfId = seen_.vrfIds.at(vrf);
-    seen_.vrfIds.erase(vrf);
+    world_.erase("vrfNameToId", seen_.vrfIds, vrf);
     for (const RouteType type : routeTypes) {
-        const TableKey table = {vrfId, routeTypeName(source_, type)};
-        if (seen_.routeMap.erase(table))
+        const TableKey table = {vrfId, routeTypeName(world_.source, type)};
+        if (world_.erase(world_.source == Source::quill ? "mrouteRoute" : "mfib", seen_.routeMap, table))
             mroute_.tableLeft(table);
-        seen_.mounted.erase(mountPath({vrf, type}));
+        seen_.mounted.erase(mountPath(world_.source, {vrf, type}));
     }
-}
-
-std::string NaiveModel::mountPath(const TableName& table) const {
-    // All VRFs share the two mounts of the Lumen source.
-    return source_ == Source::lumen
-               ? "lumen/multicast/fib/ipv4/" + routeTypeName(source_, table.type)
-               : "routing/multicast/routestatus/" + table.vrf + "/" + routeTypeName(source_, table.type);
-}
-
-void NaiveModel::tableIs(const TableName& table) {
-    if (!stores_.tables.has(table))
-        stores_.tables.put(table, Table());
-}
-
-void NaiveModel::tableDel(const TableName& table) {
-    stores_.tables.erase(table);
-}
-
-void NaiveModel::quillRouteIs(const TableName& table, const RouteKey& key,
-                              const std::vector<std::uint16_t>& oifs) {
-    if (stores_.tables.at(table).routes.put(key, {oifs, {}, 1}))
-        mroute_.rowChanged(table, key);
-}
-
-void NaiveModel::oifIndexIntfIs(const TableName& table, std::uint16_t index, const std::string& intf) {
-    if (stores_.tables.at(table).oifIndexIntf.put(index, intf))
-        mroute_.oifRowChanged(table);
-}
-
-void NaiveModel::oifIndexIntfDel(const TableName& table, std::uint16_t index) {
-    if (stores_.tables.at(table).oifIndexIntf.erase(index))
-        mroute_.oifRowChanged(table);
-}
-
-void NaiveModel::lumenRouteIs(const TableName& table, const RouteKey& key, const Names& intfs,
-                              std::uint32_t ready) {
-    OrderedMap<RouteKey, Route>& routes = stores_.tables.at(table).routes;
-    const bool isNew = !routes.has(key);
-    if (!routes.put(key, {{}, intfs, ready}))
-        return;
-    if (isNew)
-        mroute_.rowChanged(table, key);
-    else
-        mroute_.versionChanged(table, key);
-}
-
-void NaiveModel::lumenRouteUntold(const TableName& table, const RouteKey& key, const Names& intfs,
-                                  std::uint32_t ready) {
-    stores_.tables.at(table).routes.at(key) = {{}, intfs, ready};
-}
-
-void NaiveModel::lumenRouteReplaced(const TableName& table, const RouteKey& key, const Names& intfs,
-                                    std::uint32_t ready) {
-    stores_.tables.at(table).routes.at(key) = {{}, intfs, ready};
-    mroute_.rowChanged(table, key);
-}
-
-void NaiveModel::routeDel(const TableName& table, const RouteKey& key) {
-    if (stores_.tables.at(table).routes.erase(key))
-        mroute_.rowChanged(table, key);
-}
-
-void NaiveModel::mrouteRequestIs(const RequestKey& key) {
-    if (stores_.mrouteRequests.put(key) && started_)
-        mroute_.requestChanged(key);
-}
-
-void NaiveModel::mrouteRequestDel(const RequestKey& key) {
-    if (stores_.mrouteRequests.erase(key) && started_)
-        mroute_.requestChanged(key);
-}
-
-void NaiveModel::egressFromAllVrfsIs(bool all) {
-    stores_.egressFromAllVrfs = all;
-}
-
-void NaiveModel::mgroupRequestIs(const RequestKey& key) {
-    if (stores_.mgroupRequests.put(key) && started_)
-        mgroup_.requestChanged(key);
-}
-
-void NaiveModel::mgroupRequestDel(const RequestKey& key) {
-    if (stores_.mgroupRequests.erase(key) && started_)
-        mgroup_.requestChanged(key);
-}
-
-void NaiveModel::groupStatusIs(const GroupKey& key, std::uint32_t groupId) {
-    if (stores_.groupStatus.put(key, groupId) && started_)
-        mgroup_.statusChanged(key);
-}
-
-void NaiveModel::groupStatusDel(const GroupKey& key) {
-    if (stores_.groupStatus.erase(key) && started_)
-        mgroup_.statusChanged(key);
 }
 
 } // namespace Model

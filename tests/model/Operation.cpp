@@ -2,115 +2,119 @@
 
 namespace Model {
 
-void apply(const Operation& op, SystemUnderTest& system) {
-    switch (op.kind) {
-    case Kind::start:
-        return system.start();
-    case Kind::stop:
-        return system.stop();
-    case Kind::vrfStatusIs:
-        return system.vrfStatusIs(op.vrf, op.vrfId);
-    case Kind::vrfStatusReplaced:
-        return system.vrfStatusReplaced(op.vrf, op.vrfId);
-    case Kind::vrfStatusDel:
-        return system.vrfStatusDel(op.vrf);
-    case Kind::vrfEnabledIs:
-        return system.vrfEnabledIs(op.vrf, op.flag);
-    case Kind::vrfEnabledDel:
-        return system.vrfEnabledDel(op.vrf);
-    case Kind::tableIs:
-        return system.tableIs(op.table);
-    case Kind::tableDel:
-        return system.tableDel(op.table);
-    case Kind::quillRouteIs:
-        return system.quillRouteIs(op.table, op.route, op.oifs);
-    case Kind::oifIndexIntfIs:
-        return system.oifIndexIntfIs(op.table, op.index, op.intf);
-    case Kind::oifIndexIntfDel:
-        return system.oifIndexIntfDel(op.table, op.index);
-    case Kind::lumenRouteIs:
-        return system.lumenRouteIs(op.table, op.route, op.intfs, op.ready);
-    case Kind::lumenRouteUntold:
-        return system.lumenRouteUntold(op.table, op.route, op.intfs, op.ready);
-    case Kind::lumenRouteReplaced:
-        return system.lumenRouteReplaced(op.table, op.route, op.intfs, op.ready);
-    case Kind::routeDel:
-        return system.routeDel(op.table, op.route);
-    case Kind::mrouteRequestIs:
-        return system.mrouteRequestIs(op.request);
-    case Kind::mrouteRequestDel:
-        return system.mrouteRequestDel(op.request);
-    case Kind::egressFromAllVrfsIs:
-        return system.egressFromAllVrfsIs(op.flag);
-    case Kind::mgroupRequestIs:
-        return system.mgroupRequestIs(op.request);
-    case Kind::mgroupRequestDel:
-        return system.mgroupRequestDel(op.request);
-    case Kind::groupStatusIs:
-        return system.groupStatusIs(op.group, op.groupId);
-    case Kind::groupStatusDel:
-        return system.groupStatusDel(op.group);
-    }
+namespace {
+
+std::string quoted(const std::string& json) {
+    std::string result = "\"";
+    for (const char c : json)
+        result += c == '"' ? std::string("\\\"") : std::string(1, c);
+    return result + "\"";
 }
 
-std::string text(const Operation& op) {
-    const std::string vrfId = " id " + std::to_string(op.vrfId);
-    const std::string row = text(op.table) + " " + text(op.route);
-    const std::string content = " intfs " + text(op.intfs) + " ready " + std::to_string(op.ready);
-    const std::string oifRow = text(op.table) + " oif " + std::to_string(op.index);
-    switch (op.kind) {
-    case Kind::start:
-        return "start the plug-in";
-    case Kind::stop:
-        return "drop the plug-in";
-    case Kind::vrfStatusIs:
-        return "vrf " + op.vrf + vrfId;
-    case Kind::vrfStatusReplaced:
-        return "vrf " + op.vrf + " another entry" + vrfId;
-    case Kind::vrfStatusDel:
-        return "no vrf " + op.vrf;
-    case Kind::vrfEnabledIs:
-        return "vrf " + op.vrf + " multicast " + (op.flag ? "on" : "off");
-    case Kind::vrfEnabledDel:
-        return "no vrf " + op.vrf + " multicast";
-    case Kind::tableIs:
-        return "table " + text(op.table);
-    case Kind::tableDel:
-        return "no table " + text(op.table);
-    case Kind::quillRouteIs: {
-        std::string oifs;
-        for (const std::uint16_t oif : op.oifs)
-            oifs += " " + std::to_string(oif);
-        return "route " + row + " oifs" + oifs;
-    }
-    case Kind::oifIndexIntfIs:
-        return oifRow + " is " + text(op.intf);
-    case Kind::oifIndexIntfDel:
-        return "no " + oifRow;
-    case Kind::lumenRouteIs:
-        return "route " + row + content;
-    case Kind::lumenRouteUntold:
-        return "route " + row + " without a new version" + content;
-    case Kind::lumenRouteReplaced:
-        return "route " + row + " another object" + content;
-    case Kind::routeDel:
-        return "no route " + row;
-    case Kind::mrouteRequestIs:
-        return "request mroute " + text(op.request);
-    case Kind::mrouteRequestDel:
-        return "no request mroute " + text(op.request);
-    case Kind::egressFromAllVrfsIs:
-        return std::string("egress all ") + (op.flag ? "on" : "off");
-    case Kind::mgroupRequestIs:
-        return "request mgroup " + text(op.request);
-    case Kind::mgroupRequestDel:
-        return "no request mgroup " + text(op.request);
-    case Kind::groupStatusIs:
-        return "group " + text(op.group) + " id " + std::to_string(op.groupId);
-    case Kind::groupStatusDel:
-        return "no group " + text(op.group);
-    }
-    return "";
+std::string member(const char* name, const std::string& value) {
+    return std::string("\"") + name + "\":\"" + value + "\"";
+}
+
+std::string row(const TableName& table) {
+    return table.vrf + (table.type == RouteType::plain ? " static" : " sparse");
+}
+
+std::string words(const RouteKey& key) {
+    return " " + text(key.source) + " " + text(key.group);
+}
+
+std::string flow(Address source, Address group) {
+    return " source " + (source == 0 ? "any" : dotted(source)) + " group " +
+           (group == 0 ? "any" : dotted(group));
+}
+
+std::string setOrDel(bool isThere, const std::string& rest) {
+    return (isThere ? "set " : "del ") + rest;
+}
+
+} // namespace
+
+std::string PlugIn::line(Source) const {
+    return isLoaded ? "# the agent starts; lines above are what it is preloaded with" : "# the agent ends";
+}
+
+std::string VrfStatus::line(Source) const {
+    if (!vrfId)
+        return "del routing/hardware/route/status vrfStatus " + vrf;
+    return "vrf " + vrf + " id " + std::to_string(*vrfId) + (isAnotherEntry ? " # in another entry" : "");
+}
+
+std::string VrfEnabled::line(Source) const {
+    if (!isOn)
+        return "del routing/multicast/fibenabled/status vrfEnabled " + vrf;
+    return "vrf " + vrf + " multicast " + (*isOn ? "on" : "off");
+}
+
+std::string TableIs::line(Source source) const {
+    if (isThere)
+        return "# table " + row(table) + ", which a VRF's multicast on makes";
+    return "del " + mountPath(source, table) + " status " + table.vrf;
+}
+
+std::string QuillRoute::line(Source source) const {
+    const std::string place =
+        mountPath(source, table) + " route " +
+        quoted("{" + member("source", text(key.source)) + "," + member("group", text(key.group)) + "}");
+    if (!oifs)
+        return "del " + place;
+    std::string list;
+    for (const std::uint16_t oif : *oifs)
+        list += (list.empty() ? "" : ",") + std::to_string(oif);
+    return "set " + place + " " + quoted("{\"oifs\":[" + list + "]}");
+}
+
+std::string OifRow::line(Source source) const {
+    return setOrDel(intf.has_value(), mountPath(source, table) + " oifIndexIntf " + std::to_string(index)) +
+           (intf ? " " + quoted(*intf) : "");
+}
+
+std::string LumenRoute::line(Source) const {
+    const std::string place = "route " + row(table) + words(key);
+    if (!intfs)
+        return "no " + place;
+    std::string list;
+    for (const std::string& intf : *intfs)
+        list += intf.empty() ? " \"\"" : " " + intf;
+    return place + " oifs" + (list.empty() ? " none" : list) + (ready == 1 ? "" : " not-ready") +
+           (writing == Writing::untold     ? " # without a new version"
+            : writing == Writing::replaced ? " # as another route object"
+                                           : "");
+}
+
+std::string Request::line(Source) const {
+    const bool isMroute = service == Service::mroute;
+    const std::string name = isMroute ? "mroute" : "mgroup";
+    if (key.type == (isMroute ? 0 : 1))
+        return (isThere ? "request " : "no request ") + name + " intf " + key.intf + " vrf " +
+               std::to_string(key.vrfId) + " vlan " + std::to_string(key.vlan) + flow(key.source, key.group);
+    return setOrDel(isThere, "api/" + name + "/req " + name + "Req ") +
+           quoted("{" + member("intf", key.intf) + ",\"vrfId\":" + std::to_string(key.vrfId) +
+                  ",\"vlanId\":" + std::to_string(key.vlan) + "," + member("sourceIp", dotted(key.source)) +
+                  "," + member("groupIp", dotted(key.group)) + "," +
+                  member("type", isMroute ? "mgroupRequest" : "mrouteRequest") + "}");
+}
+
+std::string EgressFromAllVrfs::line(Source) const {
+    return std::string("egress all ") + (isOn ? "on" : "off");
+}
+
+std::string GroupStatus::line(Source) const {
+    const std::string place = "group " + std::to_string(key.vrfId) + " " + dotted(key.source) + " " +
+                              dotted(key.group) + " vlan " + std::to_string(key.vlan);
+    return groupId ? place + " id " + std::to_string(*groupId) : "no " + place;
+}
+
+std::string Chip::line(Source) const {
+    return isThere ? "# a chip answers from here on" : "# no chip answers from here on";
+}
+
+std::string line(Source source, const Operation& operation) {
+    return std::visit([source](const auto& op) { return op.line(source); }, operation);
 }
 
 } // namespace Model

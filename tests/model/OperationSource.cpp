@@ -1,7 +1,5 @@
 #include "tests/model/OperationSource.h"
 
-#include "tests/model/Guards.h"
-
 #include <string>
 
 namespace Model {
@@ -18,124 +16,85 @@ constexpr std::uint16_t vlans[] = {10, 4094};
 constexpr Address sources[] = {0x0a010000, 0x0a020000, 0x0a030001};
 constexpr Address groups[] = {0xef010000, 0xef020000, 0xe8010101};
 constexpr std::uint16_t oifIndexes = 5;
+constexpr std::uint16_t nullOif = 512; // ends a row's list
 constexpr std::size_t requestLevel = 16;
 constexpr std::size_t routeLevel = 7;
 constexpr std::size_t statusLevel = 10;
 
 } // namespace
 
-Operation OperationSource::draw(const NaiveModel& model) {
-    for (;;) {
-        Operation operation = drawAny(model);
-        if (allowed(operation, model))
-            return operation;
-    }
+Operation OperationSource::draw(const World& world) {
+    if (oneIn(world.isLoaded ? 500 : 25))
+        return PlugIn{.isLoaded = !world.isLoaded};
+    const std::size_t lot = below(1000);
+    if (lot < 60)
+        return drawVrf(world);
+    if (lot < 80)
+        return TableIs{.table = anyTable(), .isThere = world.source == Source::quill || !oneIn(3)};
+    if (lot < 420)
+        return drawRoute(world);
+    if (lot < 460)
+        return OifRow{anyTable(), static_cast<std::uint16_t>(below(oifIndexes)),
+                      oneIn(6) ? std::nullopt : std::optional(oneIn(8) ? "" : oneOf(outgoing))};
+    if (lot < 700)
+        return drawRequest(Service::mroute, world.stores.mrouteRequests);
+    if (lot < 850)
+        return drawRequest(Service::mgroup, world.stores.mgroupRequests);
+    if (lot < 980)
+        return drawGroup(world.stores);
+    if (lot < 990)
+        return Chip{.isThere = oneIn(2)};
+    return EgressFromAllVrfs{.isOn = oneIn(3)};
 }
 
-Operation OperationSource::drawAny(const NaiveModel& model) {
-    if (!model.started() && oneIn(25))
-        return {.kind = Kind::start};
-    if (model.started() && oneIn(500))
-        return {.kind = Kind::stop};
-    const Stores& stores = model.stores();
-    const std::size_t lot = below(100);
-    if (lot < 5)
-        return drawVrf();
-    if (lot < 8)
-        return drawTable(model);
-    if (lot < 40)
-        return drawRoute(model);
-    if (lot < 46)
-        return drawOif();
-    if (lot < 70)
-        return drawRequest(stores.mrouteRequests, Kind::mrouteRequestIs, Kind::mrouteRequestDel);
-    if (lot < 85)
-        return drawRequest(stores.mgroupRequests, Kind::mgroupRequestIs, Kind::mgroupRequestDel);
-    if (lot < 99)
-        return drawGroup(model);
-    return {.kind = Kind::egressFromAllVrfsIs, .flag = oneIn(3)};
-}
-
-Operation OperationSource::drawVrf() {
+Operation OperationSource::drawVrf(const World& world) {
     const std::string vrf = oneOf(vrfs);
-    switch (below(6)) {
+    const bool isOn = world.stores.vrfEnabled.get(vrf);
+    switch (below(isOn ? 8 : 4)) {
     case 0:
-        return {.kind = oneIn(3) ? Kind::vrfStatusReplaced : Kind::vrfStatusIs,
-                .vrf = vrf,
-                .vrfId = oneOf(vrfIds)};
+        return VrfStatus{vrf, oneIn(3) ? std::nullopt : std::optional(oneOf(vrfIds)), false};
     case 1:
-        return oneIn(3) ? Operation{.kind = Kind::vrfStatusDel, .vrf = vrf}
-                        : Operation{.kind = Kind::vrfStatusIs, .vrf = vrf, .vrfId = oneOf(vrfIds)};
+        return VrfStatus{vrf, oneOf(vrfIds), oneIn(3)};
     case 2:
-        return oneIn(2) ? Operation{.kind = Kind::vrfEnabledDel, .vrf = vrf}
-                        : Operation{.kind = Kind::vrfEnabledIs, .vrf = vrf, .flag = false};
+        return VrfEnabled{vrf, oneIn(2) ? std::nullopt : std::optional(false)};
+    case 3:
+        return VrfEnabled{vrf, true};
     default:
-        return {.kind = Kind::vrfEnabledIs, .vrf = vrf, .flag = true};
+        return TableIs{anyTable()};
     }
 }
 
-Operation OperationSource::drawTable(const NaiveModel& model) {
-    const bool remove = model.source() == Source::lumen && oneIn(3);
-    return {.kind = remove ? Kind::tableDel : Kind::tableIs, .table = anyTable()};
-}
-
-Operation OperationSource::drawRoute(const NaiveModel& model) {
-    Operation operation = {.kind = Kind::routeDel, .table = anyTable(), .route = anyRouteKey()};
-    const Table* table = model.stores().tables.find(operation.table);
+Operation OperationSource::drawRoute(const World& world) {
+    const TableName name = anyTable();
+    const Table* table = world.stores.tables.find(name);
     if (table == nullptr)
-        return {.kind = Kind::tableIs, .table = operation.table};
+        return TableIs{name};
     // A row that is there is changed or removed more often than chance would have it.
-    const bool present = !table->routes.empty() && oneIn(2);
-    if (present)
-        operation.route = oneOf(table->routes).first;
-    if (enough(table->routes.size(), routeLevel))
-        return operation;
-    if (model.source() == Source::quill) {
-        operation.kind = Kind::quillRouteIs;
-        for (std::uint16_t index = 0; index < oifIndexes; ++index) {
-            if (oneIn(3)) {
-                operation.oifs.insert(operation.oifs.begin() + (oneIn(2) ? 0 : std::ssize(operation.oifs)),
-                                      index);
-            }
-        }
-        return operation;
-    }
-    operation.kind = Kind::lumenRouteIs;
-    if (present && oneIn(4))
-        operation.kind = oneIn(2) ? Kind::lumenRouteUntold : Kind::lumenRouteReplaced;
-    operation.intfs = anyIntfs();
-    operation.ready = oneIn(4) ? static_cast<std::uint32_t>(below(3)) : 1;
-    return operation;
+    const bool isThere = !table->routes.empty() && oneIn(2);
+    const RouteKey key = isThere ? oneOf(table->routes).first : anyRouteKey();
+    const bool goes = enough(table->routes.size(), routeLevel);
+    if (world.source == Source::quill)
+        return QuillRoute{name, key, goes ? std::nullopt : std::optional(anyOifs())};
+    return LumenRoute{name, key, goes ? std::nullopt : std::optional(anyIntfs()),
+                      oneIn(4) ? static_cast<std::uint32_t>(below(3)) : 1,
+                      oneIn(4) ? (oneIn(2) ? Writing::untold : Writing::replaced) : Writing::told};
 }
 
-Operation OperationSource::drawOif() {
-    Operation operation = {.kind = Kind::oifIndexIntfIs,
-                           .table = anyTable(),
-                           .index = static_cast<std::uint16_t>(below(oifIndexes)),
-                           .intf = oneOf(outgoing)};
-    if (oneIn(6))
-        operation.kind = Kind::oifIndexIntfDel;
-    else if (oneIn(8))
-        operation.intf.clear();
-    return operation;
-}
-
-Operation OperationSource::drawRequest(const OrderedSet<RequestKey>& present, Kind is, Kind del) {
+Operation OperationSource::drawRequest(Service service, const OrderedSet<RequestKey>& present) {
     if (!present.empty() && enough(present.size(), requestLevel))
-        return {.kind = del, .request = oneOf(present)};
-    return {.kind = is, .request = anyRequest()};
+        return Request{service, oneOf(present), false};
+    return Request{service, anyRequest(), true};
 }
 
-Operation OperationSource::drawGroup(const NaiveModel& model) {
-    const auto& status = model.stores().groupStatus;
-    if (!status.empty() && enough(status.size(), statusLevel))
-        return {.kind = Kind::groupStatusDel, .group = oneOf(status).first};
+Operation OperationSource::drawGroup(const Stores& stores) {
+    if (!stores.groupStatus.empty() && enough(stores.groupStatus.size(), statusLevel))
+        return GroupStatus{oneOf(stores.groupStatus).first, std::nullopt};
     RequestKey request = anyRequest();
-    if (!model.stores().mgroupRequests.empty() && !oneIn(4))
-        request = oneOf(model.stores().mgroupRequests); // a row that somebody asked for
+    if (!stores.mgroupRequests.empty() && !oneIn(4))
+        request = oneOf(stores.mgroupRequests); // a row that somebody asked for
     const GroupKey group = {static_cast<std::uint16_t>(request.vrfId & 0xffffU), request.source,
                             request.group, oneIn(3) ? oneOf(vlans) : request.vlan};
-    return {.kind = Kind::groupStatusIs, .group = group, .groupId = static_cast<std::uint32_t>(below(4))};
+    return GroupStatus{group, static_cast<std::uint32_t>(below(4))};
 }
 
 TableName OperationSource::anyTable() {
@@ -144,13 +103,25 @@ TableName OperationSource::anyTable() {
 
 RouteKey OperationSource::anyRouteKey() {
     const Prefix source = prefixOf(oneIn(4) ? 0 : oneOf(sources));
-    return {source, prefixOf(oneIn(16) ? 0 : oneOf(groups))};
+    return {source, prefixOf(oneIn(8) ? 0 : oneOf(groups))};
 }
 
 Prefix OperationSource::prefixOf(Address address) {
     if ((address & 0xffffU) != 0 || !oneIn(12))
         return {address, 32};
     return {address, static_cast<std::uint8_t>(address == 0 ? 0 : 16)};
+}
+
+// In any order, at times with the index in it that ends the list.
+std::vector<std::uint16_t> OperationSource::anyOifs() {
+    std::vector<std::uint16_t> oifs;
+    for (std::uint16_t index = 0; index <= oifIndexes; ++index) {
+        if (oneIn(index == oifIndexes ? 8 : 3)) {
+            oifs.insert(oifs.begin() + static_cast<std::ptrdiff_t>(below(oifs.size() + 1)),
+                        index == oifIndexes ? nullOif : index);
+        }
+    }
+    return oifs;
 }
 
 Names OperationSource::anyIntfs() {
@@ -170,16 +141,10 @@ RequestKey OperationSource::anyRequest() {
                           .source = oneOf(sources),
                           .group = oneOf(groups),
                           .type = static_cast<std::uint8_t>(oneIn(3) ? 1 : 0)};
-    switch (below(5)) {
-    case 0:
+    if (oneIn(4))
         request.source = 0;
-        break;
-    case 1:
+    if (oneIn(request.source == 0 ? 40 : 4)) // hardly anything is allowed while somebody asks for everything
         request.group = 0;
-        break;
-    default:
-        break;
-    }
     return request;
 }
 

@@ -3,8 +3,8 @@
 // it.
 #pragma once
 
-#include "tests/model/NaiveModel.h"
 #include "tests/model/Operation.h"
+#include "tests/model/World.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,17 +18,14 @@ class OperationSource {
     explicit OperationSource(std::uint64_t seed)
         : random_(seed) {}
 
-    /// An operation that the guards allow in the model's present state.
-    Operation draw(const NaiveModel& model);
+    /// The next operation, which need not be allowed, chosen by what there is.
+    Operation draw(const World& world);
 
   private:
-    Operation drawAny(const NaiveModel& model);
-    Operation drawVrf();
-    Operation drawTable(const NaiveModel& model);
-    Operation drawRoute(const NaiveModel& model);
-    Operation drawOif();
-    Operation drawRequest(const OrderedSet<RequestKey>& present, Kind is, Kind del);
-    Operation drawGroup(const NaiveModel& model);
+    Operation drawVrf(const World& world);
+    Operation drawRoute(const World& world);
+    Operation drawRequest(Service service, const OrderedSet<RequestKey>& present);
+    Operation drawGroup(const Stores& stores);
 
     std::size_t below(std::size_t bound) { return static_cast<std::size_t>(random_() % bound); }
     bool oneIn(std::size_t times) { return below(times) == 0; }
@@ -39,6 +36,7 @@ class OperationSource {
     TableName anyTable();
     RouteKey anyRouteKey();
     Prefix prefixOf(Address address);
+    std::vector<std::uint16_t> anyOifs();
     Names anyIntfs();
     RequestKey anyRequest();
     /// True the more often, the more members there are; as often as not at `level`.

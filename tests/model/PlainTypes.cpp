@@ -2,18 +2,16 @@
 
 namespace Model {
 
-namespace {
-
-std::string text(const Prefix& prefix) {
-    return dotted(prefix.address) + "/" + std::to_string(prefix.length);
-}
-
-} // namespace
-
 std::string routeTypeName(Source source, RouteType type) {
     if (type == RouteType::sparse)
         return "sparsemode";
     return source == Source::lumen ? "user" : "static";
+}
+
+std::string mountPath(Source source, const TableName& table) {
+    return source == Source::lumen
+               ? "lumen/multicast/fib/ipv4/" + routeTypeName(source, table.type)
+               : "routing/multicast/routestatus/" + table.vrf + "/" + routeTypeName(source, table.type);
 }
 
 std::string dotted(Address address) {
@@ -30,23 +28,29 @@ std::string text(std::uint32_t value) {
 }
 
 std::string text(const std::string& value) {
-    return value.empty() ? "\"\"" : value;
+    return value;
 }
 
 std::string text(const Names& names) {
-    std::string result = "{";
+    std::string result = "NatMrouteOifSet {";
     for (const std::string& name : names)
-        result += (result.size() > 1 ? " " : "") + text(name);
+        result += name + ", ";
     return result + "}";
 }
 
+std::string text(const Prefix& prefix) {
+    return dotted(prefix.address) + "/" + std::to_string(prefix.length);
+}
+
 std::string text(const RouteKey& key) {
-    return "(" + text(key.source) + ", " + text(key.group) + ")";
+    return "Routing::Multicast::Fib::IpGenRouteKey(source=" + text(key.source) +
+           ", group=" + text(key.group) + ")";
 }
 
 std::string text(const RequestKey& key) {
-    return "[" + key.intf + " vlan " + std::to_string(key.vlan) + " vrf " + std::to_string(key.vrfId) + " " +
-           dotted(key.source) + " " + dotted(key.group) + " type " + std::to_string(key.type) + "]";
+    return "NatMrouteKey (I=" + key.intf + ", vrfId=" + std::to_string(key.vrfId) +
+           ", V=" + std::to_string(key.vlan) + ", S=" + dotted(key.source) + ", G=" + dotted(key.group) +
+           "), type=" + (key.type == 0 ? "mrouteRequest" : "mgroupRequest");
 }
 
 std::string text(const Flow& flow) {
@@ -67,7 +71,8 @@ std::string text(const TableName& name) {
 }
 
 std::string text(const TableKey& key) {
-    return std::to_string(key.vrfId) + "/" + key.type;
+    return "KestrelNat::NatMcastRouteKey(vrfId=" + std::to_string(key.vrfId) + ", routeName=\"" + key.type +
+           "\")";
 }
 
 } // namespace Model

@@ -1,6 +1,6 @@
 // The model's own keys and values: plain numbers and strings that share no code with the product's types, and
-// their text for reports. Addresses are IPv4 addresses as host-order numbers; 0 is the wildcard.
-// Read SystemUnderTest.h next, then NaiveModel.h.
+// their text, as the plug-in's traces have it. Addresses are IPv4 addresses as host-order numbers; 0 is the
+// wildcard. Read Operation.h and Observation.h next, then NaiveModel.h.
 #pragma once
 
 #include <compare>
@@ -15,6 +15,8 @@ using Names = std::set<std::string>; // interfaces by name; the empty name is no
 
 /// Where the process takes its multicast routes from.
 enum class Source { quill, lumen };
+
+enum class Service { mroute, mgroup };
 
 /// The two route types of a VRF, in the order in which they are visited.
 enum class RouteType { plain, sparse };
@@ -83,11 +85,15 @@ struct TableKey {
 
 /// The name of a route type: "static" or "user", depending on the source, and "sparsemode".
 std::string routeTypeName(Source source, RouteType type);
+/// Where the plug-in mounts what holds the table: the two paths of the Lumen source are all VRFs'.
+std::string mountPath(Source source, const TableName& table);
 
+std::string dotted(Address address);
 std::string text(bool value);
 std::string text(std::uint32_t value);
 std::string text(const std::string& value);
 std::string text(const Names& names);
+std::string text(const Prefix& prefix);
 std::string text(const RouteKey& key);
 std::string text(const RequestKey& key);
 std::string text(const Flow& flow);
@@ -95,6 +101,5 @@ std::string text(const Requester& requester);
 std::string text(const GroupKey& key);
 std::string text(const TableName& name);
 std::string text(const TableKey& key);
-std::string dotted(Address address);
 
 } // namespace Model

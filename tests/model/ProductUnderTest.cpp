@@ -1,8 +1,5 @@
 #include "tests/model/ProductUnderTest.h"
 
-#include "KestrelNat/KestrelNatMulticastMounter/RoutePaths.h"
-#include "KestrelNat/KestrelNatMulticastSm/McastMfibSm.h"
-#include "KestrelNat/KestrelNatMulticastSm/McastRouteSm.h"
 #include "KestrelNat/KestrelNatMulticastSm/RouteTypes.h"
 
 namespace Model {
@@ -12,19 +9,13 @@ namespace {
 using namespace KestrelNat;
 using Lumen::Multicast::Fib::MfibVrfName;
 using Routing::Hardware::RouteStatus;
-using Routing::Hardware::VrfStatus;
 using Routing::Multicast::Fib::VrfEnabledStatus;
 using State::Handle;
 using State::makeHandle;
-using LumenRoute = Lumen::Multicast::Fib::Route;
-using QuillStatus = Quill::Multicast::Fib::Status;
-using Groups = KestrelCommon::MrouteGroup::MgroupColl;
-using GroupConfig = KestrelCommon::MrouteGroup::MrouteColl;
+using QuillTable = Quill::Multicast::Fib::Status;
 using ProductRouteKey = Routing::Multicast::Fib::IpGenRouteKey;
 
 const bool lumen = toggleKestrelNatMfibLumenEnabled();
-
-// ---- into the product's types
 
 ProductRouteKey product(const RouteKey& key) {
     const auto prefix = [](const Prefix& plain) {
@@ -56,86 +47,14 @@ L3::IntfSet product(const Names& names) {
     return set;
 }
 
-const char* lumenType(RouteType type) {
-    return type == RouteType::plain ? "user" : SPARSE_MODE;
-}
-const char* quillType(RouteType type) {
-    return type == RouteType::plain ? STATIC_MODE : SPARSE_MODE;
-}
+// All VRFs share it.
 std::string lumenPath(RouteType type) {
-    return Lumen::Multicast::Fib::StatusByVrf::mountPath(L3::AddressFamily::ipv4, lumenType(type));
+    return mountPath(Source::lumen, {"", type});
 }
 
-// ---- and back
-
-RequestKey plain(const NatMrouteKey& key) {
-    return {.intf = key.intf.stringValue(),
-            .vrfId = key.vrfId.value(),
-            .vlan = key.vlanId,
-            .source = key.sourceIp.value(),
-            .group = key.groupIp.value(),
-            .type = static_cast<std::uint8_t>(key.type)};
-}
-
-RouteKey plain(const ProductRouteKey& key) {
-    return {.source = {.address = key.source.ipv4().value(), .length = key.source.length()},
-            .group = {.address = key.group.ipv4().value(), .length = key.group.length()}};
-}
-
-TableKey plain(const NatMcastRouteKey& key) {
-    return {.vrfId = key.vrfId.value(), .type = key.routeName};
-}
-
-GroupKey plain(const KestrelL3::IpMcastKey& key) {
-    return {.vrfId = key.vrfId,
-            .source = key.source.ipv4().value(),
-            .group = key.group.ipv4().value(),
-            .vlan = key.vlanId};
-}
-
-Answers plain(const NatMrouteResponseMap& map) {
-    Answers answers;
-    for (const auto& [key, oifs] : map.mrouteResp()) {
-        Names names;
-        for (const L3::IntfId intf : oifs)
-            names.insert(intf.stringValue());
-        answers.put(plain(key), names);
-    }
-    return answers;
-}
-
-template <class Walk>
-Requesters plainRequesters(Walk&& walk) {
-    Requesters requesters;
-    for (const auto& [flow, set] : walk) {
-        OrderedSet<Requester> plainSet;
-        for (const MrouteIntfAndVlan& requester : set.elements())
-            plainSet.put({.intf = requester.intf.stringValue(), .vlan = requester.vlanId});
-        requesters.put({.vrfId = flow.vrfId.value(),
-                        .source = flow.sg.sourceIp.value(),
-                        .group = flow.sg.groupIp.value()},
-                       plainSet);
-    }
-    return requesters;
-}
-
-OrderedSet<RequestKey> plain(const NatMrouteMatcher::MrouteKeySet& set) {
-    OrderedSet<RequestKey> keys;
-    for (const NatMrouteKey& key : set.elements())
-        keys.put(plain(key));
-    return keys;
-}
-
-Watched plain(const NatMrouteMatcher& matcher) {
-    Watched watched;
-    for (const auto& [group, keys] : matcher.groupsWithAnySource())
-        watched.groupsWithAnySource.put(group.value(), plain(keys));
-    for (const auto& [source, keys] : matcher.sourcesWithAnyGroup())
-        watched.sourcesWithAnyGroup.put(source.value(), plain(keys));
-    for (const auto& [sg, keys] : matcher.sourceGroups())
-        watched.sourceGroups.put({sg.sourceIp.value(), sg.groupIp.value()}, plain(keys));
-    return watched;
-}
+// In the order in which sets of them print, by number and by name alike.
+constexpr const char* interfaceNames[] = {"Ethernet1", "Ethernet2",     "Ethernet3",
+                                          "Ethernet7", "Port-Channel9", "Vlan10"};
 
 } // namespace
 
@@ -148,6 +67,8 @@ ProductUnderTest::ProductUnderTest()
     , tables_(makeHandle<State::Store>("the table store"))
     , entities_(makeHandle<State::Store>("the entity store"))
     , shmem_(makeHandle<State::ShmEntityManager>(tables_, entities_)) {
+    for (const char* name : interfaceNames)
+        L3::IntfId{std::string_view(name)};
     database_->entityIs("hardware/kestrel/nat/capability/config", "KestrelNat::CapabilityConfig");
     database_->entityIs("routing/hardware/route/status", "Routing::Hardware::RouteStatus");
     database_->entityIs("routing/multicast/fibenabled/status", "Routing::Multicast::Fib::VrfEnabledStatus");
@@ -158,11 +79,44 @@ ProductUnderTest::ProductUnderTest()
     database_->entityIs("api/multicastSmStatus", "KestrelNat::MulticastSmStatus");
     tables_->entityIs("l3/mroutegroup/status", "KestrelCommon::MrouteGroup::MgroupColl");
     for (const RouteType type : routeTypes) {
-        tables_->entityIs(formatMulticastRoutePath("default", quillType(type)),
-                          "Quill::Multicast::Fib::Status");
+        tables_->entityIs(mountPath(Source::quill, {"default", type}), "Quill::Multicast::Fib::Status");
         if (lumen)
             entities_->entityIs(lumenPath(type), "Lumen::Multicast::Fib::StatusByVrf");
     }
+    listen();
+}
+
+ProductUnderTest::~ProductUnderTest() {
+    stop();
+    State::traceSinkIs(nullptr, nullptr);
+}
+
+void ProductUnderTest::apply(const Operation& operation) {
+    seen_.said.clear();
+    std::visit(Each{
+                   [&](const PlugIn& op) { op.isLoaded ? start() : stop(); },
+                   [&](const VrfStatus& op) { vrfStatus(op); },
+                   [&](const VrfEnabled& op) {
+                       vrfs_.insert(op.vrf);
+                       const auto status = inDatabase<VrfEnabledStatus>();
+                       op.isOn ? status->vrfEnabledIs(op.vrf, *op.isOn) : void(status->vrfEnabledDel(op.vrf));
+                   },
+                   [&](const TableIs& op) { table(op); },
+                   [&](const QuillRoute& op) { quillRoute(op); },
+                   [&](const OifRow& op) {
+                       const auto table = quillTable(op.table);
+                       op.intf ? table->oifIndexIntfIs(op.index, L3::IntfId(*op.intf))
+                               : void(table->oifIndexIntfDel(op.index));
+                   },
+                   [&](const LumenRoute& op) { lumenRoute(op); },
+                   [&](const Request& op) { request(op); },
+                   [&](const EgressFromAllVrfs& op) {
+                       inDatabase<CapabilityConfig>()->egressFromAllVrfsIs(op.isOn);
+                   },
+                   [&](const GroupStatus& op) { groupStatus(op); },
+                   [&](const Chip& op) { hasChip_ = op.isThere; },
+               },
+               operation);
 }
 
 void ProductUnderTest::start() {
@@ -170,6 +124,7 @@ void ProductUnderTest::start() {
     mounter_ = makeHandle<NatMulticastMounter>("model");
     mounter_->contextIs(em, shmem_);
     mounter_->doInit();
+    listenToPlugIn();
     mounter_->doMountsComplete(em->performMounts(*mounter_), em);
 }
 
@@ -177,36 +132,23 @@ void ProductUnderTest::stop() {
     mounter_.reset();
 }
 
-void ProductUnderTest::vrfStatusIs(const std::string& vrf, std::uint32_t vrfId) {
-    if (const auto present = inDatabase<RouteStatus>("routing/hardware/route/status")->vrfStatus(vrf))
-        present->vrfIdIs(vrfId);
-    else
-        vrfStatusReplaced(vrf, vrfId);
+void ProductUnderTest::vrfStatus(const VrfStatus& op) {
+    vrfs_.insert(op.vrf);
+    const auto entries = inDatabase<RouteStatus>();
+    const auto present = entries->vrfStatus(op.vrf);
+    if (!op.vrfId) {
+        entries->vrfStatusDel(op.vrf);
+    } else if (present && !op.isAnotherEntry) {
+        present->vrfIdIs(*op.vrfId);
+    } else {
+        const auto made = makeHandle<Routing::Hardware::VrfStatus>(L3::VrfName(op.vrf));
+        made->vrfIdIs(*op.vrfId);
+        entries->vrfStatusIs(op.vrf, made);
+    }
 }
 
-void ProductUnderTest::vrfStatusReplaced(const std::string& vrf, std::uint32_t vrfId) {
-    vrfs_.insert(vrf);
-    const auto status = makeHandle<VrfStatus>(L3::VrfName(vrf));
-    status->vrfIdIs(vrfId);
-    inDatabase<RouteStatus>("routing/hardware/route/status")->vrfStatusIs(vrf, status);
-}
-
-void ProductUnderTest::vrfStatusDel(const std::string& vrf) {
-    inDatabase<RouteStatus>("routing/hardware/route/status")->vrfStatusDel(vrf);
-}
-
-void ProductUnderTest::vrfEnabledIs(const std::string& vrf, bool enabled) {
-    vrfs_.insert(vrf);
-    inDatabase<VrfEnabledStatus>("routing/multicast/fibenabled/status")->vrfEnabledIs(vrf, enabled);
-}
-
-void ProductUnderTest::vrfEnabledDel(const std::string& vrf) {
-    inDatabase<VrfEnabledStatus>("routing/multicast/fibenabled/status")->vrfEnabledDel(vrf);
-}
-
-Handle<QuillStatus> ProductUnderTest::quillTable(const TableName& table) const {
-    return State::handleCast<QuillStatus>(
-        tables_->entity(formatMulticastRoutePath(table.vrf, quillType(table.type))));
+Handle<QuillTable> ProductUnderTest::quillTable(const TableName& table) const {
+    return State::handleCast<QuillTable>(tables_->entity(mountPath(Source::quill, table)));
 }
 
 Handle<Lumen::Multicast::Fib::StatusByVrf> ProductUnderTest::lumenFibs(RouteType type) const {
@@ -217,168 +159,67 @@ Handle<Lumen::Multicast::Fib::Status> ProductUnderTest::lumenFib(const TableName
     return lumenFibs(table.type)->status(MfibVrfName(L3::VrfName(table.vrf)));
 }
 
-void ProductUnderTest::tableIs(const TableName& table) {
-    vrfs_.insert(table.vrf);
-    if (!lumen) {
-        tables_->entityIs(formatMulticastRoutePath(table.vrf, quillType(table.type)),
-                          "Quill::Multicast::Fib::Status");
-    } else if (!lumenFib(table)) {
-        lumenFibs(table.type)
-            ->statusIs(MfibVrfName(L3::VrfName(table.vrf)),
-                       makeHandle<Lumen::Multicast::Fib::Status>(lumenType(table.type)));
-    }
+void ProductUnderTest::table(const TableIs& op) {
+    const auto& [name, isThere] = op;
+    vrfs_.insert(name.vrf);
+    const MfibVrfName fibName{L3::VrfName(name.vrf)};
+    if (!lumen)
+        tables_->entityIs(mountPath(Source::quill, name), "Quill::Multicast::Fib::Status");
+    else if (!isThere)
+        lumenFibs(name.type)->statusDel(fibName);
+    else if (!lumenFib(name))
+        lumenFibs(name.type)->statusIs(
+            fibName, makeHandle<Lumen::Multicast::Fib::Status>(routeTypeName(Source::lumen, name.type)));
 }
 
-void ProductUnderTest::tableDel(const TableName& table) {
-    lumenFibs(table.type)->statusDel(MfibVrfName(L3::VrfName(table.vrf)));
-}
-
-void ProductUnderTest::quillRouteIs(const TableName& table, const RouteKey& key,
-                                    const std::vector<std::uint16_t>& oifs) {
-    Quill::Multicast::Fib::Route route;
-    for (const std::uint16_t index : oifs)
-        route.oifs.insert(index);
-    quillTable(table)->routeIs(product(key), route);
-}
-
-void ProductUnderTest::oifIndexIntfIs(const TableName& table, std::uint16_t index, const std::string& intf) {
-    quillTable(table)->oifIndexIntfIs(index, L3::IntfId(intf));
-}
-
-void ProductUnderTest::oifIndexIntfDel(const TableName& table, std::uint16_t index) {
-    quillTable(table)->oifIndexIntfDel(index);
-}
-
-void ProductUnderTest::lumenRouteIs(const TableName& table, const RouteKey& key, const Names& intfs,
-                                    std::uint32_t ready) {
-    const auto route = lumenFib(table)->route(product(key));
-    if (!route) {
-        lumenRouteReplaced(table, key, intfs, ready);
+void ProductUnderTest::quillRoute(const QuillRoute& op) {
+    if (!op.oifs) {
+        quillTable(op.table)->routeDel(product(op.key));
         return;
     }
-    const bool differs = route->intf() != product(intfs) || route->ready() != ready;
-    lumenRouteUntold(table, key, intfs, ready);
-    if (differs)
+    Quill::Multicast::Fib::Route row;
+    for (const std::uint16_t index : *op.oifs)
+        row.oifs.insert(index);
+    quillTable(op.table)->routeIs(product(op.key), row);
+}
+
+void ProductUnderTest::lumenRoute(const LumenRoute& op) {
+    const auto fib = lumenFib(op.table);
+    const ProductRouteKey key = product(op.key);
+    if (!op.intfs) {
+        fib->routeDel(key);
+        return;
+    }
+    const L3::IntfSet intfs = product(*op.intfs);
+    auto route = fib->route(key);
+    const bool isInserted = !route || op.writing == Writing::replaced;
+    const bool isChange = isInserted || route->intf() != intfs || route->ready() != op.ready;
+    if (isInserted)
+        route = makeHandle<Lumen::Multicast::Fib::Route>(key);
+    route->intfIs(intfs);
+    route->readyIs(op.ready);
+    if (isInserted)
+        fib->routeIs(route);
+    else if (isChange && op.writing == Writing::told)
         route->versionAdvance();
 }
 
-void ProductUnderTest::lumenRouteUntold(const TableName& table, const RouteKey& key, const Names& intfs,
-                                        std::uint32_t ready) {
-    const auto route = lumenFib(table)->route(product(key));
-    route->intfIs(product(intfs));
-    route->readyIs(ready);
-}
-
-void ProductUnderTest::lumenRouteReplaced(const TableName& table, const RouteKey& key, const Names& intfs,
-                                          std::uint32_t ready) {
-    const auto route = makeHandle<LumenRoute>(product(key));
-    route->intfIs(product(intfs));
-    route->readyIs(ready);
-    lumenFib(table)->routeIs(route);
-}
-
-void ProductUnderTest::routeDel(const TableName& table, const RouteKey& key) {
-    lumen ? lumenFib(table)->routeDel(product(key)) : quillTable(table)->routeDel(product(key));
-}
-
-void ProductUnderTest::mrouteRequestIs(const RequestKey& key) {
-    inDatabase<NatMrouteRequestSet>("api/mroute/req")->mrouteReqIs(product(key));
-}
-
-void ProductUnderTest::mrouteRequestDel(const RequestKey& key) {
-    inDatabase<NatMrouteRequestSet>("api/mroute/req")->mrouteReqDel(product(key));
-}
-
-void ProductUnderTest::egressFromAllVrfsIs(bool all) {
-    inDatabase<CapabilityConfig>("hardware/kestrel/nat/capability/config")->egressFromAllVrfsIs(all);
-}
-
-void ProductUnderTest::mgroupRequestIs(const RequestKey& key) {
-    inDatabase<NatMgroupRequestSet>("api/mgroup/req")->mgroupReqIs(product(key));
-}
-
-void ProductUnderTest::mgroupRequestDel(const RequestKey& key) {
-    inDatabase<NatMgroupRequestSet>("api/mgroup/req")->mgroupReqDel(product(key));
-}
-
-void ProductUnderTest::groupStatusIs(const GroupKey& key, std::uint32_t groupId) {
-    State::handleCast<Groups>(tables_->entity("l3/mroutegroup/status"))
-        ->mgroupsIs(product(key), {.groupId = groupId});
-}
-
-void ProductUnderTest::groupStatusDel(const GroupKey& key) {
-    State::handleCast<Groups>(tables_->entity("l3/mroutegroup/status"))->mgroupsDel(product(key));
-}
-
-// Which of the tables or FIBs that were made so far `table` is.
-TableName ProductUnderTest::nameOf(const void* table) const {
-    for (const std::string& vrf : vrfs_) {
-        for (const RouteType type : routeTypes) {
-            TableName name{.vrf = vrf, .type = type};
-            const void* candidate =
-                lumen ? static_cast<const void*>(lumenFib(name).get()) : quillTable(name).get();
-            if (candidate == table)
-                return name;
-        }
-    }
-    return {};
-}
-
-const Observation& ProductUnderTest::observe() {
-    seen_ = Observation();
-    observePublished();
-    if (mounter_)
-        observePrivate();
-    return seen_;
-}
-
-void ProductUnderTest::observePublished() {
-    seen_.mrouteAnswers = plain(*inDatabase<NatMrouteResponseMap>("api/mroute/resp"));
-    for (const auto& [key, id] : inDatabase<NatMgroupResponseMap>("api/mgroup/resp")->mgroupId())
-        seen_.groupIds.put(plain(key), id);
-    if (const auto config = State::handleCast<GroupConfig>(tables_->entity("l3/mroutegroup/config"))) {
-        config->mroutes([&](const auto& item) {
-            seen_.groupConfig.put(plain(item.key()));
-            return true;
-        });
-    }
-    const auto status = inDatabase<MulticastSmStatus>("api/multicastSmStatus");
-    seen_.mrouteReady = status->mrouteSmReady();
-    seen_.mgroupReady = status->mgroupSmReady();
-    const auto see = [&](const std::string& path) {
-        if (shmem_->mounted(path))
-            seen_.mounted.insert(path);
-    };
-    for (const RouteType type : routeTypes) {
-        see(lumenPath(type));
-        for (const std::string& vrf : vrfs_)
-            see(formatMulticastRoutePath(vrf, quillType(type)));
+void ProductUnderTest::request(const Request& op) {
+    const NatMrouteKey key = product(op.key);
+    if (op.service == Service::mroute) {
+        const auto requests = inDatabase<NatMrouteRequestSet>();
+        op.isThere ? requests->mrouteReqIs(key) : void(requests->mrouteReqDel(key));
+    } else {
+        const auto requests = inDatabase<NatMgroupRequestSet>();
+        op.isThere ? requests->mgroupReqIs(key) : void(requests->mgroupReqDel(key));
     }
 }
 
-void ProductUnderTest::observePrivate() {
-    const NatMrouteRouteMap& routeMap = *mounter_->mrouteRouteMap();
-    for (const auto& [name, id] : routeMap.vrfNameToId())
-        seen_.vrfIds.put(name.stringValue(), id.value());
-    for (const auto& [key, table] : routeMap.mrouteRoute())
-        seen_.routeMap.put(plain(key), nameOf(table.get()));
-    for (const auto& [key, fib] : routeMap.mfib())
-        seen_.routeMap.put(plain(key), nameOf(fib.get()));
-    const NatMrouteSm& mroute = *mounter_->mrouteSm();
-    for (const auto& [type, map] : mroute.mrouteResponseMapByRoute())
-        seen_.answersByType.put(type, plain(*map));
-    seen_.mrouteRequesters = plainRequesters(mroute.vrfIdSourceAndGroupToIntf());
-    for (const auto& [vrfId, matcher] : mroute.watchedMroutes())
-        seen_.watched.put(vrfId.value(), plain(*matcher));
-    for (const auto& [key, watcher] : mroute.mcastRouteCollection().walk())
-        seen_.watchers.put(plain(key), {});
-    for (const auto& [key, watcher] : mroute.mfibAppCollection().walk()) {
-        std::set<RouteKey> routes;
-        for (const auto& nested : watcher->lumenRoute())
-            routes.insert(plain(nested->routeKey()));
-        seen_.watchers.put(plain(key), routes);
-    }
-    seen_.mgroupRequesters = plainRequesters(mounter_->mgroupSm()->vrfIdSourceAndGroupToIntf());
+void ProductUnderTest::groupStatus(const GroupStatus& op) {
+    using KestrelCommon::MrouteGroup::MgroupColl;
+    const auto groups = State::handleCast<MgroupColl>(tables_->entity(MgroupColl::path));
+    op.groupId ? groups->mgroupsIs(product(op.key), {.groupId = *op.groupId})
+               : void(groups->mgroupsDel(product(op.key)));
 }
 
 } // namespace Model

@@ -1,4 +1,7 @@
-#include "tests/model/SystemUnderTest.h"
+#include "tests/model/Observation.h"
+
+#include <algorithm>
+#include <cstddef>
 
 namespace Model {
 
@@ -74,10 +77,29 @@ std::string whole(const char* name, const Value& expected, const Value& actual) 
     return std::string("  ") + name + ": expected " + shown(expected) + ", is " + shown(actual) + "\n";
 }
 
+// From the first line that differs on.
+std::string said(const std::vector<std::string>& expected, const std::vector<std::string>& actual) {
+    const auto [mine, theirs] = std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());
+    if (mine == expected.end() && theirs == actual.end())
+        return "";
+    std::string result =
+        "  what the plug-in says, after " + std::to_string(mine - expected.begin()) + " equal lines:\n";
+    for (auto at = mine; at != expected.end() && at - mine < 12; ++at)
+        result += "    expected " + *at + "\n";
+    for (auto at = theirs; at != actual.end() && at - theirs < 12; ++at)
+        result += "    is       " + *at + "\n";
+    return result;
+}
+
 } // namespace
 
+std::string traceLine(int level, const std::string& function, const std::string& message) {
+    return std::to_string(level) + " " + function + ": " + message;
+}
+
 std::string difference(const Observation& expected, const Observation& actual) {
-    return part("published mroute answers", expected.mrouteAnswers, actual.mrouteAnswers) +
+    return said(expected.said, actual.said) +
+           part("published mroute answers", expected.mrouteAnswers, actual.mrouteAnswers) +
            part("answers by route type", expected.answersByType, actual.answersByType) +
            part("requesters of mroutes", expected.mrouteRequesters, actual.mrouteRequesters) +
            part("watched mroutes", expected.watched, actual.watched) +
