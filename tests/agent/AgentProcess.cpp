@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,12 +41,6 @@ pid_t start(const std::vector<std::string>& options, int in, int out, int err) {
         ::_exit(127);
     }
     return process;
-}
-
-int statusOf(pid_t process) {
-    int status = 0;
-    ::waitpid(process, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // Reads until `end` has come, the other side has closed, or the time is up.
@@ -127,8 +122,21 @@ void AgentProcess::signal(int number) const {
     ::kill(process_, number);
 }
 
+int endOf(pid_t process) {
+    constexpr int patience = 30'000; // milliseconds
+    const Agent::Fd end(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+    pollfd wait{.fd = end.get(), .events = POLLIN, .revents = 0};
+    if (::poll(&wait, 1, patience) == 0) {
+        ADD_FAILURE() << "the program goes on";
+        ::kill(process, SIGKILL);
+    }
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 int AgentProcess::wait() {
-    return statusOf(std::exchange(process_, -1));
+    return endOf(std::exchange(process_, -1));
 }
 
 int AgentProcess::stop() {
@@ -143,7 +151,7 @@ Finished runAgent(const std::vector<std::string>& options, const std::string& in
     const Agent::Fd out(::open(folder.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     const Agent::Fd err(::open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     Finished finished;
-    finished.status = statusOf(start(options, inFd.get(), out.get(), err.get()));
+    finished.status = endOf(start(options, inFd.get(), out.get(), err.get()));
     finished.out = textOf(folder.file("out"));
     finished.err = textOf(folder.file("err"));
     return finished;

@@ -63,6 +63,10 @@ class AgentProcess {
     pid_t process_ = -1;
 };
 
+/// Waits for a child's end: the exit status, or 128 and the signal's number. One that goes on for half a minute fails the test
+/// and is killed.
+int endOf(pid_t process);
+
 /// Runs an agent with these options alone to its end.
 struct Finished {
     int status = 0;

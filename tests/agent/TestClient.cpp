@@ -30,6 +30,9 @@ TestClient::TestClient(const std::string& path)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
+    const timeval patience{.tv_sec = 20,
+                           .tv_usec = 0}; // an agent that reads no more fails a test, it does not hang one
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         throw std::system_error(errno, std::generic_category(), path);
 }
@@ -74,8 +77,9 @@ std::string TestClient::ask(const std::string& request) {
 }
 
 bool TestClient::ended() const {
+    pollfd wait{.fd = fd(), .events = POLLIN, .revents = 0};
     char byte = 0;
-    return ::recv(fd(), &byte, 1, 0) <= 0;
+    return ::poll(&wait, 1, 20'000) > 0 && ::recv(fd(), &byte, 1, 0) <= 0;
 }
 
 void TestClient::closeSendingSide() const {

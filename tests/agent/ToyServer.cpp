@@ -4,13 +4,13 @@
 #include "agent/control/Sessions.h"
 #include "agent/host/PostedTask.h"
 #include "agent/json/Json.h"
+#include "tests/agent/AgentProcess.h"
 #include "tests/agent/Json.h"
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -158,9 +158,7 @@ std::size_t ToyServer::memory() const {
 
 int ToyServer::stop() {
     ::kill(process_, SIGTERM);
-    int status = 0;
-    ::waitpid(std::exchange(process_, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return endOf(std::exchange(process_, -1));
 }
 
 } // namespace AgentTest
