@@ -86,7 +86,7 @@ std::optional<Operations> failingEpisode(std::uint64_t seed, std::size_t length)
     const AbortReport onAbort(seed, operations);
     while (operations.size() < length) {
         Operation operation = source.draw(pair.model.world());
-        if (!pair.model.apply(operation))
+        if (pair.model.apply(operation) != Outcome::done)
             continue;
         operations.push_back(std::move(operation));
         pair.product.apply(operations.back());
@@ -101,7 +101,7 @@ std::optional<std::pair<Operations, std::string>> failingReplay(const Operations
     Pair pair;
     Operations done;
     for (const Operation& operation : operations) {
-        if (!pair.model.apply(operation))
+        if (pair.model.apply(operation) != Outcome::done)
             continue;
         done.push_back(operation);
         pair.product.apply(operation);

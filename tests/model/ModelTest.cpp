@@ -4,9 +4,11 @@
 #include "tests/model/ModelDriver.h"
 #include "tests/model/NaiveModel.h"
 #include "tests/model/OperationSource.h"
+#include "tests/model/ProductUnderTest.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstddef>
 #include <map>
 #include <string>
@@ -26,6 +28,24 @@ TEST(Model, ThePlugInDoesWhatTheNaiveModelDoes) {
     }
 }
 
+// In a child, so that the next can be tried. What the model takes for fatal and isn't would never be compared.
+TEST(Model, WhatTheModelTakesForFatalEndsThePlugIn) {
+    NaiveModel model(productSource());
+    ProductUnderTest product;
+    OperationSource operations(Settings::fromEnvironment().seed);
+    for (std::size_t fatal = 0; fatal < 60;) {
+        const Operation operation = operations.draw(model.world());
+        const Outcome outcome = model.apply(operation);
+        if (outcome == Outcome::done)
+            product.apply(operation);
+        if (outcome != Outcome::fatal)
+            continue;
+        ++fatal;
+        EXPECT_EXIT(product.apply(operation), testing::KilledBySignal(SIGABRT), "")
+            << line(productSource(), operation);
+    }
+}
+
 // Without these situations the comparison would agree about little.
 TEST(Model, TheOperationsReachTheSituationsThatMatter) {
     for (const Source source : {Source::quill, Source::lumen}) {
@@ -33,7 +53,7 @@ TEST(Model, TheOperationsReachTheSituationsThatMatter) {
         OperationSource operations(7);
         std::map<std::string, std::size_t> times;
         for (int count = 0; count < 20'000;) {
-            if (!model.apply(operations.draw(model.world())))
+            if (model.apply(operations.draw(model.world())) != Outcome::done)
                 continue;
             ++count;
             const Observation& seen = model.observe();

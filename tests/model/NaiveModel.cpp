@@ -11,15 +11,18 @@ NaiveModel::NaiveModel(Source source)
             stores_.tables.put({"default", type}, Table());
 }
 
-bool NaiveModel::apply(const Operation& operation) {
+Outcome NaiveModel::apply(const Operation& operation) {
     seen_.said.clear();
     const World before = world_;
     try {
         carryOut(operation);
-        return true;
-    } catch (const NotAllowed&) {
+        return Outcome::done;
+    } catch (const Fatal&) {
         world_ = before;
-        return false;
+        return Outcome::fatal;
+    } catch (const Idle&) {
+        world_ = before;
+        return Outcome::idle;
     }
 }
 
@@ -27,7 +30,7 @@ void NaiveModel::carryOut(const Operation& operation) {
     std::visit(Each{
                    [&](const PlugIn& op) {
                        if (op.isLoaded == world_.isLoaded)
-                           throw NotAllowed("it is as it is");
+                           throw Idle("it is as it is");
                        op.isLoaded ? start() : stop();
                    },
                    [&](const VrfStatus& op) { vrfStatus(op); },
@@ -105,7 +108,7 @@ void NaiveModel::table(const TableIs& op) {
     const bool isUsed = std::any_of(seen_.routeMap.begin(), seen_.routeMap.end(),
                                     [&op](const auto& member) { return member.second == op.table; });
     if (world_.source == Source::quill || isUsed)
-        throw NotAllowed("the table stays");
+        throw Idle("the table stays");
     stores_.tables.erase(op.table);
 }
 
@@ -126,7 +129,7 @@ void NaiveModel::lumenRoute(const LumenRoute& op) {
 
 Table& NaiveModel::tableOf(Source source, const TableName& name) {
     if (world_.source != source || !stores_.tables.has(name))
-        throw NotAllowed("there is no such table");
+        throw Idle("there is no such table");
     return stores_.tables.at(name);
 }
 
@@ -157,14 +160,14 @@ void NaiveModel::handleVrf(const std::string& vrf) {
 
 void NaiveModel::addVrf(const std::string& vrf, std::uint32_t vrfId) {
     if (seen_.vrfIds.has(vrf) || vrfId > 0x00ffffffU)
-        throw NotAllowed("VRF " + vrf + " can't be added with the identifier " + std::to_string(vrfId));
+        throw Fatal("VRF " + vrf + " can't be added with the identifier " + std::to_string(vrfId));
     world_.put("vrfNameToId", seen_.vrfIds, vrf, vrfId);
     for (const RouteType type : routeTypes) {
         const TableName name = {vrf, type};
         seen_.mounted.insert(mountPath(world_.source, name));
         if (!stores_.tables.has(name)) {
             if (world_.source == Source::quill)
-                throw NotAllowed("route table " + text(name) + " isn't there");
+                throw Fatal("route table " + text(name) + " isn't there");
             world_.detail(8, "handleVrf",
                           std::string("Lumen mfib not found for ") +
                               (type == RouteType::plain ? "static mode" : "sparsemode") + ", vrfName=" + vrf);

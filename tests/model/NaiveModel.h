@@ -13,6 +13,8 @@
 
 namespace Model {
 
+enum class Outcome { done, idle, fatal };
+
 class NaiveModel {
   public:
     /// In the beginning the plug-in is not loaded and the stores are empty but for the two Quill tables of the VRF
@@ -21,9 +23,8 @@ class NaiveModel {
     NaiveModel(const NaiveModel&) = delete;
     NaiveModel& operator=(const NaiveModel&) = delete;
 
-    /// Carries the operation out. False, with nothing changed, where it would end the process or has nothing to work
-    /// on.
-    bool apply(const Operation& operation);
+    /// Carries the operation out; where it finds nothing to work on or ends the process, nothing is changed.
+    Outcome apply(const Operation& operation);
 
     /// For the choice of the next operation.
     const World& world() const { return world_; }

@@ -152,7 +152,7 @@ void NaiveMroute::handleAllRequests() {
 
 void NaiveMroute::handleRequest(const RequestKey& request) {
     if (request.intf.empty() || request.vlan == 0)
-        throw NotAllowed("a request names an interface and a VLAN");
+        throw Fatal("a request names an interface and a VLAN");
     const bool added = stores_.mrouteRequests.has(request);
     world_.trace(8, "handleMrouteReq", (added ? " adding request " : " deleting request ") + text(request));
     OrderedSet<Requester> requesters = seen_.mrouteRequesters.get(flowOf(request));
@@ -245,11 +245,11 @@ void NaiveMroute::handleRoute(const RouteKey& route, const TableKey& table) {
     if (source == 0)
         flows.push_back({table.vrfId, 0, group}); // a (*,G) route concerns (*,G) requests alone
     if (flows.empty())
-        throw NotAllowed("a matched route concerns nobody");
+        throw Fatal("a matched route concerns nobody");
     for (const Flow& flow : flows) {
         world_.detail(8, function, "found sg=(" + dotted(flow.source) + ", " + dotted(flow.group) + ")");
         if (!seen_.mrouteRequesters.has(flow))
-            throw NotAllowed("a matched flow has no requesters");
+            throw Fatal("a matched flow has no requesters");
         const OrderedSet<Requester> requesters = seen_.mrouteRequesters.at(flow);
         for (const Requester& requester : requesters) {
             const RequestKey rebuilt = {requester.intf, flow.vrfId, requester.vlan,
@@ -326,14 +326,14 @@ Names NaiveMroute::egressOf(const RequestKey& request, const TableKey& table) {
 
 const Table& NaiveMroute::tableAt(const TableKey& table) const {
     if (!seen_.routeMap.has(table))
-        throw NotAllowed("no route table " + text(table));
+        throw Fatal("no route table " + text(table));
     return stores_.tables.at(seen_.routeMap.at(table));
 }
 
 void NaiveMroute::collectEgress(const RequestKey& request, const Table& table, Names& egress) {
     world_.trace(8, resolving, " reqKey=" + text(request));
     if (request.source == 0 && request.group == 0)
-        throw NotAllowed("a request for everything");
+        throw Fatal("a request for everything");
     const RouteKey wanted = {{request.source, 32}, {request.group, 32}};
     for (const RouteKey& route : tableOrder(table)) {
         const bool exact = route == wanted;
@@ -353,7 +353,7 @@ void NaiveMroute::collectEgress(const RequestKey& request, const Table& table, N
 void NaiveMroute::collectOifs(const Table& table, const Route& route, Names& egress) {
     for (const std::uint16_t index : route.oifs) {
         if (index > nullOif)
-            throw NotAllowed("an index out of range");
+            throw Fatal("an index out of range");
         if (index == nullOif)
             break;
         const std::string intf = table.oifIndexIntf.get(index);

@@ -13,8 +13,13 @@
 
 namespace Model {
 
-/// An operation by which the plug-in would end the process, or that finds nothing to work on.
-class NotAllowed : public std::logic_error {
+/// An operation ends the plug-in's process, and why.
+class Fatal : public std::logic_error {
+  public:
+    using std::logic_error::logic_error;
+};
+/// An operation finds nothing to work on.
+class Idle : public std::logic_error {
   public:
     using std::logic_error::logic_error;
 };
