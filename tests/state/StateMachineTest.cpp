@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -12,70 +12,65 @@ using State::Handle;
 
 struct Input : State::Publisher {};
 
+// What a test wants done within a reaction, and whether its machine is still there behind it.
+struct Reaction {
+    void operator()() const {
+        if (body)
+            body();
+        EXPECT_EQ(ended, 0);
+        ++finished;
+    }
+    static inline int ended = 0;
+    static inline int finished = 0;
+    std::function<void()> body;
+};
+
 // A machine with one reactor, as the top-level ones are built.
 class Machine final : public State::StateMachine {
   public:
-    explicit Machine(const Handle<Input>& input)
+    Machine(const Handle<Input>& input, void* /*owner*/)
         : reactor(State::Reactor::of<&Machine::inputDispatch>(this, input, State::maskOf(1))) {}
-    ~Machine() override { ++ended; }
+    ~Machine() override { ++Reaction::ended; }
+    void activeIs(bool active) { reactor.registeredIs(active); }
+    void inputDispatch(const State::Notification& /*change*/) const { reaction(); }
 
-    void inputDispatch(const State::Notification& /*change*/) const {
-        reaction();
-        ++finished; // a machine that its reaction let go is still there
-    }
-
-    static inline int ended = 0;
-    static inline int finished = 0;
-    std::function<void()> reaction;
+    Reaction reaction;
     State::Reactor reactor;
 };
 
-TEST(Reactor, KeepsItsMachineWhileItReacts) {
-    const auto input = State::makeHandle<Input>();
-    auto machine = State::makeHandle<Machine>(input);
-    machine->reactor.registeredIs(true);
-    machine->reaction = [&] { machine.reset(); };
-    Machine::ended = Machine::finished = 0;
-    input->publish(1);
-    EXPECT_EQ(Machine::finished, 1);
-    EXPECT_EQ(Machine::ended, 1);
-}
-
-struct Owner {
-    std::vector<State::AttributeId> heard;
-};
-
-class Nested final : public State::NestedStateMachine<Nested, Input, Owner, State::maskOf(1)> {
+class Nested final : public State::NestedStateMachine<Nested, Input, void, State::maskOf(1)> {
   public:
-    Nested(Handle<const Input> input, Owner* owner)
+    Nested(Handle<const Input> input, void* owner)
         : NestedStateMachine(std::move(input), owner) {
         attach();
     }
-    void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
-    void onAttribute(const State::Notification& change) {
-        if (reaction)
-            reaction();
-        if (owner() != nullptr)
-            owner()->heard.push_back(change.attribute);
-    }
-    std::function<void()> reaction;
+    ~Nested() override { ++Reaction::ended; }
+    void activeIs(bool active) { notificationActive_ = active; }
+    void onAttribute(const State::Notification& /*change*/) const { reaction(); }
+
+    Reaction reaction;
 };
 
-TEST(NestedStateMachine, OutlivesItsOwnerAndItsLastHandleWhileItReacts) {
-    Owner owner;
-    const auto input = State::makeHandle<Input>();
-    auto nested = State::makeHandle<Nested>(input, &owner);
-    nested->hasNotificationActiveIs(true);
-    nested->reaction = [&] { nested.reset(); };
-    input->publish(1);
-    EXPECT_EQ(owner.heard, std::vector<State::AttributeId>{1});
-    EXPECT_FALSE(input->hasSubscribers());
+template <class M>
+class Machines : public ::testing::Test {};
+using Kinds = ::testing::Types<Machine, Nested>;
+TYPED_TEST_SUITE(Machines, Kinds);
 
-    nested = State::makeHandle<Nested>(input, &owner);
-    nested->hasNotificationActiveIs(true);
-    nested->ownerDel();
+TYPED_TEST(Machines, ReactWhileActiveAndStayUntilTheReactionIsOver) {
+    Reaction::ended = Reaction::finished = 0;
+    const auto input = State::makeHandle<Input>();
+    auto machine = State::makeHandle<TypeParam>(input, &Reaction::ended);
     input->publish(1);
-    EXPECT_EQ(owner.heard, std::vector<State::AttributeId>{1});
+    EXPECT_EQ(Reaction::finished, 0);
+    machine->activeIs(true);
+    input->publish(2); // not watched
+    input->publish(1);
+    EXPECT_EQ(Reaction::finished, 1);
+    machine->reaction.body = [&] { machine.reset(); };
+    input->publish(1);
+    EXPECT_EQ(Reaction::finished, 2);
+    EXPECT_EQ(Reaction::ended, 1);
+    EXPECT_FALSE(input->hasSubscribers());
 }
 
 } // namespace

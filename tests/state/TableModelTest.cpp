@@ -76,7 +76,7 @@ class Model {
         }
         ASSERT_EQ(table_.find(K{keys_}), nullptr);
         const std::size_t entries = table_.size() * sizeof(State::MapEntry<K, Value>);
-        ASSERT_LE(table_.memoryBytes(), table_.empty() ? 0 : 6 * entries + 8192);
+        ASSERT_LE(table_.memoryBytes(), table_.empty() ? 0 : 3 * entries + 8192);
     }
 
   private:

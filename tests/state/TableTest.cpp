@@ -78,6 +78,9 @@ TEST(Table, MemoryIsThatOfTheMembersHoweverManyCameAndWent) {
         if (number % 100 != 0)
             numbers.erase(number);
     EXPECT_LE(numbers.memoryBytes(), 1000U * 64);
+    for (std::uint32_t number = 300000; number < 399600; number += 100)
+        numbers.erase(number);
+    EXPECT_LE(numbers.memoryBytes(), 128U); // four need no index
     for ([[maybe_unused]] const std::uint32_t& number : numbers.walk())
         numbers.clear();
     EXPECT_EQ(numbers.memoryBytes(), 0U);

@@ -83,8 +83,8 @@ TEST_F(TraceRingTest, RecordsMeetInEveryWay) {
         const Kind& after = kinds[pair % std::size(kinds)];
         for (std::size_t count = 8192 / before.size - 10; count < 8192 / before.size + 3; ++count) {
             for (std::size_t more = 2048 / after.size - 3; more < 2048 / after.size + 2; ++more) {
-                State::traceTimeIs(1);
                 ringIs(8192);
+                State::traceTimeIs(1);
                 const std::uint64_t change = State::traceNext() + count;
                 for (std::size_t i = 0; i < count; ++i)
                     before.trace();
