@@ -5,8 +5,10 @@
 
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace FatalTest {
 
@@ -31,17 +33,6 @@ const std::string assertionText = std::string(__FILE__) + ":" + std::to_string(a
                                   "Assertion `!mrouteRouteMap()->vrfNameToIdHas( vrfName ) && "
                                   "\"vrfId should not change here\"' failed.\n";
 
-// A pattern for exactly this text, from the first to the last character.
-std::string exactly(const std::string& text) {
-    std::string pattern = "^";
-    for (const char c : text) {
-        if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos)
-            pattern += '\\';
-        pattern += c;
-    }
-    return pattern + "$";
-}
-
 void print(void* text) {
     std::fprintf(stderr, "%s\n", static_cast<const char*>(text));
 }
@@ -54,58 +45,46 @@ void raise(void*) {
 char first[] = "first words";
 char second[] = "second words";
 
-// Runs `body` in a child process, which must end by SIGABRT with exactly `errors` on its standard error.
-template <class Body>
-void expectEnd(Body body, const std::string& errors) {
-    EXPECT_EXIT(body(), testing::KilledBySignal(SIGABRT), exactly(errors));
-}
-
-TEST(FatalDeathTest, AssertionPrintsTextFileLineAndFunction) {
-    expectEnd([] { DirSm().handleVrf({}); }, assertionText);
-    FATAL_ASSERT(true, "true"); // what holds does nothing
-}
-
-TEST(FatalDeathTest, ExceptionOutOfAReactorPrintsItsText) {
-    expectEnd([] { State::fatalException("VrfId::value > 0x00ffffff not allowed"); },
-              "exception left a reactor: VrfId::value > 0x00ffffff not allowed\n");
+TEST(FatalDeathTest, TheEndPrintsWhatWasWrongAndThenTheLastWords) {
+    const auto assertion = [] { DirSm().handleVrf({}); };
+    const auto exception = [] { State::fatalException("what"); };
+    const std::string what = "exception left a reactor: what\n";
+    struct Hook {
+        State::FatalHook hook;
+        void* context;
+    };
+    struct Case {
+        std::vector<Hook> hooks;
+        std::function<void()> end;
+        std::string errors;
+    };
     const std::string text(10000, 'x'); // whole, also where it is longer than any buffer
-    expectEnd([&] { State::fatalException(text.c_str()); }, "exception left a reactor: " + text + "\n");
-}
-
-TEST(FatalDeathTest, LastWordsFollowInTheirOrder) {
-    expectEnd(
-        [] {
-            State::fatalHookIs(print, first);
-            State::fatalHookIs(print, second);
-            State::fatalHookIs(print, first);
-            DirSm().handleVrf({});
-        },
-        assertionText + "first words\nsecond words\n");
-    expectEnd(
-        [] {
-            State::fatalHookIs(print, first);
-            State::fatalHookIs(print, second);
-            State::fatalHookDel(print, first);
-            State::fatalException("what");
-        },
-        "exception left a reactor: what\nsecond words\n");
-}
-
-TEST(FatalDeathTest, FailureInTheLastWordsEndsThem) {
-    expectEnd(
-        [] {
-            State::fatalHookIs(fail, nullptr);
-            State::fatalHookIs(print, second);
-            State::fatalException("what");
-        },
-        "exception left a reactor: what\n" + assertionText);
-    expectEnd(
-        [] {
-            State::fatalHookIs(raise, nullptr);
-            State::fatalHookIs(print, second);
-            State::fatalException("what");
-        },
-        "exception left a reactor: what\nan exception left the last words\nsecond words\n");
+    const Case cases[] = {
+        {{}, assertion, assertionText},
+        {{}, [&] { State::fatalException(text.c_str()); }, "exception left a reactor: " + text + "\n"},
+        {{{print, first}, {print, second}, {print, first}},
+         assertion,
+         assertionText + "first words\nsecond words\n"},
+        {{{fail, nullptr}, {print, second}}, exception, what + assertionText}, // a failure ends them
+        {{{raise, nullptr}, {print, second}},
+         exception,
+         what + "an exception left the last words\nsecond words\n"},
+        {{{print, first}, {print, second}},
+         [] {
+             State::fatalHookDel(print, first);
+             State::fatalException("what");
+         },
+         what + "second words\n"},
+    };
+    for (const auto& [hooks, end, errors] : cases) {
+        const auto body = [&] {
+            for (const auto& [hook, context] : hooks)
+                State::fatalHookIs(hook, context);
+            end();
+        };
+        EXPECT_EXIT(body(), testing::KilledBySignal(SIGABRT), testing::Eq(errors));
+    }
+    FATAL_ASSERT(true, "true"); // what holds does nothing
 }
 
 TEST(FatalDeathTest, LastWordsAreLimited) {

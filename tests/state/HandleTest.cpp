@@ -58,13 +58,10 @@ TEST(Handle, TheObjectGoesWithItsLastHandle) {
     EXPECT_EQ(Object::alive, 0);
 }
 
-TEST(Handle, AConstructorMayHandOutHandlesAndMayFail) {
+TEST(Handle, AConstructorMayHandOutHandlesAndFailAndADestructorMayMakeThem) {
     EXPECT_EQ(State::makeHandle<HandsItselfOut>()->references(), 1U);
     EXPECT_THROW(State::makeHandle<Unfinished>(), std::runtime_error);
     EXPECT_EQ(Object::alive, 0);
-}
-
-TEST(Handle, ADestructorMayMakeHandlesToTheObject) {
     auto object = State::makeHandle<Object>();
     int ends = 0;
     object->onEnd = [&](Object& self) {
