@@ -108,30 +108,33 @@ TEST(Reflection, WritesChangeOnceAndRefusedOnesNothing) {
     const Datum wrongVrf = record({{"vrfId", number(0x01000000)}});
     const Datum wrongIndex = number(513);
     const Datum wrongOifs = record({{"oifs", Datum(Datum::List{number(65536)})}});
+    const Datum broken(1.5);
+    const Datum huge(1e20);
     const std::string cannot = " cannot be written ";
-    EXPECT_EQ(refusal(*requests, "mrouteReq", &wrongVrf, nullptr),
-              "KestrelNat::NatMrouteKey, attribute vrfId: VrfId::value > 0x00ffffff not allowed");
-    EXPECT_EQ(refusal(*requests, "mrouteReq", &requestKey, &on),
-              "attribute mrouteReq" + cannot + "with a value: it is a set");
-    EXPECT_EQ(refusal(*requests, "mrouteReq", nullptr, nullptr),
-              "attribute mrouteReq" + cannot + "without a key");
-    EXPECT_NE(refusal(*table, "oifIndexIntf", &wrongIndex, &intf), "");
-    EXPECT_EQ(refusal(*table, "oifIndexIntf", &index, nullptr),
-              "attribute oifIndexIntf" + cannot + "without a value");
-    EXPECT_EQ(refusal(*table, "route", &routeKey, &wrongOifs),
-              "Quill::Multicast::Fib::Route, attribute oifs: uint16 takes no number above 65535, not 65536");
-    EXPECT_EQ(refusal(*config, "egressFromAllVrfs", nullptr, &index),
-              "bool takes true or false, not a number");
-    for (const auto& [number, text] : {std::pair(1.5, "1.5"), {1e20, "1e+20"}}) { // not whole; too large
-        const Datum real(number);
-        EXPECT_EQ(real.kindName(), "a number that is not whole");
-        EXPECT_EQ(refusal(*table, "oifIndexIntf", &real, &intf),
-                  "Quill::Multicast::Fib::OifIndex takes a number, not " + std::string(text));
-        EXPECT_EQ(refusal(*table, "oifIndexIntf", &index, &real),
-                  "L3::IntfId takes a string, not " + std::string(text));
-    }
-    EXPECT_EQ(refusal(*config, "egressFromAllVrfs", &on, &on),
-              "attribute egressFromAllVrfs" + cannot + "by key");
+    const std::string oifIndex = "Quill::Multicast::Fib::OifIndex";
+    struct Refused {
+        Write write;
+        std::string text;
+    };
+    for (const auto& [write, text] : {
+             Refused{{*requests, "mrouteReq", &wrongVrf, nullptr},
+                     "KestrelNat::NatMrouteKey, attribute vrfId: VrfId::value > 0x00ffffff not allowed"},
+             {{*requests, "mrouteReq", &requestKey, &on},
+              "attribute mrouteReq" + cannot + "with a value: it is a set"},
+             {{*requests, "mrouteReq", nullptr, nullptr}, "attribute mrouteReq" + cannot + "without a key"},
+             {{*table, "oifIndexIntf", &wrongIndex, &intf},
+              oifIndex + "::value < " + oifIndex + "::min or > " + oifIndex + "::null not allowed"},
+             {{*table, "oifIndexIntf", &index, nullptr},
+              "attribute oifIndexIntf" + cannot + "without a value"},
+             {{*table, "oifIndexIntf", &broken, &intf}, oifIndex + " takes a number, not 1.5"},
+             {{*table, "oifIndexIntf", &huge, &intf}, oifIndex + " takes a number, not 1e+20"},
+             {{*table, "oifIndexIntf", &index, &broken}, "L3::IntfId takes a string, not 1.5"},
+             {{*table, "route", &routeKey, &wrongOifs},
+              "Quill::Multicast::Fib::Route, attribute oifs: uint16 takes no number above 65535, not 65536"},
+             {{*config, "egressFromAllVrfs", nullptr, &index}, "bool takes true or false, not a number"},
+             {{*config, "egressFromAllVrfs", &on, &on}, "attribute egressFromAllVrfs" + cannot + "by key"},
+         })
+        EXPECT_EQ(refusal(write.entity, write.name, write.key, write.value), text);
     EXPECT_EQ(table->oifIndexIntfCollection().size(), 1U);
 }
 

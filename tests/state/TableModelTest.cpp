@@ -306,22 +306,14 @@ void holdAgainstModel(std::uint32_t keys, unsigned rounds, unsigned checkEvery) 
     }
 }
 
-TEST(TableModel, FewMembers) {
+TEST(TableModel, IsHeldByFewAndManyMembers) {
     holdAgainstModel<Key>(12, 8000, 1);
-}
-TEST(TableModel, SomeMembers) {
     holdAgainstModel<Key>(300, 3000, 5);
-}
-TEST(TableModel, ManyMembers) {
     holdAgainstModel<Key>(20000, 1000, 50);
 }
-TEST(TableModel, LowerHashBitsAgree) {
-    holdAgainstModel<PoorKey<0xffc00000>>(3000, 500, 20);
-}
-TEST(TableModel, UpperHashBitsAgree) {
-    holdAgainstModel<PoorKey<0x000003ff>>(3000, 500, 20);
-}
-TEST(TableModel, HashesAgree) {
+TEST(TableModel, IsHeldWhereHashesAgree) {
+    holdAgainstModel<PoorKey<0xffc00000>>(3000, 500, 20); // in their lower bits
+    holdAgainstModel<PoorKey<0x000003ff>>(3000, 500, 20); // in their upper bits
     holdAgainstModel<PoorKey<0>>(2000, 100, 20);
 }
 
