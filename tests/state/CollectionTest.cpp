@@ -178,6 +178,19 @@ TEST_F(CollectionTest, AWalkMayRemoveByTheMembersOwnKeyWhileReadersReact) {
     EXPECT_TRUE(names().empty());
     EXPECT_EQ(heard, (Lines{"a gone", "c gone", "e=1", "b gone", "d gone", "name a gone", "name b gone",
                             "name c gone", "name d gone"}));
+
+    const std::string far(40, 'f'); // outside a walk the member goes at once, and its key with it
+    const std::string* own = nullptr;
+    heard.clear();
+    owner->colourIs(far, 1);
+    for (const auto& entry : owner->colour())
+        own = &entry.key;
+    owner->colourDel(*own);
+    owner->nameIs(far);
+    for (const std::string& key : owner->name())
+        own = &key;
+    owner->nameDel(*own);
+    EXPECT_EQ(heard, (Lines{far + "=1", far + " gone", "name " + far, "name " + far + " gone"}));
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <limits>
 #include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <unordered_map>
@@ -52,43 +53,18 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 
 namespace {
 
-// Keys under a good hash, and under hashes that hardly tell them apart in their lower or upper bits, or at
-// all.
+// Keys under a good hash, and under hashes that hardly tell them apart in the bits outside the mask.
+template <std::uint32_t mask = ~0U>
 struct Key {
     std::uint32_t number;
-    std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(number).result(); }
+    std::uint32_t hash(std::uint32_t seed) const { return State::Hasher(seed).mix(number).result() & mask; }
     bool operator==(const Key&) const = default;
 };
-template <std::uint32_t mask>
-struct PoorKey {
+
+// Those that are there, and were not moved from, share the model's token.
+struct Value {
     std::uint32_t number;
-    std::uint32_t hash(std::uint32_t seed) const { return Key{number}.hash(seed) & mask; }
-    bool operator==(const PoorKey&) const = default;
-};
-
-// Those that were not moved from are counted.
-class Value {
-  public:
-    explicit Value(std::uint32_t number)
-        : number_(number) {
-        ++alive;
-    }
-    Value(const Value& other)
-        : Value(other.number_) {}
-    Value(Value&& other) noexcept
-        : number_(std::exchange(other.number_, none)) {}
-    Value& operator=(Value&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Value() { alive -= number_ == none ? 0 : 1; }
-    std::uint32_t number() const { return number_; }
-
-    static inline std::size_t alive = 0;
-
-  private:
-    static constexpr std::uint32_t none = ~0U;
-    std::uint32_t number_;
+    std::shared_ptr<const int> token;
 };
 
 template <class K>
@@ -128,7 +104,7 @@ class Model {
         }
         walksOpen_ = 0;
         removed_ = 0;
-        ASSERT_EQ(Value::alive, members_.size()) << "the outermost walk destroys what was removed";
+        ASSERT_EQ(alive(), members_.size()) << "the outermost walk destroys what was removed";
     }
     // Adds or removes until there are about `members`.
     void fillTo(std::size_t members) {
@@ -142,7 +118,7 @@ class Model {
         auto expected = members_.begin();
         for (const auto& entry : std::as_const(table_).walk()) {
             ASSERT_EQ(entry.key.number, expected->second.key);
-            ASSERT_EQ(entry.value.number(), expected->second.value);
+            ASSERT_EQ(entry.value.number, expected->second.value);
             ASSERT_EQ(table_.find(entry.key), &entry);
             ++expected;
         }
@@ -158,6 +134,7 @@ class Model {
         std::uint32_t value;
     };
 
+    std::size_t alive() const { return static_cast<std::size_t>(token_.use_count()) - 1; }
     std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
     bool oneIn(std::uint32_t n) { return below(n) == 0; }
     Allocations someAllocations(std::uint32_t limit) {
@@ -178,7 +155,7 @@ class Model {
             const auto next = members_.upper_bound(last);
             ASSERT_TRUE(next != members_.end() && next->first <= newest);
             ASSERT_EQ(entry.key.number, next->second.key);
-            ASSERT_EQ(entry.value.number(), next->second.value);
+            ASSERT_EQ(entry.value.number, next->second.value);
             last = next->first;
             if (oneIn(3))
                 change(entry.key);
@@ -229,7 +206,7 @@ class Model {
         const Entry* place = table_.find(witness);
         const bool isThere = serials_.contains(key.number);
         const std::uint32_t value = below(1000);
-        Entry made{key, Value(value)};
+        Entry made{key, {value, token_}};
         try {
             const auto [entry, inserted] = [&, limited = someAllocations(3)] {
                 return table_.findOrInsert(key, [&]() -> Entry&& {
@@ -245,7 +222,7 @@ class Model {
                 members_[serials_[key.number]].value = value;
             }
         } catch (const std::bad_alloc&) {
-            ASSERT_EQ(made.value.number(), value);
+            ASSERT_NE(made.value.token, nullptr);
             ASSERT_EQ(table_.find(key), nullptr);
         }
         ASSERT_TRUE(witness == key || table_.find(witness) == place);
@@ -259,7 +236,7 @@ class Model {
         const bool isErased = oneIn(2);
         bool isRight = true;
         const auto take = [&](Entry&& entry) {
-            isRight = Value(std::move(entry.value)).number() == members_[serial->second].value &&
+            isRight = Value(std::move(entry.value)).number == members_[serial->second].value &&
                       table_.size() + 1 == members_.size();
         };
         const bool there = [&, limited = someAllocations(1)] {
@@ -272,10 +249,11 @@ class Model {
             members_.erase(serial->second);
             serials_.erase(serial);
         }
-        ASSERT_EQ(Value::alive, members_.size() + removed_);
+        ASSERT_EQ(alive(), members_.size() + removed_);
         ASSERT_TRUE(walksOpen_ == 0 || witness == key || table_.find(witness) == place);
     }
 
+    std::shared_ptr<const int> token_ = std::make_shared<int>(); // one for each value, and this
     std::mt19937 random_;
     TableOf<K> table_;
     std::uint32_t keys_;
@@ -307,14 +285,14 @@ void holdAgainstModel(std::uint32_t keys, unsigned rounds, unsigned checkEvery) 
 }
 
 TEST(TableModel, IsHeldByFewAndManyMembers) {
-    holdAgainstModel<Key>(12, 8000, 1);
-    holdAgainstModel<Key>(300, 3000, 5);
-    holdAgainstModel<Key>(20000, 1000, 50);
+    holdAgainstModel<Key<>>(12, 8000, 1);
+    holdAgainstModel<Key<>>(300, 3000, 5);
+    holdAgainstModel<Key<>>(20000, 1000, 50);
 }
 TEST(TableModel, IsHeldWhereHashesAgree) {
-    holdAgainstModel<PoorKey<0xffc00000>>(3000, 500, 20); // in their lower bits
-    holdAgainstModel<PoorKey<0x000003ff>>(3000, 500, 20); // in their upper bits
-    holdAgainstModel<PoorKey<0>>(2000, 100, 20);
+    holdAgainstModel<Key<0xffc00000>>(3000, 500, 20); // in their lower bits
+    holdAgainstModel<Key<0x000003ff>>(3000, 500, 20); // in their upper bits
+    holdAgainstModel<Key<0>>(2000, 100, 20);
 }
 
 } // namespace

@@ -107,37 +107,6 @@ TEST(Table, DestructorsMayUseTheTable) {
     fill(chain); // and the table's own end
 }
 
-// Keys that lie elsewhere, and end with the removal: the table must not look at them again.
-struct KeyInPool {
-    const std::uint32_t& operator()(const std::uint32_t& number) const { return *pool->at(number); }
-    std::vector<std::unique_ptr<std::uint32_t>>* pool;
-};
-
-TEST(Table, KeyOfARemovedMemberIsNotRead) {
-    std::vector<std::unique_ptr<std::uint32_t>> pool;
-    State::Table<std::uint32_t, KeyInPool> table(1, KeyInPool{&pool});
-    for (std::uint32_t number = 0; number < 4000; ++number) {
-        pool.push_back(std::make_unique<std::uint32_t>(number * 3));
-        table.insert(std::uint32_t{number});
-    }
-    const auto removeAllBut = [&](std::uint32_t every) {
-        for (std::uint32_t number = 0; number < pool.size(); ++number)
-            if (number % every != 0 && table.erase(number * 3))
-                pool[number].reset();
-    };
-    for (const std::uint32_t& number : table.walk()) {
-        removeAllBut(2 + number);
-        ASSERT_EQ(table.find(3), nullptr);
-        for (std::uint32_t more = 0; more < 2000; ++more) {
-            pool.push_back(std::make_unique<std::uint32_t>(static_cast<std::uint32_t>(pool.size()) * 3));
-            table.insert(static_cast<std::uint32_t>(pool.size() - 1));
-        }
-        break;
-    }
-    removeAllBut(1000);
-    EXPECT_EQ(table.size(), 6U);
-}
-
 // Apart: g++ 12 sees an index in use where a new table has none, and a table that has ended.
 [[gnu::noinline]] void insertWhileInserting(Numbers& numbers) {
     numbers.findOrInsert(1, [&] { return *numbers.insert(2).first; });

@@ -46,14 +46,14 @@ class TraceTest : public testing::Test {
         State::traceRingIs(ring_);
     }
 
-    // Both places have these messages and nothing else.
-    void expectBoth(const Texts& wanted) {
-        EXPECT_EQ(messages(lines_), wanted);
-        EXPECT_EQ(messages(State::traceRecordsSince(State::traceOldest())), wanted);
-    }
     // The latest message, as text and as read back from the ring.
     std::string lastLine() const { return lines_.back().message; }
     static std::string lastRecord() { return State::traceRecordsLast(1).at(0).message; }
+    void expectLast(const std::string& line, const std::string& record) const {
+        EXPECT_EQ(lastLine(), line);
+        EXPECT_EQ(lastRecord(), record);
+    }
+    void expectLast(const std::string& both) const { expectLast(both, both); }
 
     std::vector<State::TraceRecord> lines_;
     std::unique_ptr<std::byte[]> memory_;

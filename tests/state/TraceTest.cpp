@@ -45,26 +45,23 @@ TEST_F(TraceTest, StatementLeavesTheSameInTextAndRing) {
     EXPECT_EQ(State::traceRecordsSince(State::traceNext()).size(), 0U);
 }
 
-// Only a literal is the statement's own text; other character arrays may differ from call to call.
-TEST_F(TraceTest, OnlyLiteralsAreRegistered) {
+TEST_F(TraceTest, LiteralsAndValuesOfEveryPlainKind) {
+    // Only a literal is the statement's own text; other character arrays may differ from call to call.
     for (const bool isAdded : {true, false}) {
         const char name[] = {isAdded ? 'a' : 'b', '\0'};
         TRACE(8, isAdded ? " yes" : " not", ", (\"",
               "two "
               "halves",
               '"', name, (1 + 1), "\\", "", ")");
+        expectLast(isAdded ? " yes, (\"two halves\"a2\\)" : " not, (\"two halves\"b2\\)");
     }
-    expectBoth({" yes, (\"two halves\"a2\\)", " not, (\"two halves\"b2\\)"});
-}
-
-TEST_F(TraceTest, ValuesOfEveryPlainKind) {
     const std::string string("with\0zero", 9);
     const char* const none = nullptr;
     TRACE(8, std::uint8_t{200}, ' ', std::int8_t{-100}, ' ', std::uint64_t{0} - 1, ' ', INT64_MIN, ' ', true,
           ' ', false);
+    expectLast("200 -100 18446744073709551615 -9223372036854775808 true false");
     TRACE(8, string, '|', std::string_view(), '|', none, '|', static_cast<const char*>("text"));
-    expectBoth({"200 -100 18446744073709551615 -9223372036854775808 true false",
-                std::string("with\0zero||(null)|text", 22)});
+    expectLast(std::string("with\0zero||(null)|text", 22));
 }
 
 TEST_F(TraceTest, TracesBeforeMainGoToTheRingOfItsOwn) {
@@ -134,8 +131,7 @@ TEST_F(TraceTest, FacilitiesComeAndGoWithTheirModules) {
         const State::TraceFacilityEntry loaded(Module::traceFacilityOfThisFile);
         EXPECT_EQ(levelOf("TraceTestModule"), "8 loaded");
         Module::work(2);
-        EXPECT_EQ(lastLine(), "module works on 2");
-        EXPECT_EQ(lastRecord(), "module works on 2");
+        expectLast("module works on 2");
     }
     EXPECT_EQ(lastRecord(), "(its module is not loaded any more)");
     EXPECT_EQ(levelOf("TraceTestModule"), "8");
@@ -146,8 +142,7 @@ TEST_F(TraceTest, LongStringsAreCutInTheRingAlone) {
     const std::string fits(100, 'x');
     const std::string tooLong(101, 'y');
     TRACE(8, fits, "|", tooLong, "|");
-    EXPECT_EQ(lastLine(), fits + "|" + tooLong + "|");
-    EXPECT_EQ(lastRecord(), fits + "|" + std::string(100, 'y') + "...|");
+    expectLast(fits + "|" + tooLong + "|", fits + "|" + std::string(100, 'y') + "...|");
 
     // Never within a character, whichever of its bytes comes 101st.
     const std::string characters[] = {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"};
@@ -156,9 +151,7 @@ TEST_F(TraceTest, LongStringsAreCutInTheRingAlone) {
             const std::string text = std::string(begin, 'z') + character + "end";
             TRACE(8, text);
             const bool isKept = begin + character.size() <= 100;
-            EXPECT_EQ(lastLine(), text);
-            EXPECT_EQ(lastRecord(), std::string(begin, 'z') + (isKept ? character : "") + "...")
-                << "at " << begin;
+            expectLast(text, std::string(begin, 'z') + (isKept ? character : "") + "...");
         }
     }
 }
@@ -203,20 +196,17 @@ TEST_F(TraceTest, SetsDescribedValuesAndOwnCodingsComeBack) {
     const NumberSet eight{{1, 2, 3, 4, 5, 6, 7, 8}};
     const NumberSet nine{{1, 2, 3, 4, 5, 6, 7, 8, 9}};
     TRACE(8, "key=", (Key{3, "static"}), " ", NumberSet(), eight, "!");
-    EXPECT_EQ(lastLine(),
-              "key=Key(vrfId=3, routeName=\"static\") NumberSet{}NumberSet{1, 2, 3, 4, 5, 6, 7, 8}!");
-    EXPECT_EQ(lastRecord(), lastLine());
+    expectLast("key=Key(vrfId=3, routeName=\"static\") NumberSet{}NumberSet{1, 2, 3, 4, 5, 6, 7, 8}!");
     TRACE(8, nine, (Range{{1, 5, 9}}), "!");
-    EXPECT_EQ(lastLine(), "NumberSet{1, 2, 3, 4, 5, 6, 7, 8, 9}<1><5><9>!");
-    EXPECT_EQ(lastRecord(), "NumberSet{1, 2, 3, 4, 5, 6, 7, 8} (8 of 9)1..9!");
+    expectLast("NumberSet{1, 2, 3, 4, 5, 6, 7, 8, 9}<1><5><9>!",
+               "NumberSet{1, 2, 3, 4, 5, 6, 7, 8} (8 of 9)1..9!");
 }
 
 TEST_F(TraceTest, ARecordIsCutAtItsLargestSize) {
     const std::string text(100, 'x');
     TRACE(8, text, text, text, text, text, text, text, text, text, text, "|", 1, "|", 2, "|", text, "end");
-    EXPECT_EQ(lastLine(), std::string(1000, 'x') + "|1|2|" + text + "end");
     // 1024 bytes: the head, nine strings of 102; the tenth does not fit, and nothing follows.
-    EXPECT_EQ(lastRecord(), std::string(900, 'x') + "...|...|...|...end");
+    expectLast(std::string(1000, 'x') + "|1|2|" + text + "end", std::string(900, 'x') + "...|...|...|...end");
 }
 
 TEST_F(TraceTest, LinesOnStandardErrorAndInDumps) {
