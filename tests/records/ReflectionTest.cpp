@@ -130,7 +130,8 @@ TEST(Reflection, WritesChangeOnceAndRefusedOnesNothing) {
               "attribute mrouteReq" + cannot + "with a value: it is a set"},
              {{*requests, "mrouteReq", nullptr, nullptr}, "attribute mrouteReq" + cannot + "without a key"},
              {{*table, "oifIndexIntf", &wrongIndex, &intf},
-              oifIndex + "::value < " + oifIndex + "::min or > " + oifIndex + "::null not allowed"},
+              "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
+              "Quill::Multicast::Fib::OifIndex::null not allowed"},
              {{*table, "oifIndexIntf", &index, nullptr},
               "attribute oifIndexIntf" + cannot + "without a value"},
              {{*table, "oifIndexIntf", &broken, &intf}, oifIndex + " takes a number, not 1.5"},

@@ -76,13 +76,13 @@ TEST(FatalDeathTest, TheEndPrintsWhatWasWrongAndThenTheLastWords) {
          },
          what + "second words\n"},
     };
-    for (const auto& [hooks, end, errors] : cases) {
+    for (const Case& each : cases) {
         const auto body = [&] {
-            for (const auto& [hook, context] : hooks)
+            for (const auto& [hook, context] : each.hooks)
                 State::fatalHookIs(hook, context);
-            end();
+            each.end();
         };
-        EXPECT_EXIT(body(), testing::KilledBySignal(SIGABRT), testing::Eq(errors));
+        EXPECT_EXIT(body(), testing::KilledBySignal(SIGABRT), testing::Eq(each.errors));
     }
     FATAL_ASSERT(true, "true"); // what holds does nothing
 }

@@ -75,10 +75,10 @@ TEST_F(TraceRingTest, RecordsMeetInEveryWay) {
         std::size_t size;
         std::string message;
     };
-    const Kind kinds[] = {{[] { TRACE(8, "end"); }, 8, "end"},
-                          {[] { TRACE(8, "end", 1, 2); }, 16, "end12"},
-                          {[] { TRACE(8, "end", 1, 2, 3, 4); }, 24, "end1234"},
-                          {[] { TRACE(8, "end", 1, 2, 3, 4, 5, 6); }, 32, "end123456"}};
+    const Kind kinds[] = {{[] { TRACE_AS(8, "trace", "end"); }, 8, "end"},
+                          {[] { TRACE_AS(8, "trace", "end", 1, 2); }, 16, "end12"},
+                          {[] { TRACE_AS(8, "trace", "end", 1, 2, 3, 4); }, 24, "end1234"},
+                          {[] { TRACE_AS(8, "trace", "end", 1, 2, 3, 4, 5, 6); }, 32, "end123456"}};
     for (std::size_t pair = 0; pair < std::size(kinds) * std::size(kinds); ++pair) {
         const Kind& before = kinds[pair / std::size(kinds)];
         const Kind& after = kinds[pair % std::size(kinds)];
@@ -132,8 +132,8 @@ TEST_F(TraceRingTest, DamagedRingIsReadAsFarAsItMakesSense) {
     std::mt19937 random(7);
     const auto fill = [](int count) {
         for (int i = 0; i < count; ++i)
-            TRACE(8, "i=", i, " ", std::string(static_cast<std::size_t>(i % 120), 't'), std::string_view("x"),
-                  i % 2 == 0);
+            TRACE_AS(8, "fill", "i=", i, " ", std::string(static_cast<std::size_t>(i % 120), 't'),
+                     std::string_view("x"), i % 2 == 0);
     };
     const auto read = [&] {
         State::TraceRingWalk walk(State::traceRing);
