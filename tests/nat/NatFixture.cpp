@@ -8,21 +8,14 @@ namespace NatTest {
 
 namespace {
 
-std::string text(const L3::IntfSet& intfs) {
-    std::string out = "{";
-    for (const L3::IntfId intf : intfs)
-        out += (out == "{" ? "" : ", ") + intf.stringValue();
-    return out + "}";
-}
-
-L3::IpGenPrefix prefix(std::string_view given) {
-    return given.find('/') == std::string_view::npos ? L3::IpGenPrefix::host(L3::IpAddr(given))
-                                                     : L3::IpGenPrefix::fromString(given);
-}
-
 std::string answerIn(const Handle<KestrelNat::NatMrouteResponseMap>& map, const Ask& ask) {
     const auto* found = map->mrouteRespCollection().find(request(ask));
-    return found == nullptr ? "none" : text(found->oif());
+    if (found == nullptr)
+        return "none";
+    std::string out = "{";
+    for (const L3::IntfId intf : found->oif())
+        out += (out == "{" ? "" : ", ") + intf.stringValue();
+    return out + "}";
 }
 
 } // namespace
@@ -36,36 +29,56 @@ NatMrouteKey request(const Ask& ask) {
             .type = ask.type};
 }
 
-IpGenRouteKey routeKey(std::string_view source, std::string_view group) {
-    return {prefix(source), prefix(group)};
+IpGenRouteKey routeKey(std::string_view source) {
+    return IpGenRouteKey::host(L3::IpAddr(source), request().groupIp);
 }
 
 NatMcastRouteKey tableKey(std::uint32_t vrf, Type type) {
     return {.vrfId = vrf, .routeName = KestrelNat::routeTypes()[type]};
 }
 
-AnswerListener::AnswerListener(Handle<KestrelNat::NatMrouteResponseMap> answers)
-    : answers_(std::move(answers)) {
-    answers_->subscribe(this, &hear);
+OnChange::OnChange(const State::Publisher& publisher, Reaction given)
+    : reaction(std::move(given))
+    , publisher_(publisher) {
+    publisher_.subscribe(this, &hear);
 }
-AnswerListener::~AnswerListener() {
-    answers_->unsubscribe(this, &hear);
+OnChange::~OnChange() {
+    publisher_.unsubscribe(this, &hear);
 }
 
-void AnswerListener::hear(void* self, const State::Notification& change) {
-    auto& listener = *static_cast<AnswerListener*>(self);
-    const NatMrouteKey key = change.keyAs<NatMrouteKey>();
-    const auto* found = listener.answers_->mrouteRespCollection().find(key);
-    listener.heard.push_back(key.intf.stringValue() + " " + key.sourceIp.stringValue() + " " +
-                             key.groupIp.stringValue() + " " +
-                             (found == nullptr ? "gone" : text(found->oif())));
-    if (listener.reaction)
-        listener.reaction(key);
+void OnChange::hear(void* self, const Notification& change) {
+    if (const Reaction current = static_cast<OnChange*>(self)->reaction)
+        current(change);
+}
+
+void atEachChange(const State::Publisher& publisher, OnChange::Reaction& reaction) {
+    publisher.subscribe(&reaction, [](void* given, const Notification& change) {
+        (*static_cast<OnChange::Reaction*>(given))(change);
+    });
+}
+
+Traced::Traced(std::string_view facility)
+    : facility_(facility)
+    , mark_(State::traceNext()) {}
+
+Lines Traced::operator()() {
+    Lines lines;
+    for (const State::TraceRecord& record : State::traceRecordsSince(mark_))
+        if (record.facility == facility_)
+            lines.push_back(std::to_string(record.level) + " " + record.message);
+    mark_ = State::traceNext();
+    return lines;
+}
+
+std::size_t Traced::operator()(std::string_view part) {
+    const Lines lines = (*this)();
+    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find(part) != std::string::npos;
+    }));
 }
 
 // Interfaces are numbered once for all tests, so that sets print in one order.
-NatFixture::NatFixture()
-    : mark(State::traceNext()) {
+NatFixture::NatFixture() {
     for (const char* intf : {"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet4"})
         L3::IntfId{std::string_view(intf)};
 }
@@ -74,100 +87,72 @@ void NatFixture::start() {
     machine = KestrelNat::natMrouteSmFactory(requests, answers, status, routeMap, capability);
 }
 
-void NatFixture::tableIs(std::uint32_t vrf, Type type, std::string_view name) {
-    const NatMcastRouteKey key = tableKey(vrf, type);
+void NatFixture::tableIs(const NatMcastRouteKey& key, std::string_view name) {
     const std::string_view tableName = name.empty() ? std::string_view(key.routeName) : name;
     if (lumen) {
-        lumenFibs[key] = State::makeHandle<LumenFib>(tableName);
+        lumenFibs[key] = makeHandle<LumenFib>(tableName);
         routeMap->mfibIs(key, lumenFibs[key]);
     } else {
-        quillTables[key] = State::makeHandle<QuillTable>(tableName);
+        quillTables[key] = makeHandle<QuillTable>(tableName);
         routeMap->mrouteRouteIs(key, quillTables[key]);
     }
 }
 
-void NatFixture::tableDel(std::uint32_t vrf, Type type) {
-    const NatMcastRouteKey key = tableKey(vrf, type);
+void NatFixture::tableDel(const NatMcastRouteKey& key) {
     routeMap->mfibDel(key);
     routeMap->mrouteRouteDel(key);
     lumenFibs.erase(key);
     quillTables.erase(key);
 }
 
-bool NatFixture::isWatched(std::uint32_t vrf, Type type) const {
-    const NatMcastRouteKey key = tableKey(vrf, type);
+bool NatFixture::isWatched(const NatMcastRouteKey& key) const {
     return lumen ? machine->mfibAppCollection().has(key) : machine->mcastRouteCollection().has(key);
 }
 
-void NatFixture::routeIs(std::uint32_t vrf, Type type, std::string_view source, std::string_view group,
-                         Names intfs) {
-    const NatMcastRouteKey table = tableKey(vrf, type);
-    const IpGenRouteKey key = routeKey(source, group);
+void NatFixture::routeIs(std::initializer_list<std::string_view> intfs, std::string_view source,
+                         const NatMcastRouteKey& table) {
     if (!lumenFibs.contains(table) && !quillTables.contains(table))
-        tableIs(vrf, type);
-    if (!lumen) {
-        Quill::Multicast::Fib::Route row;
-        for (const std::string_view intf : intfs)
-            row.oifs.insert(oifIndex(*quillTables[table], intf));
-        quillTables[table]->routeIs(key, row);
-        return;
-    }
+        tableIs(table);
     L3::IntfSet set;
-    for (const std::string_view intf : intfs)
-        set.insert(L3::IntfId(intf));
-    LumenFib& fib = *lumenFibs[table];
-    if (const Handle<LumenRoute> present = fib.route(key)) {
+    Quill::Multicast::Fib::Route row;
+    for (const std::string_view intf : intfs) {
+        const L3::IntfId id(intf);
+        set.insert(id);
+        row.oifs.insert(static_cast<std::uint16_t>(100 + id.number()));
+        if (!lumen)
+            quillTables[table]->oifIndexIntfIs(static_cast<std::uint16_t>(100 + id.number()), id);
+    }
+    if (!lumen) {
+        quillTables[table]->routeIs(routeKey(source), row);
+    } else if (const Handle<LumenRoute> present = lumenFibs[table]->route(routeKey(source))) {
         present->intfIs(set);
         present->versionAdvance();
     } else {
-        const auto made = State::makeHandle<LumenRoute>(key);
+        const auto made = makeHandle<LumenRoute>(routeKey(source));
         made->intfIs(set);
-        fib.routeIs(made);
+        lumenFibs[table]->routeIs(made);
     }
 }
 
-void NatFixture::routeDel(std::uint32_t vrf, Type type, std::string_view source, std::string_view group) {
-    const NatMcastRouteKey table = tableKey(vrf, type);
+void NatFixture::routeDel(std::string_view source, const NatMcastRouteKey& table) {
     if (lumen)
-        lumenFibs[table]->routeDel(routeKey(source, group));
+        lumenFibs[table]->routeDel(routeKey(source));
     else
-        quillTables[table]->routeDel(routeKey(source, group));
-}
-
-std::uint16_t NatFixture::oifIndex(QuillTable& table, std::string_view intf) {
-    const L3::IntfId id(intf);
-    const auto index = static_cast<std::uint16_t>(100 + id.number());
-    table.oifIndexIntfIs(index, id);
-    return index;
+        quillTables[table]->routeDel(routeKey(source));
 }
 
 std::string NatFixture::answer(const Ask& ask) const {
     return answerIn(answers, ask);
 }
 
-std::string NatFixture::answerOf(Type type, const Ask& ask) const {
-    return answerIn(machine->mrouteResponseMapByRoute(KestrelNat::routeTypes()[type]), ask);
+std::string NatFixture::answerOf(Type type) const {
+    return answerIn(machine->mrouteResponseMapByRoute(KestrelNat::routeTypes()[type]), {});
 }
 
-std::size_t NatFixture::requesters(const Ask& ask) const {
-    return machine->vrfIdSourceAndGroupToIntf(KestrelNat::VrfIdMrouteSourceAndGroup::of(request(ask)))
+std::size_t NatFixture::requesters() const {
+    return machine->vrfIdSourceAndGroupToIntf(KestrelNat::VrfIdMrouteSourceAndGroup::of(request()))
         .iv()
         .size();
-}
-
-Lines NatFixture::traced() {
-    Lines lines;
-    for (const State::TraceRecord& record : State::traceRecordsSince(mark))
-        if (record.facility == "KestrelNatMulticastSm")
-            lines.push_back(std::to_string(record.level) + " " + record.message);
-    mark = State::traceNext();
-    return lines;
-}
-
-std::size_t NatFixture::countOf(const Lines& lines, std::string_view part) {
-    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.find(part) != std::string::npos;
-    }));
 }
 
 } // namespace NatTest

@@ -1,0 +1,107 @@
+// The assertions of the mroute service that end the process, each with its text, file and function.
+#include "state/Errors.h"
+#include "tests/nat/NatFixture.h"
+
+namespace NatTest {
+
+namespace {
+
+class MrouteDeathTest : public NatFixture {
+  protected:
+    // A pattern for the one line that the assertion prints; `function` with the beginning of its parameters.
+    static std::string assertion(std::string_view file, std::string_view function, std::string_view text) {
+        const auto quoted = [](std::string_view plainText) {
+            std::string pattern;
+            for (const char c : plainText) {
+                pattern += std::string_view("\\^$.|?*+()[]{}").find(c) == std::string_view::npos ? "" : "\\";
+                pattern += c;
+            }
+            return pattern;
+        };
+        return "KestrelNat/KestrelNatMulticastSm/" + quoted(file) +
+               ":[0-9]+: .*KestrelNat::" + quoted(function) + ".*: Assertion `" + quoted(text) + "' failed";
+    }
+    static constexpr const char* oneMfib =
+        "( !!lumenMfib ^ !!quillRoutes ) && \"Only one mfib must be True\"";
+};
+
+TEST_F(MrouteDeathTest, ARequestNamesAnInterfaceAndAVlan) {
+    start();
+    const std::string text =
+        assertion("NatMrouteRequests.cpp", "NatMrouteSm::handleMrouteReq(const KestrelNat::NatMrouteKey&)",
+                  "req.intf().stringValue() != \"\" && req.vlanId() != 0");
+    EXPECT_DEATH(requests->mrouteReqIs(request({.intf = ""})), text);
+    EXPECT_DEATH(requests->mrouteReqIs(request({.vlan = 0})), text);
+}
+
+TEST_F(MrouteDeathTest, ResolutionTakesExactlyOneTableAndAFlow) {
+    start();
+    tableIs();
+    const char* const file = "NatMrouteEgress.cpp";
+    for (const bool allVrfs : {true, false}) {
+        capability->egressFromAllVrfsIs(allVrfs);
+        EXPECT_DEATH(machine->getEgressIntfsForMrouteKey(request(), nullptr, nullptr),
+                     assertion(file, "NatMrouteSm::getEgressIntfsForMrouteKey(", oneMfib));
+    }
+    const char* const function = "getEgressIntfsFromCurrentVrf(const NatMrouteKey&, ";
+    const auto both = [&] {
+        KestrelNat::NatMrouteOifSet egress;
+        getEgressIntfsFromCurrentVrf(request(), makeHandle<QuillTable>("static"),
+                                     makeHandle<LumenFib>("user"), egress);
+    };
+    EXPECT_DEATH(both(), assertion(file, function, oneMfib));
+    EXPECT_DEATH(requests->mrouteReqIs(request({.source = "0.0.0.0", .group = "0.0.0.0"})),
+                 assertion(file, function, "!( isDNAT && isSNAT ) && \"reqKey is (*, *) in response map\""));
+
+    // All VRFs that have an identifier must have both tables then.
+    routeMap->vrfNameToIdIs("red", 3);
+    capability->egressFromAllVrfsIs(true);
+    EXPECT_DEATH(requests->mrouteReqIs(request()), assertion(file, function, oneMfib));
+}
+
+TEST_F(MrouteDeathTest, ARouteUpdateNeedsItsTableAndTheRequestersOfItsFlows) {
+    start();
+    tableIs();
+    const char* const file = "NatMrouteUpdates.cpp";
+    const char* const update = "NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey&, ";
+    EXPECT_DEATH(machine->handleMcastRouteUpdate(routeKey(), tableKey(4)), assertion(file, update, oneMfib));
+    EXPECT_DEATH(machine->handleMcastRouteUpdateAll(tableKey(4)),
+                 assertion(file, "NatMrouteSm::handleMcastRouteUpdateAll(", oneMfib));
+
+    const std::string noEntry = "\"sourceAndGroupToIntf does not have the requested entry\"";
+    const auto watch = [&](const NatMrouteKey& key) {
+        machine->watchedMroutesWrap(3)->add(KestrelNat::MrouteSourceAndGroup::of(key), key);
+    };
+    watch(request());
+    EXPECT_DEATH(routeIs({}), assertion(file, update, "!sgs.empty() && " + noEntry));
+    watch(request({.source = "0.0.0.0"}));
+    EXPECT_DEATH(routeIs({}, "0.0.0.0"),
+                 assertion(file, update, "vrfIdSourceAndGroupToIntfHas( vsg ) && " + noEntry));
+}
+
+TEST_F(MrouteDeathTest, AnInvalidInterfaceIndexEndsAReactorAndAConstruction) {
+    if (lumen)
+        GTEST_SKIP() << "Quill rows alone name interfaces by index";
+    const std::string text =
+        "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
+        "Quill::Multicast::Fib::OifIndex::null not allowed";
+    tableIs();
+    start();
+    requests->mrouteReqIs(request());
+    const auto spoil = [&] { quillTables[tableKey()]->routeIs(routeKey(), {{513}}); };
+    EXPECT_DEATH(spoil(), "exception left a reactor: " + text);
+
+    machine.reset();
+    spoil();
+    try {
+        start();
+        FAIL() << "the row was accepted";
+    } catch (const State::RangeError& error) {
+        EXPECT_EQ(error.what(), text);
+    }
+    EXPECT_FALSE(requests->hasSubscribers() || routeMap->publisher().hasSubscribers());
+}
+
+} // namespace
+
+} // namespace NatTest
