@@ -79,27 +79,19 @@ TEST_F(MrouteDeathTest, ARouteUpdateNeedsItsTableAndTheRequestersOfItsFlows) {
                  assertion(file, update, "vrfIdSourceAndGroupToIntfHas( vsg ) && " + noEntry));
 }
 
-TEST_F(MrouteDeathTest, AnInvalidInterfaceIndexEndsAReactorAndAConstruction) {
+TEST_F(MrouteDeathTest, AnInvalidInterfaceIndexEndsAReactorAndAbandonsAConstruction) {
     if (lumen)
         GTEST_SKIP() << "Quill rows alone name interfaces by index";
-    const std::string text =
-        "Quill::Multicast::Fib::OifIndex::value < Quill::Multicast::Fib::OifIndex::min or > "
-        "Quill::Multicast::Fib::OifIndex::null not allowed";
     tableIs();
     start();
     requests->mrouteReqIs(request());
     const auto spoil = [&] { quillTables[tableKey()]->routeIs(routeKey(), {{513}}); };
-    EXPECT_DEATH(spoil(), "exception left a reactor: " + text);
-
+    EXPECT_DEATH(spoil(), "exception left a reactor: Quill::Multicast::Fib::OifIndex::value < "
+                          "Quill::Multicast::Fib::OifIndex::min or > .* not allowed");
     machine.reset();
     spoil();
-    try {
-        start();
-        FAIL() << "the row was accepted";
-    } catch (const State::RangeError& error) {
-        EXPECT_EQ(error.what(), text);
-    }
-    EXPECT_FALSE(requests->hasSubscribers() || routeMap->publisher().hasSubscribers());
+    EXPECT_THROW(start(), State::RangeError);
+    EXPECT_FALSE(requests->hasSubscribers() || routeMap->hasSubscribers());
 }
 
 } // namespace

@@ -138,26 +138,19 @@ TEST(Types, AreCreatedByNameAndSeedTheirCollections) {
 TEST(Types, AMatcherTellsByTheZerosOfItsRequestsWhichRoutesConcernThem) {
     const auto matcher = natMrouteMatcherFactory();
     const char* const any = "0.0.0.0";
-    const std::vector<NatMrouteKey> keys{request(), request({.source = any, .group = "239.2.2.2"}),
-                                         request({.source = "10.0.0.3", .group = any})};
-    for (const NatMrouteKey& key : keys) {
-        matcher->remove(MrouteSourceAndGroup::of(key), key); // in vain
-        matcher->add(MrouteSourceAndGroup::of(key), key);
-    }
+    for (const Ask& ask :
+         {Ask{}, Ask{.source = any, .group = "239.2.2.2"}, Ask{.source = "10.0.0.3", .group = any}})
+        matcher->add(MrouteSourceAndGroup::of(request(ask)), request(ask));
     const auto matches = [&](const char* source, const char* group) {
         return matcher->matches({L3::IpAddr(source), L3::IpAddr(group)});
     };
     EXPECT_TRUE(matches("10.0.0.1", "239.1.1.1") && matches("10.0.0.2", "239.2.2.2") &&
                 matches(any, "239.2.2.2") && matches("10.0.0.3", "239.9.9.9"));
     EXPECT_FALSE(matches("10.0.0.2", "239.1.1.1") || matches(any, "239.1.1.1") ||
-                 matches("10.0.0.4", "239.9.9.9"));
-    for (const NatMrouteKey& key : keys)
-        matcher->remove(MrouteSourceAndGroup::of(key), key);
-    EXPECT_TRUE(matcher->empty());
-
+                 matches("10.0.0.4", "239.9.9.9") || matches("10.0.0.1", any));
     const NatMrouteKey everything = request({.source = any, .group = any});
     matcher->add(MrouteSourceAndGroup::of(everything), everything);
-    EXPECT_TRUE(matches("10.0.0.1", any) && !matches("10.0.0.1", "239.1.1.1")) << "is filed under group zero";
+    EXPECT_TRUE(matches("10.0.0.1", any) && !matches("10.0.0.4", "239.9.9.9")) << "is filed under group zero";
 }
 
 } // namespace
