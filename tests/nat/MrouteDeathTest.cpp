@@ -6,30 +6,19 @@ namespace NatTest {
 
 namespace {
 
-class MrouteDeathTest : public NatFixture {
-  protected:
-    // A pattern for the one line that the assertion prints; `function` with the beginning of its parameters.
-    static std::string assertion(std::string_view file, std::string_view function, std::string_view text) {
-        const auto quoted = [](std::string_view plainText) {
-            std::string pattern;
-            for (const char c : plainText) {
-                pattern += std::string_view("\\^$.|?*+()[]{}").find(c) == std::string_view::npos ? "" : "\\";
-                pattern += c;
-            }
-            return pattern;
-        };
-        return "KestrelNat/KestrelNatMulticastSm/" + quoted(file) +
-               ":[0-9]+: .*KestrelNat::" + quoted(function) + ".*: Assertion `" + quoted(text) + "' failed";
-    }
-    static constexpr const char* oneMfib =
-        "( !!lumenMfib ^ !!quillRoutes ) && \"Only one mfib must be True\"";
-};
+using MrouteDeathTest = NatFixture;
+
+// Patterns for the one line that an assertion prints.
+std::string assertion(const std::string& file, const std::string& function, const std::string& text) {
+    return "KestrelNat/KestrelNatMulticastSm/" + file + ":[0-9]+: .*KestrelNat::" + function +
+           "\\(.*: Assertion `" + text + "' failed";
+}
+const std::string oneMfib = "\\( !!lumenMfib \\^ !!quillRoutes \\) && \"Only one mfib must be True\"";
 
 TEST_F(MrouteDeathTest, ARequestNamesAnInterfaceAndAVlan) {
     start();
-    const std::string text =
-        assertion("NatMrouteRequests.cpp", "NatMrouteSm::handleMrouteReq(const KestrelNat::NatMrouteKey&)",
-                  "req.intf().stringValue() != \"\" && req.vlanId() != 0");
+    const std::string text = assertion("NatMrouteRequests.cpp", "NatMrouteSm::handleMrouteReq",
+                                       "req.intf\\(\\).stringValue\\(\\) != \"\" && req.vlanId\\(\\) != 0");
     EXPECT_DEATH(requests->mrouteReqIs(request({.intf = ""})), text);
     EXPECT_DEATH(requests->mrouteReqIs(request({.vlan = 0})), text);
 }
@@ -41,9 +30,9 @@ TEST_F(MrouteDeathTest, ResolutionTakesExactlyOneTableAndAFlow) {
     for (const bool allVrfs : {true, false}) {
         capability->egressFromAllVrfsIs(allVrfs);
         EXPECT_DEATH(machine->getEgressIntfsForMrouteKey(request(), nullptr, nullptr),
-                     assertion(file, "NatMrouteSm::getEgressIntfsForMrouteKey(", oneMfib));
+                     assertion(file, "NatMrouteSm::getEgressIntfsForMrouteKey", oneMfib));
     }
-    const char* const function = "getEgressIntfsFromCurrentVrf(const NatMrouteKey&, ";
+    const char* const function = "getEgressIntfsFromCurrentVrf";
     const auto both = [&] {
         KestrelNat::NatMrouteOifSet egress;
         getEgressIntfsFromCurrentVrf(request(), makeHandle<QuillTable>("static"),
@@ -51,7 +40,8 @@ TEST_F(MrouteDeathTest, ResolutionTakesExactlyOneTableAndAFlow) {
     };
     EXPECT_DEATH(both(), assertion(file, function, oneMfib));
     EXPECT_DEATH(requests->mrouteReqIs(request({.source = "0.0.0.0", .group = "0.0.0.0"})),
-                 assertion(file, function, "!( isDNAT && isSNAT ) && \"reqKey is (*, *) in response map\""));
+                 assertion(file, function,
+                           "!\\( isDNAT && isSNAT \\) && \"reqKey is \\(\\*, \\*\\) in response map\""));
 
     // All VRFs that have an identifier must have both tables then.
     routeMap->vrfNameToIdIs("red", 3);
@@ -63,20 +53,20 @@ TEST_F(MrouteDeathTest, ARouteUpdateNeedsItsTableAndTheRequestersOfItsFlows) {
     start();
     tableIs();
     const char* const file = "NatMrouteUpdates.cpp";
-    const char* const update = "NatMrouteSm::handleMcastRouteUpdate(const IpGenRouteKey&, ";
+    const char* const update = "NatMrouteSm::handleMcastRouteUpdate";
     EXPECT_DEATH(machine->handleMcastRouteUpdate(routeKey(), tableKey(4)), assertion(file, update, oneMfib));
     EXPECT_DEATH(machine->handleMcastRouteUpdateAll(tableKey(4)),
-                 assertion(file, "NatMrouteSm::handleMcastRouteUpdateAll(", oneMfib));
+                 assertion(file, "NatMrouteSm::handleMcastRouteUpdateAll", oneMfib));
 
     const std::string noEntry = "\"sourceAndGroupToIntf does not have the requested entry\"";
     const auto watch = [&](const NatMrouteKey& key) {
         machine->watchedMroutesWrap(3)->add(KestrelNat::MrouteSourceAndGroup::of(key), key);
     };
     watch(request());
-    EXPECT_DEATH(routeIs({}), assertion(file, update, "!sgs.empty() && " + noEntry));
+    EXPECT_DEATH(routeIs({}), assertion(file, update, "!sgs.empty\\(\\) && " + noEntry));
     watch(request({.source = "0.0.0.0"}));
     EXPECT_DEATH(routeIs({}, "0.0.0.0"),
-                 assertion(file, update, "vrfIdSourceAndGroupToIntfHas( vsg ) && " + noEntry));
+                 assertion(file, update, "vrfIdSourceAndGroupToIntfHas\\( vsg \\) && " + noEntry));
 }
 
 TEST_F(MrouteDeathTest, AnInvalidInterfaceIndexEndsAReactorAndAbandonsAConstruction) {
