@@ -230,6 +230,7 @@ TEST_F(VrfDir, FollowsAnEntryThatIsReplacedAndNoneThatIsGone) {
     const auto last = dir->vrfStatus("red");
     dir.reset();
     EXPECT_TRUE(isSilent(last));
+    EXPECT_EQ(content(*map), "1 VRFs, 2 tables") << "the end leaves the map as it is";
     EXPECT_FALSE(routeStatus->hasSubscribers() || enabled->hasSubscribers());
 }
 
