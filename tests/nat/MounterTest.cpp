@@ -130,8 +130,10 @@ TEST_F(Mounter, DeclaresItsMountsAndBuildsFromTheDirectoryToTheGroups) {
     mounter->doInit();
     const State::MountGroup& group = em->getMountGroup(*mounter);
     Lines declared;
-    for (const auto& [path, type, flags] : group.mounts())
-        declared.push_back(path + ": " + type + (flags == State::MountFlags::readOnly ? ", r" : ""));
+    for (const auto& [path, type, flags] : group.mounts()) {
+        const bool isReadOnly = flags == State::MountFlags::readOnly;
+        declared.emplace_back(path).append(": ").append(type).append(isReadOnly ? ", r" : "");
+    }
     EXPECT_EQ(declared,
               (Lines{"hardware/kestrel/nat/capability/config: KestrelNat::CapabilityConfig, r",
                      "routing/hardware/route/status: Routing::Hardware::RouteStatus, r",

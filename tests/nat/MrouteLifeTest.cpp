@@ -129,7 +129,7 @@ TEST_F(MrouteLife, TheEndEmptiesItsRecordsAndRetiresAlsoAWatcherThatComesMeanwhi
     EXPECT_EQ(answer({.vrf = 4}) + answer({.vrf = 5}), "none{Ethernet3}");
 }
 
-TEST_F(MrouteLife, AConstructionThatFailsAnywhereLeavesNothingRegistered) {
+TEST_F(MrouteLife, AConstructionThatFailsAnywhereAndTheEndLeaveNothingRegistered) {
     oneOfEach();
     requests->mrouteReqIs(request({.source = "0.0.0.0"}));
     routeIs({"Ethernet2"}, "10.0.0.1", tableKey(4, sparse));
@@ -138,7 +138,12 @@ TEST_F(MrouteLife, AConstructionThatFailsAnywhereLeavesNothingRegistered) {
     EXPECT_GT(failures, 20U);
     EXPECT_EQ(answer(), "{Ethernet1}");
     EXPECT_TRUE(isAnythingRegistered());
+    const OnChange onAnswer(*answers, [&](const Notification&) {
+        routeIs({"Ethernet3"}, "10.0.0.1", tableKey(4, sparse)); // before its watcher is retired
+    });
+    traced();
     machine.reset();
+    EXPECT_EQ(traced("handling update"), 0U) << "nothing is heard in the end";
     EXPECT_EQ(answer(), "none");
     EXPECT_FALSE(isAnythingRegistered());
 }
