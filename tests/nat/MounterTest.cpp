@@ -224,10 +224,15 @@ TEST_F(VrfDir, FollowsAnEntryThatIsReplacedAndNoneThatIsGone) {
         machine->handleVrfStatusVrfId();
         return machine->retired() && machine->owner() == nullptr && traced().empty();
     };
-    EXPECT_EQ(dir->vrfStatusDel("red"), nested);
+    routeStatus->vrfStatusDel("red");
+    EXPECT_EQ(traced(), Lines{handling});
     EXPECT_TRUE(isSilent(nested));
     EXPECT_EQ(dir->vrfStatusDel("red"), nullptr);
     EXPECT_THROW(dir->vrfStatusIs(nullptr), State::NullArgumentError);
+    dir->vrfStatusIs(entry);
+    const auto handedBack = dir->vrfStatus("red");
+    EXPECT_EQ(dir->vrfStatusDel("red"), handedBack);
+    EXPECT_TRUE(isSilent(handedBack));
     dir->vrfStatusIs(entry);
     const auto last = dir->vrfStatus("red");
     dir.reset();
