@@ -167,8 +167,11 @@ TEST_F(MrouteLife, AWatcherIsRetiredByItsFlagAndLeftSilentlyByItsTable) {
     EXPECT_EQ(answer(), "none");
     EXPECT_EQ(traced("handleDeletion key="), 2U) << "reviving deletes the answers as well";
     routeIs({"Ethernet3"});
+    const auto ofTable = machine->mcastRoute(tableKey());
+    const auto ofFib = machine->mfibApp(tableKey());
     watch(*machine, tableKey(), nullptr, nullptr);
     EXPECT_FALSE(isWatched());
+    EXPECT_EQ(lumen ? ofFib->owner() : ofTable->owner(), nullptr);
     EXPECT_EQ(answer(), "{Ethernet3}") << "a null table removes the watcher and keeps the answers";
     EXPECT_EQ(traced("handleDeletion"), 0U);
 }
