@@ -1,5 +1,7 @@
 #include "tests/nat/FailingAllocation.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -19,6 +21,23 @@ void FailingAllocation::failAfter(std::size_t allocations) {
 bool FailingAllocation::stop() {
     allocationsUntilFailure = 0;
     return std::exchange(hasFailed, false);
+}
+
+std::size_t FailingAllocation::atEachStepOf(const std::function<void()>& construct,
+                                            const std::function<void()>& afterFailure) {
+    for (std::size_t steps = 0; steps < 10'000; ++steps) {
+        failAfter(steps);
+        try {
+            construct();
+            EXPECT_FALSE(stop()) << "allocation " << steps << " failed unnoticed";
+            return steps;
+        } catch (const std::bad_alloc&) {
+            stop();
+            afterFailure();
+        }
+    }
+    ADD_FAILURE() << "there is no end of allocations";
+    return 0;
 }
 
 // The program's own allocation functions; those for arrays may be the sanitizer's. A caller who is ready to
