@@ -1,6 +1,5 @@
 // The reader of kernel messages: recorded ones read right, damaged ones are counted and harm nothing.
 #include "agent/kernel/Mirror.h"
-#include "tests/kernel/RecordedMessages.h"
 #include "tests/kernel/RecordingSink.h"
 
 #include <gtest/gtest.h>
@@ -8,20 +7,33 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <random>
+#include <string>
+#include <vector>
 
 namespace Agent::Kernel::Test {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-Bytes bytesOf(std::string_view hex) {
-    auto digit = [](char c) { return static_cast<unsigned char>(c <= '9' ? c - '0' : c - 'a' + 10); };
-    Bytes bytes;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes.push_back(static_cast<unsigned char>(digit(hex[i]) << 4 | digit(hex[i + 1])));
-    return bytes;
+// The messages of messages.txt, by name.
+const std::map<std::string, Bytes>& recorded() {
+    static const std::map<std::string, Bytes> messages = [] {
+        std::map<std::string, Bytes> read;
+        std::ifstream file(KESTREL_SOURCE_DIR "/tests/kernel/messages.txt");
+        std::string name;
+        for (std::string line; std::getline(file, line);) {
+            if (!line.empty() && line[0] != '#' && line[0] != ' ')
+                name = line;
+            for (std::size_t i = 4; line.starts_with(' ') && i < line.size(); i += 2)
+                read[name].push_back(static_cast<unsigned char>(std::stoi(line.substr(i, 2), nullptr, 16)));
+        }
+        return read;
+    }();
+    return messages;
 }
 
 // Reads a datagram from memory of exactly its size, so that a sanitizer sees any step beyond.
@@ -54,7 +66,7 @@ void lengthIs(Bytes& bytes, std::size_t length) {
 }
 
 TEST(KernelMessage, RecordedRoutes) {
-    KernelMessage added = readOne(bytesOf(Recorded::routeAdded));
+    KernelMessage added = readOne(recorded().at("routeAdded"));
     EXPECT_EQ(added.kind, MessageKind::route);
     EXPECT_EQ(added.route.table, 253u);
     EXPECT_EQ(mfcKeyText(added.route.key), "(10.9.1.2, 239.1.1.1)");
@@ -64,53 +76,53 @@ TEST(KernelMessage, RecordedRoutes) {
     EXPECT_FALSE(added.route.unresolved);
     EXPECT_FALSE(added.isPart);
 
-    KernelMessage unresolved = readOne(bytesOf(Recorded::routeUnresolved));
+    KernelMessage unresolved = readOne(recorded().at("routeUnresolved"));
     EXPECT_TRUE(unresolved.route.unresolved);
     EXPECT_EQ(unresolved.route.iif, 0);
 
-    KernelMessage without = readOne(bytesOf(Recorded::routeWithoutOifs));
+    KernelMessage without = readOne(recorded().at("routeWithoutOifs"));
     EXPECT_EQ(without.route.iif, 3);
     EXPECT_TRUE(without.route.oifs.empty());
 
-    KernelMessage removed = readOne(bytesOf(Recorded::routeRemoved));
+    KernelMessage removed = readOne(recorded().at("routeRemoved"));
     EXPECT_EQ(removed.kind, MessageKind::routeGone);
     EXPECT_EQ(removed.route.key, added.route.key);
     EXPECT_FALSE(removed.route.unresolved);
 
-    KernelMessage any = readOne(bytesOf(Recorded::routeOfAnySource));
+    KernelMessage any = readOne(recorded().at("routeOfAnySource"));
     EXPECT_EQ(mfcKeyText(any.route.key), "(*, 239.3.3.3)");
     EXPECT_EQ(any.route.table, 1000u); // more than fits the header's byte
     EXPECT_TRUE(any.isPart);
 }
 
 TEST(KernelMessage, RecordedLinksVifsAndEnds) {
-    KernelMessage removed = readOne(bytesOf(Recorded::linkRemoved));
+    KernelMessage removed = readOne(recorded().at("linkRemoved"));
     EXPECT_EQ(removed.kind, MessageKind::linkGone);
     EXPECT_EQ(removed.link.ifindex, 6);
     EXPECT_EQ(removed.link.name, "p3");
     EXPECT_FALSE(removed.link.internal);
 
-    KernelMessage pimreg = readOne(bytesOf(Recorded::linkRegister));
+    KernelMessage pimreg = readOne(recorded().at("linkRegister"));
     EXPECT_EQ(pimreg.kind, MessageKind::link);
     EXPECT_EQ(pimreg.link.name, "pimreg1000");
     EXPECT_TRUE(pimreg.link.internal);
 
-    KernelMessage vifs = readOne(bytesOf(Recorded::vifTable));
+    KernelMessage vifs = readOne(recorded().at("vifTable"));
     EXPECT_EQ(vifs.kind, MessageKind::vifTable);
     EXPECT_EQ(vifs.vifTable.table, 1000u);
     ASSERT_EQ(vifs.vifTable.vifs.size(), 2u);
     EXPECT_EQ(vifs.vifTable.vifs[0], (Vif{.index = 0, .ifindex = 3, .isRegister = false}));
     EXPECT_EQ(vifs.vifTable.vifs[1], (Vif{.index = 1, .ifindex = 10, .isRegister = true}));
 
-    KernelMessage added = readOne(bytesOf(Recorded::vifAdded));
+    KernelMessage added = readOne(recorded().at("vifAdded"));
     EXPECT_EQ(added.kind, MessageKind::mcForwarding);
     EXPECT_EQ(added.mcForwarding.ifindex, 3);
     EXPECT_EQ(added.mcForwarding.tables, 1);
-    EXPECT_EQ(readOne(bytesOf(Recorded::forwardingOfAll)).kind, MessageKind::other);
-    EXPECT_EQ(readOne(bytesOf(Recorded::settingsTold)).kind, MessageKind::other);
+    EXPECT_EQ(readOne(recorded().at("forwardingOfAll")).kind, MessageKind::other);
+    EXPECT_EQ(readOne(recorded().at("settingsTold")).kind, MessageKind::other);
 
-    EXPECT_EQ(readOne(bytesOf(Recorded::dumpDone)).kind, MessageKind::done);
-    KernelMessage none = readOne(bytesOf(Recorded::noSuchRoute));
+    EXPECT_EQ(readOne(recorded().at("dumpDone")).kind, MessageKind::done);
+    KernelMessage none = readOne(recorded().at("noSuchRoute"));
     EXPECT_EQ(none.kind, MessageKind::error);
     EXPECT_EQ(none.error, ENOENT);
     EXPECT_EQ(none.sequence, 9u);
@@ -118,31 +130,29 @@ TEST(KernelMessage, RecordedLinksVifsAndEnds) {
 
 TEST(KernelMessage, SeveralMessagesInADatagram) {
     Bytes all;
-    for (std::string_view hex : Recorded::all) {
-        Bytes one = bytesOf(hex);
+    for (const auto& [name, one] : recorded())
         all.insert(all.end(), one.begin(), one.end());
-    }
     std::size_t count = 0;
     readAll(all, [&](const KernelMessage& message) {
         EXPECT_NE(message.kind, MessageKind::malformed);
         ++count;
     });
-    EXPECT_EQ(count, std::size(Recorded::all));
+    EXPECT_EQ(count, recorded().size());
 }
 
 TEST(KernelMessage, WhatIsUnknownIsSkippedAndWhatIsOfAnotherKindIsNotTaken) {
-    Bytes longer = bytesOf(Recorded::routeAdded);
+    Bytes longer = recorded().at("routeAdded");
     longer.insert(longer.end(), {9, 0, 0x77, 0x40, 1, 2, 3, 4, 5, 0, 0, 0});
     lengthIs(longer, longer.size());
     EXPECT_EQ(readOne(longer).route.oifs, (std::vector<int>{5, 7}));
 
-    Bytes bridge = bytesOf(Recorded::linkRemoved);
+    Bytes bridge = recorded().at("linkRemoved");
     bridge[16] = 7; // AF_BRIDGE: a port left its bridge
     EXPECT_EQ(readOne(bridge).kind, MessageKind::other);
-    Bytes unicast = bytesOf(Recorded::routeAdded);
+    Bytes unicast = recorded().at("routeAdded");
     unicast[16] = 2; // AF_INET
     EXPECT_EQ(readOne(unicast).kind, MessageKind::other);
-    Bytes address = bytesOf(Recorded::routeAdded);
+    Bytes address = recorded().at("routeAdded");
     address[4] = 20; // RTM_NEWADDR
     EXPECT_EQ(readOne(address).kind, MessageKind::other);
 }
@@ -150,26 +160,26 @@ TEST(KernelMessage, WhatIsUnknownIsSkippedAndWhatIsOfAnotherKindIsNotTaken) {
 TEST(KernelMessage, DamageIsToldFromTheRest) {
     struct Case {
         const char* what;
-        std::string_view message;
+        const char* message;
         std::size_t at;
         unsigned char value;
     } cases[] = {
-        {"a prefix length of 24", Recorded::routeAdded, 17, 24},
-        {"an attribute length of 3", Recorded::routeAdded, 28, 3},
-        {"an attribute that reaches beyond the end", Recorded::routeAdded, 108, 60},
-        {"an address of 3 bytes", Recorded::routeAdded, 36, 7},
-        {"an IIF of 0", Recorded::routeAdded, 56, 0},
-        {"a next hop of 4 bytes", Recorded::routeAdded, 64, 4},
-        {"a next hop beyond its attribute", Recorded::routeAdded, 72, 12},
-        {"no group", Recorded::routeAdded, 46, 99},
-        {"a link without an index", Recorded::linkRemoved, 20, 0},
-        {"a link with an empty name", Recorded::linkRemoved, 36, 0},
-        {"a VIF table without its number", Recorded::vifTable, 38, 99},
-        {"a VIF attribute too long for its nest", Recorded::vifTable, 92, 200},
-        {"a forwarding state of 2 bytes", Recorded::vifAdded, 28, 6},
+        {"a prefix length of 24", "routeAdded", 17, 24},
+        {"an attribute length of 3", "routeAdded", 28, 3},
+        {"an attribute that reaches beyond the end", "routeAdded", 108, 60},
+        {"an address of 3 bytes", "routeAdded", 36, 7},
+        {"an IIF of 0", "routeAdded", 56, 0},
+        {"a next hop of 4 bytes", "routeAdded", 64, 4},
+        {"a next hop beyond its attribute", "routeAdded", 72, 12},
+        {"no group", "routeAdded", 46, 99},
+        {"a link without an index", "linkRemoved", 20, 0},
+        {"a link with an empty name", "linkRemoved", 36, 0},
+        {"a VIF table without its number", "vifTable", 38, 99},
+        {"a VIF attribute too long for its nest", "vifTable", 92, 200},
+        {"a forwarding state of 2 bytes", "vifAdded", 28, 6},
     };
     for (const Case& one : cases) {
-        Bytes bytes = bytesOf(one.message);
+        Bytes bytes = recorded().at(one.message);
         bytes[one.at] = one.value;
         KernelMessage message = readOne(bytes);
         EXPECT_EQ(message.kind, MessageKind::malformed) << one.what;
@@ -178,8 +188,7 @@ TEST(KernelMessage, DamageIsToldFromTheRest) {
 }
 
 TEST(KernelMessage, CutShortAnywhere) {
-    for (std::string_view hex : Recorded::all) {
-        Bytes whole = bytesOf(hex);
+    for (const auto& [name, whole] : recorded()) {
         for (std::size_t length = 0; length < whole.size(); ++length) {
             Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
             readAll(cut,
@@ -214,7 +223,8 @@ TEST(KernelMessage, RandomDamageCrashesNothing) {
     for (int i = 0; i < 20'000; ++i) {
         Bytes bytes;
         for (std::size_t n = 1 + below(3); n > 0; --n) {
-            Bytes one = bytesOf(Recorded::all[below(std::size(Recorded::all))]);
+            const Bytes& one =
+                std::next(recorded().begin(), std::ptrdiff_t(below(recorded().size())))->second;
             bytes.insert(bytes.end(), one.begin(), one.end());
         }
         for (std::size_t n = below(6); n > 0; --n) {

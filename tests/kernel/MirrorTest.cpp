@@ -266,20 +266,6 @@ TEST_F(MirrorTest, WhatLinksTellNeedsNoDump) {
     EXPECT_EQ(calls.back(), "no name 4");
 }
 
-TEST_F(MirrorTest, AnInterfaceHeardOfLateJoinsItsRoutes) {
-    start();
-    kernel.lose();
-    kernel.linkIs(20, "late"); // without an event
-    kernel.vifDel(table, 6);
-    kernel.vifIs(table, 6, 20);
-    reader.drain();
-    route(flow, 0, {1, 6});
-    wake();
-    EXPECT_EQ(row(), "e3");
-    settle();
-    EXPECT_EQ(row(), "e3 late");
-}
-
 TEST_F(MirrorTest, RowsThatHoldNamesAreToldAgainAfterARename) {
     RecordingSink named(true);
     Mirror second(named);
