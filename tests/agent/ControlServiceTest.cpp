@@ -222,10 +222,11 @@ TEST_F(ControlServiceTest, StatusCountsWhatThereIs) {
     const RpcClient other(agent.socket());
 
     const Json status = client.result("status");
-    EXPECT_TRUE(
-        holds(json("{'fibSource': 'lumen', 'sources': ['software-chip'], 'tables': {'refusedRows': 0},"
-                   " 'counters': {'changes': 6, 'refused': 1, 'watchers': 1, 'answerSeq': 1}}"),
-              status))
+    EXPECT_TRUE(holds(
+        json("{'fibSource': 'lumen', 'sources': ['software-chip'], 'tables': {'refusedRows': 0},"
+             " 'counters': {'changes': 6, 'refused': 1, 'watchers': 1, 'answerSeq': 1, 'interfaceNames': 2,"
+             " 'interfaceNamesMost': 65536, 'interfaceNamesSwept': 0, 'interfaceNameSweeps': 0}}"),
+        status))
         << status;
     EXPECT_EQ(status.at("toggles").at(0).at("origin"), "override");
     EXPECT_EQ(status.at("ready"), json("{'mrouteSmReady': true, 'mgroupSmReady': true}"));
