@@ -6,6 +6,7 @@
 #include "tests/agent/Json.h"
 
 #include <string>
+#include <vector>
 
 namespace AgentTest {
 
@@ -43,6 +44,14 @@ inline Agent::Change delOf(const std::string& path, const std::string& attribute
     Agent::Change change = setOf(path, attribute, key);
     change.op = Agent::Change::Op::del;
     return change;
+}
+
+/// The VRF red, identifier 3, with its FIBs and multicast.
+inline std::vector<Agent::Change> vrfInUse() {
+    return {setOf("routing/hardware/route/status", "vrfStatus", "red", json("{'vrfId': 3}")),
+            {.path = "lumen/multicast/fib/ipv4/user/red"},
+            {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
+            setOf("routing/multicast/fibenabled/status", "vrfEnabled", "red", true)};
 }
 
 } // namespace AgentTest

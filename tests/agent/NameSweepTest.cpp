@@ -38,11 +38,7 @@ class NameSweepTest : public ::testing::Test {
 
     void startWithVrf() {
         agent.host.start();
-        agent.operations.apply(std::vector<Change>{
-            setOf("routing/hardware/route/status", "vrfStatus", "red", json("{'vrfId': 3}")),
-            {.path = fib},
-            {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
-            setOf("routing/multicast/fibenabled/status", "vrfEnabled", "red", true)});
+        agent.operations.apply(vrfInUse());
     }
     std::vector<Json> held() const {
         std::vector<Json> all;

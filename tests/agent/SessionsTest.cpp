@@ -335,6 +335,16 @@ std::string drain(int fd) {
     return all;
 }
 
+// Serves the one client to its end; how many are left.
+std::size_t serve(int in, int out) {
+    asio::io_context loop;
+    EchoHandler handler(loop);
+    Sessions server(loop, handler);
+    server.serve(in, out);
+    loop.run();
+    return server.clients();
+}
+
 TEST(StandardInputAndOutput, ServesOneClientUntilItsInputEnds) {
     Pipe input;
     Pipe output;
@@ -350,13 +360,7 @@ TEST(StandardInputAndOutput, ServesOneClientUntilItsInputEnds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // so that the pipe fills up first
         answers = drain(output.read.get());
     });
-    {
-        asio::io_context loop;
-        EchoHandler handler(loop);
-        Sessions server(loop, handler);
-        server.serve(input.read.get(), output.write.get());
-        loop.run();
-    }
+    serve(input.read.get(), output.write.get());
     EXPECT_EQ(::fcntl(output.write.get(), F_GETFL) & O_NONBLOCK, 0) << "others share this description";
     output.write.close();
     sending.join();
@@ -369,11 +373,7 @@ TEST(StandardInputAndOutput, ReadsAFileAndWritesAFile) {
     const Agent::Fd input(::open(folder.file("in").c_str(), O_RDWR | O_CREAT, 0600));
     const Agent::Fd output(::open(folder.file("out").c_str(), O_RDWR | O_CREAT, 0600));
     ASSERT_EQ(::pwrite(input.get(), "one\ntwo\nthr", 11, 0), 11);
-    asio::io_context loop;
-    EchoHandler handler(loop);
-    Sessions server(loop, handler);
-    server.serve(input.get(), output.get());
-    loop.run();
+    serve(input.get(), output.get());
     ::lseek(output.get(), 0, SEEK_SET);
     EXPECT_EQ(drain(output.get()), "one\ntwo\n");
 }
@@ -383,12 +383,7 @@ TEST(StandardInputAndOutput, AReaderThatHasGoneEndsTheServiceAndNotTheProcess) {
     Pipe output;
     output.read.close();
     ASSERT_EQ(::write(input.write.get(), "one\n", 4), 4);
-    asio::io_context loop;
-    EchoHandler handler(loop);
-    Sessions server(loop, handler);
-    server.serve(input.read.get(), output.write.get());
-    loop.run();
-    EXPECT_EQ(server.clients(), 0U);
+    EXPECT_EQ(serve(input.read.get(), output.write.get()), 0U);
 }
 
 } // namespace

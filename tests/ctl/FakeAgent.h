@@ -2,6 +2,8 @@
 // keeps what it was asked. One client at a time.
 #pragma once
 
+#include "tests/TestSocket.h"
+
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -41,8 +43,8 @@ class FakeAgent {
     void serveClient();
 
     Answer answer_;
-    std::string folder_;
-    std::string path_;
+    TemporaryFolder folder_;
+    const std::string path_ = folder_.file("agent.sock");
     int listener_ = -1;
     int client_ = -1;
     int stop_ = -1;
