@@ -50,11 +50,13 @@ Json answersOf(RpcClient& client) {
     return answers;
 }
 
+// Options, and what an agent says that refuses them.
+struct Wrong {
+    std::vector<std::string> options;
+    std::string text;
+};
+
 TEST(ApplicationTest, WrongOptionsAreNamed) {
-    struct Wrong {
-        std::vector<std::string> options;
-        std::string text;
-    };
     const Wrong cases[] = {
         {{"--nothing"}, "--nothing"},
         {{"word"}, "word"},
@@ -86,10 +88,6 @@ TEST(ApplicationTest, WrongOptionsAreNamed) {
 
 TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
     const TemporaryFolder folder;
-    struct Wrong {
-        std::vector<std::string> options;
-        std::string text;
-    };
     const std::string refused =
         stateFile(folder, "request mroute intf Ethernet5 vrf red vlan 10 source any group any\n");
     const std::string odd = writeFile(folder, "odd.scn", "vrf red id 3\ndance\n");
@@ -157,7 +155,7 @@ TEST(ApplicationTest, SignalsEndItCleanly) {
         const TemporaryFolder folder;
         AgentProcess agent(folder, {"--software-chip", "--trace", "Agent=6"});
         RpcClient client = agent.client();
-        client.result("apply", json("{'lines': ['vrf red id 3 multicast on']}"));
+        client.run("vrf red id 3 multicast on");
         agent.signal(SIGHUP); // nothing to read again
         client.result("status");
         agent.signal(signal);
@@ -193,7 +191,7 @@ TEST(ApplicationTest, KilledAndStartedOverItsStateItAnswersAsIfItHadStartedAfres
         AgentProcess fresh(folder, bare);
         RpcClient client = fresh.client();
         for (const char* line : state)
-            client.result("command", json("{'line': %}", line));
+            client.run(line);
         const Json expected = answersOf(client);
         EXPECT_EQ(expected.size(), 3U);
         fresh.signal(SIGKILL);
@@ -203,8 +201,8 @@ TEST(ApplicationTest, KilledAndStartedOverItsStateItAnswersAsIfItHadStartedAfres
         RpcClient other = again.client();
         EXPECT_EQ(answersOf(other), expected);
         // And it follows changes as the first one did.
-        const std::string line = "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet9";
-        EXPECT_EQ(other.result("command", json("{'line': %}", line)).at("result").at("answers").size(), 2U);
+        const Json changed = other.run("route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet9");
+        EXPECT_EQ(changed.at("answers").size(), 2U);
     }
 }
 

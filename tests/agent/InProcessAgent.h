@@ -2,8 +2,11 @@
 #pragma once
 
 #include "agent/changes/Operations.h"
+#include "agent/host/Refusal.h"
 #include "state/Toggle.h"
 #include "tests/agent/Json.h"
+
+#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -28,6 +31,18 @@ class InProcessAgent {
     Agent::Host host;
     Agent::Operations operations{host};
 };
+
+/// Why the work is refused. Fails the test when it is not.
+template <class Work>
+Agent::Refusal refusalOf(Work work) {
+    try {
+        work();
+    } catch (const Agent::Refusal& refusal) {
+        return refusal;
+    }
+    ADD_FAILURE() << "nothing was refused";
+    return Agent::Refusal("nothing");
+}
 
 /// Null: no key, no value.
 inline Agent::Change setOf(const std::string& path, const std::string& attribute, const Json& key,

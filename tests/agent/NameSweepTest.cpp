@@ -1,6 +1,5 @@
 // A full table of interface names, and what makes room in it.
 #include "agent/changes/Answers.h"
-#include "agent/host/Refusal.h"
 #include "agent/kernel/TableSink.h"
 #include "tests/agent/InProcessAgent.h"
 
@@ -127,15 +126,11 @@ TEST_F(NameSweepTest, IsNotTriedForEveryNameThatATableInUseRefuses) {
     fill();
     const auto began = std::chrono::steady_clock::now();
     for (int i = 0; i < 20; ++i) {
-        try {
-            agent.operations.change(posted(request("onemore")));
-            FAIL() << "taken";
-        } catch (const Refusal& refusal) {
-            EXPECT_STREQ(refusal.what(),
-                         "KestrelNat::NatMrouteKey, attribute intf: L3::IntfId: name 'onemore' not "
-                         "allowed: there are 65536 names already");
-            EXPECT_EQ(refusal.kind(), Agent::RefusalKind::invalid);
-        }
+        const Refusal refusal = refusalOf([&] { agent.operations.change(posted(request("onemore"))); });
+        EXPECT_STREQ(refusal.what(),
+                     "KestrelNat::NatMrouteKey, attribute intf: L3::IntfId: name 'onemore' not "
+                     "allowed: there are 65536 names already");
+        EXPECT_EQ(refusal.kind(), Agent::RefusalKind::invalid);
     }
     EXPECT_TRUE(agent.operations.change({.path = quillTable}));
     const auto seconds = std::chrono::floor<std::chrono::seconds>(std::chrono::steady_clock::now() - began);

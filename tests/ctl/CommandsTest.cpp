@@ -12,6 +12,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace CtlTest {
@@ -167,30 +168,25 @@ TEST(Connection, AnAbsentOrDeadAgentIsNamedByItsSocket) {
 TEST(Connection, AnAgentThatGoesOrSpeaksNonsenseIsToldApart) {
     std::string say;
     const FakeAgent agent([&say](const Request&) { return say; });
-    const auto errorOf = [&](const std::string& answer) {
+    const std::string lost = "the agent at " + agent.path() + " is lost: ";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", lost + "it closed the connection"},
+        {"HTTP/1.1 400 Bad Request\n", lost + "it speaks another language"},
+        {"[1]\n", lost + "it speaks another language"},
+        {"{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{},\"\xff\":1}\n", lost + "it speaks another language"},
+        {resultLine({.id = 1}, R"({"text":1})"),
+         "the agent speaks another language: its message lacks a proper \"text\""},
+        {resultLine({.id = 99}, "1"), lost + "it answers another question"},
+        // One client too many: refused as a whole, without an id.
+        {"{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32002,\"message\":\"full\"}}\n", "full"},
+    };
+    for (const auto& [answer, error] : cases) {
         say = answer;
         const Outcome run = runCtl(agent, {"mark"});
         EXPECT_EQ(run.status, Ctl::exitFailed);
         EXPECT_EQ(run.out, "");
-        return run.err;
-    };
-    const std::string lost = "kestrelctl: the agent at " + agent.path() + " is lost: ";
-    EXPECT_EQ(errorOf(""), lost + "it closed the connection\n");
-    EXPECT_EQ(errorOf("HTTP/1.1 400 Bad Request\n"), lost + "it speaks another language\n");
-    EXPECT_EQ(errorOf("[1]\n"), lost + "it speaks another language\n");
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":1,"result":{},)"
-                      "\"\xff\":1}\n"),
-              lost + "it speaks another language\n");
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":1,"result":{"text":1}})"
-                      "\n"),
-              "kestrelctl: the agent speaks another language: its message lacks a proper \"text\"\n");
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":99,"result":1})"
-                      "\n"),
-              lost + "it answers another question\n");
-    // One client too many: refused as a whole, without an id.
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32002,"message":"full"}})"
-                      "\n"),
-              "kestrelctl: full\n");
+        EXPECT_EQ(run.err, "kestrelctl: " + error + "\n");
+    }
 }
 
 TEST(Connection, ResultsThatCanNotBeWrittenAreAFailure) {

@@ -15,8 +15,8 @@ namespace CtlTest {
 
 // A request that was received; what is sent back is written as JSON text.
 struct Request {
-    std::string method;
-    std::string params; // JSON, without blanks
+    std::string method = {};
+    std::string params = {}; // JSON, without blanks
     std::int64_t id = 0;
 };
 
