@@ -55,7 +55,7 @@ Application::Application(Options options)
     : options_(std::move(options))
     , loop_(std::make_unique<Loop>())
     , operations_(host_)
-    , log_(host_.stores())
+    , log_(host_.stores(), operations_.names())
     , language_(operations_,
                 [this] {
                     if (chip_)

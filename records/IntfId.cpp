@@ -4,7 +4,6 @@
 #include "state/ValueType.h"
 
 #include <algorithm>
-#include <deque>
 #include <optional>
 #include <unordered_map>
 
@@ -13,14 +12,14 @@ namespace L3 {
 namespace {
 
 struct NameTable {
-    std::deque<std::string> names; // by number, less that of the first; stable addresses
-    std::unordered_map<std::string_view, std::uint64_t> numbers;
+    std::uint64_t last;                                        // number given
+    std::unordered_map<std::uint64_t, std::string> names = {}; // by number; stable addresses
+    std::unordered_map<std::string_view, std::uint64_t> numbers = {};
 
-    std::uint64_t enter(std::string_view name, std::uint64_t first) {
-        const std::uint64_t number = first + names.size();
-        names.emplace_back(name);
-        numbers.emplace(names.back(), number);
-        return number;
+    std::uint64_t enter(std::string_view name) {
+        const auto& entered = *names.emplace(++last, name).first;
+        numbers.emplace(entered.second, last);
+        return last;
     }
     std::optional<std::uint64_t> find(std::string_view name) const {
         const auto known = numbers.find(name);
@@ -28,8 +27,9 @@ struct NameTable {
     }
 };
 
+// The empty name, which is always known and never counts, is not in it.
 NameTable& nameTable() {
-    static NameTable table{{""}, {{"", 0}}};
+    static NameTable table{.last = 0};
     return table;
 }
 
@@ -38,6 +38,14 @@ std::optional<NameTable>& provisionalNames() {
     return table;
 }
 
+// How many names can still be entered.
+std::uint64_t room() {
+    const NameTable& table = nameTable();
+    return std::min(IntfId::maxNames - table.names.size(), IntfId::firstProvisional - 1 - table.last);
+}
+
+std::uint64_t refusalCount = 0;
+
 [[noreturn]] void refuse(std::string_view name, std::string_view why) {
     throw State::RangeError("L3::IntfId: name '" + std::string(name) + "' not allowed: " + std::string(why));
 }
@@ -45,13 +53,13 @@ std::optional<NameTable>& provisionalNames() {
 } // namespace
 
 IntfId::IntfId(std::string_view name) {
-    NameTable& table = nameTable();
     std::optional<NameTable>& provisional = provisionalNames();
-    auto known = table.find(name);
-    if (!known && provisional)
-        known = provisional->find(name);
-    if (known) {
-        number_ = *known;
+    if (const auto known = find(name)) {
+        *this = *known;
+        return;
+    }
+    if (const auto met = provisional ? provisional->find(name) : std::nullopt) {
+        number_ = *met;
         return;
     }
     if (name.size() > maxNameLength)
@@ -59,34 +67,63 @@ IntfId::IntfId(std::string_view name) {
     const auto isRefused = [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; };
     if (std::any_of(name.begin(), name.end(), isRefused))
         refuse(name, "it holds a blank or a control byte");
-    if (names() + Provisional::newNames() >= maxNames)
+    if (Provisional::newNames() >= room()) {
+        ++refusalCount;
         refuse(name, "there are " + std::to_string(maxNames) + " names already");
-    number_ = provisional ? provisional->enter(name, firstProvisional) : table.enter(name, 0);
+    }
+    number_ = (provisional ? *provisional : nameTable()).enter(name);
 }
 
 IntfId IntfId::fromNumber(std::uint64_t number) {
-    if (number > names())
+    if (number > lastNumber())
         throw State::RangeError("L3::IntfId: there is no interface number " + std::to_string(number));
     return {Unchecked{}, number};
 }
 
-std::uint64_t IntfId::names() {
-    return nameTable().names.size() - 1;
+std::optional<IntfId> IntfId::find(std::string_view name) {
+    if (name.empty())
+        return IntfId();
+    const auto known = nameTable().find(name);
+    return known ? std::optional(IntfId(Unchecked{}, *known)) : std::nullopt;
+}
+
+std::size_t IntfId::names() {
+    return nameTable().names.size();
+}
+
+std::uint64_t IntfId::lastNumber() {
+    return nameTable().last;
+}
+
+std::uint64_t IntfId::refusals() {
+    return refusalCount;
+}
+
+std::size_t IntfId::sweep(const std::function<bool(IntfId)>& isCarried) {
+    NameTable& table = nameTable();
+    return std::erase_if(table.names, [&](const auto& named) {
+        const bool goes = !isCarried(IntfId(Unchecked{}, named.first));
+        if (goes)
+            table.numbers.erase(named.second);
+        return goes;
+    });
 }
 
 const std::string& IntfId::stringValue() const {
+    static const std::string none;
     static const std::string unknown = "?";
-    if (number_ <= names())
-        return nameTable().names[number_];
-    const std::uint64_t place = number_ - firstProvisional;
-    return number_ >= firstProvisional && place < Provisional::newNames() ? provisionalNames()->names[place]
-                                                                          : unknown;
+    if (isEmpty())
+        return none;
+    const std::optional<NameTable>& provisional = provisionalNames();
+    const NameTable& table = number_ >= firstProvisional && provisional ? *provisional : nameTable();
+    const auto named = table.names.find(number_);
+    return named == table.names.end() ? unknown : named->second;
 }
 
 IntfId::Provisional::Provisional()
     : isOuter_(!provisionalNames()) {
     if (isOuter_)
-        provisionalNames().emplace();
+        provisionalNames() = NameTable{.last = firstProvisional - 1};
 }
 
 IntfId::Provisional::~Provisional() {

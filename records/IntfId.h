@@ -1,9 +1,9 @@
 // L3::IntfId: an interface, as a 64-bit number that stands for its name in a table of the process. The empty
-// name is number 0 and means "none". Numbers are given in order of first naming, fit 32 bits, and never stand for
-// another name.
+// name is number 0 and means "none". Numbers are given in order of naming, fit 31 bits, and never stand for another name.
 //
-// Naming an interface enters its name for good, so whoever only looks at what others say, or may yet refuse it, does so
-// under an IntfId::Provisional.
+// A name that is entered stays until it is swept, so whoever only looks at what others say, or may yet refuse it, does
+// so under an IntfId::Provisional. Sweeping is for who knows all that holds interfaces (agent/changes/NameSweep.h): a
+// number whose name was swept prints as "?", and the name gets another number when it comes again.
 #pragma once
 
 #include "state/Hash.h"
@@ -11,6 +11,8 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,12 +32,21 @@ class IntfId {
     explicit IntfId(std::string_view name);
 
     static IntfId fromString(std::string_view name) { return IntfId(name); }
-    /// The interface with that number, which must have been given out; RangeError otherwise.
+    /// The interface with that number, which must have been given out, swept since or not; RangeError otherwise.
     static IntfId fromNumber(std::uint64_t number);
-    /// How many names there are; numbers run from 1 to this.
-    static std::uint64_t names();
+    /// The interface of that name, if the table has it.
+    static std::optional<IntfId> find(std::string_view name);
+    /// How many names the table holds.
+    static std::size_t names();
+    /// The greatest number given so far; numbers run from 1.
+    static std::uint64_t lastNumber();
+    /// How often a name was refused because the table was full.
+    static std::uint64_t refusals();
+    /// Takes the names out of the table for which isCarried(interface) is false; how many went.
+    static std::size_t sweep(const std::function<bool(IntfId)>& isCarried);
     static constexpr std::uint64_t firstProvisional = std::uint64_t{1} << 31;
 
+    /// The name; "?" where the number stands for none.
     const std::string& stringValue() const;
     constexpr std::uint64_t number() const { return number_; }
     constexpr bool isEmpty() const { return number_ == 0; }

@@ -124,15 +124,20 @@ void IntfUnion::addToMany(IntfId member) {
         add(member);
         return;
     }
-    const auto mark = [&](std::size_t number) {
-        const std::size_t word = number / 64;
-        if (word >= bits_.size())
-            bits_.resize(word + 1);
-        bits_[word] |= std::uint64_t{1} << number % 64;
-    };
     for (const std::uint32_t earlier : std::span(few_, std::exchange(count_, 0)))
         mark(earlier);
     mark(member.number());
+}
+
+void IntfUnion::mark(std::size_t number) {
+    const std::size_t page = number / pageNumbers;
+    if (page >= pages_.size())
+        pages_.resize(page + 1);
+    if (pages_[page] == 0) {
+        bits_.emplace_back();
+        pages_[page] = static_cast<std::uint32_t>(bits_.size());
+    }
+    bits_[pages_[page] - 1][number % pageNumbers / 64] |= std::uint64_t{1} << number % 64;
 }
 
 void IntfUnion::add(const IntfSet& set) {
@@ -161,17 +166,24 @@ IntfSet IntfUnion::take() {
         return set;
     }
     std::uint32_t count = 0;
-    for (const std::uint64_t word : bits_)
-        count += static_cast<std::uint32_t>(std::popcount(word));
+    for (const Page& page : bits_)
+        for (const std::uint64_t word : page)
+            count += static_cast<std::uint32_t>(std::popcount(word));
     IntfSet set;
     set.array_ = IntfSet::Holder(IntfSet::allocate(count));
     std::uint32_t* at = set.array_.get()->items();
-    for (std::size_t word = 0; word < bits_.size(); ++word) {
-        for (std::uint64_t left = bits_[word]; left != 0; left &= left - 1) {
-            *at++ =
-                static_cast<std::uint32_t>(word * 64) + static_cast<std::uint32_t>(std::countr_zero(left));
+    for (std::size_t page = 0; page < pages_.size(); ++page) {
+        if (pages_[page] == 0)
+            continue;
+        std::size_t first = page * pageNumbers; // number of the word
+        for (std::uint64_t left : bits_[pages_[page] - 1]) {
+            for (; left != 0; left &= left - 1)
+                *at++ =
+                    static_cast<std::uint32_t>(first) + static_cast<std::uint32_t>(std::countr_zero(left));
+            first += 64;
         }
     }
+    pages_.clear();
     bits_.clear();
     return set;
 }

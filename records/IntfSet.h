@@ -8,6 +8,7 @@
 #include "records/IntfId.h"
 #include "state/Trailing.h"
 
+#include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -56,7 +58,7 @@ class IntfSet {
   private:
     friend class IntfUnion;
 
-    // The members' numbers, which fit 32 bits (IntfId::maxNames), follow the header. Room is the count
+    // The members' numbers, which fit 32 bits (IntfId.h), follow the header. Room is the count
     // rounded up to a power of two.
     struct ArrayHeader {
         std::uint32_t holders;
@@ -133,8 +135,9 @@ inline IntfSet::Iterator IntfSet::end() const {
 }
 
 /// Collects the union of many interfaces and sets. A few stand in a sorted array within; more go into a bitmap
-/// over the dense interface numbers, which costs a few nanoseconds a member where inserting one by one into a
-/// sorted set costs tens.
+/// over the interface numbers, which costs a few nanoseconds a member where inserting one by one into a sorted set
+/// costs tens. The bitmap has the pages alone that hold members: between numbers of long ago and new ones there may
+/// be millions.
 class IntfUnion {
   public:
     void add(IntfId member) {
@@ -163,13 +166,18 @@ class IntfUnion {
   private:
     static constexpr std::uint32_t mostFew = 16;
 
+    using Page = std::array<std::uint64_t, 16>;
+    static constexpr std::size_t pageNumbers = 64 * std::tuple_size_v<Page>;
+
     void addToMany(IntfId member);
+    void mark(std::size_t number);
 
     IntfSet only_; // the first set, while nothing else was added
     bool isOnly_ = false;
-    std::uint32_t count_ = 0;    // of few_
-    std::uint32_t few_[mostFew]; // ascending; moved into the bitmap, which is then not empty, when full
-    std::vector<std::uint64_t> bits_;
+    std::uint32_t count_ = 0;          // of few_
+    std::uint32_t few_[mostFew];       // ascending; moved into the bitmap, which is then not empty, when full
+    std::vector<Page> bits_;           // in the order in which they came
+    std::vector<std::uint32_t> pages_; // by number / pageNumbers: the place in bits_, from 1; 0: none
 };
 
 } // namespace L3

@@ -55,7 +55,7 @@ void NatMrouteOifSet::traceDecode(State::TraceReader& reader, std::string& out) 
     for (std::size_t i = 0; i < kept && !reader.failed(); ++i) {
         std::uint32_t number = 0;
         reader.raw(number);
-        if (number <= L3::IntfId::names())
+        if (number <= L3::IntfId::lastNumber())
             set.oifIs(L3::IntfId::fromNumber(number));
     }
     out += set.stringValue();

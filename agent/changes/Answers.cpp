@@ -39,9 +39,10 @@ void AnswerListener::notified(void* self, const State::Notification& change) {
         {.service = service, .key = key, .answer = service->answer(*listener->stores_.database, key)});
 }
 
-AnswerLog::AnswerLog(const Stores& stores)
+AnswerLog::AnswerLog(const Stores& stores, NameSweep& names)
     : stores_(stores)
     , instance_(randomName()) {
+    names.add([this](L3::IntfUnion& carried) { addInterfaces(carried); });
     listener_.emplace(stores, [this](AnswerChange change) { append(std::move(change)); });
 }
 
@@ -52,6 +53,14 @@ void AnswerLog::append(AnswerChange change) {
         changes_[last_ % heldChanges] = std::move(change);
     ++last_;
     grown_();
+}
+
+void AnswerLog::addInterfaces(L3::IntfUnion& carried) const {
+    for (const AnswerChange& change : changes_) {
+        carried.add(change.key.intf);
+        if (const auto* oifs = std::get_if<KestrelNat::NatMrouteOifSet>(&change.answer))
+            carried.add(oifs->oif());
+    }
 }
 
 std::vector<AnswerChange> AnswerLog::snapshot() const {

@@ -2,6 +2,7 @@
 // of changes behind `watch`. How an answer is told: language/AnswerText.h.
 #pragma once
 
+#include "agent/changes/NameSweep.h"
 #include "agent/host/Services.h"
 #include "agent/host/Stores.h"
 
@@ -53,8 +54,8 @@ class AnswerLog {
   public:
     static constexpr std::size_t heldChanges = 65536;
 
-    /// Begins to listen.
-    explicit AnswerLog(const Stores& stores);
+    /// Begins to listen. The interfaces of what it holds are added to `names`, which doesn't sweep after its end.
+    AnswerLog(const Stores& stores, NameSweep& names);
     AnswerLog(const AnswerLog&) = delete;
     AnswerLog& operator=(const AnswerLog&) = delete;
 
@@ -77,6 +78,7 @@ class AnswerLog {
 
   private:
     void append(AnswerChange change);
+    void addInterfaces(L3::IntfUnion& carried) const;
 
     Stores stores_;
     std::string instance_;

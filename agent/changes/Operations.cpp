@@ -75,7 +75,8 @@ void checkParts(const Change& change, const State::Attribute& attribute) {
 
 Operations::Operations(Host& host)
     : host_(host)
-    , paths_(host.stores()) {}
+    , paths_(host.stores())
+    , names_(host.stores()) {}
 
 const State::EntityType& Operations::typeAt(std::string_view path) const {
     return *paths_.at(path).type;
@@ -156,7 +157,12 @@ void Operations::checkOne(const Change& change, GuardFacts& facts) {
     facts.note(change, place);
 }
 
+// All that comes in front of carrying out, so that this finds room for every name.
 GuardMemory Operations::checkAll(std::span<const Change> changes) {
+    return names_.roomFor([&] { return checkEach(changes); });
+}
+
+GuardMemory Operations::checkEach(std::span<const Change> changes) {
     const Asking asking;
     GuardFacts facts = this->facts();
     for (std::size_t i = 0; i < changes.size(); ++i) {
@@ -196,13 +202,12 @@ bool Operations::carryOut(const Change& change) {
 }
 
 bool Operations::change(const Change& change) {
-    GuardMemory memory;
-    {
+    GuardMemory memory = names_.roomFor([&] {
         const Asking asking;
         GuardFacts facts = this->facts();
         checkOne(change, facts);
-        memory = facts.memory();
-    }
+        return facts.memory();
+    });
     const bool changed = carryOut(change);
     guardMemory_ = std::move(memory);
     return changed;

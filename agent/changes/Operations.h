@@ -11,6 +11,7 @@
 #include "agent/changes/Answers.h"
 #include "agent/changes/DryRun.h"
 #include "agent/changes/Guards.h"
+#include "agent/changes/NameSweep.h"
 #include "agent/host/Host.h"
 #include "agent/host/Paths.h"
 
@@ -75,6 +76,9 @@ class Operations {
     std::optional<std::string> vrfNameOf(std::uint32_t vrfId) const;
 
     Host& host() const { return host_; }
+    /// Who holds interfaces beside the stores adds itself; who names them directly does so in its roomFor().
+    NameSweep& names() { return names_; }
+    const NameSweep& names() const { return names_; }
 
     /// Since the start.
     struct Counters {
@@ -88,12 +92,14 @@ class Operations {
   private:
     GuardFacts facts() const { return GuardFacts(host_, guardMemory_); }
     GuardMemory checkAll(std::span<const Change> changes);
+    GuardMemory checkEach(std::span<const Change> changes);
     void checkOne(const Change& change, GuardFacts& facts);
     bool carryOut(const Change& change);
     ApplyResult carryOutAll(std::span<const Change> changes);
 
     Host& host_;
     Paths paths_;
+    NameSweep names_;
     GuardMemory guardMemory_;
     Counters counters_;
 };

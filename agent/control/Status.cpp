@@ -127,6 +127,8 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.member("traceOldest", State::traceOldest());
     writer.member("interfaceNames", L3::IntfId::names());
     writer.member("interfaceNamesMost", L3::IntfId::maxNames);
+    writer.member("interfaceNamesSwept", operations_.names().swept());
+    writer.member("interfaceNameSweeps", operations_.names().sweeps());
     writer.end();
     writer.end();
 }

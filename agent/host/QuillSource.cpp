@@ -3,6 +3,7 @@
 #include "agent/host/Refusal.h"
 #include "agent/host/RouteSource.h"
 #include "records/QuillFib.h"
+#include "state/Errors.h"
 
 #include <algorithm>
 #include <map>
@@ -130,9 +131,18 @@ class WrittenTable final : public RouteTable {
     }
 
     bool rename(int ifindex, std::string_view name) override {
-        if (const auto known = byIfindex_.find(ifindex); known != byIfindex_.end())
+        const auto known = byIfindex_.find(ifindex);
+        if (known == byIfindex_.end())
+            return true;
+        try {
             place_.made()->oifIndexIntfIs(known->second, L3::IntfId(name));
-        return true;
+            return true;
+        } catch (
+            const State::
+                RangeError&) { // no room for the name: the rows keep the old one until they are put again
+            byIfindex_.erase(known);
+            return false;
+        }
     }
 
     void forget(int ifindex) override {

@@ -58,8 +58,9 @@ class RouteTable {
     virtual bool put(const RouteKey& key, std::span<const Oif> oifs) = 0;
     /// True if it was there.
     virtual bool erase(const RouteKey& key) = 0;
-    /// Gives an interface of earlier puts another name. @throws as put()
-    /// @return whether that was all; false where rows hold names themselves, and must be put again.
+    /// Gives an interface of earlier puts another name.
+    /// @return whether that was all; false where rows hold names themselves or the name is refused: those are to be
+    /// put again.
     virtual bool rename(int /*ifindex*/, std::string_view /*name*/) { return false; }
     /// No row has the interface any more, and none will have it under this index.
     virtual void forget(int /*ifindex*/) {}

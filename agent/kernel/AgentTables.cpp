@@ -66,7 +66,9 @@ class AgentTables final : public TableSink {
             std::unique_ptr<RouteTable>& table = tables_[{vrf.name, type}];
             if (!table)
                 table = operations_.host().routes().table(vrf.name, type);
-            operations_.changedDirectly(table->put(routeKey(key), oifs));
+            const bool isChanged =
+                operations_.names().roomFor([&] { return table->put(routeKey(key), oifs); });
+            operations_.changedDirectly(isChanged);
         } catch (const Refusal& refusal) {
             return refusal.what();
         } catch (const State::Error& error) {

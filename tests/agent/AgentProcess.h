@@ -21,6 +21,8 @@ class RpcClient : public TestClient {
     Json result(const std::string& method, const Json& params = json("{}")) {
         return ask(method, params, "result");
     }
+    /// What a line of the grammar gives.
+    Json run(const std::string& line) { return result("command", json("{'line': %}", line)).at("result"); }
     /// The error object. Fails the test and yields null when there is a result instead.
     Json error(const std::string& method, const Json& params = json("{}")) {
         return ask(method, params, "error");

@@ -1,6 +1,7 @@
 // The agent as a program: its options, its start and its end.
 #include "agent/Application.h"
 
+#include "agent/ServiceNotify.h"
 #include "tests/agent/AgentProcess.h"
 
 #include <gtest/gtest.h>
@@ -12,22 +13,29 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
 namespace AgentTest {
 namespace {
 
-const char* const state = "vrf red id 3 multicast on\n"
-                          "vrf default id 0 multicast on\n"
-                          "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet1 Ethernet2\n"
-                          "route red sparse 0.0.0.0/0 239.1.1.1/32 oifs Ethernet3\n"
-                          "request mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1\n"
-                          "request mroute intf Ethernet5 vrf red vlan 10 source any group 239.1.1.1\n"
-                          "request mgroup intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1\n";
+constexpr const char* state[] = {
+    "vrf red id 3 multicast on",
+    "vrf default id 0 multicast on",
+    "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet1 Ethernet2",
+    "route red sparse 0.0.0.0/0 239.1.1.1/32 oifs Ethernet3",
+    "request mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1",
+    "request mroute intf Ethernet5 vrf red vlan 10 source any group 239.1.1.1",
+    "request mgroup intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1"};
+
+// A file of the state, and of one line more.
+std::string stateFile(const TemporaryFolder& folder, const std::string& more = {}) {
+    std::string text;
+    for (const char* line : state)
+        text.append(line) += '\n';
+    return writeFile(folder, "state.scn", text + more);
+}
 
 Json answersOf(RpcClient& client) {
     std::vector<Json> answers = client.result("watch").at("snapshot").elements();
@@ -42,11 +50,13 @@ Json answersOf(RpcClient& client) {
     return answers;
 }
 
+// Options, and what an agent says that refuses them.
+struct Wrong {
+    std::vector<std::string> options;
+    std::string text;
+};
+
 TEST(ApplicationTest, WrongOptionsAreNamed) {
-    struct Wrong {
-        std::vector<std::string> options;
-        std::string text;
-    };
     const Wrong cases[] = {
         {{"--nothing"}, "--nothing"},
         {{"word"}, "word"},
@@ -78,14 +88,8 @@ TEST(ApplicationTest, WrongOptionsAreNamed) {
 
 TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
     const TemporaryFolder folder;
-    struct Wrong {
-        std::vector<std::string> options;
-        std::string text;
-    };
     const std::string refused =
-        writeFile(folder, "refused.scn",
-                  std::string(state) + "request mroute intf Ethernet5 vrf red vlan 10 "
-                                       "source any group any\n");
+        stateFile(folder, "request mroute intf Ethernet5 vrf red vlan 10 source any group any\n");
     const std::string odd = writeFile(folder, "odd.scn", "vrf red id 3\ndance\n");
     const std::string typeless = writeFile(folder, "typeless.scn", "schema Nonsense\n");
     const std::string sourceless = writeFile(folder, "sourceless.scn", "kernel verify\n");
@@ -117,7 +121,7 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
 
 TEST(ApplicationTest, CheckSaysWhatWouldHappenAndLeaves) {
     const TemporaryFolder folder;
-    const std::string preload = writeFile(folder, "state.scn", state);
+    const std::string preload = stateFile(folder);
     writeFile(folder, "KestrelNat.json", R"({"KestrelNatMfibLumen": false})");
     const Finished finished = runAgent({"--check", "--socket", folder.file("s"), "--preload", preload,
                                         "--toggle-dir", folder.file(""), "--software-chip"});
@@ -151,7 +155,7 @@ TEST(ApplicationTest, SignalsEndItCleanly) {
         const TemporaryFolder folder;
         AgentProcess agent(folder, {"--software-chip", "--trace", "Agent=6"});
         RpcClient client = agent.client();
-        client.result("apply", json("{'lines': ['vrf red id 3 multicast on']}"));
+        client.run("vrf red id 3 multicast on");
         agent.signal(SIGHUP); // nothing to read again
         client.result("status");
         agent.signal(signal);
@@ -182,16 +186,12 @@ TEST(ApplicationTest, KilledAndStartedOverItsStateItAnswersAsIfItHadStartedAfres
         const std::vector<std::string> bare{"--software-chip=sync", "--toggle",
                                             std::string("KestrelNatMfibLumen=") + source};
         std::vector<std::string> preloaded = bare;
-        preloaded.insert(preloaded.end(), {"--preload", writeFile(folder, "state.scn", state)});
+        preloaded.insert(preloaded.end(), {"--preload", stateFile(folder)});
 
         AgentProcess fresh(folder, bare);
         RpcClient client = fresh.client();
-        for (std::istringstream lines(state); !lines.eof();) {
-            std::string line;
-            std::getline(lines, line);
-            if (!line.empty())
-                client.result("command", json("{'line': %}", line));
-        }
+        for (const char* line : state)
+            client.run(line);
         const Json expected = answersOf(client);
         EXPECT_EQ(expected.size(), 3U);
         fresh.signal(SIGKILL);
@@ -201,8 +201,8 @@ TEST(ApplicationTest, KilledAndStartedOverItsStateItAnswersAsIfItHadStartedAfres
         RpcClient other = again.client();
         EXPECT_EQ(answersOf(other), expected);
         // And it follows changes as the first one did.
-        const std::string line = "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet9";
-        EXPECT_EQ(other.result("command", json("{'line': %}", line)).at("result").at("answers").size(), 2U);
+        const Json changed = other.run("route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet9");
+        EXPECT_EQ(changed.at("answers").size(), 2U);
     }
 }
 
@@ -219,10 +219,8 @@ TEST(ApplicationTest, OnStandardInputAndOutputItServesOneClientToItsEnd) {
 
 TEST(ApplicationTest, APlayThatFailsSaysBothSidesAndItsStatusTells) {
     const TemporaryFolder folder;
-    const std::string unmet = writeFile(
-        folder, "unmet.scn",
-        std::string(state) +
-            "expect mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1 = Ethernet9\n");
+    const std::string unmet = stateFile(
+        folder, "expect mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1 = Ethernet9\n");
     const Finished finished = runAgent({"--socket", folder.file("s"), "--play", unmet, "--exit"});
     EXPECT_EQ(finished.status, 1);
     EXPECT_NE(finished.err.find(unmet + ":8"), std::string::npos) << finished.err;
@@ -235,26 +233,42 @@ TEST(ApplicationTest, APlayThatFailsSaysBothSidesAndItsStatusTells) {
     EXPECT_EQ(agent.stop(), 0);
 }
 
+// What a service manager hears on its socket; empty: nothing.
+std::string heard(const Agent::Fd& manager) {
+    std::array<char, 256> text{};
+    const ssize_t count = ::recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT);
+    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+}
+
 TEST(ApplicationTest, TheServiceManagerIsToldWhenItIsReadyAndWhenItStops) {
     const TemporaryFolder folder;
-    const Agent::Fd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = folder.file("manager");
-    std::memcpy(address.sun_path, path.data(), path.size());
-    ASSERT_EQ(::bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    const auto heard = [&] {
-        std::array<char, 256> text{};
-        const ssize_t count = ::recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT);
-        return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    };
-    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    const std::string name = folder.file("manager");
+    const Agent::Fd manager(boundSocket(SOCK_DGRAM, name));
+    ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
     AgentProcess agent(folder);
     ::unsetenv("NOTIFY_SOCKET");
     agent.client().result("status"); // it is told right after it has printed that it is ready
-    EXPECT_EQ(heard(), "READY=1");
+    EXPECT_EQ(heard(manager), "READY=1");
     EXPECT_EQ(agent.stop(), 0);
-    EXPECT_EQ(heard(), "STOPPING=1");
+    EXPECT_EQ(heard(manager), "STOPPING=1");
+}
+
+TEST(ServiceNotify, ReachesAnAbstractNameAndNobodyWhoDidNotAsk) {
+    const TemporaryFolder folder;
+    const auto notifies = [](const std::string& name) {
+        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        const bool notified = Agent::notifyService("READY=1");
+        ::unsetenv("NOTIFY_SOCKET");
+        return notified;
+    };
+    const std::string abstractName = "@" + folder.file("manager");
+    const Agent::Fd manager(boundSocket(SOCK_DGRAM, abstractName));
+    EXPECT_TRUE(notifies(abstractName));
+    EXPECT_EQ(heard(manager), "READY=1");
+    for (const char* name : {"", "relative", "/absent/manager"})
+        EXPECT_FALSE(notifies(name)) << name;
+    EXPECT_FALSE(notifies("/" + std::string(sizeof(sockaddr_un), 'x')));
+    EXPECT_FALSE(Agent::notifyService("READY=1"));
 }
 
 } // namespace

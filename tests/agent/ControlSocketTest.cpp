@@ -8,13 +8,11 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <array>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -31,11 +29,7 @@ bool exists(const std::string& path) {
 }
 
 Agent::Fd listening(const std::string& path, int backlog) {
-    Agent::Fd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    Agent::Fd socket(boundSocket(SOCK_STREAM, path));
     EXPECT_EQ(::listen(socket.get(), backlog), 0);
     return socket;
 }

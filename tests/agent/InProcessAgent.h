@@ -2,10 +2,14 @@
 #pragma once
 
 #include "agent/changes/Operations.h"
+#include "agent/host/Refusal.h"
 #include "state/Toggle.h"
 #include "tests/agent/Json.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
+#include <vector>
 
 namespace AgentTest {
 
@@ -28,6 +32,18 @@ class InProcessAgent {
     Agent::Operations operations{host};
 };
 
+/// Why the work is refused. Fails the test when it is not.
+template <class Work>
+Agent::Refusal refusalOf(Work work) {
+    try {
+        work();
+    } catch (const Agent::Refusal& refusal) {
+        return refusal;
+    }
+    ADD_FAILURE() << "nothing was refused";
+    return Agent::Refusal("nothing");
+}
+
 /// Null: no key, no value.
 inline Agent::Change setOf(const std::string& path, const std::string& attribute, const Json& key,
                            const Json& value = {}) {
@@ -43,6 +59,14 @@ inline Agent::Change delOf(const std::string& path, const std::string& attribute
     Agent::Change change = setOf(path, attribute, key);
     change.op = Agent::Change::Op::del;
     return change;
+}
+
+/// The VRF red, identifier 3, with its FIBs and multicast.
+inline std::vector<Agent::Change> vrfInUse() {
+    return {setOf("routing/hardware/route/status", "vrfStatus", "red", json("{'vrfId': 3}")),
+            {.path = "lumen/multicast/fib/ipv4/user/red"},
+            {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
+            setOf("routing/multicast/fibenabled/status", "vrfEnabled", "red", true)};
 }
 
 } // namespace AgentTest

@@ -85,13 +85,9 @@ TEST_F(LanguageTest, AFaultyLineIsRefusedBeforeItDoesAnythingAndNamesTheWord) {
     };
     for (const Case& given : cases) {
         SCOPED_TRACE(given.line);
-        try {
-            told<Text::JsonWriter>(given.line);
-            ADD_FAILURE() << "was carried out";
-        } catch (const Refusal& refusal) {
-            EXPECT_EQ(refusal.where().word, given.word) << refusal.what();
-            EXPECT_NE(std::string(refusal.what()).find(given.text), std::string::npos) << refusal.what();
-        }
+        const Refusal refusal = refusalOf([&] { told<Text::JsonWriter>(given.line); });
+        EXPECT_EQ(refusal.where().word, given.word) << refusal.what();
+        EXPECT_NE(std::string(refusal.what()).find(given.text), std::string::npos) << refusal.what();
         EXPECT_NE(fault({"# first", given.line}).find("it.scn:2: "), std::string::npos);
     }
     for (const State::TraceLevel& level : State::traceLevels())
@@ -122,12 +118,8 @@ TEST_F(LanguageTest, ACheckJudgesEachLineByThoseBeforeItAndDoesNothing) {
     const std::vector<std::string> again = {given, "no vrf red", "vrf red multicast on"};
     agent.operations.apply(language.changes(again, false));
     EXPECT_EQ(told<Text::JsonWriter>("get " + vrfs + " vrfStatus red"), R"({"vrfId":0})");
-    try {
-        language.changes(std::vector<std::string>{"vrf blue", "", "mark"}, false);
-        ADD_FAILURE() << "mark was taken for state";
-    } catch (const Refusal& refusal) {
-        EXPECT_EQ(refusal.where().line, 3U);
-    }
+    const std::vector<std::string> noState = {"vrf blue", "", "mark"};
+    EXPECT_EQ(refusalOf([&] { language.changes(noState, false); }).where().line, 3U);
 }
 
 TEST_F(LanguageTest, ResultsReadAlikeWhereverTheyAreTold) {

@@ -1,7 +1,6 @@
 // Operations in process, with the real plug-in.
 #include "agent/changes/Operations.h"
 
-#include "agent/host/Refusal.h"
 #include "tests/agent/InProcessAgent.h"
 
 #include <gtest/gtest.h>
@@ -106,15 +105,12 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
          "key"},
     };
     for (const Wrong& wrong : cases) {
-        try {
-            agent.operations.change(wrong.change);
-            ADD_FAILURE() << wrong.change.path << " " << wrong.text;
-        } catch (const Refusal& error) {
-            EXPECT_EQ(error.kind(), RefusalKind::invalid);
-            EXPECT_NE(std::string(error.what()).find(wrong.text), std::string::npos) << error.what();
-            EXPECT_EQ(error.where().path, wrong.change.path);
-            EXPECT_EQ(error.where().field, wrong.field) << error.what();
-        }
+        SCOPED_TRACE(wrong.text);
+        const Refusal error = refusalOf([&] { agent.operations.change(wrong.change); });
+        EXPECT_EQ(error.kind(), RefusalKind::invalid);
+        EXPECT_NE(std::string(error.what()).find(wrong.text), std::string::npos) << error.what();
+        EXPECT_EQ(error.where().path, wrong.change.path);
+        EXPECT_EQ(error.where().field, wrong.field) << error.what();
     }
     EXPECT_EQ(agent.operations.counters().changes, 0U);
 }
@@ -122,10 +118,7 @@ TEST(OperationsTest, WhatIsWrongIsSaidWithItsPlace) {
 TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
     InProcessAgent agent;
     agent.host.start();
-    std::vector<Change> changes{setOf(vrfs, "vrfStatus", "red", json("{'vrfId': 3}")),
-                                {.path = std::string(userFibs) + "/red"},
-                                {.path = "lumen/multicast/fib/ipv4/sparsemode/red"},
-                                setOf(enabled, "vrfEnabled", "red", true)};
+    std::vector<Change> changes = vrfInUse();
     for (unsigned i = 0; i < 16000; ++i)
         changes.push_back(setOf("api/mroute/req", "mrouteReq", requestKey(i)));
     const std::clock_t begin = std::clock(); // the processor's time, whatever else it does
@@ -138,12 +131,7 @@ TEST(OperationsTest, SixteenThousandRequestsAreOneQuickTurn) {
 
     changes.back().key = requestKey(0, 1).datum(); // the twin of the first
     changes.erase(changes.begin(), changes.begin() + 4);
-    try {
-        agent.operations.apply(changes);
-        ADD_FAILURE() << "a twin was let through";
-    } catch (const Refusal& error) {
-        EXPECT_EQ(error.where().index, 15999U);
-    }
+    EXPECT_EQ(refusalOf([&] { agent.operations.apply(changes); }).where().index, 15999U);
 }
 
 // Draws changes of a small world, in which guards are often hit.
@@ -240,12 +228,8 @@ TEST(OperationsTest, AListIsJudgedAsItsChangesOneByOneWouldBe) {
         if (fit < changes.size()) {
             ++refusals;
             const Json before = picture(listed);
-            try {
-                listed.operations.apply(changes);
-                FAIL() << "the list went through, but its change " << fit << " alone does not";
-            } catch (const Refusal& error) {
-                ASSERT_EQ(error.where().index, fit) << error.what();
-            }
+            const Refusal error = refusalOf([&] { listed.operations.apply(changes); });
+            ASSERT_EQ(error.where().index, fit) << error.what();
             ASSERT_EQ(picture(listed), before) << "a refused list changed something";
             changes.resize(fit);
         }

@@ -6,24 +6,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
 namespace AgentTest {
-
-TemporaryFolder::TemporaryFolder()
-    : path_((std::filesystem::temp_directory_path() / "kestrel-test-XXXXXX").string()) {
-    if (::mkdtemp(path_.data()) == nullptr)
-        throw std::system_error(errno, std::generic_category(), path_);
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 TestClient::TestClient(const std::string& path)
     : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -1,8 +1,8 @@
-// What the tests of the control server share: a folder that goes with the test, and a client on a plain
-// socket.
+// A client of the control socket that sends and hears bytes and lines.
 #pragma once
 
 #include "agent/host/Fd.h"
+#include "tests/TestSocket.h"
 
 #include <chrono>
 #include <cstddef>
@@ -11,18 +11,7 @@
 
 namespace AgentTest {
 
-class TemporaryFolder {
-  public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
+using ::TemporaryFolder;
 
 class TestClient {
   public:

@@ -40,7 +40,7 @@ class WatchTest : public testing::Test {
     static std::string route(unsigned oif) {
         return "route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet" + std::to_string(oif);
     }
-    void run(const std::string& line) { client.result("command", json("{'line': %}", line)); }
+    void run(const std::string& line) { client.run(line); }
 
     // Many requests for one flow, so that a change of its route changes as many answers.
     void askOften(unsigned requests) {
@@ -167,8 +167,8 @@ TEST_F(WatchTest, ARestartedAgentShowsEverythingAnew) {
     agent->wait();
     agent = std::make_unique<AgentProcess>(folder, options);
     RpcClient again = agent->client();
-    again.result("command", json("{'line': 'vrf red id 3 multicast on'}"));
-    again.result("command", json("{'line': %}", request(1)));
+    again.run("vrf red id 3 multicast on");
+    again.run(request(1));
     const Json begun = again.result("watch", sinceChange(before.at("instance"), before.at("seq")));
     EXPECT_EQ(begun.at("lost"), true);
     EXPECT_NE(begun.at("instance"), before.at("instance"));

@@ -6,17 +6,13 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace CtlTest {
@@ -155,25 +151,16 @@ TEST(Usage, EveryCommandHasHelp) {
 }
 
 TEST(Connection, AnAbsentOrDeadAgentIsNamedByItsSocket) {
-    const std::string folder = std::filesystem::temp_directory_path() / "kestrelctl-test-absent";
-    std::filesystem::create_directories(folder);
-    const std::string path = folder + "/agent.sock";
-    std::filesystem::remove(path);
+    const TemporaryFolder folder;
+    const std::string path = folder.file("agent.sock");
     const Outcome absent = runCtl({"--socket", path, "status"});
     EXPECT_EQ(absent.status, Ctl::exitFailed);
     EXPECT_EQ(absent.err,
               "kestrelctl: no agent at " + path + ": there is no such socket; --socket names another\n");
 
-    const int leftover = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    ASSERT_EQ(::bind(leftover, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ::close(leftover);
+    ::close(boundSocket(SOCK_STREAM, path)); // what one leaves that was killed
     EXPECT_EQ(runCtl({"--socket", path, "status"}).err,
               "kestrelctl: no agent at " + path + ": the one that made the socket has gone\n");
-    std::filesystem::remove_all(folder);
-
     EXPECT_NE(runCtl({"--socket", std::string(200, 'x'), "status"}).err.find("1 to 107 bytes"),
               std::string::npos);
 }
@@ -181,30 +168,25 @@ TEST(Connection, AnAbsentOrDeadAgentIsNamedByItsSocket) {
 TEST(Connection, AnAgentThatGoesOrSpeaksNonsenseIsToldApart) {
     std::string say;
     const FakeAgent agent([&say](const Request&) { return say; });
-    const auto errorOf = [&](const std::string& answer) {
+    const std::string lost = "the agent at " + agent.path() + " is lost: ";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", lost + "it closed the connection"},
+        {"HTTP/1.1 400 Bad Request\n", lost + "it speaks another language"},
+        {"[1]\n", lost + "it speaks another language"},
+        {"{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{},\"\xff\":1}\n", lost + "it speaks another language"},
+        {resultLine({.id = 1}, R"({"text":1})"),
+         "the agent speaks another language: its message lacks a proper \"text\""},
+        {resultLine({.id = 99}, "1"), lost + "it answers another question"},
+        // One client too many: refused as a whole, without an id.
+        {"{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32002,\"message\":\"full\"}}\n", "full"},
+    };
+    for (const auto& [answer, error] : cases) {
         say = answer;
         const Outcome run = runCtl(agent, {"mark"});
         EXPECT_EQ(run.status, Ctl::exitFailed);
         EXPECT_EQ(run.out, "");
-        return run.err;
-    };
-    const std::string lost = "kestrelctl: the agent at " + agent.path() + " is lost: ";
-    EXPECT_EQ(errorOf(""), lost + "it closed the connection\n");
-    EXPECT_EQ(errorOf("HTTP/1.1 400 Bad Request\n"), lost + "it speaks another language\n");
-    EXPECT_EQ(errorOf("[1]\n"), lost + "it speaks another language\n");
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":1,"result":{},)"
-                      "\"\xff\":1}\n"),
-              lost + "it speaks another language\n");
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":1,"result":{"text":1}})"
-                      "\n"),
-              "kestrelctl: the agent speaks another language: its message lacks a proper \"text\"\n");
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":99,"result":1})"
-                      "\n"),
-              lost + "it answers another question\n");
-    // One client too many: refused as a whole, without an id.
-    EXPECT_EQ(errorOf(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32002,"message":"full"}})"
-                      "\n"),
-              "kestrelctl: full\n");
+        EXPECT_EQ(run.err, "kestrelctl: " + error + "\n");
+    }
 }
 
 TEST(Connection, ResultsThatCanNotBeWrittenAreAFailure) {
@@ -217,17 +199,13 @@ TEST(Connection, ResultsThatCanNotBeWrittenAreAFailure) {
 
 class ApplyTest : public testing::Test {
   protected:
-    ApplyTest() { std::filesystem::create_directories(folder); }
-    ~ApplyTest() override { std::filesystem::remove_all(folder); }
-
     std::string write(const std::string& text) const {
         std::ofstream(file, std::ios::binary) << text;
         return file;
     }
 
-    const std::string folder =
-        std::filesystem::temp_directory_path() / ("kestrelctl-apply-" + std::to_string(::getpid()));
-    const std::string file = folder + "/state";
+    const TemporaryFolder folder;
+    const std::string file = folder.file("state");
 };
 
 TEST_F(ApplyTest, SendsTheFilesLinesAndPrintsTheAnswersThatChanged) {
@@ -280,9 +258,10 @@ TEST_F(ApplyTest, ADryRunThatForetellsTheAgentsEndFails) {
 
 TEST_F(ApplyTest, AFileThatCanNotBeSentIsSaidToBeSo) {
     const FakeAgent agent(answerCommand);
-    EXPECT_EQ(runCtl(agent, {"apply", folder + "/none"}).err,
-              "kestrelctl: " + folder + "/none: can't be opened\n");
-    EXPECT_EQ(runCtl(agent, {"apply", folder}).err, "kestrelctl: " + folder + ": can't be read\n");
+    const std::string none = folder.file("none");
+    EXPECT_EQ(runCtl(agent, {"apply", none}).err, "kestrelctl: " + none + ": can't be opened\n");
+    const std::string itself = folder.file("");
+    EXPECT_EQ(runCtl(agent, {"apply", itself}).err, "kestrelctl: " + itself + ": can't be read\n");
     EXPECT_EQ(runCtl(agent, {"apply", write("vrf red\nvrf \xff\n")}).err,
               "kestrelctl: " + file + ":2: not UTF-8\n");
     const Outcome large = runCtl(agent, {"apply", write(std::string(5'000'000, '#'))});

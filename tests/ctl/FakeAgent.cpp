@@ -6,14 +6,10 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -36,18 +32,9 @@ Request requestOf(const std::string& line) {
 
 FakeAgent::FakeAgent(Answer answer)
     : answer_(std::move(answer))
-    , folder_((std::filesystem::temp_directory_path() / "kestrelctl-test-XXXXXX").string())
-    , listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    , listener_(boundSocket(SOCK_STREAM, path_))
     , stop_(::eventfd(0, EFD_CLOEXEC)) {
-    if (::mkdtemp(folder_.data()) == nullptr)
-        throw std::runtime_error("no folder for the test's socket");
-    path_ = folder_ + "/agent.sock";
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path_.data(), path_.size());
-    if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_, 8) != 0)
-        throw std::runtime_error("no socket for the test");
+    ::listen(listener_, 8);
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -56,8 +43,6 @@ FakeAgent::~FakeAgent() {
     thread_.join();
     ::close(listener_);
     ::close(stop_);
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
 }
 
 void FakeAgent::serve() {

@@ -2,6 +2,8 @@
 // keeps what it was asked. One client at a time.
 #pragma once
 
+#include "tests/TestSocket.h"
+
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -13,8 +15,8 @@ namespace CtlTest {
 
 // A request that was received; what is sent back is written as JSON text.
 struct Request {
-    std::string method;
-    std::string params; // JSON, without blanks
+    std::string method = {};
+    std::string params = {}; // JSON, without blanks
     std::int64_t id = 0;
 };
 
@@ -41,8 +43,8 @@ class FakeAgent {
     void serveClient();
 
     Answer answer_;
-    std::string folder_;
-    std::string path_;
+    TemporaryFolder folder_;
+    const std::string path_ = folder_.file("agent.sock");
     int listener_ = -1;
     int client_ = -1;
     int stop_ = -1;

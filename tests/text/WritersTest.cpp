@@ -52,29 +52,6 @@ TEST(Json, StringsAreEscapedAndAlwaysUtf8) {
     }
 }
 
-TEST(Json, NestsWithCommasWhereTheyBelong) {
-    EXPECT_EQ(json([](Text::Writer& writer) {
-                  writer.beginRecord();
-                  writer.field("none");
-                  writer.beginRecord();
-                  writer.end();
-                  writer.field("list");
-                  writer.beginList();
-                  writer.value(1);
-                  writer.beginList();
-                  writer.end();
-                  writer.beginRecord();
-                  writer.member("a\n", "b");
-                  writer.member("c", nullptr);
-                  writer.end();
-                  writer.value(true);
-                  writer.end();
-                  writer.member("last", false);
-                  writer.end();
-              }),
-              R"({"none":{},"list":[1,[],{"a\n":"b","c":null},true],"last":false})");
-}
-
 TEST(Json, NumbersReadBackAsTheyWere) {
     const auto number = [](auto value) { return json([&](Text::Writer& writer) { writer.value(value); }); };
     EXPECT_EQ(number(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
@@ -87,14 +64,6 @@ TEST(Json, NumbersReadBackAsTheyWere) {
     EXPECT_EQ(number(std::nan("")), "null");
 }
 
-// Tells a record member by member.
-template <class... Members>
-void tellRecord(Text::Writer& writer, const Members&... members) {
-    writer.beginRecord();
-    (writer.member(members.first, members.second), ...);
-    writer.end();
-}
-
 template <class... Elements>
 void tellList(Text::Writer& writer, const Elements&... elements) {
     writer.beginList();
@@ -102,8 +71,6 @@ void tellList(Text::Writer& writer, const Elements&... elements) {
     writer.end();
 }
 
-// {"name":"a","list":[1,2],"empty":[],"no":"","in":{"x":null,"deep":{"y":true}},
-//  "rows":[{"p":1,"q":[{"r":2.5}]},"s",[3,4],[]]}
 void tellNested(Text::Writer& writer) {
     writer.beginRecord();
     writer.member("name", "a");
@@ -116,7 +83,7 @@ void tellNested(Text::Writer& writer) {
     writer.beginRecord();
     writer.member("x", nullptr);
     writer.field("deep");
-    tellRecord(writer, std::pair("y", true));
+    writer.record("y", true);
     writer.end();
     writer.field("rows");
     writer.beginList();
@@ -124,7 +91,7 @@ void tellNested(Text::Writer& writer) {
     writer.member("p", 1);
     writer.field("q");
     writer.beginList();
-    tellRecord(writer, std::pair("r", 2.5));
+    writer.record("r", 2.5);
     writer.end();
     writer.end();
     writer.value("s");
@@ -132,6 +99,15 @@ void tellNested(Text::Writer& writer) {
     tellList(writer);
     writer.end();
     writer.end();
+}
+
+TEST(Json, NestsWithCommasWhereTheyBelong) {
+    EXPECT_EQ(json(tellNested),
+              R"({"name":"a","list":[1,2],"empty":[],"no":"","in":{"x":null,"deep":{"y":true}},)"
+              R"("rows":[{"p":1,"q":[{"r":2.5}]},"s",[3,4],[]]})");
+    EXPECT_EQ(json([](Text::Writer& writer) { writer.record("a\n", "b", "c", false); }),
+              R"({"a\n":"b","c":false})");
+    EXPECT_EQ(json([](Text::Writer& writer) { writer.record(); }), "{}");
 }
 
 TEST(PlainText, NestedRecordsAndListsAreAnOutline) {
@@ -154,8 +130,8 @@ TEST(PlainText, NestedRecordsAndListsAreAnOutline) {
               "a b\n2\nfalse\n");
     EXPECT_EQ(told<Text::TextWriter>([](Text::Writer& writer) {
                   writer.beginList();
-                  tellRecord(writer, std::pair("p", 1), std::pair("q", -2));
-                  tellRecord(writer, std::pair("p", 3));
+                  writer.record("p", 1, "q", -2);
+                  writer.record("p", 3);
                   writer.end();
               }),
               "- p: 1\n  q: -2\n- p: 3\n");
@@ -199,7 +175,7 @@ TEST(PlainText, TablesAreAligned) {
                   writer.beginRecord();
                   writer.field("rows");
                   writer.beginTable(std::span(columns, 2));
-                  tellRecord(writer, std::pair("vrf", "red"), std::pair("id", 3));
+                  writer.record("vrf", "red", "id", 3);
                   writer.end();
                   writer.member("more", false);
                   writer.end();
