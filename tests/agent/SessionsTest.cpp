@@ -218,7 +218,7 @@ TEST_F(SessionsTest, PipelinedLinesAreAnsweredInOrderAndToTheEnd) {
         lines += request("echo", json("{'n': %, 'text': %}", i,
                                       std::string(static_cast<std::size_t>(i % 300), 'p'))) +
                  (i % 7 == 0 ? "\r\n\n  \n" : "\n");
-    std::thread sending([&] {
+    std::jthread sending([&] {
         piping.send(lines + echo());
         piping.closeSendingSide();
     });
@@ -344,12 +344,12 @@ TEST(StandardInputAndOutput, ServesOneClientUntilItsInputEnds) {
     std::string lines;
     for (int i = 0; i < 50'000; ++i)
         lines += "line " + std::to_string(i) + "\n";
-    std::thread sending([&] {
+    std::jthread sending([&] {
         EXPECT_EQ(::write(input.write.get(), lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
         input.write.close();
     });
     std::string answers;
-    std::thread reading([&] {
+    std::jthread reading([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // so that the pipe fills up first
         answers = drain(output.read.get());
     });

@@ -10,6 +10,7 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -129,8 +130,10 @@ ToyServer::ToyServer(std::string path, unsigned descriptors)
     if (::pipe(ready.data()) != 0)
         throw std::runtime_error("pipe");
     process_ = ::fork();
-    if (process_ == 0)
+    if (process_ == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // a test program that dies doesn't leave it behind
         ::_exit(serve(path_, descriptors, ready[1]));
+    }
     ::close(ready[1]);
     char byte = 0;
     const bool up = ::read(ready[0], &byte, 1) == 1;

@@ -239,18 +239,4 @@ TEST(RefusedValues, OfRecordsAreNamedByAttributeAndPlace) {
     EXPECT_EQ(State::fromDatum<NatMrouteKey>(Datum(Datum::Record{{"type", "mgroupRequest"}})), expected);
 }
 
-TEST(RefusedValues, OfAnInterfaceNameTooMany) {
-    // In a child, because names are never given back.
-    const auto fill = [] {
-        for (std::uint64_t i = IntfId::names(); i < IntfId::maxNames; ++i)
-            IntfId{"full" + std::to_string(i)};
-        const bool isRefused = !refusal([] { IntfId("one more"); }).empty() &&
-                               refusal([] { IntfId("onemore"); }) ==
-                                   "L3::IntfId: name 'onemore' not allowed: there are 65536 names already";
-        const bool isKnown = IntfId("full65535").number() == 65536;
-        std::exit(isRefused && isKnown ? 0 : 1);
-    };
-    EXPECT_EXIT(fill(), ::testing::ExitedWithCode(0), "");
-}
-
 } // namespace
