@@ -1,4 +1,5 @@
-// Every control method through the real socket of a real agent: what it gives, and what it refuses.
+// Control methods through the real socket of a real agent. What one request gives or why it is refused is in the
+// transcripts (TranscriptsTest.cpp).
 #include "tests/agent/AgentProcess.h"
 
 #include <gtest/gtest.h>
@@ -10,10 +11,7 @@
 namespace AgentTest {
 namespace {
 
-const char* const vrfs = "routing/hardware/route/status";
 const char* const fib = "lumen/multicast/fib/ipv4/user/red";
-const Json vrfsAlone = json("{'path': %}", vrfs);
-const Json vrfEntries = json("{'path': %, 'attribute': 'vrfStatus'}", vrfs);
 
 Json requestKey(unsigned intf = 5, const std::string& group = "239.1.1.1") {
     return json("{'intf': %, 'vrfId': 3, 'vlanId': 10, 'sourceIp': '10.0.0.1', 'groupIp': %, 'type': %}",
@@ -43,126 +41,6 @@ class ControlServiceTest : public testing::Test {
     }
 };
 
-TEST_F(ControlServiceTest, GetReadsByKeyByAttributeAndAll) {
-    const Json cases[][2] = {
-        {json("{'path': 'api/multicastSmStatus'}"), json("{'mrouteSmReady': true, 'mgroupSmReady': true}")},
-        {vrfEntries.with("key", "red"), json("{'vrfId': 3}")},
-        {vrfEntries.with("key", "blue"), {}},
-        {json("{'path': 'routing/multicast/fibenabled/status', 'attribute': 'vrfEnabled'}"),
-         json("[{'key': 'red', 'value': true}]")},
-        {json("{'path': 'routing/multicast/routestatus/blue/static'}"),
-         json("{'route': [], 'oifIndexIntf': []}")},
-    };
-    for (const auto& [params, result] : cases)
-        EXPECT_EQ(client.result("get", params), result) << params;
-    apply({requestChange(requestKey(1)), requestChange(requestKey(2)), requestChange(requestKey(3))});
-    const Json requests = json("{'path': 'api/mroute/req', 'attribute': 'mrouteReq'}");
-    const Json page = requests.with("limit", 1).with("after", requestKey(2));
-    EXPECT_EQ(client.result("get", page), json("[%]", requestKey(3)));
-    const Json del = requests.with("key", requestKey(2));
-    EXPECT_EQ(client.result("del", del), json("{'changed': true}"));
-    EXPECT_EQ(client.result("del", del), json("{'changed': false}"));
-}
-
-TEST_F(ControlServiceTest, RefusalsNameTheRuleAndTheParameter) {
-    struct Case {
-        const char* method;
-        Json params;
-        const char* text;
-        const char* field;
-        int code = -32602;
-    };
-    const Case cases[] = {
-        {"get", json("{}"), "needs the parameter \"path\"", "path"},
-        {"get", json("{'path': 1}"), "must be of type string", "path"},
-        {"get", json("{'path': 'x', 'path': 'y'}"), "\"path\" of method \"get\" is given twice", "path"},
-        {"get", vrfsAlone.with("atribute", "x"), "has no parameter \"atribute\"; there are path, ",
-         "atribute"},
-        {"get", vrfsAlone.with("limit", -1), "a number of at least 0", "limit"},
-        {"set", vrfsAlone.with("raw", 1), "must be of type boolean", "raw"},
-        {"unwatch", json("{'x': 1}"), "there are none", "x"},
-        {"nothing", json("{}"), "there are get, set, del, apply, watch", "", -32601},
-        {"get", json("{'path': 'api/mroute'}"), "nearest known one is api/mroute/re", ""},
-        {"get", vrfsAlone.with("attribute", "x"), "has vrfStatus", "attribute"},
-        {"get", vrfsAlone.with("key", "red"), "name the attribute", "attribute"},
-        {"get", vrfEntries.with("key", json("1.5")), "not 1.5", "key"},
-        {"get", vrfEntries.with("key", json("[1]")), "takes a string", "key"},
-        {"get", vrfEntries.with("after", "blue"), "begin again", "after"},
-        {"get", vrfEntries.with("limit", 65537), "at most 65536", "limit"},
-        {"get", json("{'path': 'api/multicastSmStatus', 'attribute': 'mrouteSmReady', 'key': 1}"),
-         "has no key", "key"},
-        {"del", vrfEntries, "needs the parameter \"key\"", "key"},
-        {"set", vrfsAlone, "an attribute must be named", "attribute"},
-        {"apply", json("{}"), "either changes or lines", "changes"},
-        {"apply", json("{'changes': [], 'lines': []}"), "either", "changes"},
-        {"apply", json("{'changes': [], 'raw': true}"), "each change says itself", "raw"},
-        {"apply", json("{'lines': [1]}"), "lines are strings", "lines"},
-        {"schema", json("{'type': 'KestrelNat::Nothing'}"), "KestrelNat::Nothing", "type"},
-        {"show", json("{'what': 'nothing'}"), "nothing", "what"},
-        {"trace", json("{'level': 3}"), "name it", "facility"},
-        {"trace", json("{'facility': 'Agent', 'level': 10}"), "0 to 9", "level"},
-        {"trace", json("{'facility': 'Nobody', 'level': 1}"), "no trace facility", "facility"},
-        {"trace", json("{'facility': 'Agent', 'last': 1}"), "either", "last"},
-        {"command", json("{'line': 'dance'}"), "dance", ""},
-        {"command", json("{'line': 'request mroute intf Ethernet5 vrf 3 vlan 10 source any group any'}"),
-         "(*,*)", "sourceIp", -32000},
-        {"command",
-         json("{'line': 'expect mroute intf Ethernet5 vrf 3 vlan 10 source any group 239.1.1.1 = none'}"),
-         "absent", "", -32001},
-    };
-    for (const auto& [method, params, text, field, code] : cases) {
-        SCOPED_TRACE(params.dump());
-        const Json error = client.error(method, params);
-        EXPECT_EQ(error.at("code"), code) << error;
-        EXPECT_NE(error.at("message").text().find(text), std::string::npos) << error;
-        const Json data = error.contains("data") ? error.at("data") : json("{}");
-        EXPECT_EQ(data.contains("field") ? data.at("field") : "", field) << error;
-    }
-}
-
-TEST_F(ControlServiceTest, ApplyChecksAllBeforeItChangesAny) {
-    const std::vector<Json> changes{routeChange(json("['Ethernet1']")), requestChange(requestKey())};
-    const Json answer = json("{'path': 'api/mroute/resp', 'attribute': 'mrouteResp', 'key': %,"
-                             " 'value': ['Ethernet1']}",
-                             requestKey());
-    EXPECT_EQ(apply(changes), json("{'changed': 2, 'answers': [%]}", answer));
-
-    // By a guard, by a type, by a parameter: nothing before it happens either.
-    const Json requests = json("{'path': 'api/mroute/req'}");
-    const Json before = client.result("get", requests);
-    const Json anyAny = requestKey(5, "0.0.0.0").with("sourceIp", "0.0.0.0");
-    for (const Json& bad : {requestChange(anyAny), Json(1), json("{'op': 'put', 'path': %}", vrfs),
-                            json("{'op': 'set', 'path': %, 'x': 1}", vrfs),
-                            json("{'op': 'set', 'path': 'x/y', 'attribute': 'z'}")}) {
-        const Json error = client.error("apply", json("{'changes': [%, %, %]}", requestChange(requestKey(6)),
-                                                      requestChange(requestKey(7)), bad));
-        EXPECT_EQ(error.at("data").at("index"), 2) << error;
-        EXPECT_EQ(client.result("get", requests), before) << error;
-    }
-}
-
-TEST_F(ControlServiceTest, ApplyTakesLinesAndNamesTheOneThatIsRefused) {
-    const Json lines =
-        json("{'text': true, 'lines': ['# a comment', '',"
-             " 'route red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet1',"
-             " 'request mroute intf Ethernet5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1']}");
-    const Json told =
-        json("[{'vrf': 'red', 'key': %, 'value': ['Ethernet1'],"
-             " 'text': 'mroute (10.0.0.1, 239.1.1.1) in red for Ethernet5 vlan 10: Ethernet1'}]",
-             requestKey());
-    for (const bool dryRun : {true, false}) // each answer also as people read it, foretold or not
-        EXPECT_TRUE(holds(told, client.result("apply", lines.with("dryRun", dryRun)).at("answers")));
-
-    const Json error = client.error(
-        "apply", json("{'lines': ['vrf blue id 4', '',"
-                      " 'request mroute intf Ethernet5 vrf red vlan 10 source any group any']}"));
-    EXPECT_EQ(error.at("code"), -32000);
-    EXPECT_EQ(error.at("data").at("line"), 3);
-    EXPECT_EQ(client.result("get", vrfEntries.with("key", "blue")), Json());
-    const Json noState = client.error("apply", json("{'lines': ['vrf blue id 4', 'expect x']}"));
-    EXPECT_EQ(noState.at("data").at("line"), 2);
-}
-
 TEST_F(ControlServiceTest, ADryRunForetellsTheVeryAnswersAndChangesNothing) {
     std::vector<Json> changes{routeChange(json("['Ethernet1', 'Ethernet9']")),
                               requestChange(requestKey(3, "239.9.9.9"))};
@@ -174,9 +52,6 @@ TEST_F(ControlServiceTest, ADryRunForetellsTheVeryAnswersAndChangesNothing) {
     EXPECT_EQ(client.result("get", json("{'path': 'api/mroute/req'}")), json("{'mrouteReq': []}"));
     EXPECT_EQ(client.result("watch").at("seq"), watched.at("seq"));
     EXPECT_EQ(apply(changes), foretold);
-    // What the types or a guard refuse, the dry run refuses as well.
-    const Json refused = json("{'changes': [%], 'dryRun': true}", routeChange(1));
-    EXPECT_EQ(client.error("apply", refused).at("data").at("field"), "intf");
 }
 
 TEST_F(ControlServiceTest, TheSchemaTellsWhatRequestsAreHeldAgainst) {
