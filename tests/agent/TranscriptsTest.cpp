@@ -42,7 +42,7 @@ TEST_P(Transcripts, Hold) {
     std::string parameters;
     int exchanges = 0;
     for (std::string line; std::getline(file, line);) {
-        SCOPED_TRACE(method + " " + parameters + "\n" + line);
+        SCOPED_TRACE(testing::Message() << method << " " << parameters << "\n" << line);
         const std::string rest = line.substr(std::min<std::size_t>(3, line.size()));
         if (line.starts_with("-> ")) {
             std::tie(method, parameters) = cut(rest);
