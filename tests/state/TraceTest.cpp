@@ -19,7 +19,7 @@ namespace {
 
 // Traced before main, when no ring has been handed in: the framework's own takes it.
 const std::vector<State::TraceRecord> early = [] {
-    TRACE(9, "early");
+    TRACE_AS(9, "early", "early");
     return State::traceRecordsSince(0);
 }();
 
@@ -98,10 +98,10 @@ TEST_F(TraceTest, LinesUpToTheFacilitysLevelAreWritten) {
     const auto linesAt = [&](int level) {
         State::traceLevelIs("TraceTest", level);
         lines_.clear();
-        TRACE(0, "0");
-        TRACE(6, "6");
-        TRACE(8, "8");
-        TRACE(9, "9");
+        TRACE_AS(0, "linesAt", "0");
+        TRACE_AS(6, "linesAt", "6");
+        TRACE_AS(8, "linesAt", "8");
+        TRACE_AS(9, "linesAt", "9");
         Module::work(1);
         return messages(lines_);
     };
