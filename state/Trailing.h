@@ -17,6 +17,7 @@ struct alignas(Header) alignas(T) Trailing : Header {
     T* items() { return reinterpret_cast<T*>(this + 1); }
     const T* items() const { return reinterpret_cast<const T*>(this + 1); }
 
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): items may be pointers
     static constexpr std::size_t bytes(std::size_t count) { return sizeof(Trailing) + count * sizeof(T); }
     /// Room for `count` items. std::bad_alloc.
     static Trailing* make(std::size_t count, const Header& header) {

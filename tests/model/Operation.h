@@ -113,5 +113,7 @@ template <class... Functions>
 struct Each : Functions... {
     using Functions::operator()...;
 };
+template <class... Functions>
+Each(Functions...) -> Each<Functions...>;
 
 } // namespace Model
