@@ -10,6 +10,16 @@
 
 namespace L3 {
 
+namespace {
+
+// The members of an array, ascending.
+template <class Array>
+std::span<std::uint32_t> idsOf(Array& array) {
+    return {array.items(), array.count};
+}
+
+} // namespace
+
 std::uint32_t IntfSet::room(std::uint32_t count) {
     return std::bit_ceil(std::max(count, 2U));
 }
@@ -34,8 +44,7 @@ IntfSet::IntfSet(std::string_view) {
 
 bool IntfSet::has(IntfId member) const {
     Array* array = array_.get();
-    return array != nullptr &&
-           std::binary_search(array->items(), (array->items() + array->count), member.number());
+    return array != nullptr && std::ranges::binary_search(idsOf(*array), member.number());
 }
 
 bool IntfSet::insert(IntfId member) {
@@ -46,11 +55,11 @@ bool IntfSet::insert(IntfId member) {
         array_.get()->items()[0] = id;
         return true;
     }
-    std::uint32_t* const place = std::lower_bound(array->items(), (array->items() + array->count), id);
-    if (place != (array->items() + array->count) && *place == id)
-        return false;
+    std::uint32_t* const place = std::lower_bound(array->items(), array->items() + array->count, id);
     const auto before = static_cast<std::size_t>(place - array->items());
     const std::size_t behind = array->count - before;
+    if (behind != 0 && *place == id)
+        return false;
     if (array->holders == 1 && array->count < room(array->count)) {
         std::memmove(place + 1, place, behind * sizeof id);
         *place = id;
@@ -74,8 +83,7 @@ bool IntfSet::erase(IntfId member) {
         return true;
     }
     Array* shrunk = allocate(array->count - 1);
-    std::remove_copy(array->items(), (array->items() + array->count), shrunk->items(),
-                     static_cast<std::uint32_t>(member.number()));
+    std::ranges::remove_copy(idsOf(*array), shrunk->items(), static_cast<std::uint32_t>(member.number()));
     array_ = Holder(shrunk);
     return true;
 }
@@ -85,17 +93,14 @@ void IntfSet::insertAll(const IntfSet& other) {
     Array* theirs = other.array_.get();
     if (theirs == nullptr || theirs == mine)
         return;
-    if (mine == nullptr || std::includes(theirs->items(), (theirs->items() + theirs->count), mine->items(),
-                                         (mine->items() + mine->count))) {
+    if (mine == nullptr || std::ranges::includes(idsOf(*theirs), idsOf(*mine))) {
         array_ = other.array_;
         return;
     }
-    if (std::includes(mine->items(), (mine->items() + mine->count), theirs->items(),
-                      (theirs->items() + theirs->count)))
+    if (std::ranges::includes(idsOf(*mine), idsOf(*theirs)))
         return;
     Array* merged = allocate(mine->count + theirs->count);
-    const auto* end = std::set_union(mine->items(), (mine->items() + mine->count), theirs->items(),
-                                     (theirs->items() + theirs->count), merged->items());
+    const auto* end = std::ranges::set_union(idsOf(*mine), idsOf(*theirs), merged->items()).out;
     merged->count =
         static_cast<std::uint32_t>(end - merged->items()); // its room is at least that of the count
     array_ = Holder(merged);
@@ -113,7 +118,7 @@ std::strong_ordering IntfSet::operator<=>(const IntfSet& other) const {
 }
 
 std::size_t IntfSet::memoryBytes() const {
-    return empty() ? 0 : sizeof(Array) + room(array_.get()->count) * sizeof(std::uint32_t);
+    return empty() ? 0 : Array::bytes(room(array_.get()->count));
 }
 
 void IntfUnion::addToMany(IntfId member) {

@@ -184,9 +184,8 @@ bool Operations::carryOut(const Change& change) {
     const State::Attribute* attribute = place.type->attribute(change.attribute);
     bool changed = false;
     if (change.op == Change::Op::del) {
-        // What isn't there is found under Asking: its removal would enter the names in its key.
-        changed =
-            value(change.path, change.attribute, &*change.key) && attribute->del(*place.entity, *change.key);
+        const Asking asking; // what isn't there may be named by the key
+        changed = place.entity && attribute->del(*place.entity, *change.key);
     } else if (place.entity) {
         changed = attribute != nullptr &&
                   attribute->set(*place.entity, pointerTo(change.key), pointerTo(change.value));

@@ -137,9 +137,8 @@ class WrittenTable final : public RouteTable {
         try {
             place_.made()->oifIndexIntfIs(known->second, L3::IntfId(name));
             return true;
-        } catch (
-            const State::
-                RangeError&) { // no room for the name: the rows keep the old one until they are put again
+        } catch (const State::RangeError&) {
+            // No room for the name: the rows keep the old one until they are put again.
             byIfindex_.erase(known);
             return false;
         }
