@@ -12,12 +12,13 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <thread>
+#include <unistd.h>
 
 namespace Agent {
 
 namespace {
 
-// How long a starter waits for another one that looks and binds in the same directory.
+// How long a starter waits for another one that looks and binds at the same path.
 constexpr std::chrono::milliseconds lockWait{1000};
 constexpr std::chrono::milliseconds lockRetry{20};
 
@@ -41,23 +42,43 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
-// The lock that keeps two starters apart. It is on the directory itself, so that no lock file stays behind.
-Fd lockDirectoryOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    Fd lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock)
-        failErrno(path, "can't open directory " + directory);
-    const auto end = std::chrono::steady_clock::now() + lockWait;
-    while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR)
-            failErrno(path, "can't lock directory " + directory);
-        if (std::chrono::steady_clock::now() >= end)
-            fail(path, "another process holds the lock on directory " + directory);
-        std::this_thread::sleep_for(lockRetry);
+// The lock that keeps two starters apart: a file beside the socket, made for the purpose, that is there while a start
+// lasts. It is the starter's own and nobody else can open it, so no neighbour can hold it.
+class StartLock {
+  public:
+    explicit StartLock(const std::string& socketPath)
+        : path_(socketPath + ".lock") {
+        const auto end = std::chrono::steady_clock::now() + lockWait;
+        while (!taken(socketPath)) {
+            if (std::chrono::steady_clock::now() >= end)
+                fail(socketPath, "another start holds the lock " + path_);
+            std::this_thread::sleep_for(lockRetry);
+        }
     }
-    return lock;
-}
+    ~StartLock() {
+        ::unlink(path_.c_str());
+    } // still locked: who waits for this one finds another file, or none
+    StartLock(const StartLock&) = delete;
+    StartLock& operator=(const StartLock&) = delete;
+
+  private:
+    bool taken(const std::string& socketPath) {
+        file_ = Fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        struct stat opened {};
+        struct stat named {};
+        if (!file_ || ::fstat(file_.get(), &opened) != 0)
+            failErrno(socketPath, "can't make the lock " + path_);
+        if (!S_ISREG(opened.st_mode) || opened.st_uid != ::geteuid() || (opened.st_mode & 077U) != 0)
+            fail(socketPath,
+                 "the lock " + path_ + " is somebody else's: remove it, or use a directory of your own");
+        // Who held it before may have removed it meanwhile.
+        return ::flock(file_.get(), LOCK_EX | LOCK_NB) == 0 && ::lstat(path_.c_str(), &named) == 0 &&
+               named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+    }
+
+    std::string path_;
+    Fd file_;
+};
 
 Fd makeSocket(const std::string& path) {
     Fd made(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -91,7 +112,7 @@ void removeLeftover(const std::string& path, const sockaddr_un& address) {
 ControlSocket::ControlSocket(const std::string& path)
     : path_(path) {
     const sockaddr_un address = addressOf(path);
-    const Fd lock = lockDirectoryOf(path);
+    const StartLock lock(path);
     removeLeftover(path, address);
     socket_ = makeSocket(path);
     // The file takes its mode from the socket, so there is no moment in which others could connect.

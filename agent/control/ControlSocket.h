@@ -1,6 +1,6 @@
 // The listening Unix socket behind a path: how it comes to be, and when its file goes.
 //
-// Two agents never serve one path. Who starts holds a lock on the directory while it looks and binds: a
+// Two agents never serve one path. Who starts holds a lock (PATH.lock) while it looks and binds: a
 // socket that accepts is respected, one that a dead agent left is replaced. The file has mode 0600 from its
 // first moment, and is removed on close only while it is still this one.
 //

@@ -103,10 +103,19 @@ TEST_F(ControlSocketTest, ASocketThatIsNotItsOwnAnyMoreStays) {
     EXPECT_TRUE(exists(path));
 }
 
-TEST_F(ControlSocketTest, SomebodyElsesLockOnTheFolderEndsTheStartInsteadOfHangingIt) {
-    const Agent::Fd lock(::open(folder.file("").c_str(), O_RDONLY | O_DIRECTORY));
-    ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
-    EXPECT_NE(refusalOf(path).find("another process holds the lock on directory"), std::string::npos);
+TEST_F(ControlSocketTest, OnlyAnotherStartCanHoldItUpAndNotForEver) {
+    const Agent::Fd folderLock(::open(folder.file("").c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(::flock(folderLock.get(), LOCK_EX), 0);
+    EXPECT_EQ(refusalOf(path), "(bound)"); // anyone may lock a folder
+    EXPECT_FALSE(exists(path + ".lock"));
+
+    const Agent::Fd lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT, 0600));
+    EXPECT_EQ(refusalOf(path), "(bound)"); // left by a start that was killed
+    const Agent::Fd held(::open((path + ".lock").c_str(), O_RDWR | O_CREAT, 0600));
+    ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
+    EXPECT_EQ(refusalOf(path), "control socket " + path + ": another start holds the lock " + path + ".lock");
+    ASSERT_EQ(::fchmod(held.get(), 0666), 0);
+    EXPECT_NE(refusalOf(path).find("is somebody else's"), std::string::npos);
 }
 
 TEST_F(ControlSocketTest, OfManyStartersOverALeftoverOneWins) {
