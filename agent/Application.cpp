@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <iostream>
 #include <utility>
 
@@ -35,7 +34,7 @@ bool succeeds(Step step) {
     } catch (const UsageError&) {
         throw;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kestrel-agent: %s\n", error.what());
+        std::cerr << "kestrel-agent: " << error.what() << "\n";
         return false;
     }
 }
@@ -201,9 +200,7 @@ void Application::announceIfReady() {
         return;
     isAnnounced_ = true;
     TRACE(6, "Application::", "announceIfReady", " ready");
-    std::FILE* const where = options_.isStdio ? stderr : stdout;
-    std::fputs("ready\n", where);
-    std::fflush(where);
+    (options_.isStdio ? std::cerr : std::cout) << "ready" << std::endl;
     notifyService("READY=1");
     if (!options_.play.empty())
         play();

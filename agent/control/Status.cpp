@@ -1,6 +1,7 @@
 // What `status` tells: toggles, ready flags, how much every collection holds, what tables refused, counters.
 #include "agent/control/ControlService.h"
 
+#include "agent/host/Output.h"
 #include "agent/host/Paths.h"
 #include "agent/json/Json.h"
 #include "records/NatStatus.h"
@@ -129,6 +130,7 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.member("interfaceNamesMost", L3::IntfId::maxNames);
     writer.member("interfaceNamesSwept", operations_.names().swept());
     writer.member("interfaceNameSweeps", operations_.names().sweeps());
+    writer.member("linesDropped", StandardOutput::droppedLines());
     writer.end();
     writer.end();
 }
