@@ -61,7 +61,7 @@ Application::Application(Options options)
                         chip_->settleAll();
                 })
     , service_(loop_->context, operations_, language_, log_)
-    , rpc_(service_,
+    , rpc_(loop_->context, service_,
            [this](ClientId client, std::string answer) {
                if (sessions_)
                    sessions_->finish(client, std::move(answer));

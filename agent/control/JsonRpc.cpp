@@ -176,6 +176,11 @@ struct JsonRpc::Line {
     }
 };
 
+JsonRpc::JsonRpc(asio::io_context& context, Dispatcher& dispatcher, Finish finish)
+    : dispatcher_(dispatcher)
+    , finish_(std::move(finish))
+    , nextSlice_(context, [this] { serveSlice(); }) {}
+
 std::optional<std::string> JsonRpc::serve(ClientId client, std::string_view text) {
     const auto line = std::make_shared<Line>();
     line->client = client;
@@ -194,14 +199,23 @@ std::optional<std::string> JsonRpc::serve(ClientId client, std::string_view text
     return std::nullopt;
 }
 
-// Serves what is left of a line. @return false when it waits for a reply.
+// Serves what is left of a line, for a slice at most. @return false when it waits for a reply or its next slice.
 bool JsonRpc::goOn(const std::shared_ptr<Line>& line) {
+    const auto end = std::chrono::steady_clock::now() + slice;
     line->isServing = true;
-    while (line->awaited == nullptr && !line->left.empty())
+    while (line->awaited == nullptr && !line->left.empty()) {
         serveNext(line);
+        if (std::chrono::steady_clock::now() >= end)
+            break;
+    }
     line->isServing = false;
     if (line->awaited != nullptr)
         return false;
+    if (!line->left.empty()) {
+        due_.push_back(line->client);
+        nextSlice_.request();
+        return false;
+    }
     if (line->message.list() != nullptr && !line->answers.empty())
         line->answers += ']';
     return true;
@@ -238,7 +252,21 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
 
 void JsonRpc::replied(const std::shared_ptr<Line>& line, const Text::Tell& tell) {
     line->answer(tell);
-    if (line->isServing || !goOn(line))
+    if (!line->isServing)
+        finishIfDone(line);
+}
+
+void JsonRpc::serveSlice() {
+    const auto found = waiting_.find(due_.front());
+    due_.pop_front();
+    if (!due_.empty())
+        nextSlice_.request();
+    if (found != waiting_.end()) // else the client has gone
+        finishIfDone(std::shared_ptr(found->second));
+}
+
+void JsonRpc::finishIfDone(const std::shared_ptr<Line>& line) {
+    if (!goOn(line))
         return;
     waiting_.erase(line->client);
     finish_(line->client, std::move(line->answers));

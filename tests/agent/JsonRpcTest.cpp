@@ -7,9 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <asio/io_context.hpp>
+
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace AgentTest {
@@ -42,7 +45,9 @@ class RecordingDispatcher : public Agent::Dispatcher {
 class JsonRpcTest : public testing::Test {
   protected:
     std::string answer(const std::string& line) {
-        const std::optional<std::string> served = rpc.serve(7, line);
+        std::optional<std::string> served = rpc.serve(7, line);
+        for (loop.restart(); !served && loop.poll() != 0; loop.restart())
+            served = std::exchange(finished, std::nullopt);
         EXPECT_TRUE(served.has_value());
         return served.value_or("");
     }
@@ -54,8 +59,11 @@ class JsonRpcTest : public testing::Test {
         return whole.at("error");
     }
 
+    asio::io_context loop;
     RecordingDispatcher dispatcher;
-    Agent::JsonRpc rpc{dispatcher, [](Agent::ClientId, const std::string& /*answer*/) {}};
+    std::optional<std::string> finished;
+    Agent::JsonRpc rpc{loop, dispatcher,
+                       [this](Agent::ClientId, std::string answer) { finished = std::move(answer); }};
 };
 
 TEST_F(JsonRpcTest, AnswersUnderTheRequestsOwnId) {

@@ -106,7 +106,7 @@ int serve(const std::string& path, unsigned descriptors, int ready) {
         asio::signal_set signals(loop, SIGTERM);
         signals.async_wait([&loop](const asio::error_code&, int /*signal*/) { loop.stop(); });
         ToyDispatcher dispatcher(loop);
-        Agent::JsonRpc rpc(dispatcher, [&](Agent::ClientId client, const std::string& answer) {
+        Agent::JsonRpc rpc(loop, dispatcher, [&](Agent::ClientId client, const std::string& answer) {
             dispatcher.server->finish(client, answer);
         });
         Agent::Sessions server(loop, rpc);
