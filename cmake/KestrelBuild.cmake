@@ -13,6 +13,8 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2")
 set(CMAKE_CXX_FLAGS_DEBUG "-O0 -g -D_GLIBCXX_ASSERTIONS")
 set(CMAKE_CXX_FLAGS_ASAN "-O1 -g -D_GLIBCXX_ASSERTIONS -fno-omit-frame-pointer \
 -fsanitize=address,undefined -fno-sanitize-recover=all")
+set(CMAKE_CXX_FLAGS_FUZZ "-O1 -g -D_GLIBCXX_ASSERTIONS -fno-omit-frame-pointer \
+-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(KESTREL_WERROR)
@@ -23,8 +25,11 @@ endif()
 add_compile_options("-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
 # Nobody replaces our libraries' functions by others of the same name, so calls within a library may be inlined.
 add_compile_options(-fno-semantic-interposition)
-# A library names all that it needs: a call to the right of the include direction does not link.
-add_link_options($<$<IN_LIST:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY$<SEMICOLON>MODULE_LIBRARY>:-Wl,--no-undefined>)
+# A library names all that it needs: a call to the right of the include direction does not link. (With clang the
+# sanitizers' functions are the program's.)
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Fuzz")
+  add_link_options($<$<IN_LIST:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY$<SEMICOLON>MODULE_LIBRARY>:-Wl,--no-undefined>)
+endif()
 include_directories("${PROJECT_SOURCE_DIR}")
 
 find_program(KESTREL_CCACHE ccache)
