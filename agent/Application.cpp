@@ -61,10 +61,11 @@ Application::Application(Options options)
                         chip_->settleAll();
                 })
     , service_(loop_->context, operations_, language_, log_)
-    , rpc_(loop_->context, service_,
-           [this](ClientId client, std::string answer) {
+    , worker_(loop_->context)
+    , rpc_(service_, worker_,
+           [this](ClientId client) {
                if (sessions_)
-                   sessions_->finish(client, std::move(answer));
+                   sessions_->wake(client);
            })
     , readyTask_(loop_->context, [this] { announceIfReady(); })
     , chipTask_(loop_->context, [this] { chip_->work(); }) {
@@ -94,7 +95,7 @@ void Application::setUp() {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
         loop_->signals.add(signal);
     awaitSignal();
-    sessions_ = std::make_unique<Sessions>(loop_->context, rpc_);
+    sessions_ = std::make_unique<Sessions>(loop_->context, rpc_, std::size_t{options_.clientMemory} << 20U);
     if (!options_.isStdio)
         sessions_->listen(socketPath());
     service_.attach(sessions_.get());

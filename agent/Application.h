@@ -13,6 +13,7 @@
 #include "agent/control/JsonRpc.h"
 #include "agent/control/Sessions.h"
 #include "agent/host/SoftwareChip.h"
+#include "agent/host/Worker.h"
 #include "agent/kernel/KernelSource.h"
 #include "agent/language/Language.h"
 #include "records/NatStatus.h"
@@ -60,6 +61,7 @@ class Application {
     AnswerLog log_;
     Language language_;
     ControlService service_;
+    Worker worker_;
     JsonRpc rpc_;
     PostedTask readyTask_;
     PostedTask chipTask_;

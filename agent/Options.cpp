@@ -54,6 +54,11 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_flag("--stdio", options.isStdio,
                  "serve one client on standard input and output instead; ready goes to standard error")
         ->excludes(socket);
+    app.add_option(
+           "--client-memory", options.clientMemory,
+           "MiB that may be held for all clients together (default: 64); beyond it the one for whom most is "
+           "held is cut off")
+        ->check(CLI::Range(8U, 65536U));
     app.add_option("--preload", options.preload,
                    "put the state that a scenario file describes into the stores before the plug-in starts");
     auto* play = app.add_option("--play", options.play, "play a scenario file once ready");

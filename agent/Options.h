@@ -1,6 +1,7 @@
 // The agent's command line. Read next: Application.h, which does what it says.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
@@ -24,7 +25,8 @@ class UsageError : public std::runtime_error {
 struct Options {
     std::string socket; // empty: the default
     bool isStdio = false;
-    std::string preload; // files; empty: none
+    std::uint32_t clientMemory = 64; // MiB that may be held for all clients together
+    std::string preload;             // files; empty: none
     std::string play;
     bool exitAfterPlay = false;
     std::string kernel;

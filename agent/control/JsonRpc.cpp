@@ -160,65 +160,104 @@ Request::Request(const Datum& message) {
 
 } // namespace
 
-// A line that is being answered: a request, or a batch, whose answers leave together.
+// A line that is being answered: a request, or a batch, whose answers make one.
 struct JsonRpc::Line {
-    ClientId client = 0;
+    explicit Line(ClientId sender)
+        : client(sender) {}
+
+    const ClientId client;
+    std::string text = {}; // that is to be read
     Datum message = {};
+    std::size_t values = 0;           // in it
     std::span<const Datum> left = {}; // requests that are not served yet
     const Datum* awaited = nullptr;   // the id of the request that is being served, if it wants an answer
-    bool isServing = false;           // inside goOn()
-    std::string answers = {};
+    bool isServing = false;           // inside serveSlice()
+    std::string answers = {};         // that were not handed on
+    bool hasAnswers = false;          // handed on or not
+
+    bool isBatch() const { return message.list() != nullptr; }
+    // Members of records have names beside their values.
+    std::size_t bytes() const {
+        return text.capacity() + values * (sizeof(Datum) + sizeof(std::string)) + answers.capacity();
+    }
+
+    // Makes requests of a text, or an answer of what is wrong with it.
+    void read(std::string_view from) {
+        try {
+            message = Json::parse(from, valueLimit);
+            values = Json::valuesOf(message, valueLimit);
+            left = isBatch() ? std::span<const Datum>(*message.list()) : std::span<const Datum>(&message, 1);
+            if (left.empty())
+                answers = errorOf(RpcCode::invalidRequest, "the batch is empty");
+        } catch (const Json::TooMany&) {
+            answers = errorOf(RpcCode::limitReached,
+                              "a message has at most " + std::to_string(valueLimit) + " values");
+        } catch (const Json::Error& error) {
+            answers = errorOf(RpcCode::parseError, error.what());
+        }
+    }
 
     void answer(const Text::Tell& tell) {
-        if (message.list() != nullptr)
-            answers += answers.empty() ? '[' : ',';
+        if (isBatch())
+            answers += hasAnswers ? ',' : '[';
+        hasAnswers = true;
         appendResult(answers, *std::exchange(awaited, nullptr), tell);
     }
 };
 
-JsonRpc::JsonRpc(asio::io_context& context, Dispatcher& dispatcher, Finish finish)
+JsonRpc::JsonRpc(Dispatcher& dispatcher, Worker& worker, Wake wake)
     : dispatcher_(dispatcher)
-    , finish_(std::move(finish))
-    , nextSlice_(context, [this] { serveSlice(); }) {}
+    , worker_(worker)
+    , wake_(std::move(wake)) {}
 
-std::optional<std::string> JsonRpc::serve(ClientId client, std::string_view text) {
-    const auto line = std::make_shared<Line>();
-    line->client = client;
-    try {
-        line->message = Json::parse(text);
-    } catch (const Json::Error& error) {
-        return errorOf(RpcCode::parseError, error.what());
+Progress JsonRpc::serve(ClientId client, std::string_view text, std::string& answer) {
+    auto line = std::make_shared<Line>(client);
+    if (text.size() <= longLine) {
+        line->read(text);
+        return serveSlice(line, answer);
     }
-    const Datum::List* batch = line->message.list();
-    if (batch != nullptr && batch->empty())
-        return errorOf(RpcCode::invalidRequest, "the batch is empty");
-    line->left = batch == nullptr ? std::span(&line->message, 1) : std::span(*batch);
-    if (goOn(line))
-        return std::move(line->answers);
-    waiting_[client] = line;
-    return std::nullopt;
+    lines_[client] = line;
+    line->text = text;
+    worker_.run(
+        [line] {
+            line->read(line->text);
+            line->text = {};
+        },
+        [this, client, read = std::weak_ptr(line)] {
+            if (!read.expired())
+                wake_(client);
+        });
+    return Progress::later;
 }
 
-// Serves what is left of a line, for a slice at most. @return false when it waits for a reply or its next slice.
-bool JsonRpc::goOn(const std::shared_ptr<Line>& line) {
-    const auto end = std::chrono::steady_clock::now() + slice;
+Progress JsonRpc::goOn(ClientId client, std::string& answer) {
+    const std::shared_ptr<Line> line = lines_.at(client);
+    return serveSlice(line, answer);
+}
+
+// Serves what is left of a line: all of it, or as much as one turn may have.
+Progress JsonRpc::serveSlice(const std::shared_ptr<Line>& line, std::string& answer) {
+    const auto end = line->isBatch() ? std::chrono::steady_clock::now() + slice
+                                     : std::chrono::steady_clock::time_point::max();
     line->isServing = true;
     while (line->awaited == nullptr && !line->left.empty()) {
         serveNext(line);
-        if (std::chrono::steady_clock::now() >= end)
+        if (line->answers.size() >= partBytes || std::chrono::steady_clock::now() >= end)
             break;
     }
     line->isServing = false;
-    if (line->awaited != nullptr)
-        return false;
-    if (!line->left.empty()) {
-        due_.push_back(line->client);
-        nextSlice_.request();
-        return false;
-    }
-    if (line->message.list() != nullptr && !line->answers.empty())
+    const Progress progress = line->awaited != nullptr ? Progress::later
+                              : line->left.empty()     ? Progress::done
+                                                       : Progress::more;
+    if (progress == Progress::done && line->isBatch() && line->hasAnswers)
         line->answers += ']';
-    return true;
+    if (progress == Progress::done || line->answers.size() >= partBytes)
+        answer = std::exchange(line->answers, {});
+    if (progress == Progress::done)
+        letGo(line);
+    else
+        lines_[line->client] = line;
+    return progress;
 }
 
 void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
@@ -229,16 +268,16 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
     if (request.wantsAnswer()) {
         line->awaited = &request.answerId();
         reply = [this, line, id = line->awaited](const Text::Tell& tell) {
-            if (line->awaited == id)
-                replied(line, tell);
+            if (line->awaited != id)
+                return;
+            line->answer(tell);
+            if (!line->isServing)
+                wake_(line->client);
         };
     }
     try {
         if (!request.fault.empty())
             throw InvalidRequest(request.fault);
-        if (line->answers.size() > batchAnswerLimit)
-            throw Refusal(RefusalKind::limit,
-                          "not carried out: the answers of this batch have grown too large");
         if (request.params != nullptr && request.params->record() == nullptr)
             throw Refusal("parameters go by name: \"params\" must be an object");
         dispatcher_.call(line->client, *request.method->text(),
@@ -250,40 +289,38 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
     }
 }
 
-void JsonRpc::replied(const std::shared_ptr<Line>& line, const Text::Tell& tell) {
-    line->answer(tell);
-    if (!line->isServing)
-        finishIfDone(line);
+// What is large takes long to destroy.
+void JsonRpc::letGo(std::shared_ptr<Line> line) {
+    lines_.erase(line->client);
+    if (line->bytes() > longLine)
+        worker_.run([line = std::move(line)] {}, [] {});
 }
 
-void JsonRpc::serveSlice() {
-    const auto found = waiting_.find(due_.front());
-    due_.pop_front();
-    if (!due_.empty())
-        nextSlice_.request();
-    if (found != waiting_.end()) // else the client has gone
-        finishIfDone(std::shared_ptr(found->second));
-}
-
-void JsonRpc::finishIfDone(const std::shared_ptr<Line>& line) {
-    if (!goOn(line))
-        return;
-    waiting_.erase(line->client);
-    finish_(line->client, std::move(line->answers));
+std::size_t JsonRpc::bytesFor(ClientId client) const {
+    const auto found = lines_.find(client);
+    return found == lines_.end() ? 0 : found->second->bytes();
 }
 
 std::string JsonRpc::refusal(TurnedAway reason) {
-    if (reason == TurnedAway::lineTooLong)
+    switch (reason) {
+    case TurnedAway::lineTooLong:
         return errorOf(RpcCode::invalidRequest, "a message has at most " + std::to_string(lineLimit) +
                                                     " bytes; the connection is closed");
-    return errorOf(RpcCode::limitReached, "the agent serves " + std::to_string(clientLimit) +
-                                              " clients already; the connection is closed");
+    case TurnedAway::tooManyClients:
+        return errorOf(
+            RpcCode::limitReached,
+            "the agent serves as many clients as it can, and none is idle; the connection is closed");
+    case TurnedAway::idle:
+        break;
+    }
+    return errorOf(RpcCode::limitReached,
+                   "the connection was idle and another client needs its place; it is closed");
 }
 
 void JsonRpc::clientGone(ClientId client) {
-    if (const auto found = waiting_.find(client); found != waiting_.end()) {
+    if (const auto found = lines_.find(client); found != lines_.end()) {
         found->second->awaited = nullptr; // nobody is left to hear it
-        waiting_.erase(found);
+        letGo(std::shared_ptr(found->second));
     }
     dispatcher_.clientGone(client);
 }

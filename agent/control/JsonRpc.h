@@ -3,29 +3,26 @@
 // What can't be parsed, nests too deep or is no request is refused here; the dispatcher sees a method name and a
 // parameter object. A request without an id is a notification: it is carried out and never answered, not even with
 // an error. A reply may come after its call: the line, a batch as a whole, then waits for it, and no other client
-// does; nor do they wait for a long batch, which is served in slices, one a turn of the loop. The codes of the protocol's
-// errors are known here alone.
+// does. Nor do others wait for what is long: a long line is read beside the loop, a long batch is served in slices and
+// answered in parts. The codes of the protocol's errors are known here alone.
 //
 // The application owns it. Read next: Sessions.h, which brings the lines; ControlService.h, the dispatcher.
 #pragma once
 
-#include "agent/control/Sessions.h"
-#include "agent/host/PostedTask.h"
+#include "agent/control/LineHandler.h"
+#include "agent/host/Worker.h"
 #include "state/Datum.h"
 #include "text/Writer.h"
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <utility>
 
 namespace Agent {
 
@@ -54,36 +51,38 @@ class Dispatcher {
 
 class JsonRpc final : public LineHandler {
   public:
-    /// Requests of a batch whose answers have grown beyond so many bytes are not carried out any more.
-    static constexpr std::size_t batchAnswerLimit = 64U << 20U;
-
-    /// How long a batch is served on a turn of the loop, give or take its last request.
+    /// How long a batch is served on a turn, give or take its last request.
     static constexpr std::chrono::microseconds slice{500};
+    /// A batch is answered in parts of so many bytes, give or take its last answer.
+    static constexpr std::size_t partBytes = 64U << 10U;
+    /// Lines of more bytes are read beside the loop.
+    static constexpr std::size_t longLine = 64U << 10U;
+    /// Values in a message: each scalar, array and object is one.
+    static constexpr std::size_t valueLimit = 1U << 19U;
 
-    /// Takes the answer to a line that serve() left unfinished.
-    using Finish = std::function<void(ClientId client, std::string answer)>;
+    /// Has goOn() called for a client whose line was put off.
+    using Wake = std::function<void(ClientId client)>;
 
-    /// @param context, dispatcher outlive it.
-    JsonRpc(asio::io_context& context, Dispatcher& dispatcher, Finish finish);
+    /// @param dispatcher, worker outlive it.
+    JsonRpc(Dispatcher& dispatcher, Worker& worker, Wake wake);
 
-    std::optional<std::string> serve(ClientId client, std::string_view text) override;
+    Progress serve(ClientId client, std::string_view text, std::string& answer) override;
+    Progress goOn(ClientId client, std::string& answer) override;
+    std::size_t bytesFor(ClientId client) const override;
     std::string refusal(TurnedAway reason) override;
     void clientGone(ClientId client) override;
 
   private:
     struct Line;
 
-    bool goOn(const std::shared_ptr<Line>& line);
+    Progress serveSlice(const std::shared_ptr<Line>& line, std::string& answer);
     void serveNext(const std::shared_ptr<Line>& line);
-    void replied(const std::shared_ptr<Line>& line, const Text::Tell& tell);
-    void serveSlice();
-    void finishIfDone(const std::shared_ptr<Line>& line);
+    void letGo(std::shared_ptr<Line> line);
 
     Dispatcher& dispatcher_;
-    Finish finish_;
-    std::unordered_map<ClientId, std::shared_ptr<Line>> waiting_; // for a reply, or for their next slice
-    std::deque<ClientId> due_;                                    // whose batches have a slice coming
-    PostedTask nextSlice_;
+    Worker& worker_;
+    Wake wake_;
+    std::unordered_map<ClientId, std::shared_ptr<Line>> lines_; // that are under way
 };
 
 } // namespace Agent

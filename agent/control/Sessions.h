@@ -1,24 +1,29 @@
 // Serves lines to clients: those of the control socket, or one on standard input and output.
 //
-// Every client gets one line served per turn of the loop, in the order in which they became ready; answers to
-// lines that a client sent together leave together. No client can hold up another or make the agent's memory
-// grow: a line is at most LineHandler::lineLimit bytes, a client is not read from while an answer to it is
-// unsent or owed, and one that lets notifications pile up is cut off.
+// No client can hold up another or make the agent's memory grow. Clients take turns (Turns.h), in which a line or a part
+// of one is served; answers to lines that a client sent together leave together. A line is at most LineHandler::lineLimit
+// bytes, a client is not read from while an answer to it is unsent or owed, and one that lets notifications pile up is
+// cut off. What is held for all clients together has a limit: beyond it the one for whom most is held is cut off. When
+// all places are taken, one that has been idle goes for one that comes.
 //
 // The application owns it; the loop and the handler outlive it. All calls come from the loop's thread. A
 // forked child must not touch it.
 //
-// Read next: ControlSocket.h (the path), JsonRpc.h (what answers).
+// Read next: ControlSocket.h (the path), Session.h (one client), JsonRpc.h (what answers).
 #pragma once
 
+#include "agent/control/LineHandler.h"
+#include "agent/control/Turns.h"
 #include "agent/host/Fd.h"
 #include "agent/host/PostedTask.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -26,50 +31,29 @@
 
 namespace Agent {
 
-/// Names a client for the life of the server; never used again after it has gone.
-using ClientId = std::uint64_t;
-
-/// Why a client is closed with a last word to it.
-enum class TurnedAway { lineTooLong, tooManyClients };
-
-/// What answers the lines. Sessions calls it, from the loop only and never from inside another call to it.
-class LineHandler {
-  public:
-    /// Bytes of a line without its newline. One more is refused and the client closed.
-    static constexpr std::size_t lineLimit = 4U << 20U;
-    /// Clients at a time; one more is told so and closed.
-    static constexpr std::size_t clientLimit = 256;
-
-    virtual ~LineHandler() = default;
-
-    /// Serves one line (without its newline, not blank). Notifications sent meanwhile, even to the same client,
-    /// leave before the answer. An exception ends the loop.
-    /// @return the answer, without a newline inside or after it; empty for a line that wants none. Nothing when it
-    /// comes later, by Sessions::finish: no further line of the client is served until then.
-    virtual std::optional<std::string> serve(ClientId client, std::string_view line) = 0;
-
-    /// The text that tells a client why it is closed.
-    virtual std::string refusal(TurnedAway reason) = 0;
-
-    /// The client has gone, for whatever reason; called once, on a turn of the loop of its own.
-    virtual void clientGone(ClientId client) = 0;
-};
-
 class Sessions {
   public:
+    /// Clients at a time. One more has an idle one closed, or is told so and closed.
+    static constexpr std::size_t clientLimit = 1024;
+    /// As many more of the agent's own user, and of root, where nobody is idle.
+    static constexpr std::size_t reservedPlaces = 16;
     /// Bytes of notifications that may wait for one client.
     static constexpr std::size_t notificationLimit = 8U << 20U;
     /// Answers are held back for company up to so many bytes; what waits beyond them is much.
     static constexpr std::size_t batchBytes = 64U << 10U;
+    /// Bytes that are held for all clients together, unless told otherwise.
+    static constexpr std::size_t defaultMemoryLimit = 64U << 20U;
 
-    /// Ignores SIGPIPE for the process from now on.
-    Sessions(asio::io_context& context, LineHandler& handler);
+    /// From now on the process ignores SIGPIPE and gives large buffers back to the system when they are freed.
+    /// @param memoryLimit bytes that may be held for all clients together.
+    Sessions(asio::io_context& context, LineHandler& handler, std::size_t memoryLimit = defaultMemoryLimit);
     /// Sends what can be sent without waiting, closes all clients and the socket. clientGone is not called.
     ~Sessions();
     Sessions(const Sessions&) = delete;
     Sessions& operator=(const Sessions&) = delete;
 
-    /// Serves all who connect to a Unix socket of that path.
+    /// Serves all who connect to a Unix socket of that path. Raises the process's limit of descriptors so that there
+    /// is one for each client, as far as the system lets it.
     /// @throws std::runtime_error as ControlSocket does.
     void listen(const std::string& path);
 
@@ -79,9 +63,9 @@ class Sessions {
     /// @throws std::system_error when the system has no descriptors for it.
     ClientId serve(int in, int out);
 
-    /// Ends a line that the handler did not finish, with its answer as the handler would have given it; not
-    /// from inside LineHandler::serve. Nothing happens when the client has gone.
-    void finish(ClientId client, std::string answer);
+    /// The line that the handler put off for the client can go on; not from inside the handler. Nothing happens when
+    /// the client has gone.
+    void wake(ClientId client);
 
     /// Queues one line (without its newline) for a client; it leaves on the next turn.
     /// @return false when there is no such client, or it is cut off because too much waits for it already.
@@ -96,9 +80,21 @@ class Sessions {
     /// Closes a client that has fallen too far behind, without a last word to it.
     void cutOff(ClientId client);
 
-    std::size_t clients() const { return sessions_.size(); }
-    /// Clients cut off so far.
-    std::uint64_t cutOffCount() const { return cutOffCount_; }
+    /// Whether the client keeps its place though it is idle, as one that waits to be told something.
+    void keep(ClientId client, bool isKept);
+
+    std::size_t clients() const { return sessions_.size() - ended_.size(); }
+    /// Bytes held for all clients now, and the most that was.
+    std::size_t memory() const { return memory_; }
+    std::size_t memoryMost() const { return memoryMost_; }
+
+    /// Clients since the start.
+    struct Counters {
+        std::uint64_t cutOff = 0;     // too much was held for them
+        std::uint64_t idle = 0;       // closed for others, as they were idle
+        std::uint64_t turnedAway = 0; // there was no place for them
+    };
+    const Counters& counters() const { return counters_; }
 
   private:
     class Session;
@@ -110,22 +106,49 @@ class Sessions {
 
     void awaitClients();
     void letIn();
+    bool hasPlaceFor(const Fd& client);
+    bool closeIdle();
     void turnAway(const Fd& client);
     ClientId add(Fd in, Fd out);
     Fd ownDescriptor(int fd, int access);
     Session* sessionOf(ClientId client) const;
+
+    void want(Session& session, ClientId id);
+    void giveTurns();
+    void account(Session& session);
+    void cutOff(Session& session);
+    void hasEnded(Session& session, ClientId id);
+    void sendNotified();
     void sweep();
+
+    // Has something done for a client; for want of memory it is cut off.
+    template <class Work>
+    void guard(Session& session, const Work& work) {
+        try {
+            work();
+        } catch (const std::bad_alloc&) {
+            cutOff(session);
+        }
+    }
 
     asio::io_context& context_;
     LineHandler& handler_;
+    const std::size_t memoryLimit_;
     std::function<void()> onRoom_ = [] {};
-    PostedTask sweep_; // some have ended
+    PostedTask turnTask_;
+    PostedTask sendTask_;  // some were notified
+    PostedTask sweepTask_; // some have ended
     std::shared_ptr<Listener> listener_;
     std::unordered_map<ClientId, std::shared_ptr<Session>> sessions_;
+    Turns turns_;
+    std::deque<ClientId> notified_;    // and not sent to since
     std::vector<ClientId> ended_;      // since the last sweep
     std::vector<KeptFlags> keptFlags_; // of descriptors that are shared with others, as they were
+    std::array<char, 64U << 10U> chunk_;
     ClientId lastClient_ = 0;
-    std::uint64_t cutOffCount_ = 0;
+    std::size_t memory_ = 0;
+    std::size_t memoryMost_ = 0;
+    Counters counters_;
 };
 
 } // namespace Agent

@@ -120,7 +120,13 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.member("changes", operations_.counters().changes);
     writer.member("refused", operations_.counters().refused);
     writer.member("clients", sessions_ == nullptr ? 0 : sessions_->clients());
-    writer.member("cutOff", sessions_ == nullptr ? 0 : sessions_->cutOffCount());
+    if (sessions_ != nullptr) {
+        writer.member("clientMemory", sessions_->memory());
+        writer.member("clientMemoryMost", sessions_->memoryMost());
+        writer.member("cutOff", sessions_->counters().cutOff);
+        writer.member("closedIdle", sessions_->counters().idle);
+        writer.member("turnedAway", sessions_->counters().turnedAway);
+    }
     writer.member("watchers", watchers_.size());
     writer.member("answerSeq", log_.last());
     writer.member("answersOldest", log_.oldest());

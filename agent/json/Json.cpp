@@ -14,23 +14,25 @@ using State::Datum;
 namespace dom = simdjson::dom;
 namespace ondemand = simdjson::ondemand;
 
-// The depth of what has been parsed is known to be within the limit.
-Datum datumOf(const dom::element& element) {
+// The depth of what has been parsed is known to be within the limit. @param left values that it may have.
+Datum datumOf(const dom::element& element, std::size_t& left) {
+    if (left-- == 0)
+        throw TooMany("too many values");
     switch (element.type()) {
     case dom::element_type::ARRAY: {
         const dom::array array = element;
         Datum::List list;
-        list.reserve(array.size());
+        list.reserve(std::min(array.size(), left));
         for (const dom::element each : array)
-            list.push_back(datumOf(each));
+            list.push_back(datumOf(each, left));
         return list;
     }
     case dom::element_type::OBJECT: {
         const dom::object object = element;
         Datum::Record record;
-        record.reserve(object.size());
+        record.reserve(std::min(object.size(), left));
         for (const auto& [name, content] : object)
-            record.emplace_back(name, datumOf(content));
+            record.emplace_back(name, datumOf(content, left));
         return record;
     }
     case dom::element_type::STRING:
@@ -141,9 +143,9 @@ dom::parser parserFor(std::size_t length) {
 
 } // namespace
 
-Datum parse(std::string_view text) {
+Datum parse(std::string_view text, std::size_t valueLimit) {
     constexpr std::size_t keptLength = std::size_t{64} << 10U;
-    static dom::parser kept = parserFor(keptLength);
+    thread_local dom::parser kept = parserFor(keptLength);
     const bool isLong = text.size() > keptLength;
     dom::parser once = isLong ? parserFor(text.size()) : dom::parser(); // gives back what a long text needs
     dom::element element;
@@ -153,7 +155,23 @@ Datum parse(std::string_view text) {
         throw std::bad_alloc();
     if (error != simdjson::SUCCESS)
         throw Error("not JSON: " + faultOf(text, error));
-    return datumOf(element);
+    std::size_t left = valueLimit;
+    return datumOf(element, left);
+}
+
+std::size_t valuesOf(const Datum& datum, std::size_t most) {
+    std::size_t count = 1;
+    const auto add = [&](const Datum& part) {
+        if (count < most)
+            count += valuesOf(part, most - count);
+    };
+    if (const auto* list = datum.list())
+        for (const Datum& element : *list)
+            add(element);
+    else if (const auto* record = datum.record())
+        for (const auto& [name, content] : *record)
+            add(content);
+    return count;
 }
 
 void write(Text::Writer& writer, const Datum& datum) {

@@ -10,6 +10,8 @@
 #include "text/Writer.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -26,8 +28,18 @@ class Error : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Reads one JSON value. @throws Error
-State::Datum parse(std::string_view text);
+/// A text that holds more values than wanted.
+class TooMany : public Error {
+  public:
+    using Error::Error;
+};
+
+/// Reads one JSON value, on any thread. @param valueLimit most values, of which each scalar, array and object is one.
+/// @throws TooMany, Error
+State::Datum parse(std::string_view text, std::size_t valueLimit = SIZE_MAX);
+
+/// How many values it is; counts to `most` and no further.
+std::size_t valuesOf(const State::Datum& datum, std::size_t most);
 
 /// Tells plain data to a writer.
 void write(Text::Writer& writer, const State::Datum& datum);

@@ -9,7 +9,7 @@
 
 #include <asio/io_context.hpp>
 
-#include <optional>
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -17,6 +17,8 @@
 
 namespace AgentTest {
 namespace {
+
+using Agent::Progress;
 
 class RecordingDispatcher : public Agent::Dispatcher {
   public:
@@ -34,7 +36,7 @@ class RecordingDispatcher : public Agent::Dispatcher {
             if (method == "bytes")
                 writer.value("bad \xff byte");
             else if (method == "big")
-                writer.value(std::string(Agent::JsonRpc::batchAnswerLimit / 3, 'b'));
+                writer.value(std::string(Agent::JsonRpc::partBytes / 3, 'b'));
             else
                 Agent::Json::write(writer, State::Datum(params));
         });
@@ -45,11 +47,21 @@ class RecordingDispatcher : public Agent::Dispatcher {
 class JsonRpcTest : public testing::Test {
   protected:
     std::string answer(const std::string& line) {
-        std::optional<std::string> served = rpc.serve(7, line);
-        for (loop.restart(); !served && loop.poll() != 0; loop.restart())
-            served = std::exchange(finished, std::nullopt);
-        EXPECT_TRUE(served.has_value());
-        return served.value_or("");
+        std::string whole;
+        Progress progress = rpc.serve(7, line, whole);
+        for (; progress != Progress::done; ++parts) {
+            if (progress == Progress::later) { // it is being read beside the loop
+                loop.restart();
+                while (!std::exchange(isAwake, false) && loop.run_one() != 0) {
+                }
+            }
+            std::string part;
+            progress = rpc.goOn(7, part);
+            largest = std::max(largest, part.size());
+            whole += part;
+        }
+        EXPECT_EQ(rpc.bytesFor(7), 0U);
+        return whole;
     }
 
     Json error(const std::string& line) {
@@ -61,9 +73,11 @@ class JsonRpcTest : public testing::Test {
 
     asio::io_context loop;
     RecordingDispatcher dispatcher;
-    std::optional<std::string> finished;
-    Agent::JsonRpc rpc{loop, dispatcher,
-                       [this](Agent::ClientId, std::string answer) { finished = std::move(answer); }};
+    bool isAwake = false;
+    int parts = 0; // beside the first
+    std::size_t largest = 0;
+    Agent::Worker worker{loop};
+    Agent::JsonRpc rpc{dispatcher, worker, [this](Agent::ClientId) { isAwake = true; }};
 };
 
 TEST_F(JsonRpcTest, AnswersUnderTheRequestsOwnId) {
@@ -167,16 +181,46 @@ TEST_F(JsonRpcTest, ABatchIsAnsweredInOrderByOneArrayOfThoseWithAnId) {
     EXPECT_EQ(dispatcher.calls.size(), 4U);
 }
 
-TEST_F(JsonRpcTest, ABatchWhoseAnswersGrowTooLargeIsNotCarriedOutToItsEnd) {
+TEST_F(JsonRpcTest, ALongBatchIsAnsweredInPartsAndNoFurtherThanTheyAreTaken) {
     std::string batch = "[";
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 7; ++i)
         batch += R"({"jsonrpc":"2.0","id":)" + std::to_string(i) + R"(,"method":"big"},)";
-    const Json whole = Json::parse(answer(batch + R"({"jsonrpc":"2.0","method":"m"}])"));
-    ASSERT_EQ(whole.size(), 6U) << "every request has its answer";
-    EXPECT_EQ(dispatcher.calls.size(), 3U);
-    EXPECT_TRUE(whole.at(2).contains("result"));
-    EXPECT_EQ(whole.at(3).at("error").at("code"), -32002);
-    EXPECT_EQ(whole.at(5).at("id"), 5);
+    batch += R"({"jsonrpc":"2.0","method":"m"}])";
+    std::string part;
+    EXPECT_EQ(rpc.serve(8, batch, part), Progress::more);
+    const std::size_t before = dispatcher.calls.size();
+    EXPECT_LE(before, 3U); // fewer when its time is over
+    EXPECT_GT(rpc.bytesFor(8), 0U);
+    rpc.clientGone(8);
+    EXPECT_EQ(rpc.bytesFor(8), 0U);
+
+    const Json whole = Json::parse(answer(batch));
+    EXPECT_GE(parts, 2);
+    EXPECT_LT(largest, 2 * Agent::JsonRpc::partBytes);
+    ASSERT_EQ(whole.size(), 7U);
+    for (std::size_t i = 0; i < whole.size(); ++i)
+        EXPECT_EQ(whole.at(i).at("id"), i);
+    EXPECT_EQ(dispatcher.calls.size(), before + 8U);
+}
+
+TEST_F(JsonRpcTest, ALongLineIsReadBesideTheLoopAndHasSoManyValues) {
+    const auto listOf = [](std::size_t values) {
+        std::string list = R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":[1)";
+        for (std::size_t i = 1; i < values; ++i)
+            list += ",1";
+        return list + "]}}";
+    };
+    const std::size_t others = 6; // the message, its members and the list
+    const std::size_t most = Agent::JsonRpc::valueLimit - others;
+    EXPECT_EQ(Json::parse(answer(listOf(most))).at("result").at("a").size(), most);
+    EXPECT_GT(parts, 0);
+    EXPECT_EQ(error(listOf(most + 1)).at("code"), -32002);
+    EXPECT_EQ(error(listOf(most) + "x").at("code"), -32700);
+    std::string batch = "[1";
+    for (std::size_t i = 0; i < Agent::JsonRpc::valueLimit; ++i)
+        batch += ",1";
+    EXPECT_EQ(error(batch + "]").at("code"), -32002);
+    EXPECT_EQ(dispatcher.calls.size(), 1U);
 }
 
 TEST_F(JsonRpcTest, AnswersAreOneLineOfUtf8) {

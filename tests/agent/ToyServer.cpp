@@ -3,6 +3,7 @@
 #include "agent/control/JsonRpc.h"
 #include "agent/control/Sessions.h"
 #include "agent/host/PostedTask.h"
+#include "agent/host/Worker.h"
 #include "agent/json/Json.h"
 #include "tests/agent/AgentProcess.h"
 #include "tests/agent/Json.h"
@@ -71,11 +72,13 @@ class ToyDispatcher : public Agent::Dispatcher {
             release_.request();
         else if (method == "follow")
             followers_.insert(client);
+        else if (method == "keep")
+            server->keep(client, true);
         else if (method == "tell")
             tell(params.at("count").number(), params.at("bytes").number());
         else if (method == "status")
-            return json("{'clients': %, 'cutOff': %, 'gone': %}", server->clients(), server->cutOffCount(),
-                        gone_);
+            return json("{'clients': %, 'cutOff': %, 'idle': %, 'gone': %}", server->clients(),
+                        server->counters().cutOff, server->counters().idle, gone_);
         else
             throw Agent::UnknownMethod("no method \"" + std::string(method) + "\"");
         return true;
@@ -106,9 +109,9 @@ int serve(const std::string& path, unsigned descriptors, int ready) {
         asio::signal_set signals(loop, SIGTERM);
         signals.async_wait([&loop](const asio::error_code&, int /*signal*/) { loop.stop(); });
         ToyDispatcher dispatcher(loop);
-        Agent::JsonRpc rpc(loop, dispatcher, [&](Agent::ClientId client, const std::string& answer) {
-            dispatcher.server->finish(client, answer);
-        });
+        Agent::Worker worker(loop);
+        Agent::JsonRpc rpc(dispatcher, worker,
+                           [&](Agent::ClientId client) { dispatcher.server->wake(client); });
         Agent::Sessions server(loop, rpc);
         dispatcher.server = &server;
         server.listen(path);

@@ -1,0 +1,40 @@
+#include "agent/host/Worker.h"
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
+
+#include <utility>
+
+namespace Agent {
+
+struct Worker::Thread {
+    asio::thread_pool pool{1};
+};
+
+Worker::Worker(asio::io_context& loop)
+    : loop_(loop) {}
+
+Worker::~Worker() {
+    if (!thread_)
+        return;
+    thread_->pool.stop();
+    thread_->pool.join();
+}
+
+void Worker::run(std::function<void()> work, std::function<void()> done) {
+    if (!thread_)
+        thread_ = std::make_shared<Thread>();
+    // The loop goes on while it is owed something.
+    asio::post(thread_->pool, [work = std::move(work), done = std::move(done), alive = std::weak_ptr(thread_),
+                               owed = asio::make_work_guard(loop_)]() mutable {
+        std::exchange(work, nullptr)();
+        asio::post(owed.get_executor(), [done = std::move(done), alive = std::move(alive)] {
+            if (!alive.expired())
+                done();
+        });
+    });
+}
+
+} // namespace Agent
