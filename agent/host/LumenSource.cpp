@@ -99,20 +99,28 @@ class LumenSource final : public RouteSource {
     State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const override {
         return FibPlace(stores_, vrf, type).find();
     }
-    void eachRoute(std::string_view vrf, RouteType type,
+    void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                    const std::function<bool(const ShownRoute&)>& visit) const override {
         const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find();
         if (!fib)
             return;
         ShownRoute shown;
-        fib->routes([&](const State::Handle<Route>& route) {
-            shown.key = route->key();
-            shown.oifs.clear();
-            for (const L3::IntfId intf : route->intf())
-                shown.oifs.emplace_back(intf.stringValue());
-            shown.isReady = route->ready() == Route::isReady;
-            return visit(shown);
-        });
+        std::as_const(*fib).routeCollection().visit(after,
+                                                    [&](const RouteKey&, const State::Handle<Route>& route) {
+                                                        fill(shown, *route);
+                                                        return visit(shown);
+                                                    });
+    }
+    bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                   const std::function<void(const ShownRoute&)>& show) const override {
+        const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find();
+        const State::Handle<Route> route = fib ? fib->route(key) : State::Handle<Route>();
+        if (!route)
+            return false;
+        ShownRoute shown;
+        fill(shown, *route);
+        show(shown);
+        return true;
     }
 
     RouteDraft draft() const override {
@@ -131,6 +139,14 @@ class LumenSource final : public RouteSource {
     }
 
   private:
+    static void fill(ShownRoute& shown, const Route& route) {
+        shown.key = route.key();
+        shown.oifs.clear();
+        for (const L3::IntfId intf : route.intf())
+            shown.oifs.emplace_back(intf.stringValue());
+        shown.isReady = route.ready() == Route::isReady;
+    }
+
     Stores stores_;
 };
 

@@ -171,6 +171,33 @@ class WrittenTable final : public RouteTable {
     std::map<int, std::uint16_t> byIfindex_;
 };
 
+// Rows of a table as people see them, one at a time.
+class Shown {
+  public:
+    explicit Shown(const Table& table)
+        : table_(table) {}
+
+    const ShownRoute& of(const RouteKey& key, const Route& route) {
+        shown_.key = key;
+        shown_.oifs.clear();
+        unnamed_.clear();
+        unnamed_.reserve(route.oifs.size()); // what is in it is pointed to
+        for (const std::uint16_t index : route.oifs) {
+            const auto* intf =
+                index <= OifIndex::null ? table_.oifIndexIntfCollection().find(index) : nullptr;
+            shown_.oifs.push_back(intf != nullptr
+                                      ? std::string_view(intf->stringValue())
+                                      : std::string_view(unnamed_.emplace_back("#" + std::to_string(index))));
+        }
+        return shown_;
+    }
+
+  private:
+    const Table& table_;
+    ShownRoute shown_;
+    std::vector<std::string> unnamed_;
+};
+
 // The plug-in mounts a VRF's tables when the VRF is enabled; those of the default VRF are the host's.
 class QuillSource final : public RouteSource {
   public:
@@ -184,27 +211,22 @@ class QuillSource final : public RouteSource {
     State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const override {
         return TablePlace(stores_, vrf, type).find();
     }
-    void eachRoute(std::string_view vrf, RouteType type,
+    void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                    const std::function<bool(const ShownRoute&)>& visit) const override {
         const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
         if (!table)
             return;
-        ShownRoute shown;
-        std::vector<std::string> unnamed;
-        table->routeCollection().visit(nullptr, [&](const RouteKey& key, const Route& route) {
-            shown.key = key;
-            shown.oifs.clear();
-            unnamed.clear();
-            unnamed.reserve(route.oifs.size()); // what is in it is pointed to
-            for (const std::uint16_t index : route.oifs) {
-                const auto* intf =
-                    index <= OifIndex::null ? table->oifIndexIntfCollection().find(index) : nullptr;
-                shown.oifs.push_back(
-                    intf != nullptr ? std::string_view(intf->stringValue())
-                                    : std::string_view(unnamed.emplace_back("#" + std::to_string(index))));
-            }
-            return visit(shown);
-        });
+        Shown shown(*table);
+        std::as_const(*table).routeCollection().visit(
+            after, [&](const RouteKey& key, const Route& route) { return visit(shown.of(key, route)); });
+    }
+    bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                   const std::function<void(const ShownRoute&)>& show) const override {
+        const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
+        const Route* route = table ? std::as_const(*table).routeCollection().find(key) : nullptr;
+        if (route != nullptr)
+            show(Shown(*table).of(key, *route));
+        return route != nullptr;
     }
 
     RouteDraft draft() const override { return Draft(stores_); }

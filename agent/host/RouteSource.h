@@ -78,9 +78,12 @@ class RouteSource {
     virtual State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const = 0;
     /// Rows of a table; 0 where there is none.
     std::size_t routes(std::string_view vrf, RouteType type) const;
-    /// Visits the rows in table order; visit says whether to go on.
-    virtual void eachRoute(std::string_view vrf, RouteType type,
+    /// Visits the rows in table order, behind `after` if that is given and there; visit says whether to go on.
+    virtual void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                            const std::function<bool(const ShownRoute&)>& visit) const = 0;
+    /// Shows one row; false where there is none.
+    virtual bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                           const std::function<void(const ShownRoute&)>& show) const = 0;
 
     virtual RouteDraft draft() const = 0;
     virtual std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const = 0;
