@@ -135,13 +135,12 @@ class WrittenTable final : public RouteTable {
         if (known == byIfindex_.end())
             return true;
         try {
-            place_.made()->oifIndexIntfIs(known->second, L3::IntfId(name));
-            return true;
+            place_.made()->oifIndexIntfIs(known->second.number, L3::IntfId(name));
+            known->second.isNamed = true;
         } catch (const State::RangeError&) {
-            // No room for the name: the rows keep the old one until they are put again.
-            byIfindex_.erase(known);
-            return false;
+            known->second.isNamed = false; // no room for the name, or none that an interface can have
         }
+        return known->second.isNamed;
     }
 
     void forget(int ifindex) override {
@@ -149,26 +148,32 @@ class WrittenTable final : public RouteTable {
         if (known == byIfindex_.end())
             return;
         if (const State::Handle<Table> table = place_.find())
-            table->oifIndexIntfDel(known->second);
-        free_.giveBack(known->second);
+            table->oifIndexIntfDel(known->second.number);
+        free_.giveBack(known->second.number);
         byIfindex_.erase(known);
     }
 
   private:
+    struct Index {
+        std::uint16_t number;
+        bool isNamed; // false: the rows show an earlier name, as the present one was refused
+    };
+
     // One index an interface, so that its rename is one row.
     std::uint16_t indexOf(Table& table, const Oif& oif) {
-        if (const auto known = byIfindex_.find(oif.ifindex); known != byIfindex_.end())
-            return known->second;
+        const auto known = byIfindex_.find(oif.ifindex);
+        if (known != byIfindex_.end() && known->second.isNamed)
+            return known->second.number;
         const L3::IntfId intf(oif.name);
-        const std::uint16_t index = free_.take(oif.name);
-        table.oifIndexIntfIs(index, intf);
-        byIfindex_.emplace(oif.ifindex, index);
-        return index;
+        const std::uint16_t number = known != byIfindex_.end() ? known->second.number : free_.take(oif.name);
+        table.oifIndexIntfIs(number, intf);
+        byIfindex_[oif.ifindex] = {.number = number, .isNamed = true};
+        return number;
     }
 
     TablePlace place_;
     FreeIndexes free_;
-    std::map<int, std::uint16_t> byIfindex_;
+    std::map<int, Index> byIfindex_;
 };
 
 // Rows of a table as people see them, one at a time.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <system_error>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -92,9 +91,7 @@ bool NetlinkSource::drain(std::size_t& datagrams) {
             congested_ = false;
             return true;
         }
-        const bool lost = error == ENOBUFS || error == EMSGSIZE;
-        if (error != 0 && error != EINTR && !lost)
-            throw std::system_error(error, std::generic_category(), "can't read the kernel's events");
+        const bool lost = error != 0 && error != EINTR; // whatever it was that could not be read
         congested_ = congested_ || lost;
         for (Mirror* mirror : listeners)
             if (lost)
