@@ -117,9 +117,11 @@ class WrittenTable final : public RouteTable {
     bool put(const RouteKey& key, std::span<const Oif> oifs) override {
         const State::Handle<Table> table = place_.made();
         Route route;
+        const std::uint32_t namings = std::as_const(*table).oifIndexIntfCollection().changes();
         for (const Oif& oif : oifs)
             route.oifs.insert(indexOf(*table, oif));
-        return table->routeCollection().is(key, std::move(route));
+        const bool isChanged = table->routeCollection().is(key, std::move(route));
+        return isChanged || std::as_const(*table).oifIndexIntfCollection().changes() != namings;
     }
 
     bool erase(const RouteKey& key) override {
