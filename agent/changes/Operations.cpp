@@ -240,12 +240,6 @@ ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
     return result;
 }
 
-DryRunResult Operations::dryRun(std::span<const Change> changes,
-                                const std::function<std::string(const ApplyResult&)>& tell) {
-    checkAll(changes);
-    return runDry([&] { return tell(carryOutAll(changes)); });
-}
-
 std::optional<std::string> Operations::vrfNameOf(std::uint32_t vrfId) const {
     const auto entries = host_.stores().inDatabase<Routing::Hardware::RouteStatus>();
     for (const auto& [name, entry] : entries->vrfStatus())
