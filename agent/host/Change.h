@@ -14,7 +14,7 @@
 namespace Agent {
 
 /// Writes or removes a value or a member. Without attribute, key and value, `set` sees to it that the table or FIB
-/// at the path is there.
+/// at the path is there, and `del` that it is not.
 struct Change {
     enum class Op : std::uint8_t { set, del };
     Op op = Op::set;

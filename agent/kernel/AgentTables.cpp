@@ -96,8 +96,11 @@ class AgentTables final : public TableSink {
     }
 
     WhyNot removeVrf(const VrfConfig& vrf) override {
-        const Change changes[] = {entryOf(vrf, VrfEnabledStatus::path, "vrfEnabled"),
-                                  entryOf(vrf, RouteStatus::path, "vrfStatus")};
+        std::vector<Change> changes{entryOf(vrf, VrfEnabledStatus::path, "vrfEnabled"),
+                                    entryOf(vrf, RouteStatus::path, "vrfStatus")};
+        for (const RouteType type : routeTypes)
+            changes.push_back(
+                {.op = Change::Op::del, .path = operations_.host().routes().tablePath(vrf.name, type)});
         WhyNot why = apply(changes);
         if (why.empty())
             std::erase_if(tables_, [&](const auto& table) { return table.first.first == vrf.name; });

@@ -174,6 +174,12 @@ TEST_F(NameSweepTest, LeavesARefusedRenameToTheNextPut) {
     EXPECT_TRUE(table->rename(5, "uplink2"));
     EXPECT_EQ(agent.get(quillTable, "oifIndexIntf"), std::vector{json("[1, 'uplink2']")});
     EXPECT_EQ(agent.get(quillTable, "route").at(0).at(1).at("oifs"), json("[1]"));
+
+    // Of a table that was removed, none of it holds.
+    agent.operations.change({.op = Agent::Change::Op::del, .path = quillTable});
+    EXPECT_TRUE(table->rename(5, "uplink3"));
+    EXPECT_TRUE(put("uplink4"));
+    EXPECT_EQ(agent.get(quillTable, "oifIndexIntf"), std::vector{json("[1, 'uplink4']")});
 }
 
 } // namespace

@@ -137,6 +137,8 @@ TEST_F(KernelSourceTest, TriesAgainWhatWasRefusedWhenTheTablesChange) {
     source->reconfigure();
     EXPECT_TRUE(until([&] { return row("blue").empty(); })) << status();
     EXPECT_FALSE(shows(R"("vrf":"red")"));
+    for (const RouteType type : routeTypes)
+        EXPECT_FALSE(host.routes().find("red", type));
 
     // Going takes nothing from the loop's other users, and leaves nothing that is called later.
     feeder.vifDel(0);
