@@ -24,8 +24,8 @@ namespace Agent {
 
 namespace {
 
-// Runs what fails by the fault of files and options alone: an error's text, but for those of usage, says all there
-// is to say.
+// Runs what fails by the fault of files, options and surroundings: an error's text, but for those of usage, says all
+// there is to say.
 template <class Step>
 bool succeeds(Step step) {
     try {
@@ -81,15 +81,18 @@ Application::~Application() {
 }
 
 int Application::run() {
-    if (!succeeds([this] { setUp(); }))
+    const auto begin = [this] {
+        setUp();
+        start();
+    };
+    if (!succeeds(begin))
         return exitFailed;
-    start();
     loop_->context.run();
     end();
     return status_;
 }
 
-// Everything in front of the plug-in's start; what goes wrong here is the surroundings' fault.
+// Everything in front of the plug-in's start.
 void Application::setUp() {
     configure();
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
@@ -111,6 +114,8 @@ void Application::configure() const {
     State::toggleDirectoryIs(options_.toggleDirectory);
     for (const auto& [facility, level] : options_.traceLevels)
         State::traceLevelIs(facility, level);
+    if (!options_.kernel.empty()) // read when the source is made; a fault shall show before anything is begun
+        static_cast<void>(Kernel::readKernelConfig(options_.kernel));
 }
 
 // Toggles and facilities are known once the plug-in is loaded.

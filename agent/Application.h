@@ -32,7 +32,7 @@ class Application {
     Application& operator=(const Application&) = delete;
 
     /// Runs to the end; the exit status.
-    /// @throws UsageError for an option that can't be followed; what the plug-in or a callback raises.
+    /// @throws UsageError for an option that can't be followed; what leaves a callback of the loop.
     int run();
     /// Says on `out` what run() would do, files read; the exit status. @throws UsageError
     int check(std::ostream& out);

@@ -48,9 +48,11 @@ struct Raw {
 void declare(CLI::App& app, Options& options, Raw& raw) {
     app.set_version_flag("--version", std::string("kestrel-agent ") + KESTREL_VERSION);
     app.footer(footer);
-    auto* socket = app.add_option("--socket", options.socket,
-                                  "control socket (default: $XDG_RUNTIME_DIR/kestrel-nat.sock, as root "
-                                  "/run/kestrel-nat.sock)");
+    auto* socket =
+        app.add_option("--socket", options.socket,
+                       "control socket (default: $XDG_RUNTIME_DIR/kestrel-nat.sock, as root "
+                       "/run/kestrel-nat.sock)")
+            ->check([](const std::string& path) { return path.empty() ? "the path is empty" : ""; });
     app.add_flag("--stdio", options.isStdio,
                  "serve one client on standard input and output instead; ready goes to standard error")
         ->excludes(socket);

@@ -1,6 +1,7 @@
 #include "ctl/Commands.h"
 
 #include "ctl/Client.h"
+#include "text/ByteOrderMark.h"
 #include "text/Words.h"
 
 #include <fstream>
@@ -17,7 +18,7 @@ std::vector<std::string> linesOf(std::istream& in, const std::string& name) {
     for (std::string line; std::getline(in, line);) {
         if (!isUtf8(line))
             throw std::runtime_error(name + ":" + std::to_string(lines.size() + 1) + ": not UTF-8");
-        lines.push_back(std::move(line));
+        lines.emplace_back(lines.empty() ? Text::withoutMark(line) : line);
     }
     if (in.bad())
         throw std::runtime_error(name + ": can't be read");

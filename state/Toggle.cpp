@@ -54,6 +54,7 @@ class ToggleReader {
 
 ToggleValues ToggleReader::read() {
     ToggleValues values;
+    skip("\xef\xbb\xbf"); // the byte order mark of UTF-8
     expect("{", "expected '{'");
     skipBlanks();
     if (!skip("}")) {

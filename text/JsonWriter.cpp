@@ -145,4 +145,9 @@ void JsonWriter::value(std::nullptr_t /*none*/) {
     out_ += "null";
 }
 
+void JsonWriter::json(std::string_view text) {
+    separate();
+    out_ += text;
+}
+
 } // namespace Text

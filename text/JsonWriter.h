@@ -27,6 +27,7 @@ class JsonWriter final : public Writer {
     void value(std::int64_t number) override;
     void value(double number) override;
     void value(std::nullptr_t) override;
+    void json(std::string_view text) override;
 
   private:
     void separate();

@@ -34,6 +34,7 @@ class TextWriter final : public Writer {
     void value(std::int64_t number) override;
     void value(double number) override;
     void value(std::nullptr_t) override;
+    void json(std::string_view text) override { value(text); }
 
   private:
     struct Level {

@@ -44,9 +44,10 @@ constexpr VerbHelp table[] = {
      .notes = "KEY and VALUE are JSON; a word that is none is a string. schema tells what there is."},
     {.name = "del",
      .changes = true,
-     .summary = "Remove a member of a collection",
-     .forms = "  del PATH ATTRIBUTE KEY\n",
-     .notes = "KEY is JSON; a word that is none is a string."},
+     .summary = "Remove a member of a collection, or a route table",
+     .forms = "  del PATH [ATTRIBUTE KEY]\n",
+     .notes = "Without ATTRIBUTE, the route table or FIB at PATH, which no VRF uses any more.\n"
+              "KEY is JSON; a word that is none is a string."},
     {.name = "get",
      .summary = "Read a value or a collection",
      .forms = "  get PATH [ATTRIBUTE [KEY] [limit N] [after KEY]]\n",

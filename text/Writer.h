@@ -40,6 +40,8 @@ class Writer {
     virtual void value(std::int64_t number) = 0;
     virtual void value(double number) = 0;
     virtual void value(std::nullptr_t) = 0;
+    /// A value that is JSON already.
+    virtual void json(std::string_view text) = 0;
     template <std::integral T>
     void value(T number) {
         if constexpr (std::is_signed_v<T>)

@@ -137,8 +137,8 @@ void GuardFacts::note(const Change& change, const Place& place) {
                     [&](Vrf& vrf) { vrf.hasTable[static_cast<std::size_t>(place.routeType)] = present; });
     };
     if (place.kind() == PathKind::routeTable) {
-        if (isSet && (!place.entity || vrfs_.contains(place.vrf)))
-            noteTable(place.vrf, true);
+        if (isSet ? !place.entity || vrfs_.contains(place.vrf) : change.attribute.empty())
+            noteTable(place.vrf, isSet);
         return;
     }
     if (change.attribute.empty())

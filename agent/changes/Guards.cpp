@@ -127,6 +127,12 @@ void checkFibEntry(const Case& given) {
                        "turn multicast off in it first");
 }
 
+void checkTableRemoval(const Case& given) {
+    given.refuseIf(given.facts.belongsToVrf(given.place), "path",
+                   vrfCalled(given.place.vrf) + " is there: it keeps its route tables or FIBs",
+                   "remove the VRF first, which removes them too");
+}
+
 void checkAllVrfs(const Case& given) {
     if (!State::fromDatum<bool>(*given.change.value) || given.facts.egressFromAllVrfs())
         return;
@@ -157,6 +163,8 @@ void checkGuards(const Change& change, const Place& place, const GuardFacts& fac
     const bool isTable = place.kind() == PathKind::routeTable;
     if (isTable && given.isSet())
         checkVrfName(given, place.vrf, "path");
+    if (isTable && change.attribute.empty() && !given.isSet())
+        checkTableRemoval(given);
     if (change.attribute.empty())
         return;
     switch (place.kind()) {

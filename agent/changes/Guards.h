@@ -53,6 +53,11 @@ class GuardFacts {
     bool usesTables(const Place& place, std::string_view name) const {
         return isOfSource(place) && vrf(name).enabled;
     }
+    /// Whether the VRF whose table or FIB is at the place is there.
+    bool belongsToVrf(const Place& place) const {
+        const Vrf owner = vrf(place.vrf);
+        return isOfSource(place) && (owner.enabled || owner.id);
+    }
     /// Another VRF that has the identifier.
     std::optional<std::string> holderOf(std::uint32_t id, std::string_view exceptName) const;
     /// A VRF that the plug-in has without both its tables or FIBs, or would once it is identified.

@@ -128,8 +128,10 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
 void Operations::checkOne(const Change& change, GuardFacts& facts) {
     const Place place = paths_.at(change.path);
     if (change.attribute.empty()) {
-        const bool isTable = place.kind() == PathKind::routeTable || place.kind() == PathKind::routeTables;
-        if (!isTable || change.op != Change::Op::set || change.key || change.value)
+        const bool isTable =
+            place.kind() == PathKind::routeTable || (place.kind() == PathKind::routeTables &&
+                                                     change.op == Change::Op::set); // that the plug-in mounts
+        if (!isTable || change.key || change.value)
             attributeOf(place, change.attribute); // refuses it
     } else {
         const State::Attribute& attribute = attributeOf(place, change.attribute);
@@ -185,7 +187,11 @@ bool Operations::carryOut(const Change& change) {
     bool changed = false;
     if (change.op == Change::Op::del) {
         const Asking asking; // what isn't there may be named by the key
-        changed = place.entity && attribute->del(*place.entity, *change.key);
+        changed = static_cast<bool>(place.entity);
+        if (changed && attribute == nullptr)
+            paths_.remove(place);
+        else if (changed)
+            changed = attribute->del(*place.entity, *change.key);
     } else if (place.entity) {
         changed = attribute != nullptr &&
                   attribute->set(*place.entity, pointerTo(change.key), pointerTo(change.value));
@@ -238,12 +244,6 @@ ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
     for (const Change& change : changes)
         result.changed += carryOut(change) ? 1 : 0;
     return result;
-}
-
-DryRunResult Operations::dryRun(std::span<const Change> changes,
-                                const std::function<std::string(const ApplyResult&)>& tell) {
-    checkAll(changes);
-    return runDry([&] { return tell(carryOutAll(changes)); });
 }
 
 std::optional<std::string> Operations::vrfNameOf(std::uint32_t vrfId) const {

@@ -9,7 +9,6 @@
 #pragma once
 
 #include "agent/changes/Answers.h"
-#include "agent/changes/DryRun.h"
 #include "agent/changes/Guards.h"
 #include "agent/changes/NameSweep.h"
 #include "agent/host/Host.h"
@@ -65,11 +64,6 @@ class Operations {
     /// Checks all, then carries out all in order in one turn.
     /// @throws Refusal as check() does; nothing was changed then.
     ApplyResult apply(std::span<const Change> changes);
-    /// The same in a forked child with the real plug-in; this process is not touched, but waits for it.
-    /// @param tell makes a text of the result, in the child.
-    /// @throws Refusal as apply() and runDry() do.
-    DryRunResult dryRun(std::span<const Change> changes,
-                        const std::function<std::string(const ApplyResult&)>& tell);
 
     /// The name of the VRF that has an identifier; nothing when there is none. An identifier of 0 is none, except for
     /// the VRF "default".

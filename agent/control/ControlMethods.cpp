@@ -91,47 +91,49 @@ std::vector<std::string> linesOf(const Datum::List& list) {
     return lines;
 }
 
-// The result of a list of changes; of a dry run what the child wrote of it, or the end that it came to.
-Text::Tell applied(Operations& operations, const std::vector<Change>& changes, const Parameters& given) {
-    const auto tell = [&operations, withText = given.isTrue("text")](Writer& writer,
-                                                                     const ApplyResult& result) {
-        writeApplied(writer, operations, result, withText);
-    };
-    if (!given.isTrue("dryRun"))
-        return [tell, result = operations.apply(changes)](Writer& writer) { tell(writer, result); };
-    const DryRunResult foretold = operations.dryRun(changes, [&](const ApplyResult& result) {
-        std::string json;
-        Text::JsonWriter writer(json);
-        tell(writer, result);
-        return json;
-    });
-    return [foretold](Writer& writer) {
-        if (foretold.told)
-            Json::write(writer, Json::parse(*foretold.told));
-        else
-            writer.record("assertion", foretold.fatal);
-    };
-}
-
-void apply(Operations& operations, Language& language, const Call& call) {
-    const Parameters& given = call.parameters;
+// Carries out an apply. @return what tells the result
+Text::Tell applied(Operations& operations, Language& language, const Parameters& given) {
     const Datum* listed = given.find("changes");
-    const Datum* lines = given.find("lines");
-    if ((listed != nullptr) == (lines != nullptr))
-        refuse("changes", "apply takes either changes or lines");
-    if (listed != nullptr && given.find("raw") != nullptr)
-        refuse("raw", "each change says itself whether it is raw");
     try {
         const std::vector<Change> changes =
             listed != nullptr ? listedChanges(*listed->list())
-                              : language.changes(linesOf(*lines->list()), given.isTrue("raw"));
-        call.reply(applied(operations, changes, given));
+                              : language.changes(linesOf(*given.find("lines")->list()), given.isTrue("raw"));
+        return [&operations, withText = given.isTrue("text"), result = operations.apply(changes)](
+                   Writer& writer) { writeApplied(writer, operations, result, withText); };
     } catch (const Refusal& refusal) {
         if (!refusal.where().line)
             throw;
         throw Refusal(refusal.kind(), "line " + std::to_string(*refusal.where().line) + ": " + refusal.what(),
                       refusal.where());
     }
+}
+
+void apply(Operations& operations, Language& language, DryRuns& dryRuns, const Call& call) {
+    const Parameters& given = call.parameters;
+    if ((given.find("changes") != nullptr) == (given.find("lines") != nullptr))
+        refuse("changes", "apply takes either changes or lines");
+    if (given.find("changes") != nullptr && given.find("raw") != nullptr)
+        refuse("raw", "each change says itself whether it is raw");
+    if (!given.isTrue("dryRun")) {
+        call.reply(applied(operations, language, given));
+        return;
+    }
+    const auto work = [&operations, &language, given, whileThere = call.reply] {
+        std::string json;
+        Text::JsonWriter writer(json);
+        applied(operations, language, given)(writer);
+        return json;
+    };
+    dryRuns.run(call.client, work, [reply = call.reply](const DryRunResult& foretold) {
+        reply([&](Writer& writer) {
+            if (foretold.refused)
+                throw Refusal(*foretold.refused);
+            if (foretold.told)
+                writer.json(*foretold.told);
+            else
+                writer.record("assertion", foretold.fatal);
+        });
+    });
 }
 
 void watch(const Operations& operations, const AnswerLog& log, Watchers& watchers, const Call& call) {
@@ -206,10 +208,11 @@ std::vector<Method> ControlService::ownMethods() {
           {"raw", Type::boolean, false, "whether the guards let it through"}},
          [this](const Call& call) { change(operations_, call, Change::Op::set); }},
         {"del",
-         "removes a member",
+         "removes a member, or a table or FIB",
          {{"path", Type::text, true, "as for get"},
-          {"attribute", Type::text, true, "a collection"},
-          {"key", Type::any, true, "the member to remove"},
+          {"attribute", Type::text, false,
+           "a collection; without it the table or FIB goes, with all its routes"},
+          {"key", Type::any, false, "the member to remove"},
           {"raw", Type::boolean, false, "whether the guards let it through"}},
          [this](const Call& call) { change(operations_, call, Change::Op::del); }},
         {"apply",
@@ -220,7 +223,7 @@ std::vector<Method> ControlService::ownMethods() {
           {"raw", Type::boolean, false, "whether the guards let the lines through"},
           {"dryRun", Type::boolean, false, "foretell what would happen and change nothing"},
           {"text", Type::boolean, false, "tell each answer also as people read it"}},
-         [this](const Call& call) { apply(operations_, language_, call); }},
+         [this](const Call& call) { apply(operations_, language_, dryRuns_, call); }},
         {"watch",
          "tells answers as they change",
          {{"since", Type::object, false, "{instance, seq} of the last change heard"},

@@ -91,6 +91,7 @@ ControlService::ControlService(asio::io_context& context, Operations& operations
     , language_(language)
     , log_(log)
     , watchers_(operations, log)
+    , dryRuns_(context)
     , tellTask_(context, [this] { tellWatchers(); })
     , methods_(ownMethods()) {
     log_.onGrown([this] {
@@ -140,6 +141,7 @@ void ControlService::tellWatchers() {
 
 void ControlService::clientGone(ClientId client) {
     watchers_.unwatch(client);
+    dryRuns_.forget(client);
     onClientGone_(client);
 }
 

@@ -10,6 +10,7 @@
 // Read next: ControlMethods.cpp; Schema.cpp and Status.cpp, what `schema` and `status` tell.
 #pragma once
 
+#include "agent/changes/DryRun.h"
 #include "agent/control/JsonRpc.h"
 #include "agent/control/Watchers.h"
 #include "agent/host/PostedTask.h"
@@ -68,7 +69,8 @@ class Parameters {
 };
 
 /// A request, for the method that carries it out; its parts are there during the call. The reply comes at once, or
-/// later: what it needs until then is copied, itself among it.
+/// later: what it needs until then is copied, itself among it. A copy of the parameters can be read as long as there is
+/// a copy of the reply.
 struct Call {
     ClientId client;
     const Parameters& parameters;
@@ -114,6 +116,7 @@ class ControlService final : public Dispatcher {
     Language& language_;
     AnswerLog& log_;
     Watchers watchers_;
+    DryRuns dryRuns_;
     PostedTask tellTask_;
     Sessions* sessions_ = nullptr;
     std::vector<Method> methods_;

@@ -264,7 +264,7 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
     const Request request(line->left.front());
     line->left = line->left.subspan(1);
     // What replies to a notification, perhaps while a later request of its batch waits, is heard by nobody.
-    Text::Reply reply = [](const Text::Tell&) {};
+    Text::Reply reply = [line](const Text::Tell&) {};
     if (request.wantsAnswer()) {
         line->awaited = &request.answerId();
         reply = [this, line, id = line->awaited](const Text::Tell& tell) {

@@ -38,7 +38,7 @@ class Dispatcher {
     virtual ~Dispatcher() = default;
 
     /// Carries out a method.
-    /// @param params there during the call; an empty one when the request had none.
+    /// @param params there during the call, and as long as a copy of the reply; an empty one when the request had none.
     /// @param reply takes the result, during the call or later from the loop. What raises while it writes is answered
     /// as what the call raises.
     /// @throws UnknownMethod, Refusal; any other std::exception is answered as an internal error.

@@ -14,7 +14,7 @@
 namespace Agent {
 
 /// Writes or removes a value or a member. Without attribute, key and value, `set` sees to it that the table or FIB
-/// at the path is there.
+/// at the path is there, and `del` that it is not.
 struct Change {
     enum class Op : std::uint8_t { set, del };
     Op op = Op::set;
@@ -26,9 +26,10 @@ struct Change {
     std::size_t line = 0; // that it comes from, in its list of lines, from 1; 0: from none
 };
 
-/// A key or value as readers of attributes take it: null where there is none.
-inline const State::Datum* pointerTo(const std::optional<State::Datum>& datum) {
-    return datum ? &*datum : nullptr;
+/// A key or value as readers take it: null where there is none.
+template <class T>
+const T* pointerTo(const std::optional<T>& value) {
+    return value ? &*value : nullptr;
 }
 
 /// Refuses a change as a guard does.

@@ -1,5 +1,6 @@
 // What the agent's process says when it ends against its will: by a fatal assertion, an exception that left a
-// reactor, or one that nobody caught. After the text itself the last trace records follow on standard error.
+// reactor or the running loop, or one that nobody caught. After the text itself the last trace records follow on
+// standard error. A start that fails is no such end: it says its one line.
 #pragma once
 
 namespace Agent {

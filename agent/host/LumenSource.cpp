@@ -20,6 +20,23 @@ std::string fibsPath(RouteType type) {
     return StatusByVrf::mountPath(L3::AddressFamily::ipv4, modes[static_cast<std::size_t>(type)]);
 }
 
+std::string fibPath(std::string_view vrf, RouteType type) {
+    return fibsPath(type) + "/" + std::string(vrf);
+}
+
+class Draft final : public RouteDraft {
+  public:
+    std::vector<Change> changes(const DraftedRoute& route) override {
+        State::Datum::List oifs(route.oifs.begin(), route.oifs.end());
+        State::Datum::Record row{{"intf", std::move(oifs)},
+                                 {"ready", std::uint64_t{route.isReady ? Route::isReady : 0U}}};
+        return {{.path = fibPath(route.vrf, route.type),
+                 .attribute = "route",
+                 .key = route.key,
+                 .value = std::move(row)}};
+    }
+};
+
 // A VRF's FIB of a route type: where it is.
 struct FibPlace {
     FibPlace(const Stores& stores, std::string_view vrfName, RouteType type)
@@ -93,44 +110,48 @@ class LumenSource final : public RouteSource {
     }
 
     std::string_view name() const override { return "lumen"; }
-    std::string tablePath(std::string_view vrf, RouteType type) const override {
-        return fibsPath(type) + "/" + std::string(vrf);
-    }
+    std::string tablePath(std::string_view vrf, RouteType type) const override { return fibPath(vrf, type); }
     State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const override {
         return FibPlace(stores_, vrf, type).find();
     }
-    void eachRoute(std::string_view vrf, RouteType type,
+    void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                    const std::function<bool(const ShownRoute&)>& visit) const override {
         const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find();
         if (!fib)
             return;
         ShownRoute shown;
-        fib->routes([&](const State::Handle<Route>& route) {
-            shown.key = route->key();
-            shown.oifs.clear();
-            for (const L3::IntfId intf : route->intf())
-                shown.oifs.emplace_back(intf.stringValue());
-            shown.isReady = route->ready() == Route::isReady;
-            return visit(shown);
-        });
+        std::as_const(*fib).routeCollection().visit(after,
+                                                    [&](const RouteKey&, const State::Handle<Route>& route) {
+                                                        fill(shown, *route);
+                                                        return visit(shown);
+                                                    });
+    }
+    bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                   const std::function<void(const ShownRoute&)>& show) const override {
+        const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find();
+        const State::Handle<Route> route = fib ? fib->route(key) : State::Handle<Route>();
+        if (!route)
+            return false;
+        ShownRoute shown;
+        fill(shown, *route);
+        show(shown);
+        return true;
     }
 
-    RouteDraft draft() const override {
-        return [this](const DraftedRoute& route) -> std::vector<Change> {
-            State::Datum::List oifs(route.oifs.begin(), route.oifs.end());
-            State::Datum::Record row{{"intf", std::move(oifs)},
-                                     {"ready", std::uint64_t{route.isReady ? Route::isReady : 0U}}};
-            return {{.path = tablePath(route.vrf, route.type),
-                     .attribute = "route",
-                     .key = route.key,
-                     .value = std::move(row)}};
-        };
-    }
+    std::unique_ptr<RouteDraft> draft() const override { return std::make_unique<Draft>(); }
     std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const override {
         return std::make_unique<WrittenFib>(FibPlace(stores_, vrf, type));
     }
 
   private:
+    static void fill(ShownRoute& shown, const Route& route) {
+        shown.key = route.key();
+        shown.oifs.clear();
+        for (const L3::IntfId intf : route.intf())
+            shown.oifs.emplace_back(intf.stringValue());
+        shown.isReady = route.ready() == Route::isReady;
+    }
+
     Stores stores_;
 };
 

@@ -184,4 +184,12 @@ void Paths::enter(const Place& place, const State::Handle<State::Entity>& entity
     membersOf(*owner).memberIs(*owner, State::Datum(lastOf(place.path)), entity);
 }
 
+void Paths::remove(const Place& place) const {
+    const State::Handle<State::Store>& store = stores_.*place.shape->store;
+    if (!place.shape->isMember)
+        store->entityDel(place.path);
+    else if (const auto owner = store->entity(parentOf(place.path)))
+        membersOf(*owner).del(*owner, State::Datum(lastOf(place.path)));
+}
+
 } // namespace Agent

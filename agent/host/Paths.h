@@ -38,6 +38,8 @@ class Paths {
     State::Handle<State::Entity> made(const Place& place) const;
     /// Enters it, and what it is a member of before it.
     void enter(const Place& place, const State::Handle<State::Entity>& entity) const;
+    /// Takes the entity of a place out of its store; who holds it keeps it.
+    void remove(const Place& place) const;
 
     static std::span<const PathShape> shapes();
 

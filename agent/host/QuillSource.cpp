@@ -35,13 +35,13 @@ struct TablePlace {
     std::string path;
 };
 
-// Which indexes of a table are free.
+// Which indexes of a table are free, or all of one that is not there.
 class FreeIndexes {
   public:
-    explicit FreeIndexes(const TablePlace& place)
-        : path_(place.path) {
+    FreeIndexes(std::string path, const State::Handle<Table>& table)
+        : path_(std::move(path)) {
         isTaken_[0] = true; // indexes are given from 1 on
-        if (const State::Handle<Table> table = place.find())
+        if (table)
             for (const auto& [index, intf] : table->oifIndexIntf())
                 isTaken_[index.value()] = true;
     }
@@ -63,16 +63,16 @@ class FreeIndexes {
     std::array<bool, OifIndex::null + 1> isTaken_{};
 };
 
-class Draft {
+class Draft final : public RouteDraft {
   public:
     explicit Draft(const Stores& stores)
         : stores_(stores) {}
 
-    std::vector<Change> operator()(const DraftedRoute& route) {
+    std::vector<Change> changes(const DraftedRoute& route) override {
         if (!route.isReady)
             throw Refusal("not-ready: routes of the Quill tables have no readiness");
         const TablePlace place(stores_, route.vrf, route.type);
-        Indexes& indexes = indexes_.try_emplace(place.path, place).first->second;
+        Indexes& indexes = indexes_.try_emplace(place.path, place.path, place.find()).first->second;
         std::vector<Change> changes;
         State::Datum::List list;
         for (const std::string& intf : route.oifs) {
@@ -86,12 +86,13 @@ class Draft {
         changes.push_back(setOf(place, "route", route.key, State::Datum::Record{{"oifs", std::move(list)}}));
         return changes;
     }
+    void tableGoes(const std::string& path) override { indexes_.insert_or_assign(path, Indexes(path, {})); }
 
   private:
     struct Indexes {
-        explicit Indexes(const TablePlace& place)
-            : free(place) {
-            if (const State::Handle<Table> table = place.find())
+        Indexes(const std::string& path, const State::Handle<Table>& table)
+            : free(path, table) {
+            if (table)
                 for (const auto& [index, intf] : table->oifIndexIntf())
                     byIntf.emplace(intf.stringValue(), index.value());
         }
@@ -112,14 +113,17 @@ class WrittenTable final : public RouteTable {
   public:
     explicit WrittenTable(TablePlace place)
         : place_(std::move(place))
-        , free_(place_) {}
+        , table_(place_.find())
+        , free_(place_.path, table_) {}
 
     bool put(const RouteKey& key, std::span<const Oif> oifs) override {
-        const State::Handle<Table> table = place_.made();
+        begin(place_.made());
         Route route;
+        const std::uint32_t namings = std::as_const(*table_).oifIndexIntfCollection().changes();
         for (const Oif& oif : oifs)
-            route.oifs.insert(indexOf(*table, oif));
-        return table->routeCollection().is(key, std::move(route));
+            route.oifs.insert(indexOf(oif));
+        const bool isChanged = table_->routeCollection().is(key, std::move(route));
+        return isChanged || std::as_const(*table_).oifIndexIntfCollection().changes() != namings;
     }
 
     bool erase(const RouteKey& key) override {
@@ -131,44 +135,87 @@ class WrittenTable final : public RouteTable {
     }
 
     bool rename(int ifindex, std::string_view name) override {
+        begin(place_.find());
         const auto known = byIfindex_.find(ifindex);
         if (known == byIfindex_.end())
             return true;
         try {
-            place_.made()->oifIndexIntfIs(known->second, L3::IntfId(name));
-            return true;
+            table_->oifIndexIntfIs(known->second.number, L3::IntfId(name));
+            known->second.isNamed = true;
         } catch (const State::RangeError&) {
-            // No room for the name: the rows keep the old one until they are put again.
-            byIfindex_.erase(known);
-            return false;
+            known->second.isNamed = false; // no room for the name, or none that an interface can have
         }
+        return known->second.isNamed;
     }
 
     void forget(int ifindex) override {
+        begin(place_.find());
         const auto known = byIfindex_.find(ifindex);
         if (known == byIfindex_.end())
             return;
-        if (const State::Handle<Table> table = place_.find())
-            table->oifIndexIntfDel(known->second);
-        free_.giveBack(known->second);
+        table_->oifIndexIntfDel(known->second.number);
+        free_.giveBack(known->second.number);
         byIfindex_.erase(known);
     }
 
   private:
+    struct Index {
+        std::uint16_t number;
+        bool isNamed; // false: the rows show an earlier name, as the present one was refused
+    };
+
+    // What was known of a table that was removed holds no more.
+    void begin(const State::Handle<Table>& table) {
+        if (table == table_)
+            return;
+        table_ = table;
+        free_ = FreeIndexes(place_.path, table);
+        byIfindex_.clear();
+    }
+
     // One index an interface, so that its rename is one row.
-    std::uint16_t indexOf(Table& table, const Oif& oif) {
-        if (const auto known = byIfindex_.find(oif.ifindex); known != byIfindex_.end())
-            return known->second;
+    std::uint16_t indexOf(const Oif& oif) {
+        const auto known = byIfindex_.find(oif.ifindex);
+        if (known != byIfindex_.end() && known->second.isNamed)
+            return known->second.number;
         const L3::IntfId intf(oif.name);
-        const std::uint16_t index = free_.take(oif.name);
-        table.oifIndexIntfIs(index, intf);
-        byIfindex_.emplace(oif.ifindex, index);
-        return index;
+        const std::uint16_t number = known != byIfindex_.end() ? known->second.number : free_.take(oif.name);
+        table_->oifIndexIntfIs(number, intf);
+        byIfindex_[oif.ifindex] = {.number = number, .isNamed = true};
+        return number;
     }
 
     TablePlace place_;
+    State::Handle<Table> table_; // the one that the indexes are of; null: none yet
     FreeIndexes free_;
-    std::map<int, std::uint16_t> byIfindex_;
+    std::map<int, Index> byIfindex_;
+};
+
+// Rows of a table as people see them, one at a time.
+class Shown {
+  public:
+    explicit Shown(const Table& table)
+        : table_(table) {}
+
+    const ShownRoute& of(const RouteKey& key, const Route& route) {
+        shown_.key = key;
+        shown_.oifs.clear();
+        unnamed_.clear();
+        unnamed_.reserve(route.oifs.size()); // what is in it is pointed to
+        for (const std::uint16_t index : route.oifs) {
+            const auto* intf =
+                index <= OifIndex::null ? table_.oifIndexIntfCollection().find(index) : nullptr;
+            shown_.oifs.push_back(intf != nullptr
+                                      ? std::string_view(intf->stringValue())
+                                      : std::string_view(unnamed_.emplace_back("#" + std::to_string(index))));
+        }
+        return shown_;
+    }
+
+  private:
+    const Table& table_;
+    ShownRoute shown_;
+    std::vector<std::string> unnamed_;
 };
 
 // The plug-in mounts a VRF's tables when the VRF is enabled; those of the default VRF are the host's.
@@ -184,30 +231,25 @@ class QuillSource final : public RouteSource {
     State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const override {
         return TablePlace(stores_, vrf, type).find();
     }
-    void eachRoute(std::string_view vrf, RouteType type,
+    void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                    const std::function<bool(const ShownRoute&)>& visit) const override {
         const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
         if (!table)
             return;
-        ShownRoute shown;
-        std::vector<std::string> unnamed;
-        table->routeCollection().visit(nullptr, [&](const RouteKey& key, const Route& route) {
-            shown.key = key;
-            shown.oifs.clear();
-            unnamed.clear();
-            unnamed.reserve(route.oifs.size()); // what is in it is pointed to
-            for (const std::uint16_t index : route.oifs) {
-                const auto* intf =
-                    index <= OifIndex::null ? table->oifIndexIntfCollection().find(index) : nullptr;
-                shown.oifs.push_back(
-                    intf != nullptr ? std::string_view(intf->stringValue())
-                                    : std::string_view(unnamed.emplace_back("#" + std::to_string(index))));
-            }
-            return visit(shown);
-        });
+        Shown shown(*table);
+        std::as_const(*table).routeCollection().visit(
+            after, [&](const RouteKey& key, const Route& route) { return visit(shown.of(key, route)); });
+    }
+    bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                   const std::function<void(const ShownRoute&)>& show) const override {
+        const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
+        const Route* route = table ? std::as_const(*table).routeCollection().find(key) : nullptr;
+        if (route != nullptr)
+            show(Shown(*table).of(key, *route));
+        return route != nullptr;
     }
 
-    RouteDraft draft() const override { return Draft(stores_); }
+    std::unique_ptr<RouteDraft> draft() const override { return std::make_unique<Draft>(stores_); }
     std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const override {
         return std::make_unique<WrittenTable>(TablePlace(stores_, vrf, type));
     }

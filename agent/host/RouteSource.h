@@ -36,10 +36,17 @@ struct DraftedRoute {
     bool isReady = true;
 };
 
-/// The changes that put a route into its table, replacing one of the same key, and what it needs beside it. One
-/// serves a list of changes: what earlier routes of the list took is taken for later ones.
-/// @throws Refusal for what the source can't say.
-using RouteDraft = std::function<std::vector<Change>(const DraftedRoute& route)>;
+/// Says what puts routes into their tables. One serves a list of changes: what earlier ones of the list took is taken
+/// for later ones.
+class RouteDraft {
+  public:
+    virtual ~RouteDraft() = default;
+    /// The changes that put a route, replacing one of the same key, and what it needs beside it.
+    /// @throws Refusal for what the source can't say.
+    virtual std::vector<Change> changes(const DraftedRoute& route) = 0;
+    /// The list removes the table at the path.
+    virtual void tableGoes(const std::string& /*path*/) {}
+};
 
 /// An outgoing interface as a kernel tells it. The index identifies it while it exists; the name can change.
 struct Oif {
@@ -78,11 +85,14 @@ class RouteSource {
     virtual State::Handle<State::Entity> find(std::string_view vrf, RouteType type) const = 0;
     /// Rows of a table; 0 where there is none.
     std::size_t routes(std::string_view vrf, RouteType type) const;
-    /// Visits the rows in table order; visit says whether to go on.
-    virtual void eachRoute(std::string_view vrf, RouteType type,
+    /// Visits the rows in table order, behind `after` if that is given and there; visit says whether to go on.
+    virtual void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                            const std::function<bool(const ShownRoute&)>& visit) const = 0;
+    /// Shows one row; false where there is none.
+    virtual bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                           const std::function<void(const ShownRoute&)>& show) const = 0;
 
-    virtual RouteDraft draft() const = 0;
+    virtual std::unique_ptr<RouteDraft> draft() const = 0;
     virtual std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const = 0;
 };
 

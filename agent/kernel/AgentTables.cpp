@@ -16,15 +16,6 @@ namespace {
 using Routing::Hardware::RouteStatus;
 using Routing::Multicast::Fib::VrfEnabledStatus;
 
-RouteKey routeKey(const MfcKey& key) {
-    return {key.source == 0 ? L3::IpGenPrefix() : L3::IpGenPrefix::host(L3::IpAddr(key.source)),
-            L3::IpGenPrefix::host(L3::IpAddr(key.group))};
-}
-
-MfcKey mfcKey(const RouteKey& key) {
-    return {.source = key.source.ipv4().value(), .group = key.group.ipv4().value()};
-}
-
 // Sets the VRF's entry, or removes it where there is no value.
 Change entryOf(const VrfConfig& vrf, const char* path, const char* attribute,
                std::optional<State::Datum> value = {}) {
@@ -34,6 +25,59 @@ Change entryOf(const VrfConfig& vrf, const char* path, const char* attribute,
             .key = vrf.name,
             .value = std::move(value)};
 }
+
+// Goes on behind the row that it met last. Where that one went, or went and came back in another place, or the table
+// itself did, it begins anew.
+class AgentRows final : public RowWalk {
+  public:
+    AgentRows(const RouteSource& routes, std::string vrf, RouteType type)
+        : routes_(routes)
+        , vrf_(std::move(vrf))
+        , type_(type) {}
+    ~AgentRows() override { leave(); }
+    AgentRows(const AgentRows&) = delete;
+    AgentRows& operator=(const AgentRows&) = delete;
+
+    bool next(std::size_t max, const std::function<void(const RouteKey&)>& visit) override {
+        enter();
+        std::size_t met = 0;
+        const std::optional<RouteKey> after = last_;
+        routes_.eachRoute(vrf_, type_, pointerTo(after), [&](const ShownRoute& route) {
+            last_ = route.key;
+            visit(route.key);
+            return ++met < max;
+        });
+        return met == max;
+    }
+    std::size_t size() const override { return routes_.routes(vrf_, type_); }
+
+  private:
+    void enter() {
+        State::Handle<State::Entity> table = routes_.find(vrf_, type_);
+        if (table == table_)
+            return;
+        leave();
+        last_.reset();
+        table_ = std::move(table);
+        if (table_)
+            table_->subscribe(this, &changed, State::maskOf(table_->entityType().attribute("route")->id()));
+    }
+    void leave() {
+        if (table_)
+            table_->unsubscribe(this, &changed);
+    }
+    static void changed(void* self, const State::Notification& change) {
+        auto& rows = *static_cast<AgentRows*>(self);
+        if (rows.last_ == change.keyAs<RouteKey>())
+            rows.last_.reset();
+    }
+
+    const RouteSource& routes_;
+    std::string vrf_;
+    RouteType type_;
+    State::Handle<State::Entity> table_;
+    std::optional<RouteKey> last_;
+};
 
 class AgentTables final : public TableSink {
   public:
@@ -52,8 +96,11 @@ class AgentTables final : public TableSink {
     }
 
     WhyNot removeVrf(const VrfConfig& vrf) override {
-        const Change changes[] = {entryOf(vrf, VrfEnabledStatus::path, "vrfEnabled"),
-                                  entryOf(vrf, RouteStatus::path, "vrfStatus")};
+        std::vector<Change> changes{entryOf(vrf, VrfEnabledStatus::path, "vrfEnabled"),
+                                    entryOf(vrf, RouteStatus::path, "vrfStatus")};
+        for (const RouteType type : routeTypes)
+            changes.push_back(
+                {.op = Change::Op::del, .path = operations_.host().routes().tablePath(vrf.name, type)});
         WhyNot why = apply(changes);
         if (why.empty())
             std::erase_if(tables_, [&](const auto& table) { return table.first.first == vrf.name; });
@@ -66,8 +113,7 @@ class AgentTables final : public TableSink {
             std::unique_ptr<RouteTable>& table = tables_[{vrf.name, type}];
             if (!table)
                 table = operations_.host().routes().table(vrf.name, type);
-            const bool isChanged =
-                operations_.names().roomFor([&] { return table->put(routeKey(key), oifs); });
+            const bool isChanged = operations_.names().roomFor([&] { return table->put(rowKey(key), oifs); });
             operations_.changedDirectly(isChanged);
         } catch (const Refusal& refusal) {
             return refusal.what();
@@ -79,7 +125,7 @@ class AgentTables final : public TableSink {
 
     void removeRoute(const VrfConfig& vrf, RouteType type, const MfcKey& key) override {
         if (const auto at = tables_.find({vrf.name, type}); at != tables_.end())
-            operations_.changedDirectly(at->second->erase(routeKey(key)));
+            operations_.changedDirectly(at->second->erase(rowKey(key)));
     }
 
     bool renameInterface(int ifindex, std::string_view name) override {
@@ -105,11 +151,14 @@ class AgentTables final : public TableSink {
         return enabled && *enabled->boolean();
     }
 
-    void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const override {
-        operations_.host().routes().eachRoute(vrf.name, type, [&](const ShownRoute& route) {
-            visit(mfcKey(route.key), route.oifs);
-            return true;
-        });
+    std::unique_ptr<RowWalk> rows(const VrfConfig& vrf, RouteType type) const override {
+        return std::make_unique<AgentRows>(operations_.host().routes(), vrf.name, type);
+    }
+
+    bool row(const VrfConfig& vrf, RouteType type, const RouteKey& key,
+             const RowVisitor& visit) const override {
+        return operations_.host().routes().showRoute(vrf.name, type, key,
+                                                     [&](const ShownRoute& route) { visit(route.oifs); });
     }
 
   private:
@@ -128,6 +177,16 @@ class AgentTables final : public TableSink {
 };
 
 } // namespace
+
+RouteKey rowKey(const MfcKey& key) {
+    return {key.source == 0 ? L3::IpGenPrefix() : L3::IpGenPrefix::host(L3::IpAddr(key.source)),
+            L3::IpGenPrefix::host(L3::IpAddr(key.group))};
+}
+
+std::optional<MfcKey> kernelKey(const RouteKey& key) {
+    const MfcKey made{.source = key.source.ipv4().value(), .group = key.group.ipv4().value()};
+    return rowKey(made) == key ? std::optional(made) : std::nullopt;
+}
 
 std::unique_ptr<TableSink> agentTables(Operations& operations) {
     return std::make_unique<AgentTables>(operations);

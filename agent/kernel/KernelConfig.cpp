@@ -3,13 +3,16 @@
 #include "agent/json/Json.h"
 #include "records/VrfId.h"
 #include "records/VrfName.h"
+#include "text/ByteOrderMark.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -157,7 +160,7 @@ std::string_view routeTypeText(const VrfConfig& vrf) {
 KernelConfig parseKernelConfig(std::string_view text, std::string_view file) {
     Datum whole;
     try {
-        whole = Json::parse(text);
+        whole = Json::parse(Text::withoutMark(text));
     } catch (const Json::Error& error) {
         throw KernelConfigError(std::string(file) + ": is " + error.what());
     }
@@ -176,6 +179,11 @@ KernelConfig parseKernelConfig(std::string_view text, std::string_view file) {
 }
 
 KernelConfig readKernelConfig(const std::string& path) {
+    // Opening a FIFO would wait for who writes to it.
+    std::error_code error; // what can't be looked at can't be opened
+    const std::filesystem::file_type type = std::filesystem::status(path, error).type();
+    if (!error && type != std::filesystem::file_type::regular)
+        throw KernelConfigError(path + ": is no regular file");
     errno = 0;
     std::ifstream file(path, std::ios::binary);
     std::string text;

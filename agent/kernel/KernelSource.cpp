@@ -88,7 +88,7 @@ void KernelSource::watch() {
 void KernelSource::doSlice() {
     if (source_.hasWork()) {
         State::traceEventBegin();
-        source_.doSlice(sliceRoutes);
+        source_.doSlice();
     }
     tablesMayHaveChanged();
 }

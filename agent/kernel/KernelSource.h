@@ -15,9 +15,6 @@ namespace Agent::Kernel {
 
 class KernelSource {
   public:
-    /// Routes told, or read from the kernel, between two looks at the control clients.
-    static constexpr std::size_t sliceRoutes = 512;
-
     /// Subscribes to the kernel and begins its first look.
     /// @param operations, loop outlive it.
     /// @throws KernelConfigError that names file and fault; std::system_error

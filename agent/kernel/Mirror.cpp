@@ -258,10 +258,12 @@ void Mirror::publishRenames() {
     }
 }
 
-// Only when no route, known or told, has the interface any more: one whose change the sink refused may still.
+// Only when no route, known or told, has the interface any more: one that waits to be told may, and one whose change
+// the sink refused.
 void Mirror::publishGoneInterfaces() {
     std::set<int>& toForget = shared_.interfaces.toForget();
-    if (toForget.empty())
+    const auto anyQueued = [](const auto& vrf) { return vrf->kernel().anyQueued(); };
+    if (toForget.empty() || std::ranges::any_of(vrfs_, anyQueued) || std::ranges::any_of(leaving_, anyQueued))
         return;
     std::set<int> unused = toForget;
     for (const VrfList* list : {&leaving_, &vrfs_})

@@ -18,6 +18,7 @@
 
 #include "agent/kernel/MirroredVrf.h"
 
+#include <functional>
 #include <memory>
 
 namespace Agent::Kernel {
@@ -43,6 +44,11 @@ struct AskedQuery {
     std::optional<MfcRoute> route;
     bool malformed = false;
 };
+
+/// Gives the mirrors events that wait, for as long as there is time.
+/// @param anew those that wait now; otherwise it goes on with those of the last call.
+/// @return whether all of them have been given.
+using SettleEvents = std::function<bool(bool anew)>;
 
 class Mirror {
   public:

@@ -98,6 +98,7 @@ void MirroredVrf::install(RouteEntry& entry) {
     // The row of the new type is there before that of the old one goes, so that no answer is without both.
     if (entry.installed && entry.installedType != type)
         shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
+    rows_ += entry.installed ? 0 : 1;
     entry.installed = true;
     entry.installedType = type;
     entry.installedOifs.clear();
@@ -113,6 +114,7 @@ void MirroredVrf::withdraw(RouteEntry& entry) {
     if (!entry.installed)
         return;
     shared_.sink.removeRoute(*entered_, entry.installedType, entry.key);
+    --rows_;
     entry.installed = false;
     entry.again = false;
     entry.installedOifs.clear();
@@ -145,12 +147,6 @@ WhyNot MirroredVrf::whyPending(const MfcKey& key) const {
 }
 
 void MirroredVrf::status(Text::Writer& writer) const {
-    std::size_t routes = 0;
-    std::size_t rows = 0;
-    for (const RouteEntry& entry : kernel_.routes().walk()) {
-        routes += entry.present;
-        rows += entry.installed;
-    }
     writer.beginRecord();
     writer.member("vrf", config_.name);
     writer.member("id", config_.id);
@@ -161,8 +157,8 @@ void MirroredVrf::status(Text::Writer& writer) const {
     writer.member("synced", kernel_.synced());
     writer.member("resyncWanted", kernel_.resyncPending());
     writer.member("leaving", leaving_);
-    writer.member("routes", routes);
-    writer.member("rows", rows);
+    writer.member("routes", kernel_.routeCount());
+    writer.member("rows", rows_);
     writer.list("vifs", kernel_.vifs(),
                 [&](const Vif& vif) { writer.value(shared_.interfaces.nameOf(vif.ifindex)); });
     writer.member("pendingCount", pendingCount());

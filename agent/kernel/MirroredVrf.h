@@ -66,6 +66,7 @@ class MirroredVrf {
     std::optional<VrfConfig> entered_; // as the sink has it
     WhyNot whyVrf_;                    // why the VRF itself waits
     std::map<MfcKey, WhyNot> refused_;
+    std::size_t rows_ = 0; // of the sink
     bool enabled_ = false; // as the sink has it
     bool leaving_ = false;
     bool rowsFreed_ = false;

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 namespace Agent::Kernel {
 namespace {
@@ -67,21 +68,24 @@ QuerySocket::QuerySocket()
     ::setsockopt(socket_.fd(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &yes, sizeof yes);
 }
 
-std::size_t QuerySocket::step(Mirror& mirror, const std::function<void()>& settleEvents) {
-    if (!busy_) {
+bool QuerySocket::step(Mirror& mirror, const SettleEvents& settleEvents) {
+    if (!busy()) {
         const std::optional<KernelQuery> query = mirror.nextQuery(Mirror::Clock::now());
         if (!query)
-            return 0;
+            return false;
         ask(*query);
     }
-    const std::size_t messages = busy_ ? receive(mirror) : 0;
-    if (!busy_) {
-        // VIFs and interfaces are taken as read: events that come after them must not be judged by them.
-        if (kind_ == KernelQuery::Kind::routes)
-            settleEvents();
-        mirror.endAnswer(error_, interrupted_, Mirror::Clock::now());
-    }
-    return std::max<std::size_t>(messages, 1);
+    if (busy_)
+        receive(mirror);
+    if (busy_)
+        return true;
+    // VIFs and interfaces are taken as read: events that come after them must not be judged by them.
+    const bool hasJustEnded = !std::exchange(ended_, true);
+    if (kind_ == KernelQuery::Kind::routes && !settleEvents(hasJustEnded))
+        return true;
+    ended_ = false;
+    mirror.endAnswer(error_, interrupted_, Mirror::Clock::now());
+    return true;
 }
 
 void QuerySocket::ask(const KernelQuery& query) {
@@ -115,16 +119,14 @@ void QuerySocket::ask(const KernelQuery& query) {
         breakOff(errno);
 }
 
-std::size_t QuerySocket::receive(Mirror& mirror) {
+void QuerySocket::receive(Mirror& mirror) {
     const int error = socket_.receive();
     if (error != 0 && error != EINTR)
         breakOff(error);
-    std::size_t messages = 0;
     MessageReader reader = socket_.messages();
     while (busy_ && reader.next(message_)) {
         if (message_.sequence != sequence_)
             continue;
-        ++messages;
         interrupted_ = interrupted_ || message_.interrupted;
         const bool ends = message_.kind == MessageKind::done || message_.kind == MessageKind::error;
         busy_ = !ends && message_.isPart;
@@ -132,7 +134,6 @@ std::size_t QuerySocket::receive(Mirror& mirror) {
         if (!ends)
             mirror.takeAnswer(message_);
     }
-    return messages;
 }
 
 // What is left of an answer that broke off is in the way of the next one.

@@ -1,11 +1,9 @@
 // Sockets of the kernel's netlink, which need no privilege, and the one for a mirror's questions. NetlinkSource has one
-// for events and one for questions; a Verification has one of its own for its questions.
+// for events and one for questions; a comparison has one of its own.
 #pragma once
 
 #include "agent/host/Fd.h"
 #include "agent/kernel/Mirror.h"
-
-#include <functional>
 
 namespace Agent::Kernel {
 
@@ -41,22 +39,23 @@ class QuerySocket {
     /// @throws std::system_error
     QuerySocket();
 
-    bool busy() const { return busy_; }
+    bool busy() const { return busy_ || ended_; }
 
     /// Asks the mirror's next query or reads the next part of the answer, where there is either. Never blocks.
-    /// @param settleEvents gives the mirror all events that wait; called before the end of a dump of routes.
-    /// @return how many messages were read, at least 1; 0 when there was nothing to do.
-    std::size_t step(Mirror& mirror, const std::function<void()>& settleEvents);
+    /// @param settleEvents called until it is done before the end of a dump of routes.
+    /// @return whether there was anything to do.
+    bool step(Mirror& mirror, const SettleEvents& settleEvents);
 
   private:
     void ask(const KernelQuery& query);
-    std::size_t receive(Mirror& mirror);
+    void receive(Mirror& mirror);
     void breakOff(int error);
 
     NetlinkSocket socket_;
     std::uint32_t sequence_ = 0;
     KernelQuery::Kind kind_ = KernelQuery::Kind::links;
     bool busy_ = false;
+    bool ended_ = false;       // the answer is complete, but for events from before its end
     bool interrupted_ = false; // the kernel marked some part as inconsistent
     int error_ = 0;            // errno with which the answer ended, or couldn't begin
     KernelMessage message_;

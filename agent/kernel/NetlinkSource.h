@@ -7,6 +7,7 @@
 // between them. KernelSource owns it; the sink outlives it. Read next: Mirror.h.
 #pragma once
 
+#include "agent/kernel/NetlinkSocket.h"
 #include "agent/kernel/Verification.h"
 
 namespace Agent::Kernel {
@@ -15,6 +16,8 @@ class NetlinkSource {
   public:
     using VerifyDone = std::function<void(const VerifyResult&)>;
 
+    /// How long the others of the loop wait for a call, about.
+    static constexpr std::chrono::microseconds sliceTime{500};
     /// The kernel counts an event as some 800 bytes: this holds 10,000 of them.
     static constexpr std::size_t defaultReceiveBuffer = 8UL * 1024 * 1024;
 
@@ -31,8 +34,8 @@ class NetlinkSource {
     bool hasWork() const;
     /// When it will have, if nothing happens before; nothing: it waits for no time.
     std::optional<Mirror::Clock::time_point> waitsUntil() const { return mirror_.queryDueAt(); }
-    /// Does some work: tells the sink of up to maxRoutes routes, or reads about as many from the kernel.
-    void doSlice(std::size_t maxRoutes);
+    /// Does some work of what there is: a few routes at least, and on until the time is up.
+    void doSlice(Mirror::Clock::duration time = sliceTime);
 
     /// Puts another configuration in force; what it doesn't change stays as it is.
     void reconfigure(const KernelConfig& config);
@@ -50,20 +53,32 @@ class NetlinkSource {
     void verify(VerifyDone done);
 
   private:
-    void drain(std::size_t datagrams);
-    std::size_t stepVerify();
+    // A comparison, with the questions of its mirror.
+    struct Comparison {
+        Verification verification;
+        QuerySocket query = {};
+    };
 
-    // As many datagrams as can wait at one moment: none occupies less of the buffer.
-    const std::function<void()> settleEvents_ = [this] { drain(events_.bufferBytes() / 512 + 1); };
+    void beginSlice(Mirror::Clock::duration time) { sliceEnd_ = Mirror::Clock::now() + time; }
+    bool sliceIsOver() const { return Mirror::Clock::now() >= sliceEnd_; }
+    bool step();
+    bool drain(std::size_t& datagrams);
+    std::unique_ptr<Comparison> newComparison() const;
+    void stepComparison();
+
+    const SettleEvents settleEvents_;
     KernelConfig config_;
     TableSink& sink_;
     NetlinkSocket events_;
     KernelMessage event_;
     Mirror mirror_;
     QuerySocket query_;
-    bool firstLook_ = true; // not every VRF has been dumped yet
-    std::unique_ptr<Verification> verification_;
-    unsigned verifyRounds_ = 0;
+    Mirror::Clock::time_point sliceEnd_{};
+    std::size_t unsettled_ = 0; // datagrams that may still wait of those that waited at some moment
+    bool congested_ = false;    // the kernel withholds events until none waits
+    bool firstLook_ = true;     // not every VRF has been dumped yet
+    std::unique_ptr<Comparison> comparison_;
+    std::unique_ptr<Comparison> finished_; // on its way out
     std::vector<VerifyDone> verifyDone_;
 };
 

@@ -56,7 +56,7 @@ void TableLearner::learnGone(const MfcKey& key) {
     if (entry->several)
         return;
     entry->touched = dump_;
-    entry->present = false;
+    setPresent(*entry, false);
     if (entry->queued)
         ++shared_.counters.coalesced;
     queue(*entry);
@@ -148,7 +148,7 @@ void TableLearner::learnMissing(const MfcRoute* found, Clock::time_point now) {
     } else if (found) {
         learnFromDump(*found);
     } else if (entry) {
-        entry->present = false;
+        setPresent(*entry, false);
         entry->several = false;
         queue(*entry);
     }
@@ -204,12 +204,17 @@ bool TableLearner::merge(RouteEntry& entry, const MfcRoute& route) {
     std::vector<int> oifs = oifsOf(route, {});
     if (entry.present && entry.iif == route.iif && entry.protocol == route.protocol && entry.oifs == oifs)
         return false;
-    entry.present = true;
+    setPresent(entry, true);
     entry.iif = route.iif;
     entry.protocol = route.protocol;
     entry.oifs = std::move(oifs);
     queue(entry);
     return true;
+}
+
+void TableLearner::setPresent(RouteEntry& entry, bool isPresent) {
+    if (std::exchange(entry.present, isPresent) != isPresent)
+        isPresent ? ++present_ : --present_;
 }
 
 std::vector<int> TableLearner::oifsOf(const MfcRoute& route, std::vector<int> more) const {

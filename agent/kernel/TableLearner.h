@@ -32,7 +32,7 @@ struct RouteEntry {
     std::uint8_t protocol = 0;
     RouteType installedType = RouteType::staticRoutes;
     bool present = false;
-    bool installed = false; // as a row of the sink; a Verification marks there what it found
+    bool installed = false; // as a row of the sink
     bool several = false;   // the kernel has more than one entry of this key, with different IIFs
     bool queued = false;    // waits to be told to the sink
     bool again = false;     // tell the sink even where nothing differs: an interface has another name
@@ -54,6 +54,8 @@ class TableLearner {
 
     RouteEntries& routes() { return routes_; }
     const RouteEntries& routes() const { return routes_; }
+    /// Those that the kernel has.
+    std::size_t routeCount() const { return present_; }
     const std::vector<Vif>& vifs() const { return vifs_; }
 
     /// Puts an entry in line for the sink, where it isn't yet.
@@ -122,6 +124,7 @@ class TableLearner {
     void eraseGone();
     RouteEntry& entryOf(const MfcKey& key);
     bool merge(RouteEntry& entry, const MfcRoute& route);
+    void setPresent(RouteEntry& entry, bool isPresent);
     std::vector<int> oifsOf(const MfcRoute& route, std::vector<int> more) const;
     template <class Gone>
     void strip(Gone gone);
@@ -129,6 +132,7 @@ class TableLearner {
 
     MirrorShared& shared_;
     RouteEntries routes_{State::processHashSeed()};
+    std::size_t present_ = 0;  // of the routes
     std::deque<MfcKey> queue_; // routes that wait to be told to the sink
     std::vector<Vif> vifs_;
     bool dumpWanted_ = true;

@@ -23,11 +23,27 @@ namespace Agent::Kernel {
 /// Why the tables refuse a change; empty: it is done.
 using WhyNot = std::string;
 
+/// The key of the row that a route of the kernel becomes.
+RouteKey rowKey(const MfcKey& key);
+/// The other way round; nothing for a key that no route of the kernel becomes.
+std::optional<MfcKey> kernelKey(const RouteKey& key);
+
+/// Receives the interfaces' names of one row, in any order.
+using RowVisitor = std::function<void(std::span<const std::string_view>)>;
+
+/// A walk over the rows of one table, part by part, while others change the table. A row that is there all the time is
+/// met, once at least; one that comes or goes meanwhile may be met.
+class RowWalk {
+  public:
+    virtual ~RowWalk() = default;
+    /// Visits the keys of up to max further rows; false when none is left.
+    virtual bool next(std::size_t max, const std::function<void(const RouteKey&)>& visit) = 0;
+    /// Rows of the table now.
+    virtual std::size_t size() const = 0;
+};
+
 class TableSink {
   public:
-    /// Receives one row: its key and its interfaces' names, in any order.
-    using RouteVisitor = std::function<void(const MfcKey&, std::span<const std::string_view>)>;
-
     virtual ~TableSink() = default;
 
     /// Enters a VRF with its tables, or switches multicast in it.
@@ -49,7 +65,10 @@ class TableSink {
 
     /// What the tables hold: whether multicast is enabled (nothing where the VRF is not there), and the rows.
     virtual std::optional<bool> multicastEnabled(const VrfConfig& vrf) const = 0;
-    virtual void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const = 0;
+    virtual std::unique_ptr<RowWalk> rows(const VrfConfig& vrf, RouteType type) const = 0;
+    /// Shows one row; false where there is none.
+    virtual bool row(const VrfConfig& vrf, RouteType type, const RouteKey& key,
+                     const RowVisitor& visit) const = 0;
 };
 
 /// The agent's own tables. @param operations outlives them.

@@ -2,6 +2,7 @@
 
 #include "agent/language/AnswerText.h"
 #include "agent/language/Queries.h"
+#include "text/ByteOrderMark.h"
 #include "text/Nearest.h"
 #include "text/TextWriter.h"
 #include "text/Verbs.h"
@@ -22,7 +23,7 @@ std::vector<std::string> linesOf(const std::string& file) {
     std::ifstream in(file);
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
+        lines.emplace_back(lines.empty() ? Text::withoutMark(line) : line);
     if (!in.eof()) // it is not there, or a folder
         throw std::runtime_error(file + ": cannot be read");
     return lines;

@@ -107,7 +107,7 @@ std::string prefixText(const L3::IpGenPrefix& prefix) {
 void collectRoutes(const Operations& operations, Rows& rows) {
     for (const std::string& vrf : vrfNames(operations.host().stores()))
         for (const RouteType type : routeTypes)
-            operations.host().routes().eachRoute(vrf, type, [&](const ShownRoute& route) {
+            operations.host().routes().eachRoute(vrf, type, nullptr, [&](const ShownRoute& route) {
                 rows.push_back({.vrf = vrf,
                                 .group = route.key.group.ipv4().value(),
                                 .source = route.key.source.ipv4().value(),

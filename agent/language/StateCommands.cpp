@@ -93,6 +93,8 @@ void StateCommands::add(Change change) {
     change.raw = raw_;
     change.line = line_;
     noteVrf(change);
+    if (change.op == Op::del && change.attribute.empty())
+        draft_->tableGoes(change.path);
     changes_.push_back(std::move(change));
 }
 
@@ -122,6 +124,9 @@ void StateCommands::vrf(WordReader& words, Op op) {
     if (op == Op::del) {
         add({.op = op, .path = VrfEnabledStatus::path, .attribute = "vrfEnabled", .key = name});
         add({.op = op, .path = RouteStatus::path, .attribute = statusAttribute, .key = name});
+        for (const RouteType type : routeTypes)
+            if (L3::VrfName::whyUnusable(name).empty())
+                add({.op = op, .path = operations_.host().routes().tablePath(name, type)});
         return;
     }
     const bool isNew = !idOf(name);
@@ -160,7 +165,7 @@ void StateCommands::route(WordReader& words, Op op) {
             route.isReady = false;
         else if (!words.accept("none"))
             route.oifs.push_back(words.word("an interface"));
-    for (Change& change : draft_(route))
+    for (Change& change : draft_->changes(route))
         add(std::move(change));
 }
 
@@ -220,10 +225,12 @@ void StateCommands::set(WordReader& words, Op /*op*/) {
 }
 
 void StateCommands::del(WordReader& words, Op /*op*/) {
-    add({.op = Op::del,
-         .path = words.word("a path"),
-         .attribute = words.word("an attribute"),
-         .key = datumOfWord(words.word("a key"))});
+    Change change{.op = Op::del, .path = words.word("a path")};
+    if (!words.atEnd()) {
+        change.attribute = words.word("an attribute");
+        change.key = datumOfWord(words.word("a key"));
+    }
+    add(std::move(change));
 }
 
 std::uint32_t StateCommands::readVrfId(WordReader& words) const {

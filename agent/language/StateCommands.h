@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,7 +67,7 @@ class StateCommands {
 
     const Operations& operations_;
     const bool raw_;
-    RouteDraft draft_;
+    std::unique_ptr<RouteDraft> draft_;
     VrfIds vrfs_; // those that earlier lines named or took back
     std::vector<Change> changes_;
     std::size_t line_ = 0; // that is being read

@@ -61,6 +61,7 @@ TEST(ApplicationTest, WrongOptionsAreNamed) {
         {{"--nothing"}, "--nothing"},
         {{"word"}, "word"},
         {{"--socket"}, "--socket"},
+        {{"--socket", ""}, "--socket: the path is empty"},
         {{"--socket", "/tmp/x", "--stdio"}, " excludes --s"},
         {{"--exit"}, "--exit requires --play"},
         {{"--toggle", "KestrelNatMfibLumen"}, "--toggle: \"KestrelNatMfibLumen\" is not of the form NAME=on"},
@@ -103,7 +104,9 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
         {{"--play", odd, "--exit"}, odd + ":2"},
         {{"--play", typeless, "--exit"}, typeless + ":1: there is no entity or value type \"Nonsense\""},
         {{"--play", sourceless, "--exit"}, sourceless + ":1: there is no kernel source"},
-        {{"--kernel", config}, config},
+        {{"--kernel", config, "--plugin", folder.file("none.so")}, config},
+        {{"--kernel", folder.file("none.json")}, folder.file("none.json") + ": can't be read"},
+        {{"--kernel", folder.file("")}, "is no regular file"},
     };
     for (const Wrong& wrong : cases) {
         for (const bool checkOnly : {false, true}) {
@@ -114,6 +117,7 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
             const Finished finished = runAgent(options);
             EXPECT_EQ(finished.status, 1) << wrong.text;
             EXPECT_NE(finished.err.find(wrong.text), std::string::npos) << finished.err;
+            EXPECT_EQ(finished.err.find("last trace records"), std::string::npos) << finished.err;
             EXPECT_FALSE(std::filesystem::exists(folder.file("s")));
         }
     }

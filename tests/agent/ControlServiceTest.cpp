@@ -4,8 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace AgentTest {
@@ -52,6 +57,48 @@ TEST_F(ControlServiceTest, ADryRunForetellsTheVeryAnswersAndChangesNothing) {
     EXPECT_EQ(client.result("get", json("{'path': 'api/mroute/req'}")), json("{'mrouteReq': []}"));
     EXPECT_EQ(client.result("watch").at("seq"), watched.at("seq"));
     EXPECT_EQ(apply(changes), foretold);
+}
+
+// A dry run whose child takes until it is ended: a list of changes that is refused by none, over and over.
+std::string endless() {
+    std::string lines;
+    for (int i = 0; i < 30'000; ++i)
+        lines += (i == 0 ? "" : ",") + std::string(R"("egress all on","egress all off")");
+    return R"({"jsonrpc":"2.0","id":1,"method":"apply","params":{"dryRun":true,"lines":[)" + lines + "]}}\n";
+}
+
+std::size_t childrenOf(pid_t process) {
+    const std::string name = std::to_string(process);
+    std::ifstream file("/proc/" + name + "/task/" + name + "/children");
+    return static_cast<std::size_t>(
+        std::distance(std::istream_iterator<pid_t>(file), std::istream_iterator<pid_t>()));
+}
+
+template <class Condition>
+bool becomes(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return condition();
+}
+
+// Two at a time, beside everything else; each ends with the client that asked for it, and with the agent.
+TEST_F(ControlServiceTest, DryRunsGoOnBesideTheLoop) {
+    for (unsigned intf = 0; intf < 2000; ++intf)
+        client.result("set", requestChange(requestKey(intf)).with("op", {}));
+    std::optional<RpcClient> askers[] = {agent.client(), agent.client(), agent.client()};
+    for (auto& asker : askers)
+        asker->send(endless());
+    EXPECT_TRUE(becomes([&] { return childrenOf(agent.pid()) == 2; }));
+    client.result("status");
+    EXPECT_EQ(childrenOf(agent.pid()), 2U) << "somebody waited for them";
+    askers[0].reset();
+    askers[2].reset();
+    EXPECT_TRUE(becomes([&] { return childrenOf(agent.pid()) == 1; }));
+    EXPECT_EQ(client.error("apply", json("{'lines': ['', 'dance'], 'dryRun': true}")).at("data").at("line"),
+              2U);
+    EXPECT_EQ(childrenOf(agent.pid()), 1U);
+    EXPECT_EQ(agent.stop(), 0);
 }
 
 TEST_F(ControlServiceTest, TheSchemaTellsWhatRequestsAreHeldAgainst) {

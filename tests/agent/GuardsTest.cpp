@@ -177,11 +177,33 @@ TEST_P(GuardsTest, NamesOfVrfs) {
 
 TEST_P(GuardsTest, MulticastInAVrf) {
     const std::vector<Json> oneTable{vrf("red", 3), table(tablePath(isLumen(), "red"))};
+    const Json noTable = json("{'op': 'del', 'path': %}", tablePath(isLumen(), "red"));
+    check({oneTable, noTable, "it keeps its route tables", "path"});
+    check({joined(tables("red"), {multicast("red")}), noTable, "it keeps its route tables", "path"});
+    check({joined(oneTable, {noTable.with("raw", true)}), multicast("red"), "there is no static route table",
+           "key", isLumen() ? "" : "mcastRouteStatic not mounted"});
     check({oneTable, multicast("red"), "there is no sparse route table", "key",
            isLumen() ? "" : "mcastRouteSparse not mounted"});
     if (isLumen())
         check({vrfInUse("red", 3), removal("lumen/multicast/fib/ipv4/user", "status", "red"),
                "VRF \"red\" is enabled", "key"});
+}
+
+// What a list writes into a table that it makes anew doesn't count on what was in the one that went.
+TEST_P(GuardsTest, TheTablesOfARemovedVrfCanBeMadeAnew) {
+    const TemporaryFolder folder;
+    const AgentProcess agent(folder, options());
+    RpcClient client = agent.client();
+    const std::string route = "route red static 10.0.0.1/32 239.1.1.1/32 oifs ";
+    client.result("apply", json("{'lines': ['vrf red id 3 multicast on', %]}", route + "E1 E2"));
+    client.result("set", request(requestKey()).with("op", {}));
+    const std::string del = "del " + tablePath(isLumen(), "red");
+    for (const std::string& removal : {std::string("no vrf red"), del}) {
+        const Json lines = json("{'lines': ['vrf red multicast off', 'no vrf red', %, %, %, %]}",
+                                route + "E1 E3", removal, "vrf red id 3 multicast on", route + "E2");
+        EXPECT_EQ(client.result("apply", lines).at("answers").at(0).at("value"), json("['E2']"));
+        client.result("apply", json("{'lines': [%]}", route + "E1 E2"));
+    }
 }
 
 TEST_P(GuardsTest, AllVrfs) {

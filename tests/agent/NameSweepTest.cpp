@@ -172,8 +172,14 @@ TEST_F(NameSweepTest, LeavesARefusedRenameToTheNextPut) {
     agent.operations.change(posted(request("makesroom")));
     EXPECT_TRUE(put("uplink"));
     EXPECT_TRUE(table->rename(5, "uplink2"));
-    EXPECT_EQ(agent.get(quillTable, "oifIndexIntf").at(1), json("[2, 'uplink2']"));
-    EXPECT_EQ(agent.get(quillTable, "route").at(0).at(1).at("oifs"), json("[2]"));
+    EXPECT_EQ(agent.get(quillTable, "oifIndexIntf"), std::vector{json("[1, 'uplink2']")});
+    EXPECT_EQ(agent.get(quillTable, "route").at(0).at(1).at("oifs"), json("[1]"));
+
+    // Of a table that was removed, none of it holds.
+    agent.operations.change({.op = Agent::Change::Op::del, .path = quillTable});
+    EXPECT_TRUE(table->rename(5, "uplink3"));
+    EXPECT_TRUE(put("uplink4"));
+    EXPECT_EQ(agent.get(quillTable, "oifIndexIntf"), std::vector{json("[1, 'uplink4']")});
 }
 
 } // namespace

@@ -60,7 +60,7 @@ TEST(ScenarioPlay, GoesOnAfterAnExpectationThatFailsAndNamesEachFaultyLine) {
     const AgentTest::TemporaryFolder folder;
     const std::string file =
         AgentTest::writeFile(folder, "failing.scn",
-                             "vrf red id 3 multicast on\n"
+                             "\xef\xbb\xbfvrf red id 3 multicast on\n"
                              "request mroute intf E5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1\n"
                              "expect mroute intf E5 vrf red vlan 10 source 10.0.0.1 group 239.1.1.1 = E1 E2\n"
                              "route red static 10.0.0.1/32 nonsense oifs E1\n"
@@ -70,6 +70,7 @@ TEST(ScenarioPlay, GoesOnAfterAnExpectationThatFailsAndNamesEachFaultyLine) {
     for (const char* text :
          {".scn:3: mroute answer: expected E1 E2, but it is none", ".scn:4: ", ".scn:5: ", "frobnicate"})
         EXPECT_NE(play.err.find(text), std::string::npos) << play.err;
+    EXPECT_EQ(play.err.find(".scn:1:"), std::string::npos) << play.err;
 }
 
 } // namespace

@@ -214,7 +214,7 @@ TEST_F(ApplyTest, SendsTheFilesLinesAndPrintsTheAnswersThatChanged) {
                           R"({"changed":2,"answers":[{"value":["Ethernet1"],"text":"the answer"}]})");
     });
     const std::string lines =
-        "# a VRF\n\nvrf red id 3\nroute red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet1";
+        "\xef\xbb\xbf# a VRF\n\nvrf red id 3\nroute red static 10.0.0.1/32 239.1.1.1/32 oifs Ethernet1";
     EXPECT_EQ(runCtl(agent, {"apply", write(lines)}).out, "the answer\n");
     EXPECT_EQ(
         agent.requests().back().params,

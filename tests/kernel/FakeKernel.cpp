@@ -122,11 +122,11 @@ void FakeKernel::daemonStop(std::uint32_t table) {
 bool FakeReader::drain(std::size_t max) {
     if (kernel_.lost_) {
         kernel_.lost_ = false;
-        mirror_.overrun();
+        toBoth([](Mirror& mirror) { mirror.overrun(); });
         max = ~std::size_t{0};
     }
     for (; max > 0 && !kernel_.events_.empty(); --max) {
-        mirror_.takeEvent(kernel_.events_.front());
+        toBoth([&](Mirror& mirror) { mirror.takeEvent(kernel_.events_.front()); });
         kernel_.events_.pop_front();
     }
     if (!kernel_.events_.empty())

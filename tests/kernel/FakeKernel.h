@@ -54,6 +54,8 @@ class FakeKernel {
     void daemonStop(std::uint32_t table);
 
     MfcRoute routeOf(std::uint32_t table, const Entry& entry) const;
+    /// Whether no event waits, or was lost unseen.
+    bool isQuiet() const { return events_.empty() && !lost_; }
     void lose() { lost_ = congested_ = true; }
 
     std::map<int, Link> links;
@@ -87,11 +89,18 @@ class FakeReader {
     void settle();
 
     Mirror::Clock::time_point now{};
+    Mirror* other = nullptr; // gets the events too, where there is one
     std::vector<KernelQuery> asked;
 
   private:
     void readAhead(std::size_t chunk);
     void finish();
+    template <class Tell>
+    void toBoth(Tell tell) {
+        for (Mirror* mirror : {&mirror_, other})
+            if (mirror)
+                tell(*mirror);
+    }
 
     FakeKernel& kernel_;
     Mirror& mirror_;

@@ -131,6 +131,52 @@ TEST_P(KernelAgentTest, AfterLostEventsAnswersAreAsIfAskedAnew) {
     EXPECT_TRUE(answers(client) == followed);
 }
 
+// A kernel takes names that the agent doesn't, and any bytes in them.
+TEST_P(KernelAgentTest, RoutesWaitWhileAnInterfaceHasANameThatIsRefused) {
+    ENTER_NET_NAMESPACE();
+    makeInterfaces();
+    MfcFeeder feeder;
+    for (int i = 1; i <= 4; ++i)
+        feeder.vifIs(i - 1, "e" + std::to_string(i));
+    feeder.routeIs(numbered(0), 0, {1});
+    const TemporaryFolder folder;
+    const AgentProcess agent(folder,
+                             {"--toggle", std::string("KestrelNatMfibLumen=") + GetParam(), "--kernel",
+                              writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "default"}]})")});
+    RpcClient client = agent.client();
+    const auto rename = [](const std::string& from, const std::string& to) {
+        shell("ip link set \"$(printf '" + from + "')\" name \"$(printf '" + to + "')\"");
+    };
+    // Interfaces of the routes, and how many wait.
+    const auto shows = [&](std::uint64_t waiting, const std::vector<std::string>& interfaces) {
+        std::vector<std::string> shown;
+        return becomes([&] {
+            const Json vrf = client.result("kernel").at("vrfs").at(0);
+            shown.clear();
+            for (const Json& row : client.result("show", json("{'what': 'routes'}")).at("rows").elements())
+                shown.push_back(row.at("oifs").dump());
+            return vrf.at("pendingCount") == waiting && shown == interfaces;
+        });
+    };
+    for (const char* name : {"e2", "e3"})
+        shell(std::string("ip link set ") + name + " down");
+    EXPECT_TRUE(shows(0, {R"(["e2"])"}));
+    rename("e2", R"(x\001y)");
+    EXPECT_TRUE(shows(1, {R"(["e2"])"})) << "the row keeps the name before";
+    rename("e3", R"(\002)");
+    feeder.routeIs(numbered(1), 0, {2});
+    EXPECT_TRUE(shows(2, {R"(["e2"])"})) << "a route that never had a name the agent takes";
+    const Json vrf = client.result("kernel").at("vrfs").at(0);
+    EXPECT_NE(vrf.at("pending").at(1).at("why").text().find("a control byte"), std::string::npos) << vrf;
+    EXPECT_EQ(vrf.at("vifs").dump(), R"(["e1","x\u0001y","\u0002","e4"])");
+    EXPECT_EQ(client.result("kernel", json("{'verify': true}")).at("differenceCount"), 2);
+
+    rename(R"(x\001y)", "up2");
+    EXPECT_TRUE(shows(1, {R"(["up2"])"}));
+    rename(R"(\002)", "up3");
+    EXPECT_TRUE(shows(0, {R"(["up2"])", R"(["up3"])"}));
+}
+
 INSTANTIATE_TEST_SUITE_P(BothSources, KernelAgentTest, testing::Values("on", "off"),
                          [](const auto& toggle) { return std::string("Lumen_") + toggle.param; });
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -33,7 +35,7 @@ TEST(KernelConfig, ReadsVrfsWithDefaults) {
          {.name = "red", .id = 16777215, .table = 100, .routeType = RouteType::staticRoutes},
          {.name = "blå", .id = 1, .table = 999999999, .routeType = RouteType::sparse}}};
     EXPECT_EQ(config, expected);
-    EXPECT_TRUE(parseKernelConfig(R"({"vrfs": []})", "kernel.json").vrfs.empty());
+    EXPECT_TRUE(parseKernelConfig("\xef\xbb\xbf{\"vrfs\": []}", "kernel.json").vrfs.empty());
     EXPECT_EQ(parseKernelConfig(R"({"vrfs": [{"name": "default", "id": 0, "table": 7}]})", "").vrfs[0].table,
               7u);
 }
@@ -122,7 +124,10 @@ TEST(KernelConfig, ReadsAFileOrSaysWhyNot) {
         return "";
     };
     EXPECT_EQ(problemOf(path), path + ": can't be read: No such file or directory");
-    EXPECT_EQ(problemOf("/"), "/: can't be read: Is a directory");
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    for (const std::string& odd : {std::string("/"), std::string("/dev/zero"), path})
+        EXPECT_EQ(problemOf(odd), odd + ": is no regular file");
+    std::remove(path.c_str());
 }
 
 } // namespace

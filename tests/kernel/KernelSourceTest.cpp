@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <set>
 
 namespace Agent::Kernel::Test {
 namespace {
@@ -46,7 +47,7 @@ class KernelSourceTest : public testing::Test {
     // The names of the route's interfaces in the tables; "absent" where there is no row.
     std::string row(const std::string& vrf) const {
         std::string text = "absent";
-        host.routes().eachRoute(vrf, RouteType::sparse, [&](const ShownRoute& route) {
+        host.routes().eachRoute(vrf, RouteType::sparse, nullptr, [&](const ShownRoute& route) {
             text.clear();
             for (const std::string_view name : route.oifs)
                 text += std::string(name) + " ";
@@ -136,12 +137,43 @@ TEST_F(KernelSourceTest, TriesAgainWhatWasRefusedWhenTheTablesChange) {
     source->reconfigure();
     EXPECT_TRUE(until([&] { return row("blue").empty(); })) << status();
     EXPECT_FALSE(shows(R"("vrf":"red")"));
+    for (const RouteType type : routeTypes)
+        EXPECT_FALSE(host.routes().find("red", type));
 
     // Going takes nothing from the loop's other users, and leaves nothing that is called later.
     feeder.vifDel(0);
     source.reset();
     loop.restart();
     loop.run_for(50ms);
+}
+
+// Whatever becomes of the row at which the walk stands, it meets those that stay.
+TEST_F(KernelSourceTest, AWalkOverRowsMeetsThoseThatStay) {
+    const auto rowOf = [](Ipv4 group) { return rowKey({.source = 1, .group = group}); };
+    const VrfConfig vrf{.name = "default", .table = 253};
+    const auto sink = agentTables(operations);
+    const auto table = host.routes().table("default", RouteType::sparse);
+    const std::function<void()> happenings[] = {
+        [] {},
+        [&] { table->erase(rowOf(2)); },
+        [&] {
+            table->erase(rowOf(2));
+            table->put(rowOf(2), {});
+        },
+    };
+    for (const auto& happen : happenings) {
+        for (const Ipv4 group : {1, 2, 3, 4, 5})
+            table->put(rowOf(group), {});
+        const auto walk = sink->rows(vrf, RouteType::sparse);
+        std::set<RouteKey> met;
+        const auto meet = [&](const RouteKey& key) { met.insert(key); };
+        EXPECT_TRUE(walk->next(2, meet));
+        happen();
+        while (walk->next(2, meet)) {
+        }
+        EXPECT_EQ(met, (std::set{rowOf(1), rowOf(2), rowOf(3), rowOf(4), rowOf(5)}));
+    }
+    EXPECT_EQ(kernelKey(RouteKey{}), std::nullopt);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Anything that can happen in a kernel, at any moment of the reader's work: once it has settled, the tables
-// are what the kernel has.
+// are what the kernel has. A comparison that goes on meanwhile tells each fault of the tables, and nothing else.
+#include "agent/kernel/Verification.h"
 #include "tests/kernel/FakeKernel.h"
 #include "tests/kernel/RecordingSink.h"
 
@@ -82,7 +83,96 @@ class Churn {
         }
     }
 
+    // Compares while everything goes on. One more VRF, whose interfaces stay, has rows that are not the mirror's work.
+    void verify() {
+        const VrfConfig still{.name = "still", .id = 77, .table = 77, .routeType = RouteType::sparse};
+        for (int vif = 0; vif < 3; ++vif) {
+            kernel_.linkIs(20 + vif, "s" + std::to_string(vif));
+            kernel_.vifIs(still.table, vif, 20 + vif);
+        }
+        for (Ipv4 group = 100; group < 120; ++group)
+            kernel_.routeIs(still.table, {.key = {.source = 1, .group = group}, .outputs = 6});
+        config_.vrfs.push_back(still);
+        mirror_.reconfigure(config_);
+        reader_.settle();
+        auto& rows = sink_.vrfs["still"].rows[static_cast<std::size_t>(RouteType::sparse)];
+        std::set<std::string> wrong;
+        for (const char* what : {"missing", "different", "extra"}) {
+            const MfcKey key{.source = 1, .group = static_cast<Ipv4>((*what == 'e' ? 120 : 100) + below(20))};
+            if (*what == 'm')
+                rows.erase(key);
+            else if (*what == 'e' || rows.contains(key))
+                rows[key] = {};
+            else
+                continue;
+            wrong.insert(what + (" sparse " + mfcKeyText(key)));
+        }
+
+        Verification verification(config_, mirror_, sink_, 3);
+        FakeReader fresh(kernel_, verification.fresh());
+        fresh.other = &mirror_;
+        reader_.other = &verification.fresh();
+        configStays_ = true;
+        std::size_t told = 0;
+        bool isDone = false;
+        for (int steps = 0; !isDone; ++steps) {
+            ASSERT_LT(steps, 100'000);
+            for (std::size_t n = below(3); n > 0 && steps < 200; --n) {
+                change();
+                kernel_.routeIs(still.table,
+                                {.key = {.source = 1, .group = 10 + static_cast<Ipv4>(below(9))}});
+                kernel_.routeDel(still.table, MfcKey{.source = 1, .group = 10 + static_cast<Ipv4>(below(9))});
+            }
+            fresh.now = reader_.now += std::chrono::milliseconds(below(2));
+            reader_.drain(below(8));
+            if (mirror_.publishDue())
+                mirror_.publish(1 + below(5));
+            else if (!reader_.step(1 + below(4)) && !fresh.step(1 + below(4)))
+                isDone = verification.step([&](bool) { return reader_.drain(below(8)); });
+            const VerifyResult& result = verification.result();
+            for (told = std::min(told, result.differences.size()); told < result.differences.size(); ++told) {
+                const Difference& one = result.differences[told];
+                if (one.vrf == "still")
+                    wrong.erase(one.what + " " + one.route);
+                EXPECT_TRUE(!kernel_.isQuiet() || holds(one))
+                    << one.vrf << " " << one.what << " " << one.route << ": " << one.kernel << ", tables "
+                    << one.tables;
+            }
+        }
+        EXPECT_TRUE(wrong.empty()) << *wrong.begin() << " was not found";
+    }
+
   private:
+    // Whether the difference is one between the tables and the kernel as both are now.
+    bool holds(const Difference& difference) {
+        const VrfConfig& vrf = *std::ranges::find(config_.vrfs, difference.vrf, &VrfConfig::name);
+        const RecordingSink::VrfRows& rows = sink_.vrfs[vrf.name];
+        std::map<MfcKey, RecordingSink::Row> expected[2];
+        std::map<MfcKey, bool> forwards;
+        for (const FakeKernel::Entry& entry : kernel_.tables[vrf.table].routes)
+            expect(vrf, entry, expected, forwards);
+        if (difference.route.empty())
+            return rows.multicast != std::ranges::any_of(kernel_.tables[vrf.table].vifs, std::identity());
+        for (const RouteType type : routeTypes)
+            for (const auto& [key, isForwarding] : forwards) {
+                const std::size_t at = static_cast<std::size_t>(type);
+                if (std::string(routeTypeText(type)) + " " + mfcKeyText(key) != difference.route)
+                    continue;
+                const auto row = rows.rows[at].find(key);
+                const auto wanted = expected[at].find(key);
+                if (row == rows.rows[at].end() || wanted == expected[at].end())
+                    return row != rows.rows[at].end() || wanted != expected[at].end();
+                return sink_.row(vrf.name, key, type) != textOf(wanted->second);
+            }
+        return difference.what == "extra";
+    }
+    static std::string textOf(const RecordingSink::Row& row) {
+        std::string text;
+        for (const auto& [ifindex, name] : row)
+            text += (text.empty() ? "" : " ") + name;
+        return text.empty() ? "none" : text;
+    }
+
     std::size_t below(std::size_t limit) {
         return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random_);
     }
@@ -156,7 +246,7 @@ class Churn {
                 kernel_.daemonStop(number);
             break;
         case 10:
-            if (below(10) == 0) {
+            if (below(10) == 0 && !configStays_) {
                 configure();
                 mirror_.reconfigure(config_);
             }
@@ -215,6 +305,7 @@ class Churn {
     FakeReader reader_;
     KernelConfig config_;
     bool refusing_ = false;
+    bool configStays_ = false;
     // Then entries that differ in their VIF alone look the same: such are not made.
     bool twoVifsAnInterface_ = false;
 };
@@ -224,6 +315,9 @@ void runAndCompare(std::uint32_t seed) {
     Churn churn(seed, seed % 2 == 0);
     churn.run(20 + static_cast<int>(seed % 80));
     churn.compare();
+    Churn verified(seed, seed % 2 == 0);
+    verified.run(20);
+    verified.verify();
 }
 
 TEST(MirrorModel, TablesEqualTheKernelAfterAnyHistory) {

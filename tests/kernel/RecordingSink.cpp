@@ -112,16 +112,50 @@ std::optional<bool> RecordingSink::multicastEnabled(const VrfConfig& vrf) const 
     return found == vrfs.end() ? std::nullopt : std::optional(found->second.multicast);
 }
 
-void RecordingSink::eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const {
-    auto found = vrfs.find(vrf.name);
-    if (found == vrfs.end())
-        return;
-    for (const auto& [key, row] : found->second.rows[at(type)]) {
-        std::vector<std::string_view> list;
-        for (const auto& [ifindex, name] : row)
-            list.push_back(rowsHoldNames_ ? name : names.at(ifindex));
-        visit(key, list);
+const std::map<MfcKey, RecordingSink::Row>& RecordingSink::tableOf(const std::string& vrf,
+                                                                   RouteType type) const {
+    static const std::map<MfcKey, Row> none;
+    auto found = vrfs.find(vrf);
+    return found == vrfs.end() ? none : found->second.rows[at(type)];
+}
+
+class RecordingSink::Walk final : public RowWalk {
+  public:
+    Walk(const RecordingSink& sink, std::string vrf, RouteType type)
+        : sink_(sink)
+        , vrf_(std::move(vrf))
+        , type_(type) {}
+    bool next(std::size_t max, const std::function<void(const RouteKey&)>& visit) override {
+        const auto& rows = sink_.tableOf(vrf_, type_);
+        auto row = last_ ? rows.upper_bound(*last_) : rows.begin();
+        for (; max > 0 && row != rows.end(); --max, ++row)
+            visit(rowKey(last_.emplace(row->first)));
+        return row != rows.end();
     }
+    std::size_t size() const override { return sink_.tableOf(vrf_, type_).size(); }
+
+  private:
+    const RecordingSink& sink_;
+    std::string vrf_;
+    RouteType type_;
+    std::optional<MfcKey> last_;
+};
+
+std::unique_ptr<RowWalk> RecordingSink::rows(const VrfConfig& vrf, RouteType type) const {
+    return std::make_unique<Walk>(*this, vrf.name, type);
+}
+
+bool RecordingSink::row(const VrfConfig& vrf, RouteType type, const RouteKey& key,
+                        const RowVisitor& visit) const {
+    const auto& rows = tableOf(vrf.name, type);
+    auto found = rows.find(kernelKey(key).value());
+    if (found == rows.end())
+        return false;
+    std::vector<std::string_view> list;
+    for (const auto& [ifindex, name] : found->second)
+        list.push_back(rowsHoldNames_ ? name : names.at(ifindex));
+    visit(list);
+    return true;
 }
 
 std::string RecordingSink::row(const std::string& vrf, const MfcKey& key, RouteType type) const {

@@ -35,7 +35,9 @@ class RecordingSink : public TableSink {
     bool renameInterface(int ifindex, std::string_view name) override;
     void forgetInterface(int ifindex) override;
     std::optional<bool> multicastEnabled(const VrfConfig& vrf) const override;
-    void eachRoute(const VrfConfig& vrf, RouteType type, const RouteVisitor& visit) const override;
+    std::unique_ptr<RowWalk> rows(const VrfConfig& vrf, RouteType type) const override;
+    bool row(const VrfConfig& vrf, RouteType type, const RouteKey& key,
+             const RowVisitor& visit) const override;
 
     /// "e2 e3", sorted by index; "none" for a row without interfaces, "absent" for no row.
     std::string row(const std::string& vrf, const MfcKey& key, RouteType type = RouteType::sparse) const;
@@ -52,6 +54,8 @@ class RecordingSink : public TableSink {
     std::size_t calls = 0;
 
   private:
+    class Walk;
+    const std::map<MfcKey, Row>& tableOf(const std::string& vrf, RouteType type) const;
     void note(const std::string& call);
     VrfRows* entered(const VrfConfig& vrf, const char* call);
 

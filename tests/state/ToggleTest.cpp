@@ -50,6 +50,8 @@ TEST_F(ToggleTest, FileDecidesElseDefault) {
     EXPECT_TRUE(get("a \"q\" \\ / \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\n", false));
     EXPECT_TRUE(get("Absent", true));
     EXPECT_FALSE(get("Absent", false));
+    write("\xef\xbb\xbf{\"On\": true}");
+    EXPECT_TRUE(get("On", false));
     write("{ }");
     EXPECT_FALSE(get("On", false));
     EXPECT_EQ(lines_.size(), 0U);
@@ -58,7 +60,7 @@ TEST_F(ToggleTest, FileDecidesElseDefault) {
 TEST_F(ToggleTest, MalformedFileCountsAsAbsentAndIsReported) {
     const std::pair<std::string, std::string> files[] = {
         {"", "line 1 column 1: expected '{'"},
-        {"\xef\xbb\xbf{}", "line 1 column 1: expected '{'"},
+        {"{}\xef\xbb\xbf", "line 1 column 3: unexpected text after the object"},
         {"{\"On\": true", "line 1 column 12: expected ',' or '}'"},
         {"{\n  \"On\": true\n  \"Off\": false\n}", "line 3 column 3: expected ',' or '}'"},
         {"{\"On\": true,}", "line 1 column 13: expected a name in quotes"},
