@@ -1,31 +1,49 @@
-// Lines of the grammar, as kestrelctl, scenario files and preloaded state have them, carried out in this process.
-#include "agent/language/Language.h"
+// Lines of the grammar, as kestrelctl, scenario files and preloaded state have them, carried out one after the other:
+// what is wrong with a line is told by a Refusal, and then nothing has changed.
+#include "tests/fuzz/FuzzAgent.h"
+#include "tests/fuzz/Require.h"
+
+#include "text/JsonWriter.h"
 #include "text/TextWriter.h"
 
-#include <stdexcept>
-#include <string>
+#include <algorithm>
 #include <string_view>
+
+namespace {
+
+struct Grammar : FuzzAgent {
+    Grammar()
+        : FuzzAgent(true) {}
+};
+
+void tellBoth(const Text::Tell& tell) {
+    std::string people;
+    Text::TextWriter text(people);
+    tell(text);
+    std::string json;
+    Text::JsonWriter writer(json);
+    tell(writer);
+    Agent::Json::parse(json);
+}
+
+} // namespace
 
 // NOLINTNEXTLINE(readability-identifier-naming): the fuzzer's name
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace Agent;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    Host host;
-    host.load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so");
-    Operations operations(host);
-    Language language(operations, [] {});
-    host.start();
-    for (std::size_t begin = 0; begin < size;) {
-        const std::size_t end = std::min(text.find('\n', begin), size);
+    auto& agent = freshAgent<Grammar>();
+    std::string state = agent.state();
+    for (std::size_t begin = 0, end = 0; begin < size; begin = end + 1) {
+        end = std::min(text.find('\n', begin), size);
+        bool isRefused = false;
         try {
-            language.run(text.substr(begin, end - begin), false, [](const Text::Tell& tell) {
-                std::string out;
-                Text::TextWriter writer(out);
-                tell(writer);
-            });
-        } catch (const std::runtime_error&) { // what is wrong with the line
+            agent.language.run(text.substr(begin, end - begin), false, &tellBoth);
+        } catch (const Agent::Refusal&) {
+            isRefused = true;
         }
-        begin = end + 1;
+        std::string now = agent.state();
+        require(!isRefused || now == state, "a line that is refused changes nothing");
+        state = std::move(now);
     }
     return 0;
 }
