@@ -94,13 +94,13 @@ AgentProcess::AgentProcess(const TemporaryFolder& folder, const std::vector<std:
         throw std::runtime_error("pipe2");
     const Agent::Fd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     const Agent::Fd err(::open(errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    const Agent::Fd ownEnd(out[0]);
+    out_ = Agent::Fd(out[0]);
     Agent::Fd itsEnd(out[1]);
     std::vector<std::string> all{"--socket", socket_};
     all.insert(all.end(), options.begin(), options.end());
     process_ = start(all, in.get(), itsEnd.get(), err.get());
     itsEnd.close();
-    const std::string heard = readUntil(ownEnd.get(), "ready\n", std::chrono::seconds(60));
+    const std::string heard = readUntil(out_.get(), "ready\n", std::chrono::seconds(60));
     if (heard.find("ready\n") == std::string::npos) {
         const int status = stop();
         throw std::runtime_error("the agent ended with " + std::to_string(status) + ": " + heard + said());
