@@ -53,17 +53,21 @@ bool mentions(const Datum& datum, std::string_view name) {
            });
 }
 
-// @return whether it is an error.
-bool checkAnswer(const Datum& answer) {
+bool isError(const Datum& answer, std::int64_t code) {
     const Datum* error = member(answer, "error");
-    require((error != nullptr) != (member(answer, "result") != nullptr), "an answer is a result or an error");
-    require(member(answer, "id") != nullptr, "an answer has an id");
-    require(error == nullptr || *member(*error, "code") != Datum(std::int64_t{-32603}),
-            "no error is an internal one");
-    return error != nullptr;
+    return error != nullptr && *member(*error, "code") == Datum(code);
 }
 
-// Whether a request may be one without an answer, and whether it surely is not.
+// @return whether it is an error.
+bool checkAnswer(const Datum& answer) {
+    const bool isRefusal = member(answer, "error") != nullptr;
+    require(isRefusal != (member(answer, "result") != nullptr), "an answer is a result or an error");
+    require(member(answer, "id") != nullptr, "an answer has an id");
+    require(!isError(answer, -32603), "no error is an internal one");
+    return isRefusal;
+}
+
+// Without an id it is one, or no request at all.
 bool mayBeNotification(const Datum& request) {
     return request.record() != nullptr && member(request, "id") == nullptr;
 }
@@ -90,9 +94,11 @@ void serveLine(Server& server, std::string_view line) {
         require(answer.list()->size() >= fewest && answer.list()->size() <= requests.size(),
                 "each request of a batch is answered once");
         std::ranges::for_each(*answer.list(), &checkAnswer);
-    } else if (checkAnswer(answer)) {
-        require(server.state() == before, "a request that is refused changes nothing");
+        return;
     }
+    require(!mayBeNotification(message) || isError(answer, -32600), "a notification is not answered");
+    if (checkAnswer(answer))
+        require(server.state() == before, "a request that is refused changes nothing");
 }
 
 } // namespace
