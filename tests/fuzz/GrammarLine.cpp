@@ -1,13 +1,14 @@
-// Lines of the grammar, as kestrelctl, scenario files and preloaded state have them, carried out one after the other:
-// what is wrong with a line is told by a Refusal, and then nothing has changed.
+// Lines of the grammar, as kestrelctl, scenario files and preloaded state have them, carried out all at once, or where
+// that is refused one after the other: what is wrong is told by a Refusal, and then nothing has changed.
 #include "tests/fuzz/FuzzAgent.h"
 #include "tests/fuzz/Require.h"
 
 #include "text/JsonWriter.h"
 #include "text/TextWriter.h"
 
-#include <algorithm>
-#include <string_view>
+#include <sstream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -26,24 +27,30 @@ void tellBoth(const Text::Tell& tell) {
     Agent::Json::parse(json);
 }
 
+// Whether the work is done; refused, it has changed nothing.
+template <class Work>
+bool isDone(const FuzzAgent& agent, Work work) {
+    const std::string before = agent.state();
+    try {
+        work();
+        return true;
+    } catch (const Agent::Refusal&) {
+        require(agent.state() == before, "what is refused changes nothing");
+        return false;
+    }
+}
+
 } // namespace
 
 // NOLINTNEXTLINE(readability-identifier-naming): the fuzzer's name
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    std::istringstream text(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(text, line);)
+        lines.push_back(line);
     auto& agent = freshAgent<Grammar>();
-    std::string state = agent.state();
-    for (std::size_t begin = 0, end = 0; begin < size; begin = end + 1) {
-        end = std::min(text.find('\n', begin), size);
-        bool isRefused = false;
-        try {
-            agent.language.run(text.substr(begin, end - begin), false, &tellBoth);
-        } catch (const Agent::Refusal&) {
-            isRefused = true;
-        }
-        std::string now = agent.state();
-        require(!isRefused || now == state, "a line that is refused changes nothing");
-        state = std::move(now);
-    }
+    if (!isDone(agent, [&] { agent.operations.apply(agent.language.changes(lines, false)); }))
+        for (const std::string& line : lines)
+            isDone(agent, [&] { agent.language.run(line, false, &tellBoth); });
     return 0;
 }

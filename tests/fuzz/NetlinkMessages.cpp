@@ -1,5 +1,5 @@
-// Messages of the kernel, true or not, taken by a mirror as events and as answers to what it asks. Whatever it was
-// told: once it has read everything again, its tables are those of a mirror that has heard nothing else.
+// Messages of the kernel, true or not, taken as events and as answers by a mirror that is up to date. Whatever it was
+// told: once it has read everything again, its tables are what they were.
 #include "tests/fuzz/Require.h"
 #include "tests/kernel/FakeKernel.h"
 #include "tests/kernel/RecordingSink.h"
@@ -14,24 +14,26 @@ using namespace Agent::Kernel::Test;
 const KernelConfig config{
     {{.name = "default", .id = 0, .table = 253}, {.name = "red", .id = 1, .table = 1000}}};
 
-// What the kernel has: in each table a route to two interfaces, and one to none.
+// The interfaces that the recorded messages tell of.
+constexpr int vifs[] = {3, 5, 6, 7};
+
+// What the kernel has: in each table a route to three interfaces, and one to none.
 FakeKernel quietKernel() {
     FakeKernel kernel;
     kernel.linkIs(1, "lo", true);
-    for (const int ifindex : {3, 5, 7})
+    for (const int ifindex : vifs)
         kernel.linkIs(ifindex, "e" + std::to_string(ifindex));
     for (const VrfConfig& vrf : config.vrfs) {
-        for (const int vif : {0, 1, 2})
-            kernel.vifIs(vrf.table, vif, 3 + 2 * vif);
-        kernel.routeIs(vrf.table, {.key = {.source = 0x0a090102, .group = 0xef010101}, .outputs = 0b110});
+        for (int vif = 0; const int ifindex : vifs)
+            kernel.vifIs(vrf.table, vif++, ifindex);
+        kernel.routeIs(vrf.table, {.key = {.source = 0x0a090102, .group = 0xef010101}, .outputs = 0b1110});
         kernel.routeIs(vrf.table, {.key = {.source = 0x0a090102, .group = 0xef090005}});
     }
     return kernel;
 }
 
 // The tables, once the mirror has caught up with the kernel. A row's interfaces are told by their names.
-std::string settled(Mirror& mirror, RecordingSink& sink) {
-    FakeKernel kernel = quietKernel();
+std::string settled(FakeKernel& kernel, Mirror& mirror, RecordingSink& sink) {
     FakeReader(kernel, mirror).settle();
     std::string text;
     for (const auto& [name, vrf] : sink.vrfs) {
@@ -43,22 +45,16 @@ std::string settled(Mirror& mirror, RecordingSink& sink) {
     return text;
 }
 
-std::string undisturbed() {
-    testing::GTEST_FLAG(throw_on_failure) = true; // what breaks the sink's contract ends the process
-    RecordingSink sink;
-    Mirror mirror(sink);
-    mirror.reconfigure(config);
-    return settled(mirror, sink);
-}
-
 } // namespace
 
 // NOLINTNEXTLINE(readability-identifier-naming): the fuzzer's name
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const std::string expected = undisturbed();
+    testing::GTEST_FLAG(throw_on_failure) = true; // what breaks the sink's contract ends the process
     RecordingSink sink;
     Mirror mirror(sink);
     mirror.reconfigure(config);
+    FakeKernel kernel = quietKernel(); // its own events are over after this
+    const std::string expected = settled(kernel, mirror, sink);
     MessageReader reader(data, size);
     KernelMessage message;
     bool isAsked = false;
@@ -79,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (isAsked)
         mirror.endAnswer(0, false, now);
     mirror.overrun();
-    const std::string tables = settled(mirror, sink);
+    const std::string tables = settled(kernel, mirror, sink);
     require(tables == expected, "after a resync the tables are the kernel's, but they are\n" + tables);
     return 0;
 }

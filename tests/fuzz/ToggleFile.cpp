@@ -15,10 +15,14 @@
 
 namespace {
 
-constexpr const char* name = "KestrelNatMfibLumen";
+// The toggle that is asked for: the first that the file names, if that is one letter. Those asked for are remembered.
+std::string nameIn(std::string_view text) {
+    const std::size_t quote = text.find('"');
+    return std::string(quote < text.size() ? text.substr(quote + 1, 1) : "a");
+}
 
-// The toggle's value in the text of a file; nothing where the text is no file of toggles, or does not have it.
-std::optional<bool> expected(std::string_view text) {
+// Its value in the text of a file; nothing where the text is no file of toggles, or does not have it.
+std::optional<bool> expected(std::string_view text, const std::string& name) {
     std::optional<bool> value;
     try {
         const State::Datum file = Agent::Json::parse(text);
@@ -48,14 +52,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }();
     require(::ftruncate(file, 0) == 0 && ::pwrite(file, data, size, 0) == static_cast<ssize_t>(size),
             "the file takes the input");
-    const auto valueOr = [](bool byDefault) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    const std::string name = nameIn(text);
+    const auto valueOr = [&](bool byDefault) {
         return State::getToggleState(name, std::to_string(file), byDefault);
     };
     const bool value = valueOr(true);
     const std::optional<bool> read = value == valueOr(false) ? std::optional(value) : std::nullopt;
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
     // Names are bytes here, UTF-8 there.
     if (std::ranges::all_of(text, [](char byte) { return static_cast<unsigned char>(byte) < 0x80; }))
-        require(read == expected(text), "the toggle has the value that the JSON gives it");
+        require(read == expected(text, name), "the toggle has the value that the JSON gives it");
     return 0;
 }
