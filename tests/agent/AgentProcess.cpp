@@ -10,6 +10,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -115,7 +116,7 @@ AgentProcess::~AgentProcess() {
 }
 
 std::string AgentProcess::said() const {
-    return textOf(errors_);
+    return std::filesystem::is_fifo(errors_) ? "" : textOf(errors_); // a pipe has its own reader
 }
 
 void AgentProcess::signal(int number) const {

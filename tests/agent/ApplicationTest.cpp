@@ -255,7 +255,7 @@ TEST(ApplicationTest, WhatNobodyReadsItDropsAndCountsAndServesOn) {
     RpcClient client = agent.client();
     const auto dropped = [&] { return client.result("status").at("counters").at("linesDropped").number(); };
     const auto ofThePlay = dropped();
-    EXPECT_GT(ofThePlay, 10'000U); // of standard output; a pipe has 64 KiB
+    EXPECT_GT(ofThePlay, 5'000U); // of standard output: a pipe has 64 KiB, and one read may have emptied it
     auto all = ofThePlay;
     for (int i = 0; i < 5'000 && all == ofThePlay; ++i)
         all = dropped();
