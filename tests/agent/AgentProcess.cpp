@@ -10,6 +10,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -94,13 +95,13 @@ AgentProcess::AgentProcess(const TemporaryFolder& folder, const std::vector<std:
         throw std::runtime_error("pipe2");
     const Agent::Fd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     const Agent::Fd err(::open(errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    const Agent::Fd ownEnd(out[0]);
+    out_ = Agent::Fd(out[0]);
     Agent::Fd itsEnd(out[1]);
     std::vector<std::string> all{"--socket", socket_};
     all.insert(all.end(), options.begin(), options.end());
     process_ = start(all, in.get(), itsEnd.get(), err.get());
     itsEnd.close();
-    const std::string heard = readUntil(ownEnd.get(), "ready\n", std::chrono::seconds(60));
+    const std::string heard = readUntil(out_.get(), "ready\n", std::chrono::seconds(60));
     if (heard.find("ready\n") == std::string::npos) {
         const int status = stop();
         throw std::runtime_error("the agent ended with " + std::to_string(status) + ": " + heard + said());
@@ -115,7 +116,7 @@ AgentProcess::~AgentProcess() {
 }
 
 std::string AgentProcess::said() const {
-    return textOf(errors_);
+    return std::filesystem::is_fifo(errors_) ? "" : textOf(errors_); // a pipe has its own reader
 }
 
 void AgentProcess::signal(int number) const {

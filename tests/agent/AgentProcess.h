@@ -40,7 +40,8 @@ class RpcClient : public TestClient {
 
 class AgentProcess {
   public:
-    /// Starts an agent on a socket in `folder` and waits until it is ready.
+    /// Starts an agent on a socket in `folder` and waits until it is ready. What it says on standard error goes to the
+    /// file agent.err of the folder.
     /// @throws std::runtime_error with what it said when it does not become ready.
     explicit AgentProcess(const TemporaryFolder& folder, const std::vector<std::string>& options = {});
     ~AgentProcess();
@@ -62,6 +63,7 @@ class AgentProcess {
   private:
     std::string socket_;
     std::string errors_;
+    Agent::Fd out_; // its standard output, which nobody reads once it is ready
     pid_t process_ = -1;
 };
 

@@ -6,8 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -93,6 +97,9 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
         stateFile(folder, "request mroute intf Ethernet5 vrf red vlan 10 source any group any\n");
     const std::string odd = writeFile(folder, "odd.scn", "vrf red id 3\ndance\n");
     const std::string typeless = writeFile(folder, "typeless.scn", "schema Nonsense\n");
+    const std::string deep =
+        writeFile(folder, "deep.scn", "set api/mroute/req mrouteReq " + std::string(20'000, '['));
+    const std::string deepConfig = writeFile(folder, "deep.json", R"({"vrfs": )" + std::string(300'000, '['));
     const std::string sourceless = writeFile(folder, "sourceless.scn", "kernel verify\n");
     const std::string config = writeFile(folder, "kernel.json", R"({"vrfs": [{"name": "a/b", "id": 3}]})");
     const Wrong cases[] = {
@@ -107,6 +114,10 @@ TEST(ApplicationTest, FilesThatDoNotServeEndTheStart) {
         {{"--kernel", config, "--plugin", folder.file("none.so")}, config},
         {{"--kernel", folder.file("none.json")}, folder.file("none.json") + ": can't be read"},
         {{"--kernel", folder.file("")}, "is no regular file"},
+        {{"--preload", deep}, deep + ":1: KestrelNat::NatMrouteKey takes an object"},
+        {{"--play", deep, "--exit"}, deep + ":1: KestrelNat::NatMrouteKey takes an object"},
+        {{"--kernel", deepConfig},
+         deepConfig + ": is not JSON: arrays and objects nest deeper than 64 levels"},
     };
     for (const Wrong& wrong : cases) {
         for (const bool checkOnly : {false, true}) {
@@ -221,6 +232,76 @@ TEST(ApplicationTest, OnStandardInputAndOutputItServesOneClientToItsEnd) {
     EXPECT_NE(finished.out.find("\"id\":2,\"result\""), std::string::npos) << finished.out;
 }
 
+// What a service manager hears on its socket; empty: nothing.
+std::string heard(const Agent::Fd& manager) {
+    std::array<char, 256> text{};
+    const ssize_t count = ::recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT);
+    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+}
+
+// What has come through a pipe that is read without waiting.
+std::string takenFrom(const Agent::Fd& pipe) {
+    std::array<char, 65536> block{};
+    std::string text;
+    for (ssize_t count = 0; (count = ::read(pipe.get(), block.data(), block.size())) > 0;)
+        text.append(block.data(), static_cast<std::size_t>(count));
+    return text;
+}
+
+TEST(ApplicationTest, WhatNobodyReadsItDropsAndCountsAndServesOn) {
+    const TemporaryFolder folder;
+    ASSERT_EQ(::mkfifo(folder.file("agent.err").c_str(), 0600), 0);
+    const Agent::Fd errors(::open(folder.file("agent.err").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    std::string lines;
+    for (int i = 0; i < 20'000; ++i)
+        lines += "# a line\n";
+    AgentProcess agent(folder, {"--trace", "Agent=9", "--play", writeFile(folder, "long.scn", lines)});
+    RpcClient client = agent.client();
+    const auto dropped = [&] { return client.result("status").at("counters").at("linesDropped").number(); };
+    const auto ofThePlay = dropped();
+    EXPECT_GT(ofThePlay, 5'000U); // of standard output: a pipe has 64 KiB, and one read may have emptied it
+    auto all = ofThePlay;
+    for (int i = 0; i < 5'000 && all == ofThePlay; ++i)
+        all = dropped();
+    EXPECT_GT(all, ofThePlay); // of standard error
+    EXPECT_NE(takenFrom(errors).find("ControlService::call method=status"), std::string::npos);
+    EXPECT_EQ(dropped(), all);
+    EXPECT_EQ(dropped(), all);
+    const std::string said = takenFrom(errors);
+    const std::string note = std::to_string(all - ofThePlay) + " lines were dropped here\n";
+    EXPECT_TRUE(said.starts_with("kestrel-agent: " + note)) << said;
+    EXPECT_EQ(said.rfind("kestrel-agent: "), 0U) << "it is said once";
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST(ApplicationTest, StartedWithoutStandardStreamsItPutsTheNullDeviceInTheirPlace) {
+    const TemporaryFolder folder;
+    const Agent::Fd manager(boundSocket(SOCK_DGRAM, folder.file("manager")));
+    for (const std::vector<int>& closed : {std::vector{0, 1, 2}, std::vector{1, 2}}) {
+        ::setenv("NOTIFY_SOCKET", folder.file("manager").c_str(), 1);
+        const pid_t agent = ::fork();
+        if (agent == 0) {
+            for (const int fd : closed)
+                ::close(fd);
+            ::execl(KESTREL_BIN_DIR "/kestrel-agent", "kestrel-agent", "--socket", folder.file("s").c_str(),
+                    "--trace", "Agent=9", nullptr);
+            ::_exit(127);
+        }
+        ::unsetenv("NOTIFY_SOCKET");
+        pollfd ready{.fd = manager.get(), .events = POLLIN, .revents = 0};
+        EXPECT_EQ(::poll(&ready, 1, 20'000), 1);
+        EXPECT_EQ(heard(manager), "READY=1");
+        for (const int fd : closed)
+            EXPECT_EQ(
+                std::filesystem::read_symlink("/proc/" + std::to_string(agent) + "/fd/" + std::to_string(fd)),
+                "/dev/null");
+        RpcClient(folder.file("s")).result("status");
+        ::kill(agent, SIGTERM);
+        EXPECT_EQ(endOf(agent), 0);
+        EXPECT_EQ(heard(manager), "STOPPING=1");
+    }
+}
+
 TEST(ApplicationTest, APlayThatFailsSaysBothSidesAndItsStatusTells) {
     const TemporaryFolder folder;
     const std::string unmet = stateFile(
@@ -235,13 +316,6 @@ TEST(ApplicationTest, APlayThatFailsSaysBothSidesAndItsStatusTells) {
     AgentProcess agent(folder, {"--play", unmet});
     EXPECT_EQ(agent.client().result("status").at("ready").at("mrouteSmReady"), true);
     EXPECT_EQ(agent.stop(), 0);
-}
-
-// What a service manager hears on its socket; empty: nothing.
-std::string heard(const Agent::Fd& manager) {
-    std::array<char, 256> text{};
-    const ssize_t count = ::recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT);
-    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
 }
 
 TEST(ApplicationTest, TheServiceManagerIsToldWhenItIsReadyAndWhenItStops) {

@@ -57,6 +57,12 @@ TEST_F(ControlServiceTest, ADryRunForetellsTheVeryAnswersAndChangesNothing) {
     EXPECT_EQ(client.result("get", json("{'path': 'api/mroute/req'}")), json("{'mrouteReq': []}"));
     EXPECT_EQ(client.result("watch").at("seq"), watched.at("seq"));
     EXPECT_EQ(apply(changes), foretold);
+
+    // A refusal too: of a word that nests without end.
+    const Json deep = json("{'lines': [%]}", "set api/mroute/req mrouteReq " + std::string(20'000, '['));
+    const Json refused = client.error("apply", deep);
+    EXPECT_EQ(refused.at("message"), "line 1: KestrelNat::NatMrouteKey takes an object, not a string");
+    EXPECT_EQ(client.error("apply", deep.with("dryRun", true)), refused);
 }
 
 // A dry run whose child takes until it is ended: a list of changes that is refused by none, over and over.

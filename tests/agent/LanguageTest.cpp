@@ -63,6 +63,7 @@ TEST_F(LanguageTest, AFaultyLineIsRefusedBeforeItDoesAnythingAndNamesTheWord) {
         std::optional<std::size_t> word;
         const char* text;
     };
+    const std::string deep(20'000, '[');
     const Case cases[] = {
         {"vrv red", 1, "did you mean \"vrf\"?"},
         {"show nonsense", 2, "weather"},
@@ -82,6 +83,8 @@ TEST_F(LanguageTest, AFaultyLineIsRefusedBeforeItDoesAnythingAndNamesTheWord) {
         {"no egress", 2, "vrf, route, request or group"},
         {"set nowhere nothing 1", 2, "nearest known one"},
         {"request mroute " + flow, 6, "'red' has no identifier"},
+        {"get api/mroute/req mrouteReq " + deep, 4, "takes an object, not a string"},
+        {"set api/mroute/req mrouteReq " + deep, {}, "takes an object, not a string"},
     };
     for (const Case& given : cases) {
         SCOPED_TRACE(given.line);

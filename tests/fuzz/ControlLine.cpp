@@ -1,43 +1,119 @@
-// Lines of the control protocol, through a whole agent in this process: the answer is one line of JSON, or none.
+// Lines of the control protocol, through a whole agent in this process: each request is answered once, a notification
+// never, and what is answered with an error has changed nothing. Raw changes may end the process and a dry run forks:
+// lines that ask for them are left out.
 #include "agent/control/ControlService.h"
-#include "agent/json/Json.h"
+#include "tests/fuzz/FuzzAgent.h"
+#include "tests/fuzz/Require.h"
 
 #include <asio/io_context.hpp>
 
-#include <cstdlib>
-#include <string>
+#include <algorithm>
+#include <chrono>
+#include <optional>
 #include <string_view>
+#include <utility>
+
+namespace {
+
+using State::Datum;
+
+struct Server : FuzzAgent {
+    Server()
+        : FuzzAgent(false) {}
+
+    std::string answer(std::string_view line) {
+        std::optional<std::string> served = rpc.serve(1, line);
+        for (context.restart(); !served && context.run_one_for(std::chrono::seconds(10)) != 0;)
+            served = std::exchange(late, std::nullopt);
+        require(served.has_value(), "every line is served to its end");
+        return *served;
+    }
+
+    asio::io_context context{1};
+    Agent::ControlService service{context, operations, language, log};
+    std::optional<std::string> late;
+    Agent::JsonRpc rpc{context, service,
+                       [this](Agent::ClientId, std::string answer) { late = std::move(answer); }};
+};
+
+const Datum* member(const Datum& datum, std::string_view name) {
+    if (datum.record() != nullptr)
+        for (const auto& [given, content] : *datum.record())
+            if (given == name)
+                return &content;
+    return nullptr;
+}
+
+bool mentions(const Datum& datum, std::string_view name) {
+    const auto isIn = [name](const auto& content) { return mentions(content, name); };
+    if (datum.list() != nullptr)
+        return std::ranges::any_of(*datum.list(), isIn);
+    return datum.record() != nullptr && std::ranges::any_of(*datum.record(), [&](const auto& field) {
+               return field.first == name || isIn(field.second);
+           });
+}
+
+bool isError(const Datum& answer, std::int64_t code) {
+    const Datum* error = member(answer, "error");
+    return error != nullptr && *member(*error, "code") == Datum(code);
+}
+
+// @return whether it is an error.
+bool checkAnswer(const Datum& answer) {
+    const bool isRefusal = member(answer, "error") != nullptr;
+    require(isRefusal != (member(answer, "result") != nullptr), "an answer is a result or an error");
+    require(member(answer, "id") != nullptr, "an answer has an id");
+    require(!isError(answer, -32603), "no error is an internal one");
+    return isRefusal;
+}
+
+// Without an id it is one, or no request at all.
+bool mayBeNotification(const Datum& request) {
+    return request.record() != nullptr && member(request, "id") == nullptr;
+}
+
+void serveLine(Server& server, std::string_view line) {
+    Datum message;
+    try {
+        message = Agent::Json::parse(line);
+    } catch (const Agent::Json::Error&) {
+        require(checkAnswer(Agent::Json::parse(server.answer(line))), "what is no JSON is refused");
+        return;
+    }
+    if (mentions(message, "raw") || mentions(message, "dryRun"))
+        return;
+    const std::string before = server.state();
+    const std::string text = server.answer(line);
+    require(text.find('\n') == std::string::npos, "an answer is one line");
+    const Datum answer = text.empty() ? Datum(Datum::List()) : Agent::Json::parse(text);
+    const Datum::List one{message};
+    const Datum::List& requests = message.list() != nullptr ? *message.list() : one;
+    const auto fewest =
+        requests.size() - static_cast<std::size_t>(std::ranges::count_if(requests, &mayBeNotification));
+    if (answer.list() != nullptr) {
+        require(answer.list()->size() >= fewest && answer.list()->size() <= requests.size(),
+                "each request of a batch is answered once");
+        std::ranges::for_each(*answer.list(), &checkAnswer);
+        return;
+    }
+    require(!mayBeNotification(message) || isError(answer, -32600), "a notification is not answered");
+    if (checkAnswer(answer))
+        require(server.state() == before, "a request that is refused changes nothing");
+}
+
+} // namespace
 
 // NOLINTNEXTLINE(readability-identifier-naming): the fuzzer's name
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace Agent;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    // Raw changes may end the process, and a dry run forks; escapes could hide either.
-    for (const char* excluded : {"raw", "dryRun", "\\u"})
-        if (text.find(excluded) != std::string_view::npos)
-            return 0;
-    asio::io_context context{1};
-    Host host;
-    host.load(KESTREL_LIB_DIR "/libKestrelNatMulticastMounter.so");
-    Operations operations(host);
-    AnswerLog log(host.stores(), operations.names());
-    Language language(operations, [] {});
-    ControlService service(context, operations, language, log);
-    std::string late;
-    JsonRpc rpc(context, service, [&](ClientId /*client*/, std::string answer) { late = std::move(answer); });
-    host.start();
-    for (std::size_t begin = 0; begin < size;) {
-        const std::size_t end = std::min(text.find('\n', begin), size);
-        const std::optional<std::string> answer = rpc.serve(1, text.substr(begin, end - begin));
-        context.restart();
-        context.poll();
-        const std::string& given = answer ? *answer : late;
-        if (given.find('\n') != std::string::npos)
-            std::abort();
-        if (!given.empty())
-            Json::parse(given);
-        begin = end + 1;
+    auto& server = freshAgent<Server>();
+    for (std::size_t begin = 0, end = 0; begin < size; begin = end + 1) {
+        end = std::min(text.find('\n', begin), size);
+        serveLine(server, text.substr(begin, end - begin));
     }
-    rpc.clientGone(1);
+    server.rpc.clientGone(1);
+    require(!checkAnswer(Agent::Json::parse(server.answer(R"({"jsonrpc":"2.0","id":1,"method":"status"})"))),
+            "afterwards the agent still serves");
+    server.rpc.clientGone(1);
     return 0;
 }

@@ -209,6 +209,9 @@ TEST(KernelAgentConfigTest, IsReadAgainOnHupAndAFaultyOneChangesNothing) {
     agent.signal(SIGHUP);
     EXPECT_TRUE(becomes([&] { return agent.said().find(file) != std::string::npos; }));
     EXPECT_NE(agent.said().find("blue"), std::string::npos) << agent.said();
+    writeFile(folder, "kernel.json", std::string(300'000, '['));
+    agent.signal(SIGHUP);
+    EXPECT_TRUE(becomes([&] { return agent.said().find(file + ": is not JSON") != std::string::npos; }));
     EXPECT_EQ(rows(), both);
     feeder.routeIs(numbered(1), 0, {1});
     EXPECT_TRUE(becomes([&] { return rows().at("red") == 2; })) << "it is still followed";
