@@ -1,9 +1,11 @@
 #include "agent/changes/Operations.h"
 
 #include "state/Errors.h"
+#include "state/Fatal.h"
 #include "state/Trace.h"
 #include "text/Words.h"
 
+#include <new>
 #include <unordered_map>
 
 TRACE_FACILITY("Agent");
@@ -181,7 +183,16 @@ GuardMemory Operations::checkEach(std::span<const Change> changes) {
     return facts.memory();
 }
 
+// What needs memory from here on can't be undone, in the plug-in least of all.
 bool Operations::carryOut(const Change& change) {
+    try {
+        return carryOutChecked(change);
+    } catch (const std::bad_alloc&) {
+        FATAL_ASSERT(false, "memory for a change that is being carried out");
+    }
+}
+
+bool Operations::carryOutChecked(const Change& change) {
     const Place place = paths_.at(change.path);
     const State::Attribute* attribute = place.type->attribute(change.attribute);
     bool changed = false;

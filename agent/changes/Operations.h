@@ -89,6 +89,7 @@ class Operations {
     GuardMemory checkEach(std::span<const Change> changes);
     void checkOne(const Change& change, GuardFacts& facts);
     bool carryOut(const Change& change);
+    bool carryOutChecked(const Change& change);
     ApplyResult carryOutAll(std::span<const Change> changes);
 
     Host& host_;

@@ -4,6 +4,7 @@
 #include "state/Trace.h"
 
 #include <algorithm>
+#include <new>
 
 TRACE_FACILITY("Agent");
 
@@ -129,9 +130,22 @@ void ControlService::call(ClientId client, std::string_view name, const State::D
         throw UnknownMethod("there is no " + owner + "; there are " + namesOf(methods_));
     TRACE(8, "ControlService::", "call", " method=", name);
     const Parameters parameters(params, method->parameters, owner);
-    method->carryOut({client, parameters, reply});
+    carryOut(*method, {client, parameters, reply});
     tellWatchers(); // before the answer leaves, so that who waits for the answer has heard what it caused
     onServed_();
+}
+
+// What needs memory while changes are carried out ends the process (Operations), so they are now done or not begun.
+void ControlService::carryOut(const Method& method, const Call& call) {
+    const std::uint64_t before = operations_.counters().changes;
+    try {
+        method.carryOut(call);
+    } catch (const std::bad_alloc&) {
+        throw Refusal(RefusalKind::limit,
+                      operations_.counters().changes == before
+                          ? "out of memory: nothing was changed"
+                          : "out of memory: it was carried out, but what came of it can't be told");
+    }
 }
 
 void ControlService::tellWatchers() {

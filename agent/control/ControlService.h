@@ -110,6 +110,7 @@ class ControlService final : public Dispatcher {
     void addOwnVerbs();
     Text::Tell schemaOf(const std::optional<std::string>& type) const;
     void writeStatus(Text::Writer& writer) const;
+    void carryOut(const Method& method, const Call& call);
     void tellWatchers();
 
     Operations& operations_;

@@ -95,7 +95,8 @@ std::string errorOf(int code, std::string_view message) {
     return text;
 }
 
-// Appends what `tell` writes as the answer; in its place, what it raises as an error.
+// Appends what `tell` writes as the answer; in its place, what it raises as an error. @throws std::bad_alloc: who called
+// the method knows what that means.
 void appendResult(std::string& out, const Datum& id, const Text::Tell& tell) {
     const std::size_t before = out.size();
     const auto fail = [&](int code, const std::exception& error, const Where& where = {}) {
@@ -110,6 +111,8 @@ void appendResult(std::string& out, const Datum& id, const Text::Tell& tell) {
         fail(RpcCode::invalidRequest, error);
     } catch (const UnknownMethod& error) {
         fail(RpcCode::methodNotFound, error);
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception& error) {
         fail(RpcCode::internalError, error);
     }
@@ -194,14 +197,36 @@ struct JsonRpc::Line {
                               "a message has at most " + std::to_string(valueLimit) + " values");
         } catch (const Json::Error& error) {
             answers = errorOf(RpcCode::parseError, error.what());
+        } catch (const std::bad_alloc&) {
+            message = {};
+            answers = errorOf(RpcCode::limitReached, "out of memory: nothing was changed");
         }
     }
 
+    // @throws std::bad_alloc: it is awaited as before.
     void answer(const Text::Tell& tell) {
-        if (isBatch())
-            answers += hasAnswers ? ',' : '[';
+        const std::size_t before = answers.size();
+        try {
+            if (isBatch())
+                answers += hasAnswers ? ',' : '[';
+            appendResult(answers, *awaited, tell);
+        } catch (const std::bad_alloc&) {
+            answers.resize(before);
+            throw;
+        }
         hasAnswers = true;
-        appendResult(answers, *std::exchange(awaited, nullptr), tell);
+        awaited = nullptr;
+    }
+
+    // The answer when `tell` needs more memory than there is.
+    void answerLate(const Text::Tell& tell) {
+        try {
+            answer(tell);
+        } catch (const std::bad_alloc&) {
+            answer([](Text::Writer&) {
+                throw Refusal(RefusalKind::limit, "out of memory: what came of it can't be told");
+            });
+        }
     }
 };
 
@@ -270,9 +295,10 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
         reply = [this, line, id = line->awaited](const Text::Tell& tell) {
             if (line->awaited != id)
                 return;
-            line->answer(tell);
-            if (!line->isServing)
-                wake_(line->client);
+            if (line->isServing)
+                return line->answer(tell);
+            line->answerLate(tell);
+            wake_(line->client);
         };
     }
     try {
