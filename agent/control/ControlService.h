@@ -115,6 +115,7 @@ class ControlService final : public Dispatcher {
     AnswerLog& log_;
     Watchers watchers_;
     PostedTask tellTask_;
+    bool isTelling_ = false; // the last slice was not all
     Sessions* sessions_ = nullptr;
     std::vector<Method> methods_;
     std::vector<std::string> sources_;

@@ -41,9 +41,11 @@ void addSizes(const Operations& operations, const std::string& path, Sizes& size
         sums[std::string(attribute->name())] += attribute->size(*place.entity);
         if (place.kind() != PathKind::routeTables)
             continue;
-        for (const auto& [key, value] : operations.members(path, attribute->name()).members)
+        operations.eachMember(path, attribute->name(), nullptr, [&](const auto& key, const auto&) {
             if (const std::string& name = *key.text(); !name.empty() && name.find('/') == std::string::npos)
                 addSizes(operations, std::string(path).append("/").append(name), sizes);
+            return true;
+        });
     }
 }
 

@@ -106,13 +106,27 @@ class LumenSource final : public RouteSource {
             return;
         ShownRoute shown;
         fib->routes([&](const State::Handle<Route>& route) {
-            shown.key = route->key();
-            shown.oifs.clear();
-            for (const L3::IntfId intf : route->intf())
-                shown.oifs.emplace_back(intf.stringValue());
-            shown.isReady = route->ready() == Route::isReady;
+            read(*route, shown);
             return visit(shown);
         });
+    }
+    void eachKey(std::string_view vrf, RouteType type,
+                 const std::function<void(const RouteKey&)>& visit) const override {
+        if (const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find())
+            fib->routeCollection().visit(nullptr, [&](const RouteKey& key, const auto&) {
+                visit(key);
+                return true;
+            });
+    }
+    void withRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                   const std::function<void(const ShownRoute&)>& visit) const override {
+        const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find();
+        const State::Handle<Route> route = fib ? fib->route(key) : State::Handle<Route>();
+        if (!route)
+            return;
+        ShownRoute shown;
+        read(*route, shown);
+        visit(shown);
     }
 
     RouteDraft draft() const override {
@@ -131,6 +145,14 @@ class LumenSource final : public RouteSource {
     }
 
   private:
+    static void read(const Route& route, ShownRoute& shown) {
+        shown.key = route.key();
+        shown.oifs.clear();
+        for (const L3::IntfId intf : route.intf())
+            shown.oifs.emplace_back(intf.stringValue());
+        shown.isReady = route.ready() == Route::isReady;
+    }
+
     Stores stores_;
 };
 

@@ -189,22 +189,23 @@ class QuillSource final : public RouteSource {
         const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
         if (!table)
             return;
-        ShownRoute shown;
-        std::vector<std::string> unnamed;
-        table->routeCollection().visit(nullptr, [&](const RouteKey& key, const Route& route) {
-            shown.key = key;
-            shown.oifs.clear();
-            unnamed.clear();
-            unnamed.reserve(route.oifs.size()); // what is in it is pointed to
-            for (const std::uint16_t index : route.oifs) {
-                const auto* intf =
-                    index <= OifIndex::null ? table->oifIndexIntfCollection().find(index) : nullptr;
-                shown.oifs.push_back(
-                    intf != nullptr ? std::string_view(intf->stringValue())
-                                    : std::string_view(unnamed.emplace_back("#" + std::to_string(index))));
-            }
-            return visit(shown);
-        });
+        Reader reader(*table);
+        table->routeCollection().visit(
+            nullptr, [&](const RouteKey& key, const Route& route) { return visit(reader.read(key, route)); });
+    }
+    void eachKey(std::string_view vrf, RouteType type,
+                 const std::function<void(const RouteKey&)>& visit) const override {
+        if (const State::Handle<Table> table = TablePlace(stores_, vrf, type).find())
+            table->routeCollection().visit(nullptr, [&](const RouteKey& key, const Route&) {
+                visit(key);
+                return true;
+            });
+    }
+    void withRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                   const std::function<void(const ShownRoute&)>& visit) const override {
+        const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();
+        if (const Route* route = table ? table->routeCollection().find(key) : nullptr)
+            visit(Reader(*table).read(key, *route));
     }
 
     RouteDraft draft() const override { return Draft(stores_); }
@@ -213,6 +214,32 @@ class QuillSource final : public RouteSource {
     }
 
   private:
+    // Reads rows, one at a time, as people see them.
+    class Reader {
+      public:
+        explicit Reader(const Table& table)
+            : intfs_(table.oifIndexIntfCollection()) {}
+
+        const ShownRoute& read(const RouteKey& key, const Route& route) {
+            shown_.key = key;
+            shown_.oifs.clear();
+            unnamed_.clear();
+            unnamed_.reserve(route.oifs.size()); // what is in it is pointed to
+            for (const std::uint16_t index : route.oifs) {
+                const auto* intf = index <= OifIndex::null ? intfs_.find(index) : nullptr;
+                shown_.oifs.push_back(
+                    intf != nullptr ? std::string_view(intf->stringValue())
+                                    : std::string_view(unnamed_.emplace_back("#" + std::to_string(index))));
+            }
+            return shown_;
+        }
+
+      private:
+        const decltype(std::declval<const Table&>().oifIndexIntfCollection())& intfs_;
+        ShownRoute shown_;
+        std::vector<std::string> unnamed_;
+    };
+
     Stores stores_;
 };
 

@@ -81,6 +81,12 @@ class RouteSource {
     /// Visits the rows in table order; visit says whether to go on.
     virtual void eachRoute(std::string_view vrf, RouteType type,
                            const std::function<bool(const ShownRoute&)>& visit) const = 0;
+    /// Visits the keys of all rows in table order, and reads no more of them.
+    virtual void eachKey(std::string_view vrf, RouteType type,
+                         const std::function<void(const RouteKey&)>& visit) const = 0;
+    /// Visits one row, if it is there.
+    virtual void withRoute(std::string_view vrf, RouteType type, const RouteKey& key,
+                           const std::function<void(const ShownRoute&)>& visit) const = 0;
 
     virtual RouteDraft draft() const = 0;
     virtual std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const = 0;

@@ -17,6 +17,8 @@
 
 namespace Agent::Json {
 
+/// Bytes of text after which an answer that comes in pages ends its page.
+constexpr std::size_t pageBytes = std::size_t{64} << 10U;
 /// Levels of arrays and objects in a text.
 constexpr int depthLimit = 64;
 
@@ -33,6 +35,8 @@ State::Datum parse(std::string_view text);
 void write(Text::Writer& writer, const State::Datum& datum);
 /// Plain data as JSON.
 std::string textOf(const State::Datum& datum);
+/// About how many bytes that JSON has.
+std::size_t lengthOf(const State::Datum& datum);
 
 /// Tells a typed value to a writer, field by field from the list that its type has (state/Value.h): the same as its
 /// plain data, without building it.

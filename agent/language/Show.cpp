@@ -2,13 +2,19 @@
 
 #include "agent/json/Json.h"
 #include "agent/language/AnswerText.h"
+#include "agent/language/Least.h"
+#include "agent/language/VrfNames.h"
 #include "records/MrouteGroup.h"
 #include "records/RouteStatus.h"
 #include "state/Value.h"
+#include "text/Words.h"
 
 #include <algorithm>
-#include <set>
-#include <tuple>
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cstring>
+#include <memory>
 
 namespace Agent {
 
@@ -16,144 +22,342 @@ namespace {
 
 using KestrelCommon::MrouteGroup::MgroupColl;
 using KestrelCommon::MrouteGroup::MrouteColl;
+using KestrelL3::IpMcastKey;
 using Routing::Hardware::RouteStatus;
 using Routing::Multicast::Fib::VrfEnabledStatus;
 using State::Datum;
 
-// A row: what it is sorted by, and its cells in the order of the columns.
+// What rows are sorted by, numbers alone: the place of the VRF's name, group, source, then what else tells them apart.
+struct RowKey {
+    std::uint64_t vrf = 0;
+    std::array<std::uint64_t, 6> rest = {};
+    auto operator<=>(const RowKey&) const = default;
+};
+
+// The cells of a row, in the order of the columns.
 struct Row {
-    std::string vrf;
-    std::uint32_t group = 0;
-    std::uint32_t source = 0;
     std::vector<Datum> cells;
     std::string withdrawn = {}; // the words of an answer whose request is gone
 };
 
-using Rows = std::vector<Row>;
-
-// A table that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
-// for people.
-struct Table {
-    std::string name;
-    std::vector<std::string_view> columns;
-    std::function<void(const Operations& operations, Rows& rows)> collect;
-    std::size_t hidden = 0;
+struct RowPage {
+    std::vector<Row> rows;
+    std::string more; // the cursor of the last; empty: there are no more
 };
 
-Row requestRow(const Operations& operations, const RequestKey& key) {
-    const std::string vrf = vrfText(operations, key.vrfId.value());
-    return {.vrf = vrf,
-            .group = key.groupIp.value(),
-            .source = key.sourceIp.value(),
-            .cells = {vrf, addressText(key.sourceIp), addressText(key.groupIp), key.intf.stringValue(),
-                      std::uint64_t{key.vlanId}}};
+// ---- cursors ------------------------------------------------------------------------------------------------
+
+// A cursor is a sort key, with the name of the VRF instead of its place: numbers in base 16, "." between them, then
+// ":" and the name, if the VRF has one.
+constexpr char numberEnd = '.';
+constexpr char nameBegin = ':';
+
+std::string cursorOf(const RowKey& key, const VrfNames& vrfs) {
+    std::string cursor;
+    for (const std::uint64_t number : key.rest) {
+        std::array<char, 16> digits; // NOLINT(cppcoreguidelines-pro-type-member-init)
+        const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), number, 16).ptr;
+        cursor.append(static_cast<const char*>(digits.data()), end) += numberEnd;
+    }
+    cursor.pop_back();
+    if (key.vrf != VrfNames::nameless)
+        (cursor += nameBegin) += vrfs.nameAt(key.vrf);
+    return cursor;
+}
+
+// Nothing for a text that is no cursor.
+struct Cursor {
+    std::array<std::uint64_t, 6> rest = {};
+    std::optional<std::string_view> vrf; // none: the VRF had no name
+};
+
+std::optional<Cursor> readCursor(std::string_view text) {
+    Cursor cursor;
+    const char* at = text.data();
+    const char* const end = text.data() + text.size();
+    for (std::uint64_t& number : cursor.rest) {
+        if (&number != cursor.rest.data() && (at == end || *at++ != numberEnd))
+            return std::nullopt;
+        const auto [next, error] = std::from_chars(at, end, number, 16);
+        if (error != std::errc())
+            return std::nullopt;
+        at = next;
+    }
+    if (at == end)
+        return cursor;
+    if (*at != nameBegin)
+        return std::nullopt;
+    cursor.vrf = std::string_view(at + 1, end);
+    return cursor;
+}
+
+// ---- pages --------------------------------------------------------------------------------------------------
+
+// What a page is made of: where it begins, and how many rows it may have.
+struct PageFrame {
+    PageFrame(const Operations& operations_, const ShowQuery& query)
+        : operations(operations_)
+        , vrfs(operations_)
+        , limit(query.limit.value_or(ShowQuery::pageRows)) {
+        if (!query.after)
+            return;
+        const Cursor cursor = *readCursor(*query.after);
+        behind = {.vrf = cursor.vrf ? vrfs.placeOf(*cursor.vrf) : VrfNames::nameless, .rest = cursor.rest};
+    }
+
+    // One row more than it may have tells whether there are more.
+    template <class Kept>
+    Least<RowKey, Kept> picker() const {
+        return Least<RowKey, Kept>(limit + 1, behind);
+    }
+
+    // Makes the rows of what was picked.
+    template <class Kept, class MakeRow>
+    RowPage page(Least<RowKey, Kept> picked, MakeRow makeRow) const {
+        RowPage page;
+        std::size_t bytes = 0;
+        const auto items = std::move(picked).take();
+        for (const auto& [key, kept] : items) {
+            if (page.rows.size() == limit || bytes >= Json::pageBytes) {
+                page.more = cursorOf(items[page.rows.size() - 1].key, vrfs);
+                break;
+            }
+            page.rows.push_back(makeRow(kept));
+            for (const Datum& cell : page.rows.back().cells)
+                bytes += Json::lengthOf(cell);
+        }
+        return page;
+    }
+
+    const Operations& operations;
+    VrfNames vrfs;
+    std::size_t limit;
+    std::optional<RowKey> behind;
+};
+
+// An address as two numbers that order as it does among those of its family.
+std::array<std::uint64_t, 2> numbersOf(const L3::IpGenAddr& address) {
+    std::array<std::uint64_t, 2> numbers{};
+    std::memcpy(numbers.data(), address.bytes().data(), sizeof numbers);
+    for (std::uint64_t& number : numbers)
+        if constexpr (std::endian::native == std::endian::little)
+            number = __builtin_bswap64(number);
+    return numbers;
+}
+
+// ---- answers and requests -----------------------------------------------------------------------------------
+
+struct AskedRow {
+    const Service* service;
+    RequestKey key;
+    bool isWithdrawn = false;
+};
+
+// The sort keys of a service's requests. Places of VRFs are kept by the last bits of their identifiers: there are many
+// requests, of few VRFs.
+class RequestOrder {
+  public:
+    RequestOrder(const VrfNames& vrfs, const Service& service)
+        : vrfs_(vrfs)
+        , service_(service.index()) {}
+
+    RowKey operator()(const RequestKey& key) {
+        const std::uint32_t vrfId = key.vrfId.value();
+        Known& known = known_[vrfId % known_.size()];
+        if (known.vrfId != vrfId)
+            known = {.vrfId = vrfId, .place = vrfs_.placeOf(vrfId)};
+        return {.vrf = known.place,
+                .rest = {vrfId, key.groupIp.value(), key.sourceIp.value(), service_, key.intf.number(),
+                         std::uint64_t{key.vlanId} << 8U | static_cast<std::uint64_t>(key.type)}};
+    }
+
+  private:
+    struct Known {
+        std::uint32_t vrfId = UINT32_MAX; // none's
+        std::uint64_t place = 0;
+    };
+
+    const VrfNames& vrfs_;
+    std::uint64_t service_;
+    std::array<Known, 1024> known_ = {};
+};
+
+std::vector<Datum> requestCells(const PageFrame& frame, const RequestKey& key) {
+    return {frame.vrfs.text(key.vrfId.value()), addressText(key.sourceIp), addressText(key.groupIp),
+            key.intf.stringValue(), std::uint64_t{key.vlanId}};
 }
 
 // Requests with their answers, and answers whose request is gone.
-void collectAnswers(const Operations& operations, const Service& of, Rows& rows) {
-    const State::Store& database = *operations.host().stores().database;
-    const RequestSet& requests = of.requests(database);
-    const auto add = [&](const RequestKey& key, const Answer& answer) {
-        rows.push_back(requestRow(operations, key));
-        rows.back().cells.push_back(toDatum(answer));
-        rows.back().cells.push_back(State::toDatum(key.type));
-    };
+RowPage answersPage(const PageFrame& frame, const Service& service) {
+    const State::Store& database = *frame.operations.host().stores().database;
+    const RequestSet& requests = service.requests(database);
+    auto picker = frame.picker<AskedRow>();
+    RequestOrder orderOf(frame.vrfs, service);
     for (const RequestKey& key : requests.walk())
-        add(key, of.answer(database, key));
-    of.eachAnswer(database, [&](const RequestKey& key, const Answer& answer) {
-        if (requests.has(key))
-            return;
-        add(key, answer);
-        rows.back().withdrawn = answerWords(answer, "") + " (withdrawn)";
+        picker.offer(orderOf(key), {.service = &service, .key = key});
+    service.eachAnswered(database, [&](const RequestKey& key) {
+        const RowKey place = orderOf(key);
+        if (picker.takes(place) && !requests.has(key))
+            picker.offer(place, {.service = &service, .key = key, .isWithdrawn = true});
+    });
+    return frame.page(std::move(picker), [&](const AskedRow& asked) {
+        const Answer answer = service.answer(database, asked.key);
+        Row row{.cells = requestCells(frame, asked.key)};
+        row.cells.push_back(toDatum(answer));
+        row.cells.push_back(State::toDatum(asked.key.type));
+        if (asked.isWithdrawn)
+            row.withdrawn = answerWords(answer, "") + " (withdrawn)";
+        return row;
     });
 }
 
-void collectRequests(const Operations& operations, Rows& rows) {
-    for (const Service& service : services())
-        for (const RequestKey& key : service.requests(*operations.host().stores().database).walk()) {
-            Row row = requestRow(operations, key);
-            row.cells.insert(row.cells.begin(), Datum(service.name));
-            row.cells.push_back(State::toDatum(key.type));
-            rows.push_back(std::move(row));
-        }
-}
-
-std::set<std::string> vrfNames(const Stores& stores) {
-    std::set<std::string> names;
-    for (const auto& [name, status] : stores.inDatabase<RouteStatus>()->vrfStatus())
-        names.insert(name.stringValue());
-    for (const auto& [name, isOn] : stores.inDatabase<VrfEnabledStatus>()->vrfEnabled())
-        names.insert(name.stringValue());
-    return names;
-}
-
-void collectVrfs(const Operations& operations, Rows& rows) {
-    const Stores& stores = operations.host().stores();
-    for (const std::string& name : vrfNames(stores)) {
-        const auto status = stores.inDatabase<RouteStatus>()->vrfStatus(name);
-        Row row{.vrf = name,
-                .cells = {name, status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
-                          stores.inDatabase<VrfEnabledStatus>()->vrfEnabled(name)}};
-        for (const RouteType type : routeTypes)
-            row.cells.emplace_back(std::uint64_t{operations.host().routes().routes(name, type)});
-        rows.push_back(std::move(row));
+RowPage requestsPage(const PageFrame& frame) {
+    const State::Store& database = *frame.operations.host().stores().database;
+    auto picker = frame.picker<AskedRow>();
+    for (const Service& service : services()) {
+        RequestOrder orderOf(frame.vrfs, service);
+        for (const RequestKey& key : service.requests(database).walk())
+            picker.offer(orderOf(key), {.service = &service, .key = key});
     }
+    return frame.page(std::move(picker), [&](const AskedRow& asked) {
+        Row row{.cells = requestCells(frame, asked.key)};
+        row.cells.insert(row.cells.begin(), Datum(asked.service->name));
+        row.cells.push_back(State::toDatum(asked.key.type));
+        return row;
+    });
+}
+
+// ---- VRFs and routes ----------------------------------------------------------------------------------------
+
+// Calls visit(name, place) for each VRF from that on where the page begins, in order, until it answers false.
+template <class Visit>
+void eachVrf(const PageFrame& frame, Visit visit) {
+    for (const std::string_view name : frame.vrfs.all()) {
+        const std::uint64_t place = frame.vrfs.placeOf(name);
+        if ((!frame.behind || place >= frame.behind->vrf) && !visit(name, place))
+            return;
+    }
+}
+
+RowPage vrfsPage(const PageFrame& frame) {
+    const Host& host = frame.operations.host();
+    auto picker = frame.picker<std::string_view>();
+    eachVrf(frame, [&](std::string_view name, std::uint64_t place) {
+        picker.offer({.vrf = place}, name);
+        return !picker.isFull();
+    });
+    return frame.page(std::move(picker), [&](std::string_view name) {
+        const auto status = host.stores().inDatabase<RouteStatus>()->vrfStatus(name);
+        Row row{.cells = {name, status ? Datum(std::uint64_t{status->vrfId()}) : Datum(),
+                          host.stores().inDatabase<VrfEnabledStatus>()->vrfEnabled(name)}};
+        for (const RouteType type : routeTypes)
+            row.cells.emplace_back(std::uint64_t{host.routes().routes(name, type)});
+        return row;
+    });
 }
 
 std::string prefixText(const L3::IpGenPrefix& prefix) {
     return prefix == L3::IpGenPrefix() ? "any" : prefix.stringValue();
 }
 
-void collectRoutes(const Operations& operations, Rows& rows) {
-    for (const std::string& vrf : vrfNames(operations.host().stores()))
-        for (const RouteType type : routeTypes)
-            operations.host().routes().eachRoute(vrf, type, [&](const ShownRoute& route) {
-                rows.push_back({.vrf = vrf,
-                                .group = route.key.group.ipv4().value(),
-                                .source = route.key.source.ipv4().value(),
-                                .cells = {vrf, routeTypeText(type), prefixText(route.key.source),
-                                          route.key.group.stringValue(),
-                                          Datum::List(route.oifs.begin(), route.oifs.end()), route.isReady}});
-                return true;
-            });
+struct RouteRow {
+    std::string_view vrf;
+    RouteType type;
+    RouteKey key;
+};
+
+// What tells routes of one group and source apart.
+std::uint64_t otherOf(const RouteKey& key, RouteType type) {
+    const auto ofPrefix = [](const L3::IpGenPrefix& prefix) {
+        return static_cast<std::uint64_t>(prefix.address().family()) << 8U | prefix.length();
+    };
+    return static_cast<std::uint64_t>(type) << 32U | ofPrefix(key.group) << 16U | ofPrefix(key.source);
 }
 
-void collectGroups(const Operations& operations, Rows& rows) {
-    const auto& tables = *operations.host().stores().tables;
+RowPage routesPage(const PageFrame& frame) {
+    const RouteSource& routes = frame.operations.host().routes();
+    auto picker = frame.picker<RouteRow>();
+    eachVrf(frame, [&](std::string_view vrf, std::uint64_t place) {
+        for (const RouteType type : routeTypes)
+            routes.eachKey(vrf, type, [&](const RouteKey& key) {
+                const auto group = numbersOf(key.group.address());
+                const auto source = numbersOf(key.source.address());
+                picker.offer(
+                    {.vrf = place, .rest = {group[0], group[1], source[0], source[1], otherOf(key, type), 0}},
+                    {.vrf = vrf, .type = type, .key = key});
+            });
+        return !picker.isFull();
+    });
+    return frame.page(std::move(picker), [&](const RouteRow& kept) {
+        Row row;
+        routes.withRoute(kept.vrf, kept.type, kept.key, [&](const ShownRoute& route) {
+            row.cells = {kept.vrf,
+                         routeTypeText(kept.type),
+                         prefixText(route.key.source),
+                         route.key.group.stringValue(),
+                         Datum::List(route.oifs.begin(), route.oifs.end()),
+                         route.isReady};
+        });
+        return row;
+    });
+}
+
+// ---- hardware groups ----------------------------------------------------------------------------------------
+
+RowPage groupsPage(const PageFrame& frame) {
+    const auto& tables = *frame.operations.host().stores().tables;
     const auto config = State::handleCast<MrouteColl>(tables.entity(MrouteColl::path));
     const auto status = State::handleCast<MgroupColl>(tables.entity(MgroupColl::path));
-    const auto add = [&](const KestrelL3::IpMcastKey& key, bool isWanted, const Datum& id) {
-        const std::string vrf = vrfText(operations, key.vrfId);
-        rows.push_back({.vrf = vrf,
-                        .group = key.group.ipv4().value(),
-                        .source = key.source.ipv4().value(),
-                        .cells = {vrf, addressText(key.source), addressText(key.group),
-                                  std::uint64_t{key.vlanId}, isWanted, id}});
+    const auto isWanted = [&](const IpMcastKey& key) {
+        return config && config->mroutesCollection().has(key);
+    };
+    auto picker = frame.picker<IpMcastKey>();
+    const auto orderOf = [&](const IpMcastKey& key) -> RowKey {
+        const auto group = numbersOf(key.group);
+        const auto source = numbersOf(key.source);
+        const auto families = static_cast<std::uint64_t>(key.group.family()) << 8U |
+                              static_cast<std::uint64_t>(key.source.family());
+        return {.vrf = frame.vrfs.placeOf(key.vrfId),
+                .rest = {key.vrfId, group[0], group[1], source[0], source[1], families << 16U | key.vlanId}};
     };
     if (config)
-        for (const KestrelL3::IpMcastKey& key : config->mroutesCollection().walk()) {
-            const auto* item = status->mgroupsCollection().find(key);
-            add(key, true, item == nullptr ? Datum() : Datum(std::uint64_t{item->groupId}));
-        }
-    for (const auto& [key, item] : status->mgroups())
-        if (!config || !config->mroutesCollection().has(key))
-            add(key, false, Datum(std::uint64_t{item.groupId}));
+        for (const IpMcastKey& key : config->mroutesCollection().walk())
+            picker.offer(orderOf(key), key);
+    for (const auto& [key, item] : status->mgroups()) {
+        const RowKey place = orderOf(key);
+        if (picker.takes(place) && !isWanted(key))
+            picker.offer(place, key);
+    }
+    return frame.page(std::move(picker), [&](const IpMcastKey& key) {
+        const auto* item = status->mgroupsCollection().find(key);
+        return Row{.cells = {frame.vrfs.text(key.vrfId), addressText(key.source), addressText(key.group),
+                             std::uint64_t{key.vlanId}, isWanted(key),
+                             item == nullptr ? Datum() : Datum(std::uint64_t{item->groupId})}};
+    });
 }
+
+// ---- what is shown ------------------------------------------------------------------------------------------
+
+// A table that can be shown. Columns are the names of the rows' members, of which the last `hidden` are left out
+// for people.
+struct Table {
+    std::string name;
+    std::vector<std::string_view> columns;
+    std::function<RowPage(const PageFrame& frame)> page;
+    std::size_t hidden = 0;
+};
 
 std::vector<Table> tables() {
     std::vector<Table> all;
     for (const Service& service : services())
         all.push_back({std::string(service.name),
                        {"vrf", "source", "group", "intf", "vlan", service.answerColumn, "type"},
-                       [&service](const Operations& operations, Rows& rows) {
-                           collectAnswers(operations, service, rows);
-                       },
+                       [&service](const PageFrame& frame) { return answersPage(frame, service); },
                        1});
-    all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &collectVrfs});
-    all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &collectRoutes});
-    all.push_back(
-        {"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &collectRequests});
-    all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &collectGroups});
+    all.push_back({"vrfs", {"vrf", "id", "multicast", "static", "sparse"}, &vrfsPage});
+    all.push_back({"routes", {"vrf", "type", "source", "group", "oifs", "ready"}, &routesPage});
+    all.push_back({"requests", {"service", "vrf", "source", "group", "intf", "vlan", "type"}, &requestsPage});
+    all.push_back({"groups", {"vrf", "source", "group", "vlan", "wanted", "id"}, &groupsPage});
     return all;
 }
 
@@ -172,11 +376,7 @@ void writeRow(Text::Writer& writer, std::span<const std::string_view> columns, c
     writer.end();
 }
 
-void write(Text::Writer& writer, const Operations& operations, const Table& table) {
-    Rows rows;
-    table.collect(operations, rows);
-    std::ranges::stable_sort(rows, {},
-                             [](const Row& row) { return std::tie(row.vrf, row.group, row.source); });
+void write(Text::Writer& writer, const Table& table, const RowPage& page) {
     const bool isRecord = !writer.isForPeople();
     if (isRecord) {
         writer.beginRecord();
@@ -185,20 +385,37 @@ void write(Text::Writer& writer, const Operations& operations, const Table& tabl
     }
     const auto columns = std::span(table.columns).first(table.columns.size() - (isRecord ? 0 : table.hidden));
     writer.beginTable(columns);
-    for (const Row& row : rows)
+    for (const Row& row : page.rows)
         writeRow(writer, columns, row);
     writer.end();
+    if (!page.more.empty() && isRecord)
+        writer.member("more", page.more);
+    else if (!page.more.empty())
+        writer.value("more: " + Text::joinWords({"after", page.more}));
     if (isRecord)
         writer.end();
 }
 
 } // namespace
 
+void checkPage(const Shown& shown, const ShowQuery& query) {
+    if (!shown.hasPages && (query.limit || query.after))
+        throw Refusal(shown.name + " is told whole, not in pages",
+                      {.field = query.limit ? "limit" : "after"});
+    if (query.limit && (*query.limit == 0 || *query.limit > ShowQuery::pageRows))
+        throw Refusal("a page has 1 to " + std::to_string(ShowQuery::pageRows) + " rows", {.field = "limit"});
+    if (query.after && !readCursor(*query.after))
+        throw Refusal("after takes what an earlier page gave as \"more\"", {.field = "after"});
+}
+
 std::vector<Shown> shownTables(const Operations& operations) {
     std::vector<Shown> all;
     for (const Table& table : tables())
-        all.emplace_back(table.name,
-                         [&operations, table](Text::Writer& writer) { write(writer, operations, table); });
+        all.push_back({table.name, [&operations, table](const ShowQuery& query) -> Text::Tell {
+                           const auto page =
+                               std::make_shared<RowPage>(table.page(PageFrame(operations, query)));
+                           return [table, page](Text::Writer& writer) { write(writer, table, *page); };
+                       }});
     return all;
 }
 
