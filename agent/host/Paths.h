@@ -40,6 +40,8 @@ class Paths {
     void enter(const Place& place, const State::Handle<State::Entity>& entity) const;
 
     static std::span<const PathShape> shapes();
+    /// The shape that a path is of; null for a path outside the table.
+    static const PathShape* shapeOf(std::string_view path);
 
   private:
     State::Handle<State::Entity> find(const Place& place) const;
