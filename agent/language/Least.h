@@ -1,7 +1,7 @@
 // The least of many: picks a page of what has an order, in one pass over what is kept in another.
 //
 // Rows are offered in any order, each by its sort key; those behind the end of the page before that are the least are
-// kept, and no others: memory and work per row are bounded whatever the order. `show` (Show.cpp) and the snapshots
+// kept, and no others: memory and work per row are bounded whatever the order. `show` (RowPage.h) and the snapshots
 // that watchers get (control/Snapshot.cpp) are picked by it.
 #pragma once
 

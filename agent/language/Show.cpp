@@ -2,8 +2,7 @@
 
 #include "agent/json/Json.h"
 #include "agent/language/AnswerText.h"
-#include "agent/language/Least.h"
-#include "agent/language/VrfNames.h"
+#include "agent/language/RowPage.h"
 #include "records/MrouteGroup.h"
 #include "records/RouteStatus.h"
 #include "state/Value.h"
@@ -12,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <charconv>
 #include <cstring>
 #include <memory>
 
@@ -26,114 +24,6 @@ using KestrelL3::IpMcastKey;
 using Routing::Hardware::RouteStatus;
 using Routing::Multicast::Fib::VrfEnabledStatus;
 using State::Datum;
-
-// What rows are sorted by, numbers alone: the place of the VRF's name, group, source, then what else tells them apart.
-struct RowKey {
-    std::uint64_t vrf = 0;
-    std::array<std::uint64_t, 6> rest = {};
-    auto operator<=>(const RowKey&) const = default;
-};
-
-// The cells of a row, in the order of the columns.
-struct Row {
-    std::vector<Datum> cells;
-    std::string withdrawn = {}; // the words of an answer whose request is gone
-};
-
-struct RowPage {
-    std::vector<Row> rows;
-    std::string more; // the cursor of the last; empty: there are no more
-};
-
-// ---- cursors ------------------------------------------------------------------------------------------------
-
-// A cursor is a sort key, with the name of the VRF instead of its place: numbers in base 16, "." between them, then
-// ":" and the name, if the VRF has one.
-constexpr char numberEnd = '.';
-constexpr char nameBegin = ':';
-
-std::string cursorOf(const RowKey& key, const VrfNames& vrfs) {
-    std::string cursor;
-    for (const std::uint64_t number : key.rest) {
-        std::array<char, 16> digits; // NOLINT(cppcoreguidelines-pro-type-member-init)
-        const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), number, 16).ptr;
-        cursor.append(static_cast<const char*>(digits.data()), end) += numberEnd;
-    }
-    cursor.pop_back();
-    if (key.vrf != VrfNames::nameless)
-        (cursor += nameBegin) += vrfs.nameAt(key.vrf);
-    return cursor;
-}
-
-// Nothing for a text that is no cursor.
-struct Cursor {
-    std::array<std::uint64_t, 6> rest = {};
-    std::optional<std::string_view> vrf; // none: the VRF had no name
-};
-
-std::optional<Cursor> readCursor(std::string_view text) {
-    Cursor cursor;
-    const char* at = text.data();
-    const char* const end = text.data() + text.size();
-    for (std::uint64_t& number : cursor.rest) {
-        if (&number != cursor.rest.data() && (at == end || *at++ != numberEnd))
-            return std::nullopt;
-        const auto [next, error] = std::from_chars(at, end, number, 16);
-        if (error != std::errc())
-            return std::nullopt;
-        at = next;
-    }
-    if (at == end)
-        return cursor;
-    if (*at != nameBegin)
-        return std::nullopt;
-    cursor.vrf = std::string_view(at + 1, end);
-    return cursor;
-}
-
-// ---- pages --------------------------------------------------------------------------------------------------
-
-// What a page is made of: where it begins, and how many rows it may have.
-struct PageFrame {
-    PageFrame(const Operations& operations_, const ShowQuery& query)
-        : operations(operations_)
-        , vrfs(operations_)
-        , limit(query.limit.value_or(ShowQuery::pageRows)) {
-        if (!query.after)
-            return;
-        const Cursor cursor = *readCursor(*query.after);
-        behind = {.vrf = cursor.vrf ? vrfs.placeOf(*cursor.vrf) : VrfNames::nameless, .rest = cursor.rest};
-    }
-
-    // One row more than it may have tells whether there are more.
-    template <class Kept>
-    Least<RowKey, Kept> picker() const {
-        return Least<RowKey, Kept>(limit + 1, behind);
-    }
-
-    // Makes the rows of what was picked.
-    template <class Kept, class MakeRow>
-    RowPage page(Least<RowKey, Kept> picked, MakeRow makeRow) const {
-        RowPage page;
-        std::size_t bytes = 0;
-        const auto items = std::move(picked).take();
-        for (const auto& [key, kept] : items) {
-            if (page.rows.size() == limit || bytes >= Json::pageBytes) {
-                page.more = cursorOf(items[page.rows.size() - 1].key, vrfs);
-                break;
-            }
-            page.rows.push_back(makeRow(kept));
-            for (const Datum& cell : page.rows.back().cells)
-                bytes += Json::lengthOf(cell);
-        }
-        return page;
-    }
-
-    const Operations& operations;
-    VrfNames vrfs;
-    std::size_t limit;
-    std::optional<RowKey> behind;
-};
 
 // An address as two numbers that order as it does among those of its family.
 std::array<std::uint64_t, 2> numbersOf(const L3::IpGenAddr& address) {
@@ -183,16 +73,16 @@ class RequestOrder {
 };
 
 std::vector<Datum> requestCells(const PageFrame& frame, const RequestKey& key) {
-    return {frame.vrfs.text(key.vrfId.value()), addressText(key.sourceIp), addressText(key.groupIp),
+    return {frame.vrfs().text(key.vrfId.value()), addressText(key.sourceIp), addressText(key.groupIp),
             key.intf.stringValue(), std::uint64_t{key.vlanId}};
 }
 
 // Requests with their answers, and answers whose request is gone.
 RowPage answersPage(const PageFrame& frame, const Service& service) {
-    const State::Store& database = *frame.operations.host().stores().database;
+    const State::Store& database = *frame.operations().host().stores().database;
     const RequestSet& requests = service.requests(database);
     auto picker = frame.picker<AskedRow>();
-    RequestOrder orderOf(frame.vrfs, service);
+    RequestOrder orderOf(frame.vrfs(), service);
     for (const RequestKey& key : requests.walk())
         picker.offer(orderOf(key), {.service = &service, .key = key});
     service.eachAnswered(database, [&](const RequestKey& key) {
@@ -212,10 +102,10 @@ RowPage answersPage(const PageFrame& frame, const Service& service) {
 }
 
 RowPage requestsPage(const PageFrame& frame) {
-    const State::Store& database = *frame.operations.host().stores().database;
+    const State::Store& database = *frame.operations().host().stores().database;
     auto picker = frame.picker<AskedRow>();
     for (const Service& service : services()) {
-        RequestOrder orderOf(frame.vrfs, service);
+        RequestOrder orderOf(frame.vrfs(), service);
         for (const RequestKey& key : service.requests(database).walk())
             picker.offer(orderOf(key), {.service = &service, .key = key});
     }
@@ -232,15 +122,15 @@ RowPage requestsPage(const PageFrame& frame) {
 // Calls visit(name, place) for each VRF from that on where the page begins, in order, until it answers false.
 template <class Visit>
 void eachVrf(const PageFrame& frame, Visit visit) {
-    for (const std::string_view name : frame.vrfs.all()) {
-        const std::uint64_t place = frame.vrfs.placeOf(name);
-        if ((!frame.behind || place >= frame.behind->vrf) && !visit(name, place))
+    for (const std::string_view name : frame.vrfs().all()) {
+        const std::uint64_t place = frame.vrfs().placeOf(name);
+        if (frame.reaches(place) && !visit(name, place))
             return;
     }
 }
 
 RowPage vrfsPage(const PageFrame& frame) {
-    const Host& host = frame.operations.host();
+    const Host& host = frame.operations().host();
     auto picker = frame.picker<std::string_view>();
     eachVrf(frame, [&](std::string_view name, std::uint64_t place) {
         picker.offer({.vrf = place}, name);
@@ -275,7 +165,7 @@ std::uint64_t otherOf(const RouteKey& key, RouteType type) {
 }
 
 RowPage routesPage(const PageFrame& frame) {
-    const RouteSource& routes = frame.operations.host().routes();
+    const RouteSource& routes = frame.operations().host().routes();
     auto picker = frame.picker<RouteRow>();
     eachVrf(frame, [&](std::string_view vrf, std::uint64_t place) {
         for (const RouteType type : routeTypes)
@@ -305,7 +195,7 @@ RowPage routesPage(const PageFrame& frame) {
 // ---- hardware groups ----------------------------------------------------------------------------------------
 
 RowPage groupsPage(const PageFrame& frame) {
-    const auto& tables = *frame.operations.host().stores().tables;
+    const auto& tables = *frame.operations().host().stores().tables;
     const auto config = State::handleCast<MrouteColl>(tables.entity(MrouteColl::path));
     const auto status = State::handleCast<MgroupColl>(tables.entity(MgroupColl::path));
     const auto isWanted = [&](const IpMcastKey& key) {
@@ -317,7 +207,7 @@ RowPage groupsPage(const PageFrame& frame) {
         const auto source = numbersOf(key.source);
         const auto families = static_cast<std::uint64_t>(key.group.family()) << 8U |
                               static_cast<std::uint64_t>(key.source.family());
-        return {.vrf = frame.vrfs.placeOf(key.vrfId),
+        return {.vrf = frame.vrfs().placeOf(key.vrfId),
                 .rest = {key.vrfId, group[0], group[1], source[0], source[1], families << 16U | key.vlanId}};
     };
     if (config)
@@ -330,7 +220,7 @@ RowPage groupsPage(const PageFrame& frame) {
     }
     return frame.page(std::move(picker), [&](const IpMcastKey& key) {
         const auto* item = status->mgroupsCollection().find(key);
-        return Row{.cells = {frame.vrfs.text(key.vrfId), addressText(key.source), addressText(key.group),
+        return Row{.cells = {frame.vrfs().text(key.vrfId), addressText(key.source), addressText(key.group),
                              std::uint64_t{key.vlanId}, isWanted(key),
                              item == nullptr ? Datum() : Datum(std::uint64_t{item->groupId})}};
     });
@@ -404,7 +294,7 @@ void checkPage(const Shown& shown, const ShowQuery& query) {
                       {.field = query.limit ? "limit" : "after"});
     if (query.limit && (*query.limit == 0 || *query.limit > ShowQuery::pageRows))
         throw Refusal("a page has 1 to " + std::to_string(ShowQuery::pageRows) + " rows", {.field = "limit"});
-    if (query.after && !readCursor(*query.after))
+    if (query.after && !isCursor(*query.after))
         throw Refusal("after takes what an earlier page gave as \"more\"", {.field = "after"});
 }
 
@@ -412,8 +302,9 @@ std::vector<Shown> shownTables(const Operations& operations) {
     std::vector<Shown> all;
     for (const Table& table : tables())
         all.push_back({table.name, [&operations, table](const ShowQuery& query) -> Text::Tell {
-                           const auto page =
-                               std::make_shared<RowPage>(table.page(PageFrame(operations, query)));
+                           const PageFrame frame(operations, query.limit.value_or(ShowQuery::pageRows),
+                                                 query.after);
+                           const auto page = std::make_shared<RowPage>(table.page(frame));
                            return [table, page](Text::Writer& writer) { write(writer, table, *page); };
                        }});
     return all;

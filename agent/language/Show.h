@@ -1,7 +1,7 @@
 // `show mroute|mgroup|vrfs|routes|requests|groups`: what the stores hold, as rows in order, page by page.
 //
-// A page is picked in one pass over the keys (Least.h); cells are made of its rows alone. A row is found again by its
-// place in the order, so rows that come and go between two pages neither hide others nor show them twice.
+// A page is picked in one pass over the keys (RowPage.h, Least.h); cells are made of its rows alone. Rows that come and
+// go between two pages neither hide others nor show them twice.
 #pragma once
 
 #include "agent/changes/Operations.h"
