@@ -66,12 +66,13 @@ const Watchers::Watcher* Watchers::nextInTurn(const Sessions& sessions) {
 }
 
 // Sends a notification to all for whom it is meant, which notes for each that it is told: put into words once for
-// each form.
+// each form. Ends after so much text that copying it takes a slice: who is left is told on another turn.
 template <class IsMeant, class WriteLine>
 void Watchers::tellAll(const char* method, Sessions& sessions, IsMeant isMeant, WriteLine write) {
     std::array<std::string, 2> lines; // without text and with it; empty: not put into words yet
+    std::size_t bytes = 0;
     std::erase_if(watchers_, [&](Watcher& watcher) {
-        if (!isOpen(watcher, sessions) || !isMeant(watcher))
+        if (bytes >= sliceBytes || !isOpen(watcher, sessions) || !isMeant(watcher))
             return false;
         std::string& line = lines[watcher.withText ? 1 : 0];
         if (line.empty()) {
@@ -85,6 +86,7 @@ void Watchers::tellAll(const char* method, Sessions& sessions, IsMeant isMeant, 
             writer.end();
             writer.end();
         }
+        bytes += line.size();
         return !sessions.notify(watcher.client, line);
     });
 }

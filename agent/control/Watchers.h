@@ -28,6 +28,8 @@ class Watchers {
     static constexpr std::size_t waitingLimit = 256U << 10U;
     /// Time after which a slice ends.
     static constexpr std::chrono::microseconds sliceTime{500};
+    /// Bytes of one line, told to many, after which a slice ends.
+    static constexpr std::size_t sliceBytes = 1U << 20U;
 
     /// All outlive it.
     Watchers(const Operations& operations, const AnswerLog& log)
