@@ -254,8 +254,9 @@ void measureWatch(const Servers& servers) {
     Bench::Report report("a changed answer told to a watcher, of 16,000", "us", "echo us");
     Bench::LineClient writer(servers.agentPath);
     Bench::LineClient watcher(servers.agentPath);
-    succeed(writer, applyAll("set", requestMember));
     watcher.exchange(call("watch", ""), 1);
+    succeed(writer, applyAll("set", requestMember));
+    watcher.exchange("", flows);
     const auto routes = [](std::string_view interfaces) {
         return applyAll("set", [&](std::size_t flow) { return routeMember(flow, interfaces); });
     };

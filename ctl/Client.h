@@ -26,11 +26,14 @@ class AgentError : public std::runtime_error {
   public:
     /// The code of an `expect` that did not hold.
     static constexpr int expectationFailed = -32001;
+    /// That of what is too large or too many.
+    static constexpr int limitReached = -32002;
 
     /// @param error the error object of the answer.
     explicit AgentError(const Message& error);
 
     bool isExpectation() const { return object_.findNumber("code") == expectationFailed; }
+    bool isLimit() const { return object_.findNumber("code") == limitReached; }
     /// Whether a word of the line is wrong that the user gave on the command line.
     bool isUsage() const;
     /// The whole error object.

@@ -107,16 +107,19 @@ void addLine(CLI::App& app, CommandLine& line, const Text::VerbHelp& verb) {
     CLI::App& command = *app.add_subcommand(std::string(verb.name), std::string(verb.summary));
     command.formatter(std::make_shared<LineFormatter>(std::string(verb.forms)));
     command.footer(std::string(verb.notes));
-    const CLI::Range members(std::uint64_t{1}, std::uint64_t{1'000'000});
+    const CLI::Range some(std::uint64_t{1}, std::uint64_t{1'000'000});
     if (verb.changes)
         command.add_flag("--raw", line.isRaw, rawHelp);
     if (verb.name == "get") {
-        addWordOption(command, line, "limit", "At most so many members")->type_name("N")->check(members);
-        addWordOption(command, line, "after", "Members behind this one: JSON, or a word")->type_name("KEY");
-    } else if (verb.name == "trace") {
-        addWordOption(command, line, "last", "The ring's last so many records")
+        addWordOption(command, line, "limit", "A page of at most so many members")
             ->type_name("N")
-            ->check(members);
+            ->check(some);
+        addWordOption(command, line, "after", "Members behind this one: JSON, or a word")->type_name("KEY");
+    } else if (verb.name == "show") {
+        addWordOption(command, line, "limit", "A page of at most so many rows")->type_name("N")->check(some);
+        addWordOption(command, line, "after", "Rows behind an earlier page")->type_name("CURSOR");
+    } else if (verb.name == "trace") {
+        addWordOption(command, line, "last", "The ring's last so many records")->type_name("N")->check(some);
     }
     command.callback([&line, &verb] {
         if (needsWords(verb) && line.words.empty())

@@ -1,6 +1,7 @@
 #include "ctl/Commands.h"
 
 #include "ctl/Client.h"
+#include "ctl/Pages.h"
 #include "text/ByteOrderMark.h"
 #include "text/Words.h"
 
@@ -54,16 +55,34 @@ void tellFlag(Text::Writer& params, const char* name, bool isSet) {
         params.member(name, true);
 }
 
+// The answer to a line, or to that which asks for its first page.
+Message ask(Client& client, Pages& pages, bool isRaw, const Output& output) {
+    for (;;) {
+        try {
+            return client.call("command", [&](Text::Writer& params) {
+                params.member("line", Text::joinWords(pages.words()));
+                tellFlag(params, "raw", isRaw);
+                tellFlag(params, "text", !output.isJson);
+            });
+        } catch (const AgentError& refusal) {
+            if (!pages.beginAfter(refusal))
+                throw;
+        }
+    }
+}
+
 } // namespace
 
 int runLine(Client& client, const LineCommand& command, const Output& output) {
-    const Message answer = client.call("command", [&](Text::Writer& params) {
-        params.member("line", Text::joinWords(command.words));
-        tellFlag(params, "raw", command.isRaw);
-        tellFlag(params, "text", !output.isJson);
-    });
-    output.out << (output.isJson ? answer.at("result").json() + "\n" : answer.text("text"));
-    return exitDone;
+    Pages pages(command.words);
+    for (;;) {
+        const Message answer = ask(client, pages, command.isRaw, output);
+        const bool hasMore = pages.goOn(answer);
+        output.out << (output.isJson ? answer.at("result").json() + "\n"
+                                     : pages.textAmongOthers(answer.text("text")));
+        if (!hasMore)
+            return exitDone;
+    }
 }
 
 int runApply(Client& client, const ApplyCommand& command, const Output& output) {

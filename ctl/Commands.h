@@ -38,6 +38,7 @@ struct ApplyCommand {
     bool isRaw = false; // past the agent's guards
 };
 
+/// Asks for page after page of what comes in pages, unless a limit is given, and prints them as they come.
 int runLine(Client& client, const LineCommand& command, const Output& output);
 /// @throws std::runtime_error when the file can't be read or is no UTF-8, naming file and line.
 int runApply(Client& client, const ApplyCommand& command, const Output& output);

@@ -29,43 +29,53 @@ class Watcher {
             params.member("text", true);
     }
 
-    // The answer to `watch`: the changes that were missed, or the answers as they are.
+    // The answer to `watch`: the first answers as they are, or word that what was missed follows.
     void begin(const Message& answer) {
-        std::string instance = answer.text("instance");
-        if (output_.isJson) {
-            output_.out << answer.json() << '\n';
-        } else {
-            if (!since_.instance.empty() && answer.isTrue("lost"))
-                output_.err << "kestrelctl: the changes since then are not known any more; these are all "
-                               "answers now\n";
-            for (const char* list : {"snapshot", "changes"})
-                for (const Message& change : answer.list(list))
-                    output_.out << change.text("text") << '\n';
-        }
-        since_ = {.instance = std::move(instance), .seq = seqOf(answer)};
-        hasBegun_ = true;
+        instance_ = answer.text("instance");
+        takeAnswers(answer, "snapshot");
     }
 
-    void changed(const Message& change) {
-        output_.out << (output_.isJson ? change.json() : change.text("text")) << '\n';
-        since_.seq = seqOf(change);
+    // A change, or more of the answers as they are.
+    void notified(const Message& told) {
+        if (told.find("answers"))
+            return takeAnswers(told, "answers");
+        output_.out << (output_.isJson ? told.json() : told.text("text")) << '\n';
+        since_.seq = seqOf(told);
     }
 
     void tellHowToGoOn() const {
         output_.out.flush();
-        if (hasBegun_)
+        if (isWhole_)
             output_.err << "kestrelctl: go on with watch --since " << since_.instance << ':' << since_.seq
                         << '\n';
     }
 
   private:
+    void takeAnswers(const Message& told, const char* list) {
+        if (output_.isJson)
+            output_.out << told.json() << '\n';
+        else if (told.isTrue("lost"))
+            tellOfLoss();
+        if (!output_.isJson)
+            for (const Message& answer : told.list(list))
+                output_.out << answer.text("text") << '\n';
+        since_ = {.instance = instance_, .seq = seqOf(told)};
+        isWhole_ = !told.isTrue("more");
+    }
+    // Behind what was printed before, if both go to the same place.
+    void tellOfLoss() const {
+        output_.out.flush();
+        output_.err
+            << "kestrelctl: changes were lost; these are all answers now; what is not among them is gone\n";
+    }
     static std::uint64_t seqOf(const Message& message) {
         return static_cast<std::uint64_t>(message.number("seq"));
     }
 
     WatchCommand since_; // what has been printed
     const Output& output_;
-    bool hasBegun_ = false;
+    std::string instance_;
+    bool isWhole_ = false; // all answers have been seen as they are or were
 };
 
 std::string durationText(std::chrono::milliseconds duration) {
@@ -115,7 +125,7 @@ int runWatch(Client& client, const WatchCommand& command, const Output& output) 
             const std::optional<Message> change = client.notification();
             if (!change)
                 break;
-            watcher.changed(*change);
+            watcher.notified(*change);
         }
     } catch (const ConnectionError&) {
         watcher.tellHowToGoOn();

@@ -27,6 +27,8 @@ for line in lines:
     message = json.loads(line)
     if "error" in message:
         sys.exit(message["error"]["message"])
-    change = message.get("params", {})
-    if message.get("method") == "changed" and change["attribute"] == "mrouteResp" and change["key"] == key:
+    told = message.get("params")  # a change, or answers as they are
+    for change in told.get("answers", [told]) if told else []:
+        if change["attribute"] != "mrouteResp" or change["key"] != key:
+            continue
         print("no answer" if change["value"] is None else " ".join(change["value"]) or "no interfaces", flush=True)

@@ -86,10 +86,10 @@ void appendPrintable(std::string& out, std::string_view text) {
 
 } // namespace
 
-std::vector<TraceRecord> traceRecordsSince(std::uint64_t first) {
+std::vector<TraceRecord> traceRecordsSince(std::uint64_t first, std::size_t most) {
     std::vector<TraceRecord> records;
     TraceRingWalk walk(traceRing);
-    while (walk.next())
+    while (records.size() < most && walk.next())
         if (walk.number() >= first)
             records.push_back(readRecord(walk));
     if (walk.isDamaged())

@@ -35,9 +35,9 @@ struct TraceRecord {
     std::string message;
 };
 
-/// The records from number `first` on, or the `count` latest, oldest first. A record that cannot be read says
-/// so in its message; where the ring is damaged, one such record ends the list.
-std::vector<TraceRecord> traceRecordsSince(std::uint64_t first);
+/// The records from number `first` on, at most so many, or the `count` latest, oldest first. A record that cannot be
+/// read says so in its message; where the ring is damaged, one such record ends the list.
+std::vector<TraceRecord> traceRecordsSince(std::uint64_t first, std::size_t most = SIZE_MAX);
 std::vector<TraceRecord> traceRecordsLast(std::size_t count);
 /// Number of the next record; of the oldest that is still in the ring (equal: none is).
 std::uint64_t traceNext();

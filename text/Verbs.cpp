@@ -52,11 +52,16 @@ constexpr VerbHelp table[] = {
      .summary = "Read a value or a collection",
      .forms = "  get PATH [ATTRIBUTE [KEY] [limit N] [after KEY]]\n",
      .notes =
-         "Without ATTRIBUTE, all of them; limit: at most so many members; after: those behind this one.\n"
+         "Without ATTRIBUTE, all of them; limit: a page, at most so many members, up to 1000; after: those "
+         "behind\nthis one. kestrelctl without limit reads page after page.\n"
          "KEY is JSON; a word that is none is a string."},
     {.name = "show",
      .summary = "Show answers, requests, VRFs, routes or groups as a table",
-     .forms = "  show mroute|mgroup|vrfs|routes|requests|groups|status\n"},
+     .forms = "  show mroute|mgroup|vrfs|routes|requests|groups [limit N] [after CURSOR]\n"
+              "  show status\n",
+     .notes =
+         "A page has at most 512 rows; more: after CURSOR behind it names the next. kestrelctl without limit "
+         "shows all."},
     {.name = "expect",
      .summary = "Hold an answer, or the trace, against what it should be",
      .forms = "  expect mroute intf INTF vrf VRF vlan N source ADDRESS|any group ADDRESS|any = "
@@ -68,8 +73,10 @@ constexpr VerbHelp table[] = {
     {.name = "trace",
      .summary = "Show or set trace levels, or read the trace ring",
      .forms = "  trace [FACILITY LEVEL]\n"
-              "  trace last N\n",
-     .notes = "LEVEL is 0 (the least) to 9; last: the ring's last N records."},
+              "  trace last N [after NUMBER]\n",
+     .notes =
+         "LEVEL is 0 (the least) to 9; last: the ring's last N records, of which a page has at most 512; "
+         "after: the\nfirst N behind that one."},
     {.name = "schema",
      .summary = "Tell what can be read, set and called",
      .forms = "  schema [TYPE]\n",

@@ -40,8 +40,7 @@ void AnswerListener::notified(void* self, const State::Notification& change) {
 }
 
 AnswerLog::AnswerLog(const Stores& stores, NameSweep& names)
-    : stores_(stores)
-    , instance_(randomName()) {
+    : instance_(randomName()) {
     names.add([this](L3::IntfUnion& carried) { addInterfaces(carried); });
     listener_.emplace(stores, [this](AnswerChange change) { append(std::move(change)); });
 }
@@ -61,15 +60,6 @@ void AnswerLog::addInterfaces(L3::IntfUnion& carried) const {
         if (const auto* oifs = std::get_if<KestrelNat::NatMrouteOifSet>(&change.answer))
             carried.add(oifs->oif());
     }
-}
-
-std::vector<AnswerChange> AnswerLog::snapshot() const {
-    std::vector<AnswerChange> answers;
-    for (const Service& service : services())
-        service.eachAnswer(*stores_.database, [&](const RequestKey& key, const Answer& answer) {
-            answers.push_back({.service = &service, .key = key, .answer = answer});
-        });
-    return answers;
 }
 
 } // namespace Agent

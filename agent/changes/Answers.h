@@ -73,14 +73,10 @@ class AnswerLog {
     /// The change of that number, which is held.
     const AnswerChange& change(std::uint64_t seq) const { return changes_[(seq - 1) % heldChanges]; }
 
-    /// All answers as they are now, in iteration order, service by service.
-    std::vector<AnswerChange> snapshot() const;
-
   private:
     void append(AnswerChange change);
     void addInterfaces(L3::IntfUnion& carried) const;
 
-    Stores stores_;
     std::string instance_;
     std::vector<AnswerChange> changes_; // number n at (n - 1) % heldChanges
     std::uint64_t last_ = 0;

@@ -106,8 +106,8 @@ std::optional<Datum> Operations::value(std::string_view path, std::string_view n
     return place.entity ? std::optional(attribute.value(*place.entity)) : std::nullopt;
 }
 
-Page Operations::members(std::string_view path, std::string_view name, const Datum* after,
-                         std::size_t limit) const {
+std::size_t Operations::eachMember(std::string_view path, std::string_view name, const Datum* after,
+                                   const State::MemberVisitor& visit) const {
     const Asking asking;
     const Place place = paths_.at(path);
     const State::Attribute& attribute = attributeOf(place, name);
@@ -115,16 +115,10 @@ Page Operations::members(std::string_view path, std::string_view name, const Dat
         refuse(path, name, "attribute", std::string(name) + " is a single value, no collection");
     if (after != nullptr && !findMember(paths_, place, attribute, *after))
         refuse(path, name, "after", "there is no such member any more to go on after: begin again");
-    Page page;
-    if (place.entity) {
-        page.size = attribute.size(*place.entity);
-        if (limit > 0)
-            attribute.walk(*place.entity, after, [&](const Datum& key, const Datum& value) {
-                page.members.emplace_back(key, value);
-                return page.members.size() < limit;
-            });
-    }
-    return page;
+    if (!place.entity)
+        return 0;
+    attribute.walk(*place.entity, after, visit);
+    return attribute.size(*place.entity);
 }
 
 void Operations::checkOne(const Change& change, GuardFacts& facts) {
@@ -257,12 +251,6 @@ ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
     return result;
 }
 
-std::optional<std::string> Operations::vrfNameOf(std::uint32_t vrfId) const {
-    const auto entries = host_.stores().inDatabase<Routing::Hardware::RouteStatus>();
-    for (const auto& [name, entry] : entries->vrfStatus())
-        if (entry->vrfId() == vrfId && GuardFacts::isIdentified(name, vrfId))
-            return name.stringValue();
-    return std::nullopt;
 }
 
 } // namespace Agent

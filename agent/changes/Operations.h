@@ -30,12 +30,6 @@ struct ApplyResult {
     std::vector<AnswerChange> answers; // as each is in the end, in order of its first change
 };
 
-/// A page of a collection.
-struct Page {
-    std::vector<std::pair<State::Datum, State::Datum>> members; // key, value (null for a set's)
-    std::size_t size = 0;                                       // members of the whole collection
-};
-
 class Operations {
   public:
     /// @param host outlives it; the plug-in has been loaded.
@@ -50,11 +44,12 @@ class Operations {
     /// @throws Refusal for an unknown path or attribute, or a key that is none.
     std::optional<State::Datum> value(std::string_view path, std::string_view attribute,
                                       const State::Datum* key = nullptr) const;
-    /// Members in iteration order, at most `limit`, from the first or from the one behind `after`. None when there
-    /// is no entity at the path.
+    /// Visits members in iteration order with visit(key, value) until it answers false, from the first or from the
+    /// one behind `after`; the value of a set's is null. None when there is no entity at the path.
+    /// @return how many members the whole collection has.
     /// @throws Refusal for an unknown path or attribute, or when `after` is no member.
-    Page members(std::string_view path, std::string_view attribute, const State::Datum* after = nullptr,
-                 std::size_t limit = SIZE_MAX) const;
+    std::size_t eachMember(std::string_view path, std::string_view attribute, const State::Datum* after,
+                           const State::MemberVisitor& visit) const;
 
     /// Checks and carries out one change; true if something changed. @throws Refusal
     bool change(const Change& change);
@@ -64,10 +59,6 @@ class Operations {
     /// Checks all, then carries out all in order in one turn.
     /// @throws Refusal as check() does; nothing was changed then.
     ApplyResult apply(std::span<const Change> changes);
-
-    /// The name of the VRF that has an identifier; nothing when there is none. An identifier of 0 is none, except for
-    /// the VRF "default".
-    std::optional<std::string> vrfNameOf(std::uint32_t vrfId) const;
 
     Host& host() const { return host_; }
     /// Who holds interfaces beside the stores adds itself; who names them directly does so in its roomFor().

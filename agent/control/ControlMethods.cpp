@@ -136,33 +136,36 @@ void apply(Operations& operations, Language& language, DryRuns& dryRuns, const C
     });
 }
 
+// What a client that comes back heard last, if what came after it is still held, and it names this run of the agent.
+std::optional<std::uint64_t> heldSince(const AnswerLog& log, const Datum& since) {
+    const Parameters parts(*since.record(), sinceParameters, "\"since\"");
+    const std::uint64_t seq = *parts.number("seq");
+    const bool isHeld =
+        *parts.text("instance") == log.instance() && seq <= log.last() && seq + 1 >= log.oldest();
+    return isHeld ? std::optional(seq) : std::nullopt;
+}
+
 void watch(const Operations& operations, const AnswerLog& log, Watchers& watchers, const Call& call) {
     const Datum* since = call.parameters.find("since");
     const bool withText = call.parameters.isTrue("text");
-    std::optional<std::uint64_t>
-        heard; // if what came after it is still held, and it names this run of the agent
-    if (since != nullptr) {
-        const Parameters parts(*since->record(), sinceParameters, "\"since\"");
-        const std::uint64_t seq = *parts.number("seq");
-        if (*parts.text("instance") == log.instance() && seq <= log.last() && seq + 1 >= log.oldest())
-            heard = seq;
-    }
-    watchers.watch(call.client, log.last(), withText);
+    const auto heard = since == nullptr ? std::nullopt : heldSince(log, *since);
+    std::optional<SnapshotPage> page;
+    if (heard)
+        watchers.watchSince(call.client, *heard, withText);
+    else
+        page = watchers.watch(call.client, withText);
     call.reply([&](Writer& writer) {
         writer.beginRecord();
         writer.member("instance", log.instance());
-        writer.member("seq", log.last());
-        if (since != nullptr && !heard)
+        writer.member("seq", heard.value_or(log.last()));
+        if (page && since != nullptr)
             writer.member("lost", true);
-        writer.field(heard ? "changes" : "snapshot");
-        if (heard) {
-            writer.beginList();
-            for (std::uint64_t seq = *heard + 1; seq <= log.last(); ++seq)
-                writeChange(writer, operations, seq, log.change(seq), withText);
-            writer.end();
-        } else {
-            writeAnswers(writer, operations, log.snapshot(), withText);
+        if (page) {
+            writer.field("snapshot");
+            writeAnswers(writer, VrfNames(operations), page->answers, withText);
         }
+        if (page && page->last)
+            writer.member("more", true);
         writer.end();
     });
 }
@@ -196,7 +199,7 @@ std::vector<Method> ControlService::ownMethods() {
          {{"path", Type::text, true, "what stands in the agent's stores"},
           {"attribute", Type::text, false, "of what stands there; without it all of them"},
           {"key", Type::any, false, "a member of the attribute's collection"},
-          {"limit", Type::number, false, "most members to return"},
+          {"limit", Type::number, false, "most members to return, of the 1000 that a page has"},
           {"after", Type::any, false, "the member behind which to begin"}},
          [this](const Call& call) { get(operations_, call); }},
         {"set",
@@ -228,7 +231,10 @@ std::vector<Method> ControlService::ownMethods() {
          "tells answers as they change",
          {{"since", Type::object, false, "{instance, seq} of the last change heard"},
           {"text", Type::boolean, false, "tell each answer also as people read it"}},
-         [this](const Call& call) { watch(operations_, log_, watchers_, call); }},
+         [this](const Call& call) {
+             watch(operations_, log_, watchers_, call);
+             tellTask_.request(); // behind the answer
+         }},
         {"unwatch",
          "ends watch",
          {},
@@ -244,8 +250,15 @@ std::vector<Method> ControlService::ownMethods() {
          [this](const Call& call) { command(language_, call); }},
         {"show",
          "rows of what the stores hold",
-         {{"what", Type::text, true, "mroute, mgroup, vrfs, routes, requests, groups or status"}},
-         [this](const Call& call) { call.reply(language_.shown(*call.parameters.text("what"))); }},
+         {{"what", Type::text, true, "mroute, mgroup, vrfs, routes, requests, groups or status"},
+          {"limit", Type::number, false, "most rows to return, of the 512 that a page has"},
+          {"after", Type::text, false, "\"more\" of the page before"}},
+         [this](const Call& call) {
+             const Parameters& given = call.parameters;
+             call.reply(language_.shown({.what = *given.text("what"),
+                                         .limit = given.number("limit"),
+                                         .after = given.text("after")}));
+         }},
         {"schema",
          "describes types, paths and methods",
          {{"type", Type::text, false, "one entity type or value type only"}},
@@ -253,17 +266,19 @@ std::vector<Method> ControlService::ownMethods() {
         {"status",
          "how the agent fares",
          {},
-         [this](const Call& call) { call.reply(language_.shown("status")); }},
+         [this](const Call& call) { call.reply(language_.shown({.what = "status"})); }},
         {"trace",
          "trace levels, or the latest trace records",
          {{"facility", Type::text, false, "whose level is meant"},
           {"level", Type::number, false, "up to which its lines are printed, 0 to 9"},
-          {"last", Type::number, false, "so many of the latest trace records instead"}},
+          {"last", Type::number, false, "so many of the latest trace records instead"},
+          {"after", Type::number, false, "so many behind this one: \"more\" of the page before"}},
          [](const Call& call) {
              const Parameters& given = call.parameters;
              trace({.facility = given.text("facility"),
                     .level = given.number("level"),
-                    .last = given.number("last")},
+                    .last = given.number("last"),
+                    .after = given.number("after")},
                    call.reply);
          }},
     };

@@ -105,7 +105,9 @@ ControlService::ControlService(asio::io_context& context, Operations& operations
 void ControlService::addOwnVerbs() {
     language_.addShown("status", [this](Text::Writer& writer) { writeStatus(writer); });
     language_.addVerb({"status", [this](WordReader&, const StateCommands&) -> Action {
-                           return [this](const Text::Reply& reply) { reply(language_.shown("status")); };
+                           return [this](const Text::Reply& reply) {
+                               reply(language_.shown({.what = "status"}));
+                           };
                        }});
     language_.addVerb({"schema", [this](WordReader& words, const StateCommands&) -> Action {
                            const std::string type = words.atEnd() ? "" : words.word("a type");
@@ -130,8 +132,11 @@ void ControlService::call(ClientId client, std::string_view name, const State::D
         throw UnknownMethod("there is no " + owner + "; there are " + namesOf(methods_));
     TRACE(8, "ControlService::", "call", " method=", name);
     const Parameters parameters(params, method->parameters, owner);
+    const std::uint64_t before = log_.last();
     carryOut(*method, {client, parameters, reply});
-    tellWatchers(); // before the answer leaves, so that who waits for the answer has heard what it caused
+    // Before the answer leaves, so that who waits for the answer has heard what it caused, unless it is behind anyway.
+    if (log_.last() != before && !isTelling_)
+        tellWatchers();
     onServed_();
 }
 
@@ -149,7 +154,8 @@ void ControlService::carryOut(const Method& method, const Call& call) {
 }
 
 void ControlService::tellWatchers() {
-    if (sessions_ != nullptr && watchers_.tell(*sessions_))
+    isTelling_ = sessions_ != nullptr && watchers_.tell(*sessions_);
+    if (isTelling_)
         tellTask_.request();
 }
 

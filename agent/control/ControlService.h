@@ -119,6 +119,7 @@ class ControlService final : public Dispatcher {
     Watchers watchers_;
     DryRuns dryRuns_;
     PostedTask tellTask_;
+    bool isTelling_ = false; // the last slice was not all
     Sessions* sessions_ = nullptr;
     std::vector<Method> methods_;
     std::vector<std::string> sources_;

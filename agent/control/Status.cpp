@@ -26,37 +26,51 @@ void eachEntity(const Stores& stores, Visit visit) {
 }
 
 // By path, and by the name of the collection.
-using Sizes = std::map<std::string, std::map<std::string, std::uint64_t>>;
+using Sums = std::map<std::string_view, std::uint64_t>;
+using Sizes = std::map<std::string_view, Sums>;
 
-// Adds up the collections of what stands at a path, and of members that can be addressed below it.
-void addSizes(const Operations& operations, const std::string& path, Sizes& sizes) {
-    const Place place = Paths(operations.host().stores()).at(path);
-    const bool isFamily = place.shape != nullptr && place.shape->text != place.path;
-    auto& sums = sizes[std::string(isFamily ? place.shape->text : place.path)];
-    if (isFamily)
-        ++sums["entities"];
-    for (const auto& attribute : place.type->attributes()) {
-        if (attribute->kind() == State::AttributeKind::value)
+void add(Sums& sums, const State::Entity& entity) {
+    for (const auto& attribute : entity.entityType().attributes())
+        if (attribute->kind() != State::AttributeKind::value)
+            sums[attribute->name()] += attribute->size(entity);
+}
+
+// Adds up the members of an entity that can be addressed below its path.
+void addMembers(Sizes& sizes, const std::string& path, const State::Entity& entity) {
+    for (const auto& attribute : entity.entityType().attributes()) {
+        if (attribute->kind() != State::AttributeKind::members)
             continue;
-        sums[std::string(attribute->name())] += attribute->size(*place.entity);
-        if (place.kind() != PathKind::routeTables)
-            continue;
-        for (const auto& [key, value] : operations.members(path, attribute->name()).members)
-            if (const std::string& name = *key.text(); !name.empty() && name.find('/') == std::string::npos)
-                addSizes(operations, std::string(path).append("/").append(name), sizes);
+        Sums* family = nullptr;
+        attribute->walk(entity, nullptr, [&](const State::Datum& key, const State::Datum&) {
+            const std::string& name = *key.text();
+            if (name.empty() || name.find('/') != std::string::npos)
+                return true;
+            if (family == nullptr)
+                family = &sizes[Paths::shapeOf(std::string(path).append("/").append(name))->text];
+            ++(*family)["entities"];
+            add(*family, *attribute->member(entity, key));
+            return true;
+        });
     }
 }
 
 // Members of every collection: by path, those of one shape summed up under the shape.
-void writeSizes(Writer& writer, const Operations& operations) {
+void writeSizes(Writer& writer, const Stores& stores) {
     Sizes all;
-    eachEntity(operations.host().stores(),
-               [&](const std::string& path, const auto&) { addSizes(operations, path, all); });
+    eachEntity(stores, [&](const std::string& path, const State::Handle<State::Entity>& entity) {
+        const PathShape* shape = Paths::shapeOf(path);
+        Sums& sums = all[shape != nullptr ? std::string_view(shape->text) : path];
+        if (shape != nullptr && shape->text != path)
+            ++sums["entities"];
+        add(sums, *entity);
+        if (shape != nullptr && shape->kind == PathKind::routeTables)
+            addMembers(all, path, *entity);
+    });
     writer.beginRecord();
-    for (const auto& [path, sizes] : all) {
+    for (const auto& [path, sums] : all) {
         writer.field(path);
         writer.beginRecord();
-        for (const auto& [name, size] : sizes)
+        for (const auto& [name, size] : sums)
             writer.member(name, size);
         writer.end();
     }
@@ -111,7 +125,7 @@ void ControlService::writeStatus(Writer& writer) const {
     writer.field("ready");
     Json::write(writer, ready->entityType().fields(*ready));
     writer.field("sizes");
-    writeSizes(writer, operations_);
+    writeSizes(writer, host.stores());
     writer.field("tables");
     writeTables(writer, host.stores());
     writer.field("counters");

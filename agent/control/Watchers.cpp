@@ -4,20 +4,24 @@
 #include "text/JsonWriter.h"
 
 #include <algorithm>
+#include <array>
+#include <string>
 
 namespace Agent {
 
-void writeChange(Text::Writer& writer, const Operations& operations, std::uint64_t seq,
-                 const AnswerChange& change, bool withText) {
-    writer.beginRecord();
-    writer.member("seq", seq);
-    writeAnswerMembers(writer, operations, change, withText);
-    writer.end();
+using Clock = std::chrono::steady_clock;
+
+void Watchers::watchSince(ClientId client, std::uint64_t heard, bool withText) {
+    unwatch(client);
+    watchers_.push_back({.client = client, .next = heard + 1, .withText = withText});
 }
 
-void Watchers::watch(ClientId client, std::uint64_t last, bool withText) {
-    unwatch(client);
-    watchers_.push_back({client, last + 1, withText});
+SnapshotPage Watchers::watch(ClientId client, bool withText) {
+    watchSince(client, log_.last(), withText);
+    SnapshotPage page = snapshotPage(operations_.host().stores(), std::nullopt);
+    if (page.last)
+        watchers_.back().rest = Rest{.after = page.last};
+    return page;
 }
 
 void Watchers::unwatch(ClientId client) {
@@ -25,50 +29,98 @@ void Watchers::unwatch(ClientId client) {
 }
 
 bool Watchers::tell(Sessions& sessions) {
-    std::erase_if(watchers_, [&](const Watcher& watcher) {
-        const bool isLost = watcher.next < log_.oldest();
-        if (isLost)
-            sessions.cutOff(watcher.client);
-        return isLost;
-    });
-    for (std::size_t told = 0; told < sliceChanges; ++told) {
-        const Watcher* watcher = furthestBehind(sessions);
-        if (watcher == nullptr)
-            return false;
-        tellOne(watcher->next, sessions);
+    for (Watcher& watcher : watchers_)
+        if (watcher.next < log_.oldest())
+            watcher.rest = Rest{.after = {}, .isAfterLoss = true};
+    const VrfNames vrfs(operations_);
+    const Clock::time_point end = Clock::now() + sliceTime;
+    while (const Watcher* watcher = nextInTurn(sessions)) {
+        if (isAtPage(*watcher))
+            tellPage(Rest(*watcher->rest), vrfs, sessions);
+        else
+            tellChange(watcher->next, vrfs, sessions);
+        if (Clock::now() >= end)
+            return true;
     }
-    return furthestBehind(sessions) != nullptr;
+    return false;
+}
+
+// Whether what it is told next is a page: when it has heard every change, or what it missed is no longer held.
+bool Watchers::isAtPage(const Watcher& watcher) const {
+    return watcher.rest && (watcher.rest->isAfterLoss || watcher.next > log_.last());
 }
 
 // Whether the watcher can be told something now.
 bool Watchers::isOpen(const Watcher& watcher, const Sessions& sessions) const {
-    return watcher.next <= log_.last() && sessions.unsent(watcher.client) < waitingLimit;
+    return (watcher.next <= log_.last() || watcher.rest) && sessions.unsent(watcher.client) < waitingLimit;
 }
 
 // Of those who can be told something now.
-const Watchers::Watcher* Watchers::furthestBehind(const Sessions& sessions) const {
-    const Watcher* found = nullptr;
-    for (const Watcher& watcher : watchers_)
-        if ((found == nullptr || watcher.next < found->next) && isOpen(watcher, sessions))
-            found = &watcher;
-    return found;
+const Watchers::Watcher* Watchers::nextInTurn(const Sessions& sessions) {
+    for (std::size_t passed = 0; passed < watchers_.size(); ++passed) {
+        const Watcher& watcher = watchers_[turn_++ % watchers_.size()];
+        if (isOpen(watcher, sessions))
+            return &watcher;
+    }
+    return nullptr;
 }
 
-// Tells one change to all whose turn it is, put into words once for each form.
-void Watchers::tellOne(std::uint64_t seq, Sessions& sessions) {
-    std::string lines[2]; // without text and with it; empty: not put into words yet
+// Sends a notification to all for whom it is meant, which notes for each that it is told: put into words once for
+// each form. Ends after so much text that copying it takes a slice: who is left is told on another turn.
+template <class IsMeant, class WriteLine>
+void Watchers::tellAll(const char* method, Sessions& sessions, IsMeant isMeant, WriteLine write) {
+    std::array<std::string, 2> lines; // without text and with it; empty: not put into words yet
+    std::size_t bytes = 0;
     std::erase_if(watchers_, [&](Watcher& watcher) {
-        if (watcher.next != seq || !isOpen(watcher, sessions))
+        if (bytes >= sliceBytes || !isOpen(watcher, sessions) || !isMeant(watcher))
             return false;
-        ++watcher.next;
         std::string& line = lines[watcher.withText ? 1 : 0];
         if (line.empty()) {
-            line = R"({"jsonrpc":"2.0","method":"changed","params":)";
             Text::JsonWriter writer(line);
-            writeChange(writer, operations_, seq, log_.change(seq), watcher.withText);
-            line += '}';
+            writer.beginRecord();
+            writer.member("jsonrpc", "2.0");
+            writer.member("method", method);
+            writer.field("params");
+            writer.beginRecord();
+            write(writer, watcher.withText);
+            writer.end();
+            writer.end();
         }
+        bytes += line.size();
         return !sessions.notify(watcher.client, line);
+    });
+}
+
+void Watchers::tellChange(std::uint64_t seq, const VrfNames& vrfs, Sessions& sessions) {
+    const auto isMeant = [&](Watcher& watcher) {
+        const bool isNext = watcher.next == seq && !isAtPage(watcher);
+        watcher.next += isNext ? 1 : 0;
+        return isNext;
+    };
+    tellAll("changed", sessions, isMeant, [&](Text::Writer& writer, bool withText) {
+        writer.member("seq", seq);
+        writeAnswerMembers(writer, vrfs, log_.change(seq), withText);
+    });
+}
+
+// To all who are so far in a snapshot.
+void Watchers::tellPage(const Rest& rest, const VrfNames& vrfs, Sessions& sessions) {
+    const SnapshotPage page = snapshotPage(operations_.host().stores(), rest.after);
+    const auto isMeant = [&](Watcher& watcher) {
+        const bool isNext = isAtPage(watcher) && watcher.rest == rest;
+        if (isNext) {
+            watcher.rest = page.last ? std::optional(Rest{.after = page.last}) : std::nullopt;
+            watcher.next = log_.last() + 1;
+        }
+        return isNext;
+    };
+    tellAll("snapshot", sessions, isMeant, [&](Text::Writer& writer, bool withText) {
+        writer.member("seq", log_.last());
+        if (rest.isAfterLoss)
+            writer.member("lost", true);
+        writer.field("answers");
+        writeAnswers(writer, vrfs, page.answers, withText);
+        writer.member("more", page.last.has_value());
     });
 }
 

@@ -137,6 +137,14 @@ class LumenSource final : public RouteSource {
         show(shown);
         return true;
     }
+    void eachKey(std::string_view vrf, RouteType type,
+                 const std::function<void(const RouteKey&)>& visit) const override {
+        if (const State::Handle<Fib> fib = FibPlace(stores_, vrf, type).find())
+            fib->routeCollection().visit(nullptr, [&](const RouteKey& key, const auto&) {
+                visit(key);
+                return true;
+            });
+    }
 
     std::unique_ptr<RouteDraft> draft() const override { return std::make_unique<Draft>(); }
     std::unique_ptr<RouteTable> table(std::string_view vrf, RouteType type) const override {

@@ -132,6 +132,15 @@ std::span<const PathShape> Paths::shapes() {
     return shapes;
 }
 
+const PathShape* Paths::shapeOf(std::string_view path) {
+    const auto isOf = [path](const PathShape& shape) {
+        Place place{.path = path};
+        return matches(shape, place);
+    };
+    const auto found = std::ranges::find_if(shapes(), isOf);
+    return found == shapes().end() ? nullptr : &*found;
+}
+
 Place Paths::at(std::string_view path) const {
     for (const PathShape& shape : shapes()) {
         Place place{.path = path};

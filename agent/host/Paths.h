@@ -42,6 +42,8 @@ class Paths {
     void remove(const Place& place) const;
 
     static std::span<const PathShape> shapes();
+    /// The shape that a path is of; null for a path outside the table.
+    static const PathShape* shapeOf(std::string_view path);
 
   private:
     State::Handle<State::Entity> find(const Place& place) const;

@@ -240,6 +240,14 @@ class QuillSource final : public RouteSource {
         std::as_const(*table).routeCollection().visit(
             after, [&](const RouteKey& key, const Route& route) { return visit(shown.of(key, route)); });
     }
+    void eachKey(std::string_view vrf, RouteType type,
+                 const std::function<void(const RouteKey&)>& visit) const override {
+        if (const State::Handle<Table> table = TablePlace(stores_, vrf, type).find())
+            std::as_const(*table).routeCollection().visit(nullptr, [&](const RouteKey& key, const Route&) {
+                visit(key);
+                return true;
+            });
+    }
     bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
                    const std::function<void(const ShownRoute&)>& show) const override {
         const State::Handle<Table> table = TablePlace(stores_, vrf, type).find();

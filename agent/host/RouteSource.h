@@ -88,6 +88,9 @@ class RouteSource {
     /// Visits the rows in table order, behind `after` if that is given and there; visit says whether to go on.
     virtual void eachRoute(std::string_view vrf, RouteType type, const RouteKey* after,
                            const std::function<bool(const ShownRoute&)>& visit) const = 0;
+    /// Visits the keys of all rows in table order, and reads no more of them.
+    virtual void eachKey(std::string_view vrf, RouteType type,
+                         const std::function<void(const RouteKey&)>& visit) const = 0;
     /// Shows one row; false where there is none.
     virtual bool showRoute(std::string_view vrf, RouteType type, const RouteKey& key,
                            const std::function<void(const ShownRoute&)>& show) const = 0;

@@ -33,9 +33,9 @@ Service row(Service row, RequestsOf, AnswersOf) {
         const auto* answer = AnswersOf{}(in<Answers>(database)).find(key);
         return answer == nullptr ? Answer() : Answer(*answer);
     };
-    row.eachAnswer = [](const State::Store& database, const AnswerVisitor& visit) {
+    row.eachAnswered = [](const State::Store& database, const KeyVisitor& visit) {
         for (const auto& [key, answer] : AnswersOf{}(in<Answers>(database)).walk())
-            visit(key, Answer(answer));
+            visit(key);
     };
     return row;
 }

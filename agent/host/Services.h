@@ -30,7 +30,7 @@ using Answer = std::variant<std::monostate, KestrelNat::NatMrouteOifSet, std::ui
 /// Null where there is none.
 State::Datum toDatum(const Answer& answer);
 
-using AnswerVisitor = std::function<void(const RequestKey&, const Answer&)>;
+using KeyVisitor = std::function<void(const RequestKey&)>;
 
 struct Service {
     std::string_view name;         // in lines and tables: "mroute"
@@ -49,7 +49,8 @@ struct Service {
     const char* answerPath = nullptr;
     const State::EntityType& (*answerEntity)() = nullptr;
     Answer (*answer)(const State::Store& database, const RequestKey& key) = nullptr;
-    void (*eachAnswer)(const State::Store& database, const AnswerVisitor& visit) = nullptr;
+    /// The keys of all answers, in iteration order.
+    void (*eachAnswered)(const State::Store& database, const KeyVisitor& visit) = nullptr;
 
     /// Its place in the table.
     std::size_t index() const;

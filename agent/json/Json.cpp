@@ -204,4 +204,18 @@ std::string textOf(const Datum& datum) {
     return text;
 }
 
+std::size_t lengthOf(const Datum& datum) {
+    constexpr std::size_t ofScalar = 6; // and of what stands around others
+    std::size_t length = ofScalar;
+    if (const auto* text = datum.text())
+        length += text->size();
+    if (const auto* list = datum.list())
+        for (const Datum& element : *list)
+            length += lengthOf(element);
+    if (const auto* record = datum.record())
+        for (const auto& [name, content] : *record)
+            length += name.size() + lengthOf(content);
+    return length;
+}
+
 } // namespace Agent::Json

@@ -19,6 +19,8 @@
 
 namespace Agent::Json {
 
+/// Bytes of text after which an answer that comes in pages ends its page.
+constexpr std::size_t pageBytes = std::size_t{64} << 10U;
 /// Levels of arrays and objects in a text.
 constexpr int depthLimit = 64;
 
@@ -45,6 +47,8 @@ std::size_t valuesOf(const State::Datum& datum, std::size_t most);
 void write(Text::Writer& writer, const State::Datum& datum);
 /// Plain data as JSON.
 std::string textOf(const State::Datum& datum);
+/// About how many bytes that JSON has.
+std::size_t lengthOf(const State::Datum& datum);
 
 /// Tells a typed value to a writer, field by field from the list that its type has (state/Value.h): the same as its
 /// plain data, without building it.

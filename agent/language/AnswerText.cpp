@@ -9,10 +9,6 @@ std::string addressText(const L3::IpGenAddr& address) {
     return address == L3::IpGenAddr() ? "any" : address.stringValue();
 }
 
-std::string vrfText(const Operations& operations, std::uint32_t vrfId) {
-    return operations.vrfNameOf(vrfId).value_or(std::to_string(vrfId));
-}
-
 std::string answerWords(const Answer& answer, std::string_view absent) {
     if (const auto* number = std::get_if<std::uint32_t>(&answer))
         return std::to_string(*number);
@@ -29,17 +25,17 @@ namespace {
 
 // "mroute (10.0.0.1, 239.1.1.1) in red for Ethernet5 vlan 10: Ethernet1 Ethernet2"; "gone" where there is none any
 // more.
-std::string answerLine(const AnswerChange& change, const std::string& vrf) {
+std::string answerLine(const AnswerChange& change, const VrfNames& vrfs) {
     const RequestKey& key = change.key;
     std::string line(change.service->name);
     line += " (" + addressText(key.sourceIp) + ", " + addressText(key.groupIp) + ") in ";
-    line += vrf + " for " + key.intf.stringValue() + " vlan ";
+    line += vrfs.text(key.vrfId.value()) + " for " + key.intf.stringValue() + " vlan ";
     return line + std::to_string(key.vlanId) + ": " + answerWords(change.answer, "gone");
 }
 
 } // namespace
 
-void writeAnswerMembers(Text::Writer& writer, const Operations& operations, const AnswerChange& change,
+void writeAnswerMembers(Text::Writer& writer, const VrfNames& vrfs, const AnswerChange& change,
                         bool withText) {
     writer.member("path", change.service->answerPath);
     writer.member("attribute", change.service->answerAttribute);
@@ -54,23 +50,22 @@ void writeAnswerMembers(Text::Writer& writer, const Operations& operations, cons
         writer.value(nullptr);
     if (!withText)
         return;
-    const std::uint32_t id = change.key.vrfId.value();
-    const auto name = operations.vrfNameOf(id);
-    if (name)
-        writer.member("vrf", *name);
-    writer.member("text", answerLine(change, name.value_or(std::to_string(id))));
+    const std::string_view name = vrfs.find(change.key.vrfId.value());
+    if (!name.empty())
+        writer.member("vrf", name);
+    writer.member("text", answerLine(change, vrfs));
 }
 
-void writeAnswers(Text::Writer& writer, const Operations& operations, std::span<const AnswerChange> answers,
+void writeAnswers(Text::Writer& writer, const VrfNames& vrfs, std::span<const AnswerChange> answers,
                   bool withText) {
     writer.beginList();
     for (const AnswerChange& change : answers) {
         if (writer.isForPeople()) {
-            writer.value(answerLine(change, vrfText(operations, change.key.vrfId.value())));
+            writer.value(answerLine(change, vrfs));
             continue;
         }
         writer.beginRecord();
-        writeAnswerMembers(writer, operations, change, withText);
+        writeAnswerMembers(writer, vrfs, change, withText);
         writer.end();
     }
     writer.end();
@@ -78,12 +73,13 @@ void writeAnswers(Text::Writer& writer, const Operations& operations, std::span<
 
 void writeApplied(Text::Writer& writer, const Operations& operations, const ApplyResult& result,
                   bool withText) {
+    const VrfNames vrfs(operations);
     if (writer.isForPeople())
-        return writeAnswers(writer, operations, result.answers, withText);
+        return writeAnswers(writer, vrfs, result.answers, withText);
     writer.beginRecord();
     writer.member("changed", result.changed);
     writer.field("answers");
-    writeAnswers(writer, operations, result.answers, withText);
+    writeAnswers(writer, vrfs, result.answers, withText);
     writer.end();
 }
 

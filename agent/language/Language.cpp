@@ -71,21 +71,31 @@ void Language::addVerb(Verb verb) {
 }
 
 void Language::addShown(std::string name, Text::Tell tell) {
-    shown_.emplace_back(std::move(name), std::move(tell));
+    shown_.push_back({std::move(name), [tell = std::move(tell)](const ShowQuery&) { return tell; }, false});
 }
 
-const Text::Tell& Language::shown(const std::string& name) const {
-    const auto found = std::ranges::find(shown_, name, &Shown::first);
+Text::Tell Language::shown(const ShowQuery& query) const {
+    const auto found = std::ranges::find(shown_, query.what, &Shown::name);
     if (found == shown_.end())
-        throw Refusal("there is nothing called \"" + name + "\" to show" +
-                          Text::suggestion(name, Text::namesOf(shown_, &Shown::first)),
+        throw Refusal("there is nothing called \"" + query.what + "\" to show" +
+                          Text::suggestion(query.what, Text::namesOf(shown_, &Shown::name)),
                       {.field = "what"});
-    return found->second;
+    checkPage(*found, query);
+    return found->page(query);
 }
 
 Action Language::readShow(WordReader& words) {
-    const Text::Tell& tell = shown_[words.oneOf("what to show", Text::namesOf(shown_, &Shown::first))].second;
-    return [tell](const Text::Reply& reply) { reply(tell); };
+    const Shown& shown = shown_[words.oneOf("what to show", Text::namesOf(shown_, &Shown::name))];
+    ShowQuery query{.what = shown.name};
+    if (words.accept("limit")) {
+        query.limit = words.number("how many rows", ShowQuery::pageRows);
+        words.checkLast([&] { checkPage(shown, query); });
+    }
+    if (words.accept("after")) {
+        query.after = words.word("a cursor");
+        words.checkLast([&] { checkPage(shown, query); });
+    }
+    return [this, query](const Text::Reply& reply) { reply(this->shown(query)); };
 }
 
 // Reads a line that is no state command.

@@ -24,11 +24,12 @@ class Language {
 
     /// Adds a verb of somebody else's.
     void addVerb(Verb verb);
-    /// Adds something that `show` can show.
+    /// Adds something that `show` can show, which is always told whole.
     void addShown(std::string name, Text::Tell tell);
 
-    /// What writes one of the things that `show` shows. @throws Refusal for another name.
-    const Text::Tell& shown(const std::string& name) const;
+    /// Reads a page of one of the things that `show` shows; what writes it.
+    /// @throws Refusal for another name, and as checkPage() does.
+    Text::Tell shown(const ShowQuery& query) const;
 
     /// Carries out one line. A state command replies with what changed: {"changed", "answers"}.
     /// @param raw whether its changes pass the guards.

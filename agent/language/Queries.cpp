@@ -7,6 +7,8 @@
 #include "text/Words.h"
 
 #include <algorithm>
+#include <span>
+#include <utility>
 
 namespace Agent {
 
@@ -48,17 +50,27 @@ void getAttribute(const Operations& operations, const GetQuery& query, std::stri
         Json::write(writer, operations.value(query.path, name, pointerTo(query.key)).value_or(Datum()));
         return;
     }
-    const Page page = operations.members(query.path, name, pointerTo(query.after),
-                                         query.limit.value_or(GetQuery::pageLimit));
-    if (!query.limit && page.size > GetQuery::pageLimit)
-        refuse(std::string(name) + " at " + query.path + " has " + std::to_string(page.size) +
+    const std::size_t limit = query.limit.value_or(GetQuery::pageMembers);
+    const bool isLine = writer.isForPeople() && !query.attribute.empty();
+    std::size_t count = 0;
+    std::size_t bytes = 0;
+    bool isCut = false;
+    writer.beginList();
+    const std::size_t size = operations.eachMember(query.path, name, pointerTo(query.after),
+                                                   [&](const Datum& key, const Datum& value) {
+                                                       isCut = count == limit || bytes >= Json::pageBytes;
+                                                       if (isCut)
+                                                           return false;
+                                                       writeMember(writer, isLine, kind, key, value);
+                                                       bytes += Json::lengthOf(key) + Json::lengthOf(value);
+                                                       ++count;
+                                                       return true;
+                                                   });
+    writer.end();
+    if (isCut && !query.limit)
+        refuse(std::string(name) + " at " + query.path + " has " + std::to_string(size) +
                    " members, more than fit one answer: read them in pages, with limit and after",
                "limit", RefusalKind::limit);
-    writer.beginList();
-    const bool isLine = writer.isForPeople() && !query.attribute.empty();
-    for (const auto& [key, value] : page.members)
-        writeMember(writer, isLine, kind, key, value);
-    writer.end();
 }
 
 // Refuses keys that are none of the attribute's.
@@ -75,9 +87,35 @@ void checkMember(const Operations& operations, const GetQuery& query, AttributeK
     }
 }
 
-void writeRecords(Text::Writer& writer, std::size_t count) {
+// A page of trace records, and the number of its last one if it was cut short.
+struct RecordPage {
+    std::vector<State::TraceRecord> records;
+    std::optional<std::uint64_t> more = {};
+};
+
+RecordPage recordsOf(const TraceQuery& query) {
+    const std::uint64_t end = State::traceNext();
+    const std::uint64_t last = std::min(*query.last, end);
+    const std::uint64_t first = query.after ? std::min(*query.after, end) + 1 : end - last;
+    RecordPage page{.records = State::traceRecordsSince(first, std::min(last, TraceQuery::pageRecords))};
+    auto& records = page.records;
+    bool isCut = last > TraceQuery::pageRecords && records.size() == TraceQuery::pageRecords;
+    std::size_t bytes = 0;
+    const auto isBeyond = [&](const State::TraceRecord& record) {
+        return std::exchange(bytes, bytes + record.message.size()) >= Json::pageBytes;
+    };
+    if (const auto beyond = std::ranges::find_if(records, isBeyond); beyond != records.end()) {
+        records.erase(beyond, records.end());
+        isCut = true;
+    }
+    if (isCut && records.back().n + 1 < end)
+        page.more = records.back().n;
+    return page;
+}
+
+void writeRecords(Text::Writer& writer, std::span<const State::TraceRecord> records) {
     writer.beginList();
-    for (const State::TraceRecord& record : State::traceRecordsLast(count)) {
+    for (const State::TraceRecord& record : records) {
         if (writer.isForPeople()) {
             std::string line;
             State::appendTraceLine(line, record);
@@ -113,13 +151,15 @@ void checkQuery(const Operations& operations, const GetQuery& query) {
         checkMember(operations, query, operations.attributeAt(query.path, query.attribute).kind());
     else if (static_cast<void>(operations.typeAt(query.path)); query.key || query.after)
         refuse("a key is that of an attribute's member: name the attribute", "attribute");
-    if (query.limit.value_or(0) > GetQuery::pageLimit)
-        refuse("an answer has at most " + std::to_string(GetQuery::pageLimit) + " members", "limit");
+    if (query.limit.value_or(0) > GetQuery::pageMembers)
+        refuse("an answer has at most " + std::to_string(GetQuery::pageMembers) + " members", "limit");
 }
 
 void checkQuery(const TraceQuery& query) {
     if (query.last && (query.facility || query.level))
         refuse("either the latest records are wanted, or levels", "last");
+    if (query.after && !query.last)
+        refuse("after is for the latest records: say how many, with last", "after");
     if (query.level && !query.facility)
         refuse("a level is that of a facility: name it", "facility");
     if (query.level.value_or(0) > TraceQuery::maxLevel)
@@ -147,7 +187,7 @@ Action readGet(const Operations& operations, WordReader& words) {
     }
     while (!words.atEnd()) {
         if (words.accept("limit"))
-            query.limit = words.number("how many members", GetQuery::pageLimit);
+            query.limit = words.number("how many members", GetQuery::pageMembers);
         else if (words.accept("after"))
             query.after = datumOfWord(words.word("the key of a member"));
         else if (!query.key)
@@ -179,6 +219,8 @@ Action readTrace(WordReader& words) {
     TraceQuery query;
     if (words.accept("last")) {
         query.last = words.number("how many records", 1'000'000);
+        if (words.accept("after"))
+            query.after = words.number("the number of a record", UINT64_MAX - 1);
     } else if (!words.atEnd()) {
         query.facility = words.word("a facility");
         words.checkLast([&] { checkQuery(query); });
@@ -191,16 +233,22 @@ void trace(const TraceQuery& query, const Text::Reply& reply) {
     checkQuery(query);
     if (query.level)
         State::traceLevelIs(*query.facility, static_cast<int>(*query.level));
+    const RecordPage page = query.last ? recordsOf(query) : RecordPage();
     reply([&](Text::Writer& writer) {
-        if (!writer.isForPeople()) {
+        const bool isRecord = !writer.isForPeople();
+        if (isRecord) {
             writer.beginRecord();
             writer.field(query.last ? "records" : "levels");
         }
         if (query.last)
-            writeRecords(writer, *query.last);
+            writeRecords(writer, page.records);
         else
             writeLevels(writer, query);
-        if (!writer.isForPeople())
+        if (page.more && isRecord)
+            writer.member("more", *page.more);
+        else if (page.more)
+            writer.value("more: after " + std::to_string(*page.more));
+        if (isRecord)
             writer.end();
     });
 }

@@ -175,6 +175,18 @@ TEST_F(ControlServiceTest, TraceShowsAndSetsLevelsAndShowsTheRing) {
     EXPECT_EQ(records.at(2).at("n").number(), records.at(1).at("n").number() + 1);
     for (const char* part : {"n", "level", "facility", "file", "line", "function", "message"})
         EXPECT_TRUE(records.at(0).contains(part)) << part;
+
+    // More than a page: the first of them, then those behind them.
+    for (int i = 0; i < 600; ++i)
+        client.result("unwatch");
+    const Json page = client.result("trace", json("{'last': 600}"));
+    EXPECT_EQ(page.at("records").size(), 512U);
+    EXPECT_EQ(page.at("more"), page.at("records").at(511).at("n"));
+    const Json rest = client.result("trace", json("{'last': 88, 'after': %}", page.at("more")));
+    ASSERT_EQ(rest.at("records").size(), 88U);
+    EXPECT_EQ(rest.at("records").at(0).at("n").number(), page.at("more").number() + 1);
+    EXPECT_FALSE(rest.contains("more"));
+    EXPECT_EQ(client.result("trace", json("{'last': 1, 'after': %}", UINT64_MAX)).at("records").size(), 0U);
 }
 
 } // namespace

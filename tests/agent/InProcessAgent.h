@@ -23,8 +23,10 @@ class InProcessAgent {
     /// The members of a collection, each a pair of key and value.
     std::vector<Json> get(const std::string& path, const std::string& attribute) const {
         std::vector<Json> all;
-        for (const auto& [key, value] : operations.members(path, attribute).members)
+        operations.eachMember(path, attribute, nullptr, [&](const auto& key, const auto& value) {
             all.emplace_back(std::vector<Json>{Json(key), Json(value)});
+            return true;
+        });
         return all;
     }
 

@@ -68,6 +68,9 @@ TEST_F(LanguageTest, AFaultyLineIsRefusedBeforeItDoesAnythingAndNamesTheWord) {
         {"vrv red", 1, "did you mean \"vrf\"?"},
         {"show nonsense", 2, "weather"},
         {"show mroutes", 2, "did you mean \"mroute\"?"},
+        {"show mroute limit 0", 4, "1 to 512"},
+        {"show mroute limit 1 after x", 6, "\"more\""},
+        {"show weather after x", 4, "told whole"},
         {"expect gibberish", 2, "mroute or mgroup"},
         {"expect mroute intf E vrf 3 vlan 1 source 10.0.0 group any = none", {}, "'10.0.0' is none"},
         {"expect mroute " + flow + " = none", 6, "'red' has no identifier"},
@@ -133,6 +136,10 @@ TEST_F(LanguageTest, ResultsReadAlikeWhereverTheyAreTold) {
               std::string::npos);
     EXPECT_EQ(told<Text::TextWriter>("show mroute"), "VRF  SOURCE  GROUP      INTF       VLAN  OIFS\n"
                                                      "red  any     239.1.1.1  Ethernet5  10    none\n");
+    const std::string other = "request mroute intf Ethernet6 vrf red vlan 10 source any group 239.1.1.1";
+    told<Text::JsonWriter>(other);
+    EXPECT_NE(told<Text::TextWriter>("show mroute limit 1").find("none\nmore: after "), std::string::npos);
+    told<Text::JsonWriter>("no " + other);
     EXPECT_EQ(told<Text::TextWriter>("show weather"), "fine\n");
     EXPECT_EQ(told<Text::TextWriter>("expect mroute " + flow + " = none"), "");
     EXPECT_EQ(told<Text::JsonWriter>("expect mroute " + flow + " = none"), R"({"held":true})");

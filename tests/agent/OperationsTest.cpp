@@ -35,12 +35,12 @@ TEST(OperationsTest, AWriteMakesTheTableAndARemovalDoesNot) {
     for (const std::string table :
          {"routing/multicast/routestatus/red/static", "lumen/multicast/fib/ipv4/user/red"}) {
         EXPECT_FALSE(agent.operations.change(delOf(table, attribute, route)));
-        EXPECT_EQ(agent.operations.members(table, attribute).size, 0U);
+        EXPECT_EQ(agent.get(table, attribute).size(), 0U);
         EXPECT_EQ(agent.operations.value(table, attribute, &key), std::nullopt);
         EXPECT_TRUE(agent.operations.change({.path = table}));
         EXPECT_FALSE(agent.operations.change({.path = table}));
         EXPECT_TRUE(agent.operations.change(setOf(table, attribute, route, none)));
-        EXPECT_EQ(agent.operations.members(table, attribute).size, 1U);
+        EXPECT_EQ(agent.get(table, attribute).size(), 1U);
         EXPECT_TRUE(agent.operations.change(delOf(table, attribute, route)));
     }
     EXPECT_EQ(agent.get(userFibs, "status").size(), 1U);

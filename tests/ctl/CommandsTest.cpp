@@ -42,6 +42,7 @@ TEST(Commands, AreLinesWhoseTextIsPrinted) {
         {{"get", "p", "a", R"({"vrfId":3})"}, R"("get p a \"{\\\"vrfId\\\":3}\"")"},
         {{"get", "--after", "7", "p", "a", "--limit", "5"}, R"("get p a limit 5 after 7")"},
         {{"get", "p", "a", "--after", "Ethernet 1"}, R"("get p a after \"Ethernet 1\"")"},
+        {{"show", "--after", "1:a b", "mroute", "--limit", "5"}, R"("show mroute limit 5 after \"1:a b\"")"},
         {{"trace"}, R"("trace")"},
         {{"trace", "Agent", "8"}, R"("trace Agent 8")"},
         {{"trace", "--last", "5"}, R"("trace last 5")"},
@@ -62,6 +63,72 @@ TEST(Commands, AreLinesWhoseTextIsPrinted) {
         EXPECT_EQ(agent.requests().back().params, R"({"line":)" + each.line + R"(,"text":true})");
     }
     EXPECT_EQ(runCtl({"show", "mroute", "--socket", agent.path()}).out, "the text\n");
+}
+
+TEST(Commands, FetchPageAfterPage) {
+    struct Case {
+        std::vector<std::string> arguments;
+        std::vector<std::string> pages; // answers to the lines, in order: a result and its text, or an error
+        std::vector<std::string> lines; // as JSON
+        std::string text;
+    };
+    const std::string tooLarge = R"({"code":-32002,"message":"too large","data":{"field":"limit"}})";
+    const Case cases[] = {
+        {{"show", "mroute"},
+         {R"({"result":{"rows":[1],"more":"1:a b"},"text":"VRF\na b\nmore: after \"1:a b\"\n"})",
+          R"({"result":{"rows":[1],"more":"2:c"},"text":"VRF\nc\nmore: after 2:c\n"})",
+          R"({"result":{"rows":[1]},"text":"VRF\nd\n"})"},
+         {R"("show mroute")", R"("show mroute after \"1:a b\"")", R"("show mroute after 2:c")"},
+         "VRF\na b\nc\nd\n"},
+        {{"show", "mroute", "limit", "1"},
+         {R"({"result":{"rows":[1],"more":"1:a"},"text":"VRF\na\nmore: after 1:a\n"})"},
+         {R"("show mroute limit 1")"},
+         "VRF\na\nmore: after 1:a\n"},
+        {{"trace", "--last", "5"},
+         {R"({"result":{"records":[7,8,9],"more":9},"text":"g\nh\ni\nmore: after 9\n"})",
+          R"({"result":{"records":[10],"more":10},"text":"j\nmore: after 10\n"})",
+          R"({"result":{"records":[11]},"text":"k\n"})"},
+         {R"("trace last 5")", R"("trace last 2 after 9")", R"("trace last 1 after 10")"},
+         "g\nh\ni\nj\nk\n"},
+        {{"get", "p", "a"},
+         {tooLarge, R"({"result":[{"key":{"n":1},"value":2}],"text":"x = 2\n"})",
+          R"({"result":[],"text":""})"},
+         {R"("get p a")", R"("get p a limit 1000")", R"("get p a limit 1000 after \"{\\\"n\\\":1}\"")"},
+         "x = 2\n"},
+        {{"get", "p", "a", "--after", "x"},
+         {tooLarge, R"({"result":["y"],"text":"y\n"})", R"({"result":[],"text":""})"},
+         {R"("get p a after x")", R"("get p a limit 1000 after x")",
+          R"("get p a limit 1000 after \"\\\"y\\\"\"")"},
+         "y\n"},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(::testing::PrintToString(each.arguments));
+        std::size_t asked = 0;
+        const FakeAgent agent([&](const Request& request) {
+            const std::string& page = each.pages.at(asked++);
+            return page.starts_with(R"({"code")") ? errorLine(request, page) : resultLine(request, page);
+        });
+        const Outcome run = runCtl(agent, each.arguments);
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_EQ(run.out, each.text);
+        ASSERT_EQ(agent.requests().size(), each.lines.size());
+        for (std::size_t i = 0; i < each.lines.size(); ++i)
+            EXPECT_EQ(agent.requests()[i].params, R"({"line":)" + each.lines[i] + R"(,"text":true})");
+    }
+
+    // What has no pages is refused, a page of it as well.
+    const FakeAgent refusing([&](const Request& request) { return errorLine(request, tooLarge); });
+    EXPECT_EQ(runCtl(refusing, {"get", "p"}).status, Ctl::exitFailed);
+    EXPECT_EQ(runCtl(refusing, {"get", "p", "a"}).status, Ctl::exitFailed);
+    EXPECT_EQ(refusing.requests().size(), 3U);
+    // As they come, one a line.
+    bool isFirst = true;
+    const FakeAgent agent([&](const Request& request) {
+        return resultLine(request, std::exchange(isFirst, false) ? R"({"result":{"rows":[1],"more":"a"}})"
+                                                                 : R"({"result":{"rows":[2]}})");
+    });
+    EXPECT_EQ(runCtl(agent, {"show", "mroute", "--json"}).out,
+              "{\"rows\":[1],\"more\":\"a\"}\n{\"rows\":[2]}\n");
 }
 
 TEST(Commands, PrintTheResultAsItCameWhereThatIsWanted) {

@@ -124,6 +124,10 @@ std::string changedLine(const std::string& change) {
     return R"({"jsonrpc":"2.0","method":"changed","params":)" + change + "}\n";
 }
 
+std::string snapshotLine(const std::string& page) {
+    return R"({"jsonrpc":"2.0","method":"snapshot","params":)" + page + "}\n";
+}
+
 Outcome runCtl(const std::vector<std::string>& arguments) {
     std::ostringstream out;
     std::ostringstream err;

@@ -57,6 +57,7 @@ class FakeAgent {
 std::string resultLine(const Request& request, const std::string& result);
 std::string errorLine(const Request& request, const std::string& error);
 std::string changedLine(const std::string& change);
+std::string snapshotLine(const std::string& page);
 
 /// A run of kestrelctl.
 struct Outcome {

@@ -48,9 +48,10 @@ TEST(Watch, PrintsTheAnswersThenALineAChangeAndSaysHowToGoOn) {
 }
 
 TEST(Watch, GoesOnWhereItEnded) {
-    std::string begin = R"({"instance":"a:b","seq":9,"changes":[)" + change(9, "17") + "]}";
+    std::string begin = R"({"instance":"a:b","seq":8})";
+    std::string more = changedLine(change(9, "17"));
     FakeAgent agent([&](const Request& request) {
-        agent.tell(resultLine(request, begin));
+        agent.tell(resultLine(request, begin) + more);
         return std::string();
     });
     const Outcome known = runCtl(agent, {"watch", "--since", "a:b:8"});
@@ -58,11 +59,20 @@ TEST(Watch, GoesOnWhereItEnded) {
     EXPECT_EQ(known.out, "answer: 17\n");
     EXPECT_EQ(known.err.find("kestrelctl: go on with watch --since a:b:9"), 0U);
 
-    begin = R"({"instance":"c","seq":2,"lost":true,"snapshot":[)" + change(0, "18") + "]}";
+    begin = R"({"instance":"c","seq":2,"lost":true,"snapshot":[)" + change(0, "18") + R"(],"more":true})";
+    more = snapshotLine(R"({"seq":3,"answers":[)" + change(0, "19") + R"(],"more":true})") +
+           changedLine(change(4, "20"));
     const Outcome lost = runCtl(agent, {"watch", "--since", "a:b:9"});
-    EXPECT_EQ(lost.out, "answer: 18\n");
-    EXPECT_NE(lost.err.find("are not known any more"), std::string::npos);
-    EXPECT_NE(lost.err.find("watch --since c:2"), std::string::npos);
+    EXPECT_EQ(lost.out, "answer: 18\nanswer: 19\nanswer: 20\n");
+    const std::string loss =
+        "kestrelctl: changes were lost; these are all answers now; what is not among them is gone\n";
+    EXPECT_EQ(lost.err.find(loss + "kestrelctl: the agent"), 0U)
+        << lost.err << "without all answers, not from there";
+
+    // Lost on the way.
+    more += snapshotLine(R"({"seq":9,"answers":[],"more":false,"lost":true})");
+    const Outcome again = runCtl(agent, {"watch", "--since", "a:b:9"});
+    EXPECT_EQ(again.err.find(loss + loss + "kestrelctl: go on with watch --since c:9"), 0U) << again.err;
 }
 
 TEST(Watch, EndsWellWhenItIsInterrupted) {
@@ -125,7 +135,7 @@ TEST_F(WaitTest, LooksAgainAfterEachChangeAndNotInBetween) {
 TEST_F(WaitTest, LooksOnceForChangesThatCameTogether) {
     holdsAt = 100;
     next = [this] {
-        std::string all;
+        std::string all = snapshotLine(R"({"seq":0,"lost":true,"answers":[],"more":false})");
         while (changes < holdsAt)
             all += changedLine(change(++changes, "16"));
         return all;

@@ -61,15 +61,20 @@ void requestAll(RpcClient& client, const char* operation) {
 // The interfaces of each answer that has any, by group.
 std::map<std::string, std::string> answers(RpcClient& client) {
     std::map<std::string, std::string> found;
-    const Json params = json("{'path': 'api/mroute/resp', 'attribute': 'mrouteResp'}");
-    for (const Json& answer : client.result("get", params).elements()) {
-        std::string interfaces;
-        for (const Json& name : answer.at("value").elements())
-            interfaces += name.text() + " ";
-        if (!interfaces.empty())
-            found[answer.at("key").at("groupIp").text()] = interfaces;
+    Json params = json("{'path': 'api/mroute/resp', 'attribute': 'mrouteResp', 'limit': 1000}");
+    for (;;) {
+        const std::vector<Json> page = client.result("get", params).elements();
+        if (page.empty())
+            return found;
+        params = params.with("after", page.back().at("key"));
+        for (const Json& answer : page) {
+            std::string interfaces;
+            for (const Json& name : answer.at("value").elements())
+                interfaces += name.text() + " ";
+            if (!interfaces.empty())
+                found[answer.at("key").at("groupIp").text()] = interfaces;
+        }
     }
-    return found;
 }
 
 class KernelAgentTest : public testing::TestWithParam<const char*> {};
