@@ -17,9 +17,20 @@ int hexValue(char digit) {
 
 } // namespace
 
-Datum::Datum(const Datum& other) = default;
+// Not by the variant's own copy: an exception inside that has libstdc++ 12 destroy an alternative that is none, if all are
+// ones that never leave it without a value.
+Datum::Datum(const Datum& other) {
+    std::visit(
+        [this](const auto& value) {
+            auto copy = value;
+            content.emplace<decltype(copy)>(std::move(copy));
+        },
+        other.content);
+}
 Datum::Datum(Datum&& other) noexcept = default;
-Datum& Datum::operator=(const Datum& other) = default;
+Datum& Datum::operator=(const Datum& other) {
+    return *this = Datum(other);
+}
 Datum& Datum::operator=(Datum&& other) noexcept = default;
 Datum::~Datum() = default;
 

@@ -251,6 +251,4 @@ ApplyResult Operations::carryOutAll(std::span<const Change> changes) {
     return result;
 }
 
-}
-
 } // namespace Agent

@@ -233,6 +233,7 @@ std::vector<Method> ControlService::ownMethods() {
           {"text", Type::boolean, false, "tell each answer also as people read it"}},
          [this](const Call& call) {
              watch(operations_, log_, watchers_, call);
+             keep(call.client, true);
              tellTask_.request(); // behind the answer
          }},
         {"unwatch",
@@ -240,6 +241,7 @@ std::vector<Method> ControlService::ownMethods() {
          {},
          [this](const Call& call) {
              watchers_.unwatch(call.client);
+             keep(call.client, false);
              call.reply([](Writer& writer) { writer.record(); });
          }},
         {"command",

@@ -159,6 +159,12 @@ void ControlService::tellWatchers() {
         tellTask_.request();
 }
 
+// A watcher waits to be told something, however long that takes.
+void ControlService::keep(ClientId client, bool isKept) {
+    if (sessions_ != nullptr)
+        sessions_->keep(client, isKept);
+}
+
 void ControlService::clientGone(ClientId client) {
     watchers_.unwatch(client);
     dryRuns_.forget(client);

@@ -112,6 +112,7 @@ class ControlService final : public Dispatcher {
     void writeStatus(Text::Writer& writer) const;
     void carryOut(const Method& method, const Call& call);
     void tellWatchers();
+    void keep(ClientId client, bool isKept);
 
     Operations& operations_;
     Language& language_;

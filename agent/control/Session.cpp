@@ -129,6 +129,8 @@ void Sessions::Session::proceed() {
     if (!isBlocked_ && (!hasMore || unsent() >= batchBytes))
         send();
     server_.account(*this);
+    if (progress_ == Progress::later)
+        heedHangup();
     if (hasEnded_ || isBlocked_ || progress_ == Progress::later)
         return;
     if (hasMore)
@@ -137,6 +139,17 @@ void Sessions::Session::proceed() {
         end();
     else if (!isReading_)
         read();
+}
+
+// A client that goes while it waits for an answer waits no more: what it asked for need not go on.
+void Sessions::Session::heedHangup() {
+    if (hasEnded_ || std::exchange(heedsHangup_, true))
+        return;
+    in_.async_wait(Stream::wait_error, [self = shared_from_this()](const asio::error_code& error) {
+        self->heedsHangup_ = false;
+        if (!error && self->progress_ == Progress::later)
+            self->end();
+    });
 }
 
 void Sessions::Session::refuse(TurnedAway reason) {

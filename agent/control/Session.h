@@ -65,6 +65,7 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
     bool hasLine() const { return lineEnd_ != std::string::npos; }
     bool isOverlong() const;
 
+    void heedHangup();
     void read();
     void received(std::size_t bytes);
     void append(std::string_view bytes);
@@ -88,6 +89,7 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
     Progress progress_ = Progress::done; // of the line that is under way
     bool hasAnswerBegun_ = false;        // its first part is queued
     bool isReading_ = false;
+    bool heedsHangup_ = false;
     bool isBlocked_ = false; // the client doesn't take what is sent
     bool isRefused_ = false; // ends when its last word is sent
     bool hasInputEnded_ = false;

@@ -125,10 +125,8 @@ void Sessions::awaitClients() {
 void Sessions::letIn() {
     for (int i = 0; i < acceptsPerTurn; ++i) {
         Fd client(::accept4(listener_->socket.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (client && hasPlaceFor(client)) {
-            add(std::move(client), {});
-        } else if (client) {
-            turnAway(client);
+        if (client) {
+            letIn(std::move(client));
         } else if (!isShortage(errno) || !isReadable(listener_->socket.fd())) {
             break; // without descriptors left the system says so even when nobody comes
         } else if (!closeIdle()) {
@@ -138,6 +136,16 @@ void Sessions::letIn() {
         }
     }
     awaitClients();
+}
+
+void Sessions::letIn(Fd client) {
+    if (!hasPlaceFor(client))
+        return turnAway(client);
+    try {
+        add(std::move(client), {});
+    } catch (const std::bad_alloc&) {
+        ++counters_.turnedAway;
+    }
 }
 
 bool Sessions::hasPlaceFor(const Fd& client) {
@@ -286,11 +294,6 @@ void Sessions::account(Session& session) {
             std::ranges::max_element(sessions_, {}, [](const auto& each) { return each.second->accounted; });
         cutOff(*most->second);
     }
-}
-
-void Sessions::cutOff(ClientId client) {
-    if (Session* session = sessionOf(client))
-        cutOff(*session);
 }
 
 void Sessions::cutOff(Session& session) {

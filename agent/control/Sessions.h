@@ -77,9 +77,6 @@ class Sessions {
     /// called from inside other work: it may do no more than note it.
     void onRoom(std::function<void()> callback) { onRoom_ = std::move(callback); }
 
-    /// Closes a client that has fallen too far behind, without a last word to it.
-    void cutOff(ClientId client);
-
     /// Whether the client keeps its place though it is idle, as one that waits to be told something.
     void keep(ClientId client, bool isKept);
 
@@ -106,6 +103,7 @@ class Sessions {
 
     void awaitClients();
     void letIn();
+    void letIn(Fd client);
     bool hasPlaceFor(const Fd& client);
     bool closeIdle();
     void turnAway(const Fd& client);

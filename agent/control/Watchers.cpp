@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <string>
 
 namespace Agent {
@@ -32,6 +33,16 @@ bool Watchers::tell(Sessions& sessions) {
     for (Watcher& watcher : watchers_)
         if (watcher.next < log_.oldest())
             watcher.rest = Rest{.after = {}, .isAfterLoss = true};
+    try {
+        return tellSlice(sessions);
+    } catch (const std::bad_alloc&) { // whom it told is not known
+        for (Watcher& watcher : watchers_)
+            watcher.rest = Rest{.after = {}, .isAfterLoss = true};
+        return true;
+    }
+}
+
+bool Watchers::tellSlice(Sessions& sessions) {
     const VrfNames vrfs(operations_);
     const Clock::time_point end = Clock::now() + sliceTime;
     while (const Watcher* watcher = nextInTurn(sessions)) {

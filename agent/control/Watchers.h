@@ -62,6 +62,7 @@ class Watchers {
         std::optional<Rest> rest = {};
     };
 
+    bool tellSlice(Sessions& sessions);
     bool isAtPage(const Watcher& watcher) const;
     bool isOpen(const Watcher& watcher, const Sessions& sessions) const;
     const Watcher* nextInTurn(const Sessions& sessions);

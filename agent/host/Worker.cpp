@@ -14,18 +14,15 @@ struct Worker::Thread {
 };
 
 Worker::Worker(asio::io_context& loop)
-    : loop_(loop) {}
+    : loop_(loop)
+    , thread_(std::make_shared<Thread>()) {}
 
 Worker::~Worker() {
-    if (!thread_)
-        return;
     thread_->pool.stop();
     thread_->pool.join();
 }
 
 void Worker::run(std::function<void()> work, std::function<void()> done) {
-    if (!thread_)
-        thread_ = std::make_shared<Thread>();
     // The loop goes on while it is owed something.
     asio::post(thread_->pool, [work = std::move(work), done = std::move(done), alive = std::weak_ptr(thread_),
                                owed = asio::make_work_guard(loop_)]() mutable {

@@ -1,6 +1,6 @@
 // Work beside the loop, on one thread, one piece after the other: what takes long and touches nothing that the loop has.
 //
-// The application owns it. There is no thread before the first piece of work.
+// The application owns it. A forked child has the object but not the thread.
 #pragma once
 
 #include <functional>
@@ -15,6 +15,7 @@ namespace Agent {
 class Worker {
   public:
     /// @param loop outlives it.
+    /// @throws std::system_error when there can be no thread.
     explicit Worker(asio::io_context& loop);
     /// Waits for the piece of work at hand. What waits behind it is not done, and nothing more is told to the loop.
     ~Worker();
@@ -22,7 +23,6 @@ class Worker {
     Worker& operator=(const Worker&) = delete;
 
     /// Has `work` done by the thread, which also destroys it, then `done` by the loop. No exception may leave `work`.
-    /// @throws std::system_error when there can be no thread.
     void run(std::function<void()> work, std::function<void()> done);
 
   private:
