@@ -24,7 +24,6 @@ bool isBlank(std::string_view line) {
 
 } // namespace
 
-// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): chunk_ is written before it is read
 Sessions::Session::Session(Sessions& server, ClientId id, Fd in, Fd out)
     : use(server.turns_.join(std::chrono::steady_clock::now().time_since_epoch()))
     , server_(server)
@@ -48,32 +47,33 @@ void Sessions::Session::start() {
             if (!error)
                 self->end();
         });
-    read();
+    awaitInput();
 }
 
+// Waits until there is something to read, or nothing any more; what can't be waited for is read at once.
+void Sessions::Session::awaitInput() {
+    isAwaiting_ = true;
+    in_.async_wait(Stream::wait_read, [self = shared_from_this()](const asio::error_code& /*error*/) {
+        self->isAwaiting_ = false;
+        if (self->hasEnded_)
+            return;
+        self->isReadable_ = true;
+        self->server_.guard(*self, [&] { self->proceed(); });
+    });
+}
+
+// What the client said before its input ended is still answered, as to one that only closed its sending side.
 void Sessions::Session::read() {
-    isReading_ = true;
+    isReadable_ = false;
     input_.erase(0, std::exchange(lineBegin_, 0));
     giveBack(input_);
-    in_.async_read_some(asio::buffer(chunk_),
-                        [self = shared_from_this()](const asio::error_code& error, std::size_t bytes) {
-                            if (!self->hasEnded_)
-                                self->server_.guard(*self, [&] { self->received(error ? 0 : bytes); });
-                        });
-}
-
-// @param bytes 0: nothing will come any more. What the client said before is still answered, as to one that only closed
-// its sending side.
-void Sessions::Session::received(std::size_t bytes) {
-    isReading_ = false;
-    hasInputEnded_ = bytes == 0;
+    asio::error_code error;
+    const std::size_t bytes = in_.read_some(asio::buffer(server_.chunk_), error);
+    if (error == asio::error::would_block || error == asio::error::interrupted)
+        return;
+    hasInputEnded_ = error || bytes == 0;
     lastHeard = std::chrono::steady_clock::now();
-    append({chunk_.data(), bytes});
-    if (bytes == chunk_.size()) { // there may be more
-        asio::error_code none;
-        append({server_.chunk_.data(), in_.read_some(asio::buffer(server_.chunk_), none)});
-    }
-    proceed();
+    append({server_.chunk_.data(), bytes});
 }
 
 void Sessions::Session::append(std::string_view bytes) {
@@ -95,16 +95,20 @@ bool Sessions::Session::isOverlong() const {
 }
 
 bool Sessions::Session::wantsTurn() const {
-    return mayServe() && (progress_ == Progress::more || (hasLine() && !isOverlong()));
+    return mayServe() && (progress_ == Progress::more || isReadable_ || (hasLine() && !isOverlong()));
 }
 
 void Sessions::Session::serve() {
+    if (!mayServe())
+        return;
+    if (isReadable_)
+        read();
     std::string answer;
-    if (wantsTurn() && progress_ == Progress::more) {
+    if (progress_ == Progress::more) {
         progress_ = server_.handler_.goOn(id_, answer);
     } else {
         std::string_view line;
-        while (isBlank(line) && wantsTurn())
+        while (isBlank(line) && hasLine() && !isOverlong())
             line = takeLine();
         if (isBlank(line))
             return;
@@ -137,8 +141,8 @@ void Sessions::Session::proceed() {
         server_.want(*this, id_);
     else if (hasInputEnded_ || isRefused_)
         end();
-    else if (!isReading_)
-        read();
+    else if (!isAwaiting_)
+        awaitInput();
 }
 
 // A client that goes while it waits for an answer waits no more: what it asked for need not go on.

@@ -1,5 +1,5 @@
-// One client of Sessions: what it sends is cut into lines, the handler serves one of them a turn or a part of it, and
-// what is said to the client leaves as far as it takes it without waiting.
+// One client of Sessions: in its turn what it sent is read and cut into lines, and the handler serves one of them or a
+// part of it; what is said to the client leaves as far as it takes it without waiting.
 //
 // It reads only when nothing is owed to the client: no line unserved, no answer unsent or put off. Answers are held
 // back for company while more lines are there; notifications leave in order with them, but never inside an answer.
@@ -12,7 +12,6 @@
 
 #include <asio/posix/basic_stream_descriptor.hpp>
 
-#include <array>
 #include <chrono>
 
 namespace Agent {
@@ -51,7 +50,9 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
     /// Whether a line, or a part of one, can be served now.
     bool wantsTurn() const;
     /// Whether it waits for the client and not the other way round: nothing of it is being served.
-    bool isIdle() const { return progress_ == Progress::done && (isBlocked_ || !hasLine()); }
+    bool isIdle() const {
+        return progress_ == Progress::done && (isBlocked_ || (!hasLine() && !isReadable_));
+    }
 
     Turns::Use use;
     std::size_t accounted = 0; // of its bytes, by Sessions
@@ -66,8 +67,8 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
     bool isOverlong() const;
 
     void heedHangup();
+    void awaitInput();
     void read();
-    void received(std::size_t bytes);
     void append(std::string_view bytes);
     std::string_view takeLine();
     void queue(std::string answer);
@@ -77,7 +78,6 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
     const ClientId id_;
     Stream in_;
     Stream ownOut_;
-    std::array<char, 4U << 10U> chunk_; // the first of what is read; more goes through the server's
     std::string input_;
     std::size_t lineBegin_ = 0;               // of the next line in input_
     std::size_t lineEnd_ = std::string::npos; // its newline, if that is there
@@ -88,7 +88,8 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
 
     Progress progress_ = Progress::done; // of the line that is under way
     bool hasAnswerBegun_ = false;        // its first part is queued
-    bool isReading_ = false;
+    bool isAwaiting_ = false;            // input
+    bool isReadable_ = false;            // and nothing before that waits to be served
     bool heedsHangup_ = false;
     bool isBlocked_ = false; // the client doesn't take what is sent
     bool isRefused_ = false; // ends when its last word is sent

@@ -27,7 +27,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // How many clients are let in per turn of the loop, at most.
-constexpr int acceptsPerTurn = 16;
+constexpr int acceptsPerTurn = 32;
 // How long no client is let in after the system had no descriptor for one.
 constexpr std::chrono::milliseconds acceptPause{100};
 // How long clients are served before the loop looks at what else there is, give or take one part of a line.
