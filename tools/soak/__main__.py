@@ -25,12 +25,12 @@ import measures
 import neighbours
 from agent import Agent
 from compare import compare, mroute_answers
-from model import FIRST_ID, NAMES, REQUESTS, ROUTES, Model
+from model import FIRST_ID, NAMES, Model
 from rpc import Connection, Gone, Refused
 
-KILLS_A_MINUTE = 20
+KILLS_A_ROUND = 5  # a round is a quarter of a minute; the kills are in its first half, some before all is written again
 CALM_END = 0.1  # of the time, without kills: what the last agent holds is measured
-COMPARE_EVERY = 10  # seconds; and after each kill
+COMPARE_EVERY = 5  # seconds; and after each kill
 CHUNK = 3000  # lines of an apply, at most
 SEED_LOG = 66000  # changes of answers: more than the agent keeps
 RETURN_LIMIT = 1.0  # seconds
@@ -54,7 +54,7 @@ class Soak:
         self.lasting = []  # (begin, end) of large applies
         self.counts = dict.fromkeys(("changes", "refused", "comparisons", "comparisons after a kill", "kernel", "routes"), 0)
         self.differences = []
-        self.waits, self.delays = [], {"late": [], "echo": []}
+        self.waits, self.delays, self.dropped = [], {"late": [], "echo": []}, 0
         work = {"honest": measures.honest, "machine": measures.machine, "watcher": measures.watch}
         self.pipes, self.processes = {}, {}
         for name, function in work.items():
@@ -93,8 +93,10 @@ class Soak:
         begin = time.monotonic()
         end = begin + seconds
         rng = random.Random(f"{self.options.seed}/kills")
-        self.agent.kills = sorted(begin + rng.uniform(1, seconds * (1 - CALM_END))
-                                  for _ in range(round(KILLS_A_MINUTE * self.options.minutes)))
+        rounds = round(self.options.minutes * 4)
+        length = seconds * (1 - CALM_END) / max(rounds, 1)
+        self.agent.kills = sorted(begin + (number + rng.uniform(0, 0.5)) * length
+                                  for number in range(rounds) for _ in range(KILLS_A_ROUND))
         self.agent.thread.start()
         self.work(begin, end)
         self.pipes["neighbours"].send("end")
@@ -111,8 +113,7 @@ class Soak:
             self.pipes["kernel"].send("go")
         for number, name in enumerate(NAMES):
             self.model.vrfs[name] = (FIRST_ID + number, True)
-        while len(self.model.routes) < 0.9 * ROUTES or len(self.model.requests) < 0.9 * REQUESTS:
-            self.model.draw(self.rng, 1000)
+        self.model.draw(self.rng, 10000)
         self.restore()
         names = [name for name, (_, on) in self.model.vrfs.items() if on]
         while self.connection.call("status")["counters"]["answerSeq"] < SEED_LOG:
@@ -283,11 +284,12 @@ class Soak:
         """The waits since the last time, as (begin, wait), and the machine's delays."""
         for name in ("honest", "machine"):
             self.pipes[name].send("tell")
-        waits = self.pipes["honest"].recv()["waits"]
-        self.waits += waits
+        honest = self.pipes["honest"].recv()
+        self.waits += honest["waits"]
+        self.dropped += len(honest["dropped"])
         for name, values in self.pipes["machine"].recv().items():
             self.delays[name] += values
-        return [wait for _, wait in waits]
+        return [wait for _, wait in honest["waits"]]
 
     def tell(self, seconds):
         changes = self.counts["changes"]
@@ -312,6 +314,7 @@ class Soak:
         start, end = memory
         own = max(part(self.delays["late"], 0.99), part(self.delays["echo"], 0.99))
         counters = self.connection.call("status")["counters"]
+        self.agent.see_memory()
         rows = {
             "changes made, lists refused": f"{self.counts['changes']}, {self.counts['refused']}",
             "kernel changes": self.counts["kernel"],
@@ -335,6 +338,7 @@ class Soak:
             f"a return takes {self.agent.slowest:.2f} s": self.agent.slowest > RETURN_LIMIT,
             f"{end - start} KiB more in the end": end > start + MEMORY_LIMIT,
             f"the watcher heard {watched['gaps']} gaps": watched["gaps"] > 0,
+            f"the agent dropped honest clients: {self.dropped}, watcher {watched['dropped']}": self.dropped + watched["dropped"] > 0,
             "nothing was compared": self.counts["comparisons"] == 0,
         }
         return self.differences + [text for text, is_broken in rules.items() if is_broken]

@@ -31,10 +31,12 @@ class Agent:
         self.thread = threading.Thread(target=self.look_after)
 
     def start(self):
-        """Starts it and waits until it serves; the seconds that took."""
+        """Starts it and waits until it serves."""
         begin = time.monotonic()
         toggle = f"KestrelNatMfibLumen={self.rng.choice(('on', 'off'))}"
         command = [self.program, "--socket", self.path, "--software-chip", "--toggle", toggle]
+        if os.geteuid() == 0:  # what else the machine does is not what is measured
+            command = ["nice", "-n", "-5", *command]
         if self.namespace:
             command = ["ip", "netns", "exec", self.namespace, *command, "--kernel", f"{self.folder}/kernel.json"]
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
@@ -44,7 +46,7 @@ class Agent:
                 connection = Connection(self.path)
                 connection.call("status")
                 connection.close()
-                return time.monotonic() - begin
+                return
             except Gone:
                 time.sleep(0.005)
         raise Gone("the agent did not start:\n" + self.last_words())
@@ -59,27 +61,32 @@ class Agent:
         with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
             return next((int(line.split()[1]) for line in status if line.startswith(field)), 0)
 
+    def see_memory(self):
+        self.peak = max(self.peak, self.memory("VmHWM"))
+
     def look_after(self):
+        """The thread."""
         while not self.is_over.wait(0.02):
             if self.process.poll() is not None:
                 self.problems.append(f"the agent ended by itself, status {self.process.returncode}:\n" + self.last_words())
                 self.come_back()
             elif self.kills and time.monotonic() >= self.kills[0]:
                 self.kills.pop(0)
-                self.peak = max(self.peak, self.memory("VmHWM"))
+                self.see_memory()
                 self.killed += 1
+                begin = time.monotonic()
                 self.process.kill()
                 self.process.wait()
                 self.come_back()
+                self.slowest = max(self.slowest, time.monotonic() - begin)
 
     def come_back(self):
         try:
-            took = self.start()
+            self.start()
         except Gone as error:
             self.problems.append(str(error))
             self.is_over.set()
             return
-        self.slowest = max(self.slowest, took)
         self.see_files()
 
     def see_files(self):
@@ -95,7 +102,6 @@ class Agent:
             self.thread.join()
         if not self.process or self.process.poll() is not None:
             return
-        self.peak = max(self.peak, self.memory("VmHWM"))
         self.process.send_signal(signal.SIGTERM)
         try:
             if self.process.wait(10) != 0:

@@ -8,12 +8,13 @@ import struct
 import subprocess
 import time
 
-from model import ANY, ANY_SOURCE_GROUPS, GROUPS
+from model import ANY, ANY_SOURCE_GROUPS
 
 TABLES = {"default": 253, "red": 100}
 CONFIG = '{"vrfs": [{"name": "default"}, {"name": "red", "id": 3, "table": 100}]}\n'
 ROUTES = 8000  # about so many there are in a table
 SOURCES = [f"10.0.{high}.{low}" for high in range(5) for low in range(1, 51)]
+GROUPS = [f"239.1.0.{n}" for n in range(1, 61)]
 VIFS = range(8)
 
 # linux/mroute.h

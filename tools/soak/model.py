@@ -6,13 +6,13 @@ sources, or (*,G) routes and requests for any source alone; one requester asks f
 """
 
 ANY = "0.0.0.0"
-SOURCES = [f"10.0.0.{n}" for n in range(1, 41)]
-GROUPS = [f"239.1.0.{n}" for n in range(1, 61)]  # of routes with a source
-ANY_SOURCE_GROUPS = [f"239.2.0.{n}" for n in range(1, 21)]  # of (*,G) routes
+SOURCES = [f"10.0.0.{n}" for n in range(1, 13)]
+GROUPS = [f"239.1.0.{n}" for n in range(1, 16)]  # of routes with a source
+ANY_SOURCE_GROUPS = [f"239.2.0.{n}" for n in range(1, 9)]  # of (*,G) routes
 KERNEL_VRFS = {"default": 0, "red": 3}
 FIRST_ID = 100  # of the VRFs made here; those of others are below
-NAMES = [f"v{n}" for n in range(16)]
-ROUTES, REQUESTS = 4000, 2500  # about so many there are
+NAMES = [f"v{n}" for n in range(12)]
+ROUTES, REQUESTS = 2000, 1500  # about so many there are
 
 
 def request_line(request):
