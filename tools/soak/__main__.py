@@ -35,9 +35,9 @@ CHUNK = 3000  # lines of an apply, at most
 SEED_LOG = 66000  # changes of answers: more than the agent keeps
 RETURN_LIMIT = 1.0  # seconds
 WAIT_LIMIT = 0.005  # seconds, beside the machine's own delay
-# KiB in the end beyond the start. All that the agent keeps of old changes is full at the start already; what clients
-# occupied, 64 MiB at most, is free by then, but a quarter of it may be in pieces that the allocator can't give back.
-MEMORY_LIMIT = 16 << 10
+# KiB in the end beyond the start. All that the agent keeps of old changes is full at the start already, so what is left is
+# what clients occupied, 64 MiB at most: it is free by then, but the allocator may keep it for the next ones.
+MEMORY_LIMIT = 64 << 10
 FAULTS = ("stop", "answer", "request", "death", "file", "leak")
 
 
@@ -226,11 +226,12 @@ class Soak:
     def refused(self, after):
         """One line that can't be done: none of the others is."""
         lines = after.draw(self.rng, self.rng.randint(1, 1000))
-        wrong = ("request mroute intf a vrf 0 vlan 1 source any group any", "vrf honest id 51", "no vrf default", "dance",
+        wrong = ("request mroute intf a vrf 0 vlan 1 source any group any", "vrf honest id 16777216", "dance",
                  "request mroute intf a vrf 0 vlan 0 source any group 239.1.1.1", "expect trace x")
         lines.insert(self.rng.randint(0, len(lines)), self.rng.choice(wrong))
         try:
             self.apply(lines)
+            self.model = after
             self.differences.append("what should be refused was not")
         except Refused:
             self.counts["refused"] += 1
@@ -249,9 +250,11 @@ class Soak:
         elif fault == "file":
             open(self.agent.path + ".lock.old", "w").close()
         elif fault == "leak":
-            self.apply([f"route leak static 10.9.{n >> 8}.{n & 255}/32 239.9.9.9/32 oifs none" for n in range(50000)])
+            for high in range(40):
+                group = f"239.9.{high}.{self.rng.randint(1, 250)}/32"
+                self.apply([f"route leak static 10.9.{n >> 8}.{n & 255}/32 {group} oifs none" for n in range(2500)])
         else:
-            request = next(request for request in self.model.requests if request[0] == "mroute")
+            request = self.rng.choice([request for request in self.model.requests if request[0] == "mroute"])
             fields = dict(zip(("intf", "vrfId", "vlanId", "sourceIp", "groupIp"), request[1:]), type=0)
             if fault == "request":
                 self.connection.call("del", path="api/mroute/req", attribute="mrouteReq", key=fields)

@@ -168,7 +168,6 @@ class Watcher:
             pass
 
     def hear(self, message):
-        if "params" not in message: print("ODD", message, flush=True)
         heard = message["params"]
         if message["method"] == "changed":
             self.counts["gaps"] += heard["seq"] != self.seq + 1

@@ -5,6 +5,8 @@ Flows are chosen so that no answer may lag behind by the rules (docs/behaviour-n
 sources, or (*,G) routes and requests for any source alone; one requester asks for a flow's hardware group.
 """
 
+import itertools
+
 ANY = "0.0.0.0"
 SOURCES = [f"10.0.0.{n}" for n in range(1, 13)]
 GROUPS = [f"239.1.0.{n}" for n in range(1, 16)]  # of routes with a source
@@ -134,9 +136,12 @@ class Model:
         return [request_line(request)]
 
     def change_group(self, rng):
-        """Says what the hardware allocated, for a flow that is asked for or not."""
-        number = rng.choice([number for number, _ in self.vrfs.values()] or [0])
-        return [f"group {number} {rng.choice(SOURCES)} {rng.choice(GROUPS)} vlan {1 + number % 3} id {rng.randint(1, 9999)}"]
+        """Says what the hardware allocated, for a flow that is asked for."""
+        asked = [request for request in itertools.islice(reversed(self.requests), 50) if request[0] == "mgroup"]
+        if not asked:
+            return self.change_request(rng)
+        _, _, number, vlan, source, group = rng.choice(asked)
+        return [f"group {number} {source} {group} vlan {vlan} id {rng.randint(1, 9999)}"]
 
     def expected(self):
         """The mroute answers that are not empty, of the VRFs made here."""
