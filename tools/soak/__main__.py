@@ -7,6 +7,8 @@ was not as it should be. --fault does damage on purpose, to see that the verdict
 """
 
 import argparse
+import bisect
+import collections
 import ctypes
 import multiprocessing
 import os
@@ -38,6 +40,7 @@ WAIT_LIMIT = 0.005  # seconds, beside the machine's own delay
 # KiB in the end beyond the start. All that the agent keeps of old changes is full at the start already, so what is left is
 # what clients occupied, 64 MiB at most: it is free by then, but the allocator may keep it for the next ones.
 MEMORY_LIMIT = 64 << 10
+APPLIES = ("restore", "compare", "all_at_once", "dry_first", "refused")  # what is done here in atomic lists
 FAULTS = ("stop", "answer", "request", "death", "file", "leak")
 
 
@@ -51,7 +54,7 @@ class Soak:
         self.model = Model()
         self.connection = None
         self.instance = None
-        self.lasting = []  # (begin, end) of large applies
+        self.lasting = []  # (begin, end, name) of what was done, one after the other
         self.counts = dict.fromkeys(("changes", "refused", "comparisons", "comparisons after a kill", "kernel", "routes"), 0)
         self.differences = []
         self.waits, self.delays, self.dropped = [], {"late": [], "echo": []}, 0
@@ -157,7 +160,7 @@ class Soak:
                     self.agent.kills.insert(0, 0)
                     time.sleep(0.5)
                     continue
-                self.restore()
+                self.note(self.restore)
                 return True
             except Gone:
                 time.sleep(0.005)
@@ -176,19 +179,29 @@ class Soak:
             self.apply(lines[at:at + size])
 
     def apply(self, lines, **parameters):
+        return self.connection.call("apply", lines=lines, **parameters)
+
+    def note(self, work, *arguments):
+        """Does it, and keeps when that was."""
         begin = time.perf_counter()
         try:
-            return self.connection.call("apply", lines=lines, **parameters)
+            return work(*arguments)
         finally:
-            self.lasting.append((begin, time.perf_counter()))
+            self.lasting.append((begin, time.perf_counter(), work.__name__))
+
+    def under_way(self, begin, end):
+        """What was done here between these moments, first of all an apply."""
+        at = bisect.bisect(self.lasting, (end,))
+        names = {name for start, stop, name in self.lasting[max(at - 3, 0):at] if stop > begin}
+        return next((name for name in APPLIES if name in names), next(iter(names), "nothing"))
 
     # ---- changes
 
     def step(self):
         """One random change, of one line to some thousand."""
         after = self.model.copy()
-        how = self.rng.choices((self.one, self.many, self.all_at_once, self.dry_first, self.refused), (50, 20, 20, 5, 5))[0]
-        how(after)
+        how = self.rng.choices((self.one, self.many, self.all_at_once, self.dry_first, self.refused), (60, 20, 10, 5, 5))[0]
+        self.note(how, after)
 
     def done(self, after, count):
         self.model = after
@@ -272,8 +285,8 @@ class Soak:
         if self.namespace:
             self.pause_kernel()
         try:
-            self.differences += compare(self.connection, self.model, self.pipes["watcher"], bool(self.namespace),
-                                        self.rng.random() < 0.3)
+            self.differences += self.note(compare, self.connection, self.model, self.pipes["watcher"],
+                                          bool(self.namespace), self.rng.random() < 0.3)
             self.counts["comparisons"] += 1
         finally:
             if self.namespace:
@@ -313,7 +326,9 @@ class Soak:
         self.pipes["watcher"].send("counts")
         watched = self.pipes["watcher"].recv()
         waits = [wait for _, wait in self.waits]
-        apart = [wait for begin, wait in self.waits if not any(begin < end and start < begin + wait for start, end in self.lasting)]
+        whiles = [self.under_way(begin, begin + wait) for begin, wait in self.waits]
+        apart = [wait for wait, name in zip(waits, whiles) if name not in APPLIES]
+        slow = collections.Counter(name for wait, name in zip(waits, whiles) if wait > WAIT_LIMIT)
         start, end = memory
         own = max(part(self.delays["late"], 0.99), part(self.delays["echo"], 0.99))
         counters = self.connection.call("status")["counters"]
@@ -324,6 +339,7 @@ class Soak:
             "answers told to the watcher": f"{watched['told']}; came back {watched['resumed']} times, began anew {watched['lost']}",
             "honest client's waits, ms": f"{times(waits)} (median, 99 %, worst of {len(waits)})",
             "  with no apply under way": times(apart),
+            "  those over 5 ms, while": dict(slow.most_common()),
             "machine's wakeups, ms late": times(self.delays["late"]),
             "machine's echoes, ms": times(self.delays["echo"]),
             "memory start, peak, end, MiB": f"{start >> 10}, {self.agent.peak >> 10}, {end >> 10}",

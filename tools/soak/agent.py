@@ -57,9 +57,12 @@ class Agent:
             return log.read()[-3000:].decode(errors="replace")
 
     def memory(self, field="VmRSS"):
-        """KiB of the process."""
-        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
-            return next((int(line.split()[1]) for line in status if line.startswith(field)), 0)
+        """KiB of the process; none when it has just been killed."""
+        try:
+            with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
+                return next((int(line.split()[1]) for line in status if line.startswith(field)), 0)
+        except OSError:
+            return 0
 
     def see_memory(self):
         self.peak = max(self.peak, self.memory("VmHWM"))
