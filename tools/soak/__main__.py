@@ -41,7 +41,7 @@ WAIT_LIMIT = 0.005  # seconds, beside the machine's own delay
 # what clients occupied, 64 MiB at most: it is free by then, but the allocator may keep it for the next ones.
 MEMORY_LIMIT = 64 << 10
 APPLIES = ("restore", "compare", "all_at_once", "dry_first", "refused")  # what is done here in atomic lists
-FAULTS = ("stop", "answer", "request", "death", "file", "leak")
+FAULTS = ("stop", "answer", "request", "death", "file")
 
 
 class Soak:
@@ -262,10 +262,6 @@ class Soak:
             self.options.fault = None
         elif fault == "file":
             open(self.agent.path + ".lock.old", "w").close()
-        elif fault == "leak":
-            for high in range(40):
-                group = f"239.9.{high}.{self.rng.randint(1, 250)}/32"
-                self.apply([f"route leak static 10.9.{n >> 8}.{n & 255}/32 {group} oifs none" for n in range(2500)])
         else:
             request = self.rng.choice([request for request in self.model.requests if request[0] == "mroute"])
             fields = dict(zip(("intf", "vrfId", "vlanId", "sourceIp", "groupIp"), request[1:]), type=0)
