@@ -5,7 +5,7 @@ import time
 
 from measures import HONEST_ID
 from model import FIRST_ID
-from rpc import Gone, answers_of, key_of, value_of
+from rpc import answers_of, key_of, value_of
 
 SETTLE = 20  # seconds within which the kernel's mirror is quiet once the kernel is
 

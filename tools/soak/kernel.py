@@ -6,7 +6,6 @@ import os
 import socket
 import struct
 import subprocess
-import time
 
 from model import ANY, ANY_SOURCE_GROUPS
 

@@ -5,7 +5,7 @@ import os
 import socket
 import time
 
-from rpc import Connection, Gone, Refused, key_of, value_of
+from rpc import Connection, Gone, key_of, value_of
 
 HONEST_ID = 50  # of the VRF in which the honest client writes
 HONEST_KEY = {"intf": "Honest", "vrfId": HONEST_ID, "vlanId": 1, "sourceIp": "10.0.0.1", "groupIp": "239.3.0.1", "type": 0}
