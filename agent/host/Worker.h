@@ -1,4 +1,5 @@
 // Work beside the loop, on one thread, one piece after the other: what takes long and touches nothing that the loop has.
+// When nothing is left to do, freed memory goes back to the system: a thread's own heap keeps it otherwise.
 //
 // The application owns it. A forked child has the object but not the thread.
 #pragma once
