@@ -140,6 +140,11 @@ void ControlService::call(ClientId client, std::string_view name, const State::D
     onServed_();
 }
 
+bool ControlService::takesMuch(std::string_view name) const {
+    const auto method = std::ranges::find(methods_, name, &Method::name);
+    return method != methods_.end() && method->takesMuch;
+}
+
 // What needs memory while changes are carried out ends the process (Operations), so they are now done or not begun.
 void ControlService::carryOut(const Method& method, const Call& call) {
     const std::uint64_t before = operations_.counters().changes;

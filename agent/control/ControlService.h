@@ -83,6 +83,7 @@ struct Method {
     std::vector<Parameter> parameters;
     /// @throws Refusal
     std::function<void(const Call& call)> carryOut;
+    bool takesMuch = false; // in a request
 };
 
 class ControlService final : public Dispatcher {
@@ -103,6 +104,7 @@ class ControlService final : public Dispatcher {
 
     void call(ClientId client, std::string_view method, const State::Datum::Record& params,
               const Text::Reply& reply) override;
+    bool takesMuch(std::string_view method) const override;
     void clientGone(ClientId client) override;
 
   private:

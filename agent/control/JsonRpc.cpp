@@ -122,6 +122,24 @@ bool isId(const Datum& id) {
     return id.boolean() == nullptr && id.list() == nullptr && id.record() == nullptr;
 }
 
+// Bytes of texts in it, and as many for each value as the shortest has in a line; counts to `most` and little further.
+std::size_t bytesOf(const Datum& datum, std::size_t most) {
+    std::size_t bytes = 2;
+    const auto add = [&](std::size_t name, const Datum& content) {
+        if (bytes < most)
+            bytes += name + bytesOf(content, most - bytes);
+    };
+    if (const auto* text = datum.text())
+        bytes += text->size();
+    else if (const auto* list = datum.list())
+        for (const Datum& element : *list)
+            add(0, element);
+    else if (const auto* record = datum.record())
+        for (const auto& [name, content] : *record)
+            add(name.size(), content);
+    return bytes;
+}
+
 // A request's members; those that may be left out are null then.
 struct Request {
     const Datum* version = nullptr;
@@ -146,9 +164,11 @@ Request::Request(const Datum& message) {
     for (const auto& [name, value] : *message.record()) {
         const auto* const member =
             std::ranges::find(members, name, [](const auto& pair) { return pair.first; });
-        if (member == std::end(members))
-            fault = "unknown member \"" + name + "\": a request has jsonrpc, id, method and params";
-        else if (std::exchange(*member->second, &value) != nullptr)
+        if (member == std::end(members)) {
+            if (fault.empty())
+                fault = "unknown member \"" + name.substr(0, 100) +
+                        "\": a request has jsonrpc, id, method and params";
+        } else if (std::exchange(*member->second, &value) != nullptr)
             fault = "member \"" + name + "\" is given twice";
     }
     if (!fault.empty())
@@ -286,7 +306,8 @@ Progress JsonRpc::serveSlice(const std::shared_ptr<Line>& line, std::string& ans
 }
 
 void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
-    const Request request(line->left.front());
+    const Datum& message = line->left.front();
+    const Request request(message);
     line->left = line->left.subspan(1);
     // What replies to a notification, perhaps while a later request of its batch waits, is heard by nobody.
     Text::Reply reply = [line](const Text::Tell&) {};
@@ -304,6 +325,9 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
     try {
         if (!request.fault.empty())
             throw InvalidRequest(request.fault);
+        if (!dispatcher_.takesMuch(*request.method->text()) && bytesOf(message, requestBytes) >= requestBytes)
+            throw Refusal(RefusalKind::limit,
+                          "a request of this method has at most " + std::to_string(requestBytes) + " bytes");
         if (request.params != nullptr && request.params->record() == nullptr)
             throw Refusal("parameters go by name: \"params\" must be an object");
         dispatcher_.call(line->client, *request.method->text(),

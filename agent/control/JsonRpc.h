@@ -45,6 +45,10 @@ class Dispatcher {
     virtual void call(ClientId client, std::string_view method, const State::Datum::Record& params,
                       const Text::Reply& reply) = 0;
 
+    /// Whether a request of that method may be as long as a line; all others have a limit, as their work can't be done in
+    /// parts.
+    virtual bool takesMuch(std::string_view method) const = 0;
+
     /// The client has gone: forget what is kept for it.
     virtual void clientGone(ClientId client) = 0;
 };
@@ -55,6 +59,8 @@ class JsonRpc final : public LineHandler {
     static constexpr std::chrono::microseconds slice{500};
     /// A batch is answered in parts of so many bytes, give or take its last answer.
     static constexpr std::size_t partBytes = 64U << 10U;
+    /// A request of a method that doesn't take much has fewer bytes, names and values alone counted.
+    static constexpr std::size_t requestBytes = 64U << 10U;
     /// Lines of more bytes are read beside the loop.
     static constexpr std::size_t longLine = 64U << 10U;
     /// Values in a message: each scalar, array and object is one.

@@ -29,16 +29,17 @@ Worker::~Worker() {
 void Worker::run(std::function<void()> work, std::function<void()> done) {
     ++thread_->pieces;
     // The loop goes on while it is owed something.
-    asio::post(thread_->pool, [work = std::move(work), done = std::move(done), thread = thread_.get(),
-                               alive = std::weak_ptr(thread_), owed = asio::make_work_guard(loop_)]() mutable {
-        std::exchange(work, nullptr)();
-        asio::post(owed.get_executor(), [done = std::move(done), alive = std::move(alive)] {
-            if (!alive.expired())
-                done();
-        });
-        if (--thread->pieces == 0)
-            ::malloc_trim(0);
-    });
+    asio::post(thread_->pool,
+               [work = std::move(work), done = std::move(done), thread = thread_.get(),
+                alive = std::weak_ptr(thread_), owed = asio::make_work_guard(loop_)]() mutable {
+                   std::exchange(work, nullptr)();
+                   asio::post(owed.get_executor(), [done = std::move(done), alive = std::move(alive)] {
+                       if (!alive.expired())
+                           done();
+                   });
+                   if (--thread->pieces == 0)
+                       ::malloc_trim(0);
+               });
 }
 
 } // namespace Agent

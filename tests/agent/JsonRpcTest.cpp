@@ -41,6 +41,7 @@ class RecordingDispatcher : public Agent::Dispatcher {
                 Agent::Json::write(writer, State::Datum(params));
         });
     }
+    bool takesMuch(std::string_view method) const override { return method == "much"; }
     void clientGone(Agent::ClientId /*client*/) override {}
 };
 
@@ -205,7 +206,7 @@ TEST_F(JsonRpcTest, ALongBatchIsAnsweredInPartsAndNoFurtherThanTheyAreTaken) {
 
 TEST_F(JsonRpcTest, ALongLineIsReadBesideTheLoopAndHasSoManyValues) {
     const auto listOf = [](std::size_t values) {
-        std::string list = R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":[1)";
+        std::string list = R"({"jsonrpc":"2.0","id":1,"method":"much","params":{"a":[1)";
         for (std::size_t i = 1; i < values; ++i)
             list += ",1";
         return list + "]}}";
@@ -215,12 +216,20 @@ TEST_F(JsonRpcTest, ALongLineIsReadBesideTheLoopAndHasSoManyValues) {
     EXPECT_EQ(Json::parse(answer(listOf(most))).at("result").at("a").size(), most);
     EXPECT_GT(parts, 0);
     EXPECT_EQ(error(listOf(most + 1)).at("code"), -32002);
+    // A request of another method is shorter, in a batch too.
+    const auto sized = [](std::size_t bytes) {
+        return R"({"jsonrpc":"2.0","id":1,"method":"m","params":{"a":")" + std::string(bytes, 'x') + R"("}})";
+    };
+    EXPECT_TRUE(Json::parse(answer(sized(65'000))).contains("result"));
+    EXPECT_EQ(error(sized(66'000)).at("code"), -32002);
+    EXPECT_EQ(Json::parse(answer("[" + sized(66'000) + "," + sized(1) + "]")).at(0).at("error").at("code"),
+              -32002);
     EXPECT_EQ(error(listOf(most) + "x").at("code"), -32700);
     std::string batch = "[1";
     for (std::size_t i = 0; i < Agent::JsonRpc::valueLimit; ++i)
         batch += ",1";
     EXPECT_EQ(error(batch + "]").at("code"), -32002);
-    EXPECT_EQ(dispatcher.calls.size(), 1U);
+    EXPECT_EQ(dispatcher.calls.size(), 3U);
 }
 
 TEST_F(JsonRpcTest, AnswersAreOneLineOfUtf8) {

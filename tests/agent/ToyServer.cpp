@@ -50,6 +50,8 @@ class ToyDispatcher : public Agent::Dispatcher {
         reply([&](Text::Writer& writer) { Agent::Json::write(writer, result.datum()); });
     }
 
+    bool takesMuch(std::string_view /*method*/) const override { return true; }
+
     void clientGone(Agent::ClientId client) override {
         ++gone_;
         followers_.erase(client);

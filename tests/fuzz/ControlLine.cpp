@@ -22,18 +22,24 @@ struct Server : FuzzAgent {
         : FuzzAgent(false) {}
 
     std::string answer(std::string_view line) {
-        std::optional<std::string> served = rpc.serve(1, line);
-        for (context.restart(); !served && context.run_one_for(std::chrono::seconds(10)) != 0;)
-            served = std::exchange(late, std::nullopt);
-        require(served.has_value(), "every line is served to its end");
-        return *served;
+        std::string whole;
+        Agent::Progress progress = rpc.serve(1, line, whole);
+        while (progress != Agent::Progress::done) {
+            for (context.restart(); progress == Agent::Progress::later && !std::exchange(isAwake, false);)
+                require(context.run_one_for(std::chrono::seconds(10)) != 0,
+                        "every line is served to its end");
+            std::string part;
+            progress = rpc.goOn(1, part);
+            whole += part;
+        }
+        return whole;
     }
 
     asio::io_context context{1};
     Agent::ControlService service{context, operations, language, log};
-    std::optional<std::string> late;
-    Agent::JsonRpc rpc{context, service,
-                       [this](Agent::ClientId, std::string answer) { late = std::move(answer); }};
+    bool isAwake = false;
+    Agent::Worker worker{context};
+    Agent::JsonRpc rpc{service, worker, [this](Agent::ClientId) { isAwake = true; }};
 };
 
 const Datum* member(const Datum& datum, std::string_view name) {
