@@ -23,8 +23,7 @@ const VrfNames::Read& VrfNames::read() const {
     for (const auto& isOn : switches->vrfEnabled())
         names.emplace_back(isOn.key);
     std::ranges::sort(names);
-    const auto repeated = std::ranges::unique(names);
-    names.erase(repeated.begin(), repeated.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
     for (const auto& [name, entry] : entries->vrfStatus())
         if (GuardFacts::isIdentified(name, entry->vrfId()))
             read_->places.try_emplace(entry->vrfId(), placeOf(name));
