@@ -30,16 +30,21 @@ void Watchers::unwatch(ClientId client) {
 }
 
 bool Watchers::tell(Sessions& sessions) {
-    for (Watcher& watcher : watchers_)
-        if (watcher.next < log_.oldest())
-            watcher.rest = Rest{.after = {}, .isAfterLoss = true};
+    loseIf([this](const Watcher& watcher) { return watcher.next < log_.oldest(); });
     try {
         return tellSlice(sessions);
     } catch (const std::bad_alloc&) { // whom it told is not known
-        for (Watcher& watcher : watchers_)
-            watcher.rest = Rest{.after = {}, .isAfterLoss = true};
+        loseIf([](const Watcher&) { return true; });
         return true;
     }
+}
+
+// They begin anew.
+template <class IsLost>
+void Watchers::loseIf(IsLost isLost) {
+    for (Watcher& watcher : watchers_)
+        if (isLost(watcher))
+            watcher.rest = Rest{.after = {}, .isAfterLoss = true};
 }
 
 bool Watchers::tellSlice(Sessions& sessions) {

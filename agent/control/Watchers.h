@@ -62,6 +62,8 @@ class Watchers {
         std::optional<Rest> rest = {};
     };
 
+    template <class IsLost>
+    void loseIf(IsLost isLost);
     bool tellSlice(Sessions& sessions);
     bool isAtPage(const Watcher& watcher) const;
     bool isOpen(const Watcher& watcher, const Sessions& sessions) const;
