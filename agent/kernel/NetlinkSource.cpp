@@ -113,7 +113,7 @@ void NetlinkSource::verify(VerifyDone done) {
 }
 
 std::unique_ptr<NetlinkSource::Comparison> NetlinkSource::newComparison() const {
-    return std::unique_ptr<Comparison>(new Comparison{.verification = Verification(config_, mirror_, sink_)});
+    return std::make_unique<Comparison>(config_, mirror_, sink_);
 }
 
 // Called when the mirror itself has nothing to do.

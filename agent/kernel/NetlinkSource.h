@@ -55,6 +55,9 @@ class NetlinkSource {
   private:
     // A comparison, with the questions of its mirror.
     struct Comparison {
+        Comparison(const KernelConfig& config, const Mirror& mirror, TableSink& sink)
+            : verification(config, mirror, sink) {}
+
         Verification verification;
         QuerySocket query = {};
     };

@@ -37,7 +37,7 @@ struct Follower {
     int pages = 0;
 
     Json begin(const Json& params = json("{}")) {
-        const Json begun = client.result("watch", params);
+        Json begun = client.result("watch", params);
         heard = begun.at("seq").number();
         if (begun.contains("snapshot"))
             takePage(begun, "snapshot");
