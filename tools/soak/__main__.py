@@ -40,7 +40,8 @@ WAIT_LIMIT = 0.005  # seconds, beside the machine's own delay
 # KiB in the end beyond the start. All that the agent keeps of old changes is full at the start already, so what is left is
 # what the kernel's routes and the allocator's gaps take.
 MEMORY_LIMIT = 32 << 10
-APPLIES = ("restore", "compare", "all_at_once", "dry_first", "refused")  # what is done here in atomic lists
+# What is done here in atomic lists, or is atomic by itself and concerns all requests of a VRF.
+APPLIES = ("restore", "compare", "all_at_once", "dry_first", "refused", "whole_vrf")
 FAULTS = ("stop", "answer", "request", "death", "file")
 
 
@@ -55,6 +56,7 @@ class Soak:
         self.connection = None
         self.instance = None
         self.lasting = []  # (begin, end, name) of what was done, one after the other
+        self.whole = None  # the name of a change that is atomic and concerns much, if such a one is made
         self.counts = dict.fromkeys(("changes", "refused", "comparisons", "comparisons after a kill", "kernel", "routes"), 0)
         self.differences = []
         self.waits, self.delays, self.dropped = [], {"late": [], "echo": []}, 0
@@ -184,10 +186,11 @@ class Soak:
     def note(self, work, *arguments):
         """Does it, and keeps when that was."""
         begin = time.perf_counter()
+        self.whole = None
         try:
             return work(*arguments)
         finally:
-            self.lasting.append((begin, time.perf_counter(), work.__name__))
+            self.lasting.append((begin, time.perf_counter(), self.whole or work.__name__))
 
     def under_way(self, begin, end):
         """What was done here between these moments, first of all an apply."""
@@ -209,12 +212,14 @@ class Soak:
 
     def one(self, after):
         lines = after.draw(self.rng, 1)
+        self.whole = whole_vrf(lines)
         for line in lines:
             self.connection.call("command", line=line)
         self.done(after, len(lines))
 
     def many(self, after):
         lines = after.draw(self.rng, self.rng.randint(2, 100))
+        self.whole = whole_vrf(lines)
         self.connection.send_line([{"jsonrpc": "2.0", "id": n, "method": "command", "params": {"line": line}}
                                    for n, line in enumerate(lines)])
         for answer in self.connection.answer(None):
@@ -334,7 +339,7 @@ class Soak:
             "kernel changes": self.counts["kernel"],
             "answers told to the watcher": f"{watched['told']}; came back {watched['resumed']} times, began anew {watched['lost']}",
             "honest client's waits, ms": f"{times(waits)} (median, 99 %, worst of {len(waits)})",
-            "  with no apply under way": times(apart),
+            "  with no apply or VRF under way": times(apart),
             "  those over 5 ms, while": dict(slow.most_common()),
             "machine's wakeups, ms late": times(self.delays["late"]),
             "machine's echoes, ms": times(self.delays["echo"]),
@@ -349,7 +354,7 @@ class Soak:
         for name, value in rows.items():
             print(f"{name:30} {value}")
         rules = {
-            f"the honest client waits {part(apart, 0.99) * 1000:.1f} ms (99 %, no apply under way)": part(apart, 0.99) > WAIT_LIMIT + own,
+            f"the honest client waits {part(apart, 0.99) * 1000:.1f} ms (99 %, no apply or VRF under way)": part(apart, 0.99) > WAIT_LIMIT + own,
             f"a return takes {self.agent.slowest:.2f} s": self.agent.slowest > RETURN_LIMIT,
             f"{end - start} KiB more in the end": end > start + MEMORY_LIMIT,
             f"the watcher heard {watched['gaps']} gaps": watched["gaps"] > 0,
@@ -362,6 +367,11 @@ class Soak:
         for process in self.processes.values():
             process.terminate()
         self.agent.end()
+
+
+def whole_vrf(lines):
+    """The name of changes that make, remove, number or switch a VRF; None for others."""
+    return "whole_vrf" if any(line.startswith(("vrf ", "no vrf ")) for line in lines) else None
 
 
 def part(values, share):
