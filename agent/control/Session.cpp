@@ -78,6 +78,9 @@ void Sessions::Session::read() {
 
 void Sessions::Session::append(std::string_view bytes) {
     const std::size_t held = input_.size();
+    // A long line is not copied again and again while it grows: the system gives the memory as it is written to.
+    if (held + bytes.size() > input_.capacity() && held >= batchBytes)
+        input_.reserve(LineHandler::lineLimit + server_.chunk_.size());
     input_.append(bytes);
     if (!hasLine())
         lineEnd_ = input_.find('\n', held);
@@ -231,7 +234,7 @@ void Sessions::Session::end() {
 
 std::size_t Sessions::Session::bytes() const {
     const std::size_t handled = progress_ == Progress::done ? 0 : server_.handler_.bytesFor(id_);
-    return input_.capacity() + output_.capacity() + held_.capacity() + handled;
+    return input_.size() + output_.capacity() + held_.capacity() + handled;
 }
 
 } // namespace Agent
