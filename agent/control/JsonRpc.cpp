@@ -257,12 +257,15 @@ JsonRpc::JsonRpc(Dispatcher& dispatcher, Worker& worker, Wake wake)
 
 Progress JsonRpc::serve(ClientId client, std::string_view text, std::string& answer) {
     auto line = std::make_shared<Line>(client);
-    if (text.size() <= longLine) {
-        line->read(text);
-        return serveSlice(line, answer);
-    }
+    line->read(text);
+    return serveSlice(line, answer);
+}
+
+// It is read beside the loop.
+Progress JsonRpc::serveLong(ClientId client, std::string text, std::string& /*answer*/) {
+    auto line = std::make_shared<Line>(client);
+    line->text = std::move(text);
     lines_[client] = line;
-    line->text = text;
     worker_.run(
         [line] {
             line->read(line->text);

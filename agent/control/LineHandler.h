@@ -31,6 +31,8 @@ class LineHandler {
   public:
     /// Bytes of a line without its newline. One more is refused and the client closed.
     static constexpr std::size_t lineLimit = 4U << 20U;
+    /// A line of more bytes is long: it takes a while to copy.
+    static constexpr std::size_t longLine = 64U << 10U;
 
     virtual ~LineHandler() = default;
 
@@ -41,6 +43,9 @@ class LineHandler {
     /// @param answer takes what is answered so far, without a newline inside or after it; an answer that stays empty
     /// to the end is none.
     virtual Progress serve(ClientId client, std::string_view line, std::string& answer) = 0;
+
+    /// The same for a line of more than `longLine` bytes, which it may keep.
+    virtual Progress serveLong(ClientId client, std::string line, std::string& answer) = 0;
 
     /// Goes on with the line that is under way. @param answer takes what comes behind the parts before.
     virtual Progress goOn(ClientId client, std::string& answer) = 0;

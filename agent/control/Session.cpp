@@ -93,6 +93,18 @@ std::string_view Sessions::Session::takeLine() {
     return line;
 }
 
+// The line that was taken, with the buffer that it is in; what came behind it is copied instead.
+std::string Sessions::Session::takeBuffer(std::string_view line) {
+    const auto begin = static_cast<std::size_t>(line.data() - input_.data());
+    std::string rest = input_.substr(lineBegin_);
+    std::string taken = std::exchange(input_, std::move(rest));
+    taken.resize(begin + line.size());
+    taken.erase(0, begin);
+    lineEnd_ -= hasLine() ? lineBegin_ : 0;
+    lineBegin_ = 0;
+    return taken;
+}
+
 bool Sessions::Session::isOverlong() const {
     return std::min(lineEnd_, input_.size()) - lineBegin_ > LineHandler::lineLimit;
 }
@@ -115,7 +127,9 @@ void Sessions::Session::serve() {
             line = takeLine();
         if (isBlank(line))
             return;
-        progress_ = server_.handler_.serve(id_, line, answer);
+        progress_ = line.size() <= LineHandler::longLine
+                        ? server_.handler_.serve(id_, line, answer)
+                        : server_.handler_.serveLong(id_, takeBuffer(line), answer);
     }
     queue(std::move(answer));
 }

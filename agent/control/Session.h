@@ -71,6 +71,7 @@ class Sessions::Session : public std::enable_shared_from_this<Session> {
     void read();
     void append(std::string_view bytes);
     std::string_view takeLine();
+    std::string takeBuffer(std::string_view line);
     void queue(std::string answer);
     void sendWhenTaken();
 

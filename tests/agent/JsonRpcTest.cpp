@@ -49,7 +49,8 @@ class JsonRpcTest : public testing::Test {
   protected:
     std::string answer(const std::string& line) {
         std::string whole;
-        Progress progress = rpc.serve(7, line, whole);
+        Progress progress = line.size() <= Agent::LineHandler::longLine ? rpc.serve(7, line, whole)
+                                                                        : rpc.serveLong(7, line, whole);
         for (; progress != Progress::done; ++parts) {
             if (progress == Progress::later) { // it is being read beside the loop
                 loop.restart();

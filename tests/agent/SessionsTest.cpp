@@ -353,6 +353,9 @@ class EchoHandler : public Agent::LineHandler {
         answer = line;
         return Agent::Progress::done;
     }
+    Agent::Progress serveLong(Agent::ClientId client, std::string line, std::string& answer) override {
+        return serve(client, line, answer);
+    }
     Agent::Progress goOn(Agent::ClientId /*client*/, std::string& /*answer*/) override {
         return Agent::Progress::done;
     }
