@@ -189,7 +189,8 @@ struct JsonRpc::Line {
         : client(sender) {}
 
     const ClientId client;
-    std::string text = {}; // that is to be read
+    std::string text = {};  // that is to be read; the thread's while it is
+    std::size_t unread = 0; // bytes of it while the thread has the line
     Datum message = {};
     std::size_t values = 0;           // in it
     std::span<const Datum> left = {}; // requests that are not served yet
@@ -201,7 +202,7 @@ struct JsonRpc::Line {
     bool isBatch() const { return message.list() != nullptr; }
     // Members of records have names beside their values.
     std::size_t bytes() const {
-        return text.capacity() + values * (sizeof(Datum) + sizeof(std::string)) + answers.capacity();
+        return unread != 0 ? unread : values * (sizeof(Datum) + sizeof(std::string)) + answers.capacity();
     }
 
     // Makes requests of a text, or an answer of what is wrong with it.
@@ -265,6 +266,7 @@ Progress JsonRpc::serve(ClientId client, std::string_view text, std::string& ans
 Progress JsonRpc::serveLong(ClientId client, std::string text, std::string& /*answer*/) {
     auto line = std::make_shared<Line>(client);
     line->text = std::move(text);
+    line->unread = line->text.size();
     lines_[client] = line;
     worker_.run(
         [line] {
@@ -280,6 +282,7 @@ Progress JsonRpc::serveLong(ClientId client, std::string text, std::string& /*an
 
 Progress JsonRpc::goOn(ClientId client, std::string& answer) {
     const std::shared_ptr<Line> line = lines_.at(client);
+    line->unread = 0;
     return serveSlice(line, answer);
 }
 
