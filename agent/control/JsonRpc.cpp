@@ -122,24 +122,6 @@ bool isId(const Datum& id) {
     return id.boolean() == nullptr && id.list() == nullptr && id.record() == nullptr;
 }
 
-// Bytes of texts in it, and as many for each value as the shortest has in a line; counts to `most` and little further.
-std::size_t bytesOf(const Datum& datum, std::size_t most) {
-    std::size_t bytes = 2;
-    const auto add = [&](std::size_t name, const Datum& content) {
-        if (bytes < most)
-            bytes += name + bytesOf(content, most - bytes);
-    };
-    if (const auto* text = datum.text())
-        bytes += text->size();
-    else if (const auto* list = datum.list())
-        for (const Datum& element : *list)
-            add(0, element);
-    else if (const auto* record = datum.record())
-        for (const auto& [name, content] : *record)
-            add(name.size(), content);
-    return bytes;
-}
-
 // A request's members; those that may be left out are null then.
 struct Request {
     const Datum* version = nullptr;
@@ -191,6 +173,7 @@ struct JsonRpc::Line {
     const ClientId client;
     std::string text = {};  // that is to be read; the thread's while it is
     std::size_t unread = 0; // bytes of it while the thread has the line
+    bool isLong = false;
     Datum message = {};
     std::size_t values = 0;           // in it
     std::span<const Datum> left = {}; // requests that are not served yet
@@ -263,8 +246,9 @@ Progress JsonRpc::serve(ClientId client, std::string_view text, std::string& ans
 }
 
 // It is read beside the loop.
-Progress JsonRpc::serveLong(ClientId client, std::string text, std::string& /*answer*/) {
+void JsonRpc::serveLong(ClientId client, std::string text) {
     auto line = std::make_shared<Line>(client);
+    line->isLong = true;
     line->text = std::move(text);
     line->unread = line->text.size();
     lines_[client] = line;
@@ -277,7 +261,6 @@ Progress JsonRpc::serveLong(ClientId client, std::string text, std::string& /*an
             if (!read.expired())
                 wake_(client);
         });
-    return Progress::later;
 }
 
 Progress JsonRpc::goOn(ClientId client, std::string& answer) {
@@ -331,12 +314,15 @@ void JsonRpc::serveNext(const std::shared_ptr<Line>& line) {
     try {
         if (!request.fault.empty())
             throw InvalidRequest(request.fault);
-        if (!dispatcher_.takesMuch(*request.method->text()) && bytesOf(message, requestBytes) >= requestBytes)
-            throw Refusal(RefusalKind::limit,
-                          "a request of this method has at most " + std::to_string(requestBytes) + " bytes");
+        const std::string& method = *request.method->text();
+        if (line->isLong && !dispatcher_.takesMuch(method) &&
+            Json::lengthOf(message, requestBytes) >= requestBytes)
+            throw Refusal(RefusalKind::limit, "a request of method \"" + method.substr(0, 100) +
+                                                  "\" has at most " + std::to_string(requestBytes) +
+                                                  " bytes");
         if (request.params != nullptr && request.params->record() == nullptr)
             throw Refusal("parameters go by name: \"params\" must be an object");
-        dispatcher_.call(line->client, *request.method->text(),
+        dispatcher_.call(line->client, method,
                          request.params == nullptr ? noParams : *request.params->record(), reply);
     } catch (const std::exception&) {
         if (line->awaited != nullptr)

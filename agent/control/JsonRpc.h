@@ -59,7 +59,7 @@ class JsonRpc final : public LineHandler {
     static constexpr std::chrono::microseconds slice{500};
     /// A batch is answered in parts of so many bytes, give or take its last answer.
     static constexpr std::size_t partBytes = 64U << 10U;
-    /// A request of a method that doesn't take much has fewer bytes, names and values alone counted.
+    /// A request of a method that doesn't take much has fewer bytes, about.
     static constexpr std::size_t requestBytes = 64U << 10U;
     /// Values in a message: each scalar, array and object is one.
     static constexpr std::size_t valueLimit = 1U << 19U;
@@ -71,7 +71,7 @@ class JsonRpc final : public LineHandler {
     JsonRpc(Dispatcher& dispatcher, Worker& worker, Wake wake);
 
     Progress serve(ClientId client, std::string_view text, std::string& answer) override;
-    Progress serveLong(ClientId client, std::string text, std::string& answer) override;
+    void serveLong(ClientId client, std::string text) override;
     Progress goOn(ClientId client, std::string& answer) override;
     std::size_t bytesFor(ClientId client) const override;
     std::string refusal(TurnedAway reason) override;

@@ -44,8 +44,8 @@ class LineHandler {
     /// to the end is none.
     virtual Progress serve(ClientId client, std::string_view line, std::string& answer) = 0;
 
-    /// The same for a line of more than `longLine` bytes, which it may keep.
-    virtual Progress serveLong(ClientId client, std::string line, std::string& answer) = 0;
+    /// Takes a line of more than `longLine` bytes, to be served later: goOn() is to be called after Sessions::wake().
+    virtual void serveLong(ClientId client, std::string line) = 0;
 
     /// Goes on with the line that is under way. @param answer takes what comes behind the parts before.
     virtual Progress goOn(ClientId client, std::string& answer) = 0;

@@ -127,9 +127,11 @@ void Sessions::Session::serve() {
             line = takeLine();
         if (isBlank(line))
             return;
-        progress_ = line.size() <= LineHandler::longLine
-                        ? server_.handler_.serve(id_, line, answer)
-                        : server_.handler_.serveLong(id_, takeBuffer(line), answer);
+        if (line.size() > LineHandler::longLine) {
+            progress_ = Progress::later;
+            return server_.handler_.serveLong(id_, takeBuffer(line));
+        }
+        progress_ = server_.handler_.serve(id_, line, answer);
     }
     queue(std::move(answer));
 }

@@ -13,7 +13,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 namespace Agent {

@@ -204,17 +204,20 @@ std::string textOf(const Datum& datum) {
     return text;
 }
 
-std::size_t lengthOf(const Datum& datum) {
-    constexpr std::size_t ofScalar = 6; // and of what stands around others
-    std::size_t length = ofScalar;
+std::size_t lengthOf(const Datum& datum, std::size_t most) {
+    std::size_t length = 6; // of a scalar, and of what stands around others
+    const auto add = [&](std::size_t name, const Datum& content) {
+        if (length < most)
+            length += name + lengthOf(content, most - length);
+    };
     if (const auto* text = datum.text())
         length += text->size();
-    if (const auto* list = datum.list())
+    else if (const auto* list = datum.list())
         for (const Datum& element : *list)
-            length += lengthOf(element);
-    if (const auto* record = datum.record())
+            add(0, element);
+    else if (const auto* record = datum.record())
         for (const auto& [name, content] : *record)
-            length += name.size() + lengthOf(content);
+            add(name.size(), content);
     return length;
 }
 

@@ -47,8 +47,8 @@ std::size_t valuesOf(const State::Datum& datum, std::size_t most);
 void write(Text::Writer& writer, const State::Datum& datum);
 /// Plain data as JSON.
 std::string textOf(const State::Datum& datum);
-/// About how many bytes that JSON has.
-std::size_t lengthOf(const State::Datum& datum);
+/// About how many bytes that JSON has; counts to `most` and little further.
+std::size_t lengthOf(const State::Datum& datum, std::size_t most = SIZE_MAX);
 
 /// Tells a typed value to a writer, field by field from the list that its type has (state/Value.h): the same as its
 /// plain data, without building it.

@@ -49,8 +49,10 @@ class JsonRpcTest : public testing::Test {
   protected:
     std::string answer(const std::string& line) {
         std::string whole;
-        Progress progress = line.size() <= Agent::LineHandler::longLine ? rpc.serve(7, line, whole)
-                                                                        : rpc.serveLong(7, line, whole);
+        const bool isLong = line.size() > Agent::LineHandler::longLine;
+        if (isLong)
+            rpc.serveLong(7, line);
+        Progress progress = isLong ? Progress::later : rpc.serve(7, line, whole);
         for (; progress != Progress::done; ++parts) {
             if (progress == Progress::later) { // it is being read beside the loop
                 loop.restart();
